@@ -1,0 +1,63 @@
+#pragma once
+
+#include "platform/Value.h"
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quorvane::platform {
+
+struct HttpHeader {
+    std::string name;
+    std::string value;
+};
+
+struct HttpRequest {
+    std::string url;  ///< http or https; anything else completes with an error.
+    std::string method = "GET";
+    std::vector<HttpHeader> headers;  ///< Sent in this order. A header with CR, LF or NUL in it is an error.
+    Data body;
+    /// Bound on the whole request; zero means the session's default: at most 60 s without progress.
+    std::chrono::seconds timeout{0};
+    /// An answer's body larger than this many bytes ends the request with an error.
+    std::size_t maximumResponseBytes = 16u << 20;
+};
+
+struct HttpResponse {
+    int statusCode = 0;
+    std::vector<HttpHeader> headers;
+    Data body;
+
+    /// The value of the last header of that name, any case; null when there is none.
+    const std::string* header(std::string_view name) const;
+};
+
+/// Exactly one of the two is set.
+struct HttpResult {
+    std::optional<HttpResponse> response;
+    std::optional<std::string> error;
+};
+
+using HttpCompletion = std::function<void(HttpResult)>;
+
+/// Starts a request on the process's shared HTTP session: one thread, kept-alive connections, HTTP/2 where
+/// offered, TLS verified against the system's roots and /etc/quorvane/trust/*.pem, redirects not followed.
+/// The completion runs once, on the session's thread, and must not block. While more than the bound of body
+/// bytes wait to be sent, the caller waits here, so call it with no lock held and not from a completion.
+/// Thread-safe.
+void startDataTask(HttpRequest request, HttpCompletion completion);
+
+/// Starts a request and waits for its result.
+HttpResult performDataTask(HttpRequest request);
+
+/// The bound of waiting body bytes, 16 MiB by default. A single larger body still goes when nothing waits.
+void setHttpWaitingBytesBound(std::size_t bytes);
+
+/// Waits until every started request has completed, at most so long; whether it got there.
+bool drainHttpSession(std::chrono::milliseconds atMost);
+
+}  // namespace quorvane::platform

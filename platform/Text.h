@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace quorvane::platform {
+
+/// Letter case in UTF-8 texts, by Unicode's simple mapping (one code point to one), whatever the process's
+/// locale; bytes that are not UTF-8 count as they stand. All are thread-safe; comparing ASCII allocates
+/// nothing.
+
+std::string lowercased(std::string_view text);
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
+/// Whether the part, which may be empty, stands somewhere in the text.
+bool containsIgnoringCase(std::string_view text, std::string_view part);
+
+}  // namespace quorvane::platform

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/Value.h"
+
+#include <fmt/core.h>
+
+#include <string_view>
+
+/// Values and dictionaries as arguments of fmt and of log lines: their description(), made only when
+/// formatted.
+
+template <>
+struct fmt::formatter<quorvane::platform::Value> : fmt::formatter<std::string_view> {
+    template <typename Context>
+    auto format(const quorvane::platform::Value& value, Context& context) const {
+        return fmt::formatter<std::string_view>::format(value.description(), context);
+    }
+};
+
+template <>
+struct fmt::formatter<quorvane::platform::Dictionary> : fmt::formatter<std::string_view> {
+    template <typename Context>
+    auto format(const quorvane::platform::Dictionary& dictionary, Context& context) const {
+        return fmt::formatter<std::string_view>::format(dictionary.description(), context);
+    }
+};

@@ -1,0 +1,41 @@
+#include "platform/QualityOfService.h"
+
+#include <linux/ioprio.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace quorvane::platform {
+namespace {
+
+struct Priorities {
+    int nice = 0;
+    long io = 0;
+    bool operator==(const Priorities&) const = default;
+};
+
+Priorities ofThisThread() {
+    const auto thread = static_cast<id_t>(::syscall(SYS_gettid));
+    return {::getpriority(PRIO_PROCESS, thread), ::syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, thread)};
+}
+
+TEST(QualityOfServiceTest, UtilityIsTheThreadsOwnAndInherited) {
+    const Priorities before = ofThisThread();
+    if (before.nice > 5) GTEST_SKIP() << "nice " << before.nice << " cannot be taken back";
+    Priorities own, inherited;
+    std::thread([&] {
+        setQualityOfServiceUtility();
+        own = ofThisThread();
+        std::thread([&] { inherited = ofThisThread(); }).join();
+    }).join();
+    EXPECT_EQ(own, (Priorities{5, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, 6)}));
+    EXPECT_EQ(inherited, own);
+    EXPECT_EQ(ofThisThread(), before);
+}
+
+}  // namespace
+}  // namespace quorvane::platform
