@@ -1,0 +1,185 @@
+#include "backends/HTTPSPostBackend.h"
+#include "platform/Log.h"
+
+#include <type_traits>
+#include <utility>
+
+namespace quorvane {
+
+using platform::logDebug;
+using platform::MutexLock;
+
+namespace {
+
+constexpr std::uint16_t kSessionStop = 1;
+
+bool promotesSampledOut(MessageFlag flag) {
+    return flag == MessageFlag{2} || flag == MessageFlag{3};
+}
+
+std::size_t approximateBytes(const Value& value);
+
+std::size_t approximateBytes(const Dictionary& dictionary) {
+    std::size_t bytes = dictionary.size() * sizeof(Dictionary::Entry);
+    for (const auto& [key, value] : dictionary) bytes += key.size() + approximateBytes(value);
+    return bytes;
+}
+
+std::size_t approximateBytes(const Array& array) {
+    std::size_t bytes = array.size() * sizeof(Value);
+    for (const Value& value : array) bytes += approximateBytes(value);
+    return bytes;
+}
+
+/// What the value takes beside itself.
+std::size_t approximateBytes(const Value& value) {
+    return value.visit([](const auto& held) -> std::size_t {
+        using Held = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Held, std::string> || std::is_same_v<Held, Data>)
+            return held.size();
+        else if constexpr (std::is_same_v<Held, Array> || std::is_same_v<Held, Dictionary>)
+            return approximateBytes(held);
+        else
+            return 0;
+    });
+}
+
+}  // namespace
+
+QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload, TimeValue timestamp,
+                                                      std::uint16_t method, std::uint16_t respCode, EventID,
+                                                      MessageFlag flag) {
+    if (state() == BackendState::Disabled) return std::nullopt;
+
+    std::optional<Dictionary> extended;
+    if (respCode == kSessionStop) extended = sessionStopPayload(payload);
+    Dictionary event =
+        createEventDictfromPayload(extended ? &*extended : payload, timestamp, method, respCode);
+    prepareEventForMessage(event);
+
+    if (promotesSampledOut(flag)) replaceState(BackendState::SampledOut, BackendState::Enabled);
+    if (mustHold(flag)) {
+        logDebug("HTTPSPostBackend(sendMessage): Batching {}, {:d}, {:d}", static_cast<int>(state()),
+                 batchEvents(), requireUserInfo());
+        batchEvent(std::move(event));
+        return std::nullopt;
+    }
+    if (state() == BackendState::Enabled && !batchEvents() && holdsEvents()) {
+        logDebug(
+            "HTTPSPostBackend(sendMessage): Backend has changed its state to 'Enabled', batching is not "
+            "requested and some events have already been batched. Forcing Flush here to keep events in "
+            "order.");
+        flushMessages();
+    }
+    logDebug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", static_cast<int>(state()),
+             batchEvents(), requireUserInfo());
+    Array events;
+    events.emplace_back(std::move(event));
+    return post(std::move(events), flag, method, respCode);
+}
+
+bool HTTPSPostBackend::mustHold(MessageFlag flag) const {
+    if (flag != MessageFlag{0} && flag != MessageFlag{2}) return false;
+    const BackendState current = state();
+    return current == BackendState::WaitingForUserInfo || current == BackendState::SampledOut ||
+           batchEvents() || awaitsUserInfo();
+}
+
+bool HTTPSPostBackend::holdsEvents() const {
+    const MutexLock lock(_lock);
+    return _batchedEvents && !_batchedEvents->empty();
+}
+
+void HTTPSPostBackend::batchEvent(Dictionary event) {
+    const std::int64_t method = event.integer("_method");
+    std::int32_t count = openBatch(method);
+    if (count > _eventThreshold) {
+        logDebug(
+            "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for "
+            "method {}",
+            method);
+        flushMessages();
+        count = 0;
+    }
+    hold(std::move(event), method, count + 1);
+}
+
+std::int32_t HTTPSPostBackend::openBatch(std::int64_t method) {
+    const MutexLock lock(_lock);
+    if (!_batchedEvents) _batchedEvents.emplace();
+    const auto held = _eventMethodCounts.find(method);
+    return held != _eventMethodCounts.end() ? held->second : 0;
+}
+
+void HTTPSPostBackend::hold(Dictionary event, std::int64_t method, std::int32_t count) {
+    const std::size_t bytes = sizeof(Value) + approximateBytes(event);
+    bool warn = false;
+    {
+        const MutexLock lock(_lock);
+        if (bytes > kMaximumHeldBytes - _heldBytes) {
+            warn = !std::exchange(_dropWarned, true);
+        } else {
+            _eventMethodCounts[method] = count;
+            // A flush that posted took the batch away, and the record that caused it goes with it, on
+            // purpose.
+            if (_batchedEvents) {
+                _batchedEvents->emplace_back(std::move(event));
+                _heldBytes += bytes;
+            }
+        }
+    }
+    if (warn)
+        platform::logWarning(
+            "HTTPSPostBackend(batchEvent): {} holds {} bytes of events and drops further ones", name(),
+            kMaximumHeldBytes);
+}
+
+QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
+    if (!holdsEvents() || state() != BackendState::Enabled || awaitsUserInfo()) return std::nullopt;
+    logDebug("HTTPSPostBackend(flushMessages): called");
+    Array events = takeBatch();
+    addUserInfo(events);
+    return post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt);
+}
+
+Array HTTPSPostBackend::takeBatch() {
+    const MutexLock lock(_lock);
+    Array events = std::move(*_batchedEvents);
+    _batchedEvents.reset();
+    _eventMethodCounts.clear();
+    _heldBytes = 0;
+    _dropWarned = false;
+    return events;
+}
+
+void HTTPSPostBackend::addUserInfo(Array& events) const {
+    Dictionary userInfo = userInfoDict() != nullptr ? *userInfoDict() : Dictionary();
+    _filters.filterEvent(userInfo);
+    if (userInfo.empty()) return;
+    // One key stands for all: a record that has it was made with the user info.
+    const std::string& tested = userInfo.begin()->key;
+    for (Value& event : events) {
+        Dictionary& record = *event.dictionary();
+        if (record.contains(tested)) continue;
+        for (const auto& [key, value] : userInfo) record.set(key, value);
+    }
+}
+
+void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {
+    setCombinedSessionIDString(combinedSessionID);
+    const MutexLock lock(_lock);
+    if (!_batchedEvents) return;
+    for (Value& event : *_batchedEvents) event.dictionary()->set("_sessionID", combinedSessionID);
+}
+
+QuorvaneBackend::Answer HTTPSPostBackend::post(Array events, MessageFlag flag,
+                                               std::optional<std::uint16_t> method,
+                                               std::optional<std::uint16_t> responseCode) {
+    Answer prettyJson;
+    std::optional<Data> message = createMessageForPostAndLogging(std::move(events), &prettyJson);
+    if (!message) return std::nullopt;
+    postJSONMessage(*std::move(message), flag, method, responseCode);
+    return prettyJson;
+}
+
+}  // namespace quorvane

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "platform/Value.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quorvane {
+
+/// The table of filters that remove or hash single keys of event records. Borrows the keys: the array that it
+/// was made from must outlive it. Not thread-safe.
+class EventFilters {
+  public:
+    /// Rebuilds the table from filter dictionaries; an empty array leaves the table as it is.
+    void createFiltersFromArray(const Array& filters);
+
+    /// Applies the table to a record by its "_method" and "_status"; for each key the first matching filter
+    /// acts.
+    void filterEvent(Dictionary& event) const;
+
+  private:
+    enum class Action { Keep, Remove, Hash };
+
+    struct Filter {
+        std::int32_t method;  ///< negative: every method
+        std::int32_t status;  ///< negative: every status
+        Action action;
+        const std::string* key;  ///< null matches no key
+    };
+
+    static Action actionNamed(const std::string* name);
+    const Filter* firstMatch(const std::string& key, std::int32_t method, std::int32_t status) const;
+
+    std::vector<Filter> _filters;
+};
+
+/// Whether a list item equals the whole string, ignoring case. An empty or missing list answers with the
+/// whitelist flag, a missing string with its opposite.
+bool matchExactStringWithList(const Array* list, const std::string* wholeString, bool whitelist);
+
+/// Whether the whole string contains a list item, ignoring case; an empty item is contained in nothing. An
+/// empty or missing list answers with the whitelist flag, a missing string with its opposite.
+bool matchStringWithList(const Array* list, const std::string* wholeString, bool whitelist);
+
+}  // namespace quorvane

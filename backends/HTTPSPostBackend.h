@@ -1,0 +1,129 @@
+#pragma once
+
+#include "backends/EventFilters.h"
+#include "backends/QuorvaneBackend.h"
+#include "platform/HttpSession.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace quorvane {
+
+/// Turns a session's events into JSON records and posts them over HTTPS, at once or in batches.
+///
+/// Its profile holds "clients", an array of client entries; the entry that matches the session's user info
+/// says whether and where this backend reports.
+class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared_from_this<HTTPSPostBackend> {
+  public:
+    /// What the held records of one backend may take, estimated; a record past it is dropped with one warning
+    /// until the batch is emptied. A client whose backend never gets to report would otherwise fill the
+    /// memory.
+    static constexpr std::size_t kMaximumHeldBytes = 16u << 20;
+
+    /// Null without a profile or a product family, and null with an error line without "clients" in the
+    /// profile.
+    static std::shared_ptr<HTTPSPostBackend> initWithName(const std::string& name,
+                                                          std::shared_ptr<const Dictionary> profile,
+                                                          const Text& productFamily);
+
+    /// Builds the event's record and posts or holds it. The answer is the posted message's pretty-printed
+    /// JSON, when the user's consent lets it be logged.
+    ///   respCode  1 marks the session's last event, which tells the sampling settings too
+    ///   flag      bit 0: post now, to the real-time URL; bit 1: a sampled-out backend starts to report
+    /// Waits, holding no lock, while the HTTP session has too much to send.
+    Answer sendMessage(const Dictionary* payload, TimeValue timestamp, std::uint16_t method,
+                       std::uint16_t respCode, EventID eventID, MessageFlag flag) override;
+    using QuorvaneBackend::sendMessage;
+
+    /// Posts the held records in one message if the backend reports; the answer is as above.
+    Answer flushMessages() override;
+
+    /// Sets the state to what updateBackendState answers.
+    void updateState() override;
+
+    /// Also rewrites "_sessionID" in every held record. Thread-safe.
+    void setCorrelatedSessionID(const std::string& combinedSessionID) override;
+
+    /// Works the state and the settings out from the profile and the user info; does not store the state.
+    BackendState updateBackendState();
+
+    /// Takes the post URLs of a client entry where no user default is in force; whether the entry supplied
+    /// the ordinary one.
+    bool updatePostLink(const Dictionary& entry);
+
+    const Text& postURL() const { return _postURL; }
+    void setPostURL(Text postURL) { _postURL = std::move(postURL); }
+
+  private:
+    HTTPSPostBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
+                     const Text& productFamily);
+
+    // The state: UpdateBackendState.cpp.
+    void applyExpedite(const Dictionary& entry);
+    BackendState stateWithoutUserInfo(const Array& clients);
+    bool consentAllows(const Dictionary& entry);
+    bool deviceAllows(const Dictionary& entry) const;
+    bool readFilters(const Dictionary& entry);
+    BackendState sampledState(const Dictionary& entry);
+    void readEventThreshold(const Dictionary& entry);
+    void readExtrasOnInternal(const Dictionary& entry);
+
+    // Records: EventRecord.cpp.
+    Dictionary createEventDictfromPayload(const Dictionary* payload, TimeValue timestamp,
+                                          std::uint16_t method, std::uint16_t respCode) const;
+    std::optional<Value> recordedSessionID() const;
+    void prepareEventForMessage(Dictionary& event) const;
+    std::optional<Dictionary> sessionStopPayload(const Dictionary* payload) const;
+
+    // Sending, holding and flushing: EventBatching.cpp.
+    bool awaitsUserInfo() const { return requireUserInfo() && userInfoDict() == nullptr; }
+    bool mustHold(MessageFlag flag) const;
+    bool holdsEvents() const;
+    void batchEvent(Dictionary event);
+    std::int32_t openBatch(std::int64_t method);
+    void hold(Dictionary event, std::int64_t method, std::int32_t count);
+    Array takeBatch();
+    void addUserInfo(Array& events) const;
+    Answer post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
+                std::optional<std::uint16_t> responseCode);
+
+    // Messages and posts: JSONPosting.cpp.
+    std::optional<Data> createMessageForPostAndLogging(Array events, Text* prettyJsonString) const;
+    Text clientID() const;
+    std::vector<platform::HttpHeader> postHeaders(std::optional<std::uint16_t> method,
+                                                  std::optional<std::uint16_t> responseCode) const;
+    void postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
+                         std::optional<std::uint16_t> responseCode);
+    void postCompleted(const std::string& name, const platform::HttpResult& result);
+
+    /// How a consent override stands; the numbers are what session-stop events report.
+    enum class DnuType : std::int32_t { None = 0, OverriddenWithoutConsent = 1, OverriddenWithConsent = 2 };
+
+    static constexpr std::int32_t kDefaultEventThreshold = 49;
+
+    Text _postURL;
+    bool _useDefaultPostURL;  ///< the URL is the user default's, so client entries do not change it
+    Text _realtimePostURL;
+    bool _useDefaultRealtimePostURL;
+    EventFilters _filters;
+    const bool _dnuEnabled;  ///< the user's consent to the submission of diagnostics
+    DnuType _dnuType = DnuType::None;
+    std::int32_t _eventThreshold = kDefaultEventThreshold;
+    std::int32_t _extrasOnInternal = 0;
+    std::optional<Value> _overrideSampling;
+    const std::string _uuidRespectDnu;
+    const std::string _uuidOverrideDnu;
+
+    /// Nothing, rather than empty, once a flush has taken the records.
+    std::optional<Array> _batchedEvents GUARDED_BY(_lock);
+    std::unordered_map<std::int64_t, std::int32_t> _eventMethodCounts GUARDED_BY(_lock);
+    std::size_t _heldBytes GUARDED_BY(_lock) = 0;
+    bool _dropWarned GUARDED_BY(_lock) = false;
+};
+
+}  // namespace quorvane

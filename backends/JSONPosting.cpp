@@ -1,0 +1,142 @@
+#include "backends/EventRecord.h"
+#include "backends/HTTPSPostBackend.h"
+#include "framework/Keys.h"
+#include "platform/Json.h"
+#include "platform/Log.h"
+#include "util/Compression.h"
+#include "util/Conversions.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace quorvane {
+
+namespace {
+
+bool isRealtime(MessageFlag flag) {
+    return flag == MessageFlag{1} || flag == MessageFlag{3};
+}
+
+/// Whether JSON can carry the value; a date becomes its seconds since 1970.
+bool makeSerialisable(Value& value) {
+    switch (value.kind()) {
+        case Value::Kind::String:
+        case Value::Kind::Boolean:
+        case Value::Kind::Signed:
+        case Value::Kind::Unsigned:
+            return true;
+        case Value::Kind::Real:
+            return std::isfinite(value.real());
+        case Value::Kind::Date:
+            value = static_cast<double>(value.date()->microseconds) / 1e6;
+            return true;
+        default:
+            return false;
+    }
+}
+
+/// Drops every key whose value JSON cannot carry: one would cost all records of the message.
+void removeUnserialisable(Dictionary& record) {
+    const auto serialisable = [](Dictionary::Entry& entry) { return makeSerialisable(entry.value); };
+    if (std::all_of(record.begin(), record.end(), serialisable)) return;
+    Dictionary kept;
+    for (auto& entry : record) {
+        if (makeSerialisable(entry.value))
+            kept.setOwned(std::move(entry.key), std::move(entry.value));
+        else
+            platform::logWarning(
+                "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: "
+                "{}, value: {}",
+                entry.key, entry.value);
+    }
+    record = std::move(kept);
+}
+
+/// The text with blanks for control characters, which would end a header or start another.
+std::string headerSafe(std::string text) {
+    const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+    std::replace_if(text.begin(), text.end(), isControl, ' ');
+    return text;
+}
+
+}  // namespace
+
+std::optional<Data> HTTPSPostBackend::createMessageForPostAndLogging(Array events,
+                                                                     Text* prettyJsonString) const {
+    const double postTime = finiteOrMinusOne(secondsFromTimeValue(platform::timeOfDay()));
+    for (Value& event : events) removeUnserialisable(*event.dictionary());
+
+    Dictionary envelope;
+    // Receivers know a message without "clientId": it has no events either.
+    if (Text client = clientID()) {
+        envelope.set("clientId", *std::move(client));
+        envelope.set("events", std::move(events));
+    }
+    envelope.set("postTime", postTime);
+
+    const Value message(std::move(envelope));
+    std::optional<Data> json = platform::compactJson(message);
+    if (prettyJsonString != nullptr && _dnuType == DnuType::None && _dnuEnabled)
+        *prettyJsonString = platform::prettyJson(message);
+    return json;
+}
+
+QuorvaneBackend::Text HTTPSPostBackend::clientID() const {
+    if (_extrasOnInternal != 0 && isInternal()) return udid() != nullptr ? Text(udid()) : std::nullopt;
+    return _dnuType == DnuType::None ? _uuidRespectDnu : _uuidOverrideDnu;
+}
+
+void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
+                                       std::optional<std::uint16_t> responseCode) {
+    const Text& url = isRealtime(flag) ? _realtimePostURL : _postURL;
+    if (!url) return;
+
+    // A failed compression counts as the shorter form and goes out as an empty body.
+    Data compressed = gzipDeflate(message).value_or(Data());
+    const bool isCompressed = compressed.size() < message.size();
+
+    platform::HttpRequest request;
+    request.url = *url;
+    request.method = "POST";
+    request.body = isCompressed ? std::move(compressed) : std::move(message);
+    request.headers = postHeaders(method, responseCode);
+    request.headers.push_back({"Content-Length", fmt::format("{}", request.body.size())});
+    if (isCompressed) request.headers.push_back({"Content-Encoding", "gzip"});
+    platform::startDataTask(std::move(request),
+                            [self = shared_from_this(), name = name()](const platform::HttpResult& result) {
+                                self->postCompleted(name, result);
+                            });
+}
+
+std::vector<platform::HttpHeader> HTTPSPostBackend::postHeaders(
+    std::optional<std::uint16_t> method, std::optional<std::uint16_t> responseCode) const {
+    std::vector<platform::HttpHeader> headers;
+    headers.reserve(9);
+    const auto addUserInfo = [&](const char* header, std::string_view key) {
+        const std::string* text = userInfoDict() != nullptr ? userInfoDict()->string(key) : nullptr;
+        if (text != nullptr) headers.push_back({header, headerSafe(*text)});
+    };
+    addUserInfo("X-QVN-Client-Name", kQuorvaneUserInfoClientName);
+    addUserInfo("X-QVN-Service-Name", kQuorvaneUserInfoServiceName);
+    if (isInternal()) headers.push_back({"X-QVN-Internal-Build", "1"});
+    headers.push_back({"X-QVN-Sender", std::string(senderCode(compType()))});
+    if (method && responseCode)
+        headers.push_back({"X-QVN-Event-Map", fmt::format("{} {}", *method, *responseCode)});
+    headers.push_back({"Accept", "application/json"});
+    headers.push_back({"Content-Type", "application/json"});
+    return headers;
+}
+
+/// On the HTTP session's thread: touches nothing but the state.
+void HTTPSPostBackend::postCompleted(const std::string& name, const platform::HttpResult& result) {
+    if (result.error) platform::logError("HTTPSPostBackend(postJsonMessage): post error: {}", *result.error);
+    const int status = result.response ? result.response->statusCode : 0;
+    if (status < 500 || status > 599) return;
+    platform::logInfo("postJSONMessage: backend {} disabled by server {} return code", name, status);
+    setState(BackendState::Disabled);
+}
+
+}  // namespace quorvane

@@ -1,0 +1,41 @@
+#include "backends/HTTPSPostBackend.h"
+#include "backends/QuorvaneBackend.h"
+#include "framework/Keys.h"
+#include "platform/Log.h"
+
+namespace quorvane {
+
+namespace {
+
+using BackendPointer = std::shared_ptr<QuorvaneBackend>;
+using Profile = std::shared_ptr<const Dictionary>;
+using Text = QuorvaneBackend::Text;
+
+template <typename Backend>
+BackendPointer make(const std::string& name, Profile profile, const Text& productFamily, std::int32_t) {
+    return Backend::initWithName(name, std::move(profile), productFamily);
+}
+
+struct Maker {
+    std::string_view name;
+    BackendPointer (*make)(const std::string& name, Profile profile, const Text& productFamily,
+                           std::int32_t clientType);
+};
+
+constexpr Maker makers[] = {
+    {kQuorvaneBackendHTTPPost, make<HTTPSPostBackend>},
+    {kQuorvaneBackendHTTPPost2, make<HTTPSPostBackend>},
+};
+
+}  // namespace
+
+std::shared_ptr<QuorvaneBackend> QuorvaneBackend::newBackendWithName(
+    const std::string& name, std::shared_ptr<const Dictionary> profile, const Text& productFamily,
+    std::int32_t clientType) {
+    for (const Maker& maker : makers)
+        if (maker.name == name) return maker.make(name, std::move(profile), productFamily, clientType);
+    platform::logError("QuorvaneBackend(newBackendWithName): {}", name);
+    return nullptr;
+}
+
+}  // namespace quorvane

@@ -1,0 +1,121 @@
+#include "backends/QuorvaneBackend.h"
+
+#include "platform/Crypto.h"
+#include "platform/RandomDraw.h"
+#include "util/Conversions.h"
+
+#include <charconv>
+#include <limits>
+#include <span>
+#include <system_error>
+
+#include <fmt/format.h>
+
+namespace quorvane {
+
+using platform::MutexLock;
+
+namespace {
+
+std::size_t utf16Length(std::string_view utf8) {
+    std::size_t units = 0;
+    for (const char c : utf8) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool continuation = (byte & 0xc0) == 0x80;
+        const bool outsideBasicPlane = byte >= 0xf0;
+        units += continuation ? 0 : outsideBasicPlane ? 2 : 1;
+    }
+    return units;
+}
+
+/// The leading integer of the text; 0 when there is none.
+int leadingInteger(std::string_view text) {
+    int number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc::result_out_of_range ? std::numeric_limits<int>::max() : number;
+}
+
+}  // namespace
+
+QuorvaneBackend::QuorvaneBackend(std::string name, std::shared_ptr<const Dictionary> profile,
+                                 Text productFamily)
+    : _profile(std::move(profile)),
+      _name(std::move(name)),
+      _productFamily(std::move(productFamily)),
+      _samplingFactor(platform::randomDraw()) {}
+
+std::string QuorvaneBackend::convertIntoSHA256(std::string_view text) {
+    static constexpr char digits[] = "0123456789abcdef";
+    // Deliberately fewer bytes than the text has when it is not ASCII; receivers compare with digests made
+    // so.
+    const std::string_view hashed = text.substr(0, utf16Length(text));
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(hashed.data());
+    std::string hex;
+    hex.reserve(64);
+    for (const std::uint8_t byte : platform::sha256(std::span(bytes, hashed.size()))) {
+        hex += digits[byte >> 4];
+        hex += digits[byte & 0xf];
+    }
+    return hex;
+}
+
+QuorvaneBackend::Answer QuorvaneBackend::sendMessage(const Dictionary* message, TimeValue timestamp,
+                                                     std::uint16_t method, std::uint16_t respCode,
+                                                     MessageFlag flag) {
+    ++_eventID;
+    return sendMessage(message, timestamp, method, respCode, EventID{_eventID}, flag);
+}
+
+QuorvaneBackend::Answer QuorvaneBackend::sendMessage(const Dictionary*, TimeValue, std::uint16_t,
+                                                     std::uint16_t, EventID, MessageFlag) {
+    return std::nullopt;
+}
+
+bool QuorvaneBackend::uploadFileAtPath(const std::string&, const char*) {
+    return false;
+}
+
+bool QuorvaneBackend::uploadLogData(const Array&) {
+    return false;
+}
+
+void QuorvaneBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {
+    setCombinedSessionIDString(combinedSessionID);
+}
+
+void QuorvaneBackend::setSelfVersion(std::string_view version) {
+    const auto point = version.find('.');
+    const auto rest = point == std::string_view::npos ? std::string_view() : version.substr(point + 1);
+    _selfVersionMajor = static_cast<std::uint8_t>(leadingInteger(version));
+    _selfVersion = fmt::format("{}.{}", _selfVersionMajor, static_cast<std::uint8_t>(leadingInteger(rest)));
+}
+
+void QuorvaneBackend::setStartTimestamp(TimeValue time) {
+    _startTimeStamp = secondsFromTimeValue(time);
+}
+
+QuorvaneBackend::Text QuorvaneBackend::combinedSessionIDString() const {
+    const MutexLock lock(_lock);
+    return _combinedSessionIDString;
+}
+
+void QuorvaneBackend::setCombinedSessionIDString(Text combinedSessionID) {
+    const MutexLock lock(_lock);
+    _combinedSessionIDString = std::move(combinedSessionID);
+}
+
+std::optional<Value> QuorvaneBackend::samplingThreshold() const {
+    const MutexLock lock(_lock);
+    return _samplingThreshold;
+}
+
+void QuorvaneBackend::setSamplingThreshold(std::optional<Value> samplingThreshold) {
+    const MutexLock lock(_lock);
+    _samplingThreshold = std::move(samplingThreshold);
+}
+
+void QuorvaneBackend::replaceState(BackendState expected, BackendState state) {
+    _state.compare_exchange_strong(expected, state);
+}
+
+}  // namespace quorvane

@@ -1,0 +1,184 @@
+#pragma once
+
+#include "platform/Clock.h"
+#include "platform/ThreadAnnotations.h"
+#include "platform/Value.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace quorvane {
+
+enum class EventID : std::uint16_t {};
+enum class MessageFlag : std::uint32_t {};
+
+/// Whether a backend reports. Parent synchronisation leaves SampledOut alone.
+enum class BackendState : std::int32_t { WaitingForUserInfo = 0, Disabled = 1, Enabled = 2, SampledOut = 3 };
+
+/// The base of every reporting backend: the facts of its session and the operations that a session calls. The
+/// base's own delivery operations do nothing.
+///
+/// A backend is set up and fed by its session's thread. Other threads may call name, state, setState,
+/// hierarchy, combinedSessionIDString, setCorrelatedSessionID, samplingThreshold and setSamplingThreshold at
+/// any time.
+class QuorvaneBackend {
+  public:
+    using TimeValue = platform::TimeValue;
+    using Answer = std::optional<std::string>;
+    using Text = std::optional<std::string>;
+
+    /// Makes the backend of that name; null, and an error line, for an unknown name.
+    static std::shared_ptr<QuorvaneBackend> newBackendWithName(const std::string& name,
+                                                               std::shared_ptr<const Dictionary> profile,
+                                                               const Text& productFamily,
+                                                               std::int32_t clientType);
+
+    virtual ~QuorvaneBackend() = default;
+    QuorvaneBackend(const QuorvaneBackend&) = delete;
+    QuorvaneBackend& operator=(const QuorvaneBackend&) = delete;
+
+    /// The SHA-256 of the text's UTF-8 bytes, as many of them as the text has UTF-16 code units, in
+    /// lower-case hex.
+    static std::string convertIntoSHA256(std::string_view text);
+
+    /// Numbers the event and delivers it through the six-part operation below; what the session calls.
+    Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
+                       std::uint16_t respCode, MessageFlag flag);
+
+    /// Delivers one event; the base does nothing. The answer is for the client and the local message log.
+    virtual Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
+                               std::uint16_t respCode, EventID eventID, MessageFlag flag);
+
+    virtual Answer flushMessages() { return std::nullopt; }
+    virtual bool uploadFileAtPath(const std::string& path, const char* extensionToken);
+    virtual bool uploadLogData(const Array& logData);
+
+    /// Works the state out anew; the base always reports.
+    virtual void updateState() { setState(BackendState::Enabled); }
+    virtual void setCorrelatedSessionID(const std::string& combinedSessionID);
+    virtual void cleanup() {}
+
+    /// "major.minor"; each part is cut to 8 bits, what follows is ignored.
+    void setSelfVersion(std::string_view version);
+    void setStartTimestamp(TimeValue time);
+
+    BackendState state() const { return _state; }
+    void setState(BackendState state) { _state = state; }
+
+    std::uint32_t sessionID() const { return _sessionID; }
+    void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
+
+    /// The ancestors' session identifiers and the session's own, top down, joined by ".".
+    Text combinedSessionIDString() const;
+    void setCombinedSessionIDString(Text combinedSessionID);
+
+    std::int32_t hierarchy() const { return _hierarchy; }
+    void setHierarchy(std::int32_t hierarchy) { _hierarchy = hierarchy; }
+
+    /// The session's client type.
+    std::int32_t compType() const { return _compType; }
+    void setCompType(std::int32_t compType) { _compType = compType; }
+
+    std::uint16_t clientVersion() const { return _clientVersion; }
+    void setClientVersion(std::uint16_t clientVersion) { _clientVersion = clientVersion; }
+
+    /// The device identifier's bytes, zero-terminated; borrowed, so they must outlive the backend.
+    const char* udid() const { return _udid; }
+    void setUdid(const char* udid) { _udid = udid; }
+
+    /// The backend's key in the storebag section and in the session. Not to be set once other threads know
+    /// the backend.
+    const std::string& name() const { return _name; }
+    void setName(std::string name) { _name = std::move(name); }
+
+    /// A page that a client may show for this backend's data.
+    const Text& displayURL() const { return _displayURL; }
+    void setDisplayURL(Text displayURL) { _displayURL = std::move(displayURL); }
+
+    const Text& productVersion() const { return _productVersion; }
+    void setProductVersion(Text productVersion) { _productVersion = std::move(productVersion); }
+
+    const Text& buildVersion() const { return _buildVersion; }
+    void setBuildVersion(Text buildVersion) { _buildVersion = std::move(buildVersion); }
+
+    const Text& hardwareType() const { return _hardwareType; }
+    void setHardwareType(Text hardwareType) { _hardwareType = std::move(hardwareType); }
+
+    const Text& productFamily() const { return _productFamily; }
+    void setProductFamily(Text productFamily) { _productFamily = std::move(productFamily); }
+
+    bool isInternal() const { return _isInternal; }
+    void setIsInternal(bool isInternal) { _isInternal = isInternal; }
+
+    const std::shared_ptr<const Dictionary>& userInfoDict() const { return _userInfoDict; }
+    void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) { _userInfoDict = std::move(userInfo); }
+
+    /// Whether the session wants user info before it reports.
+    bool requireUserInfo() const { return _requireUserInfo; }
+    void setRequireUserInfo(bool requireUserInfo) { _requireUserInfo = requireUserInfo; }
+
+    /// Whether the session asked for batched delivery.
+    bool batchEvents() const { return _batchEvents; }
+    void setBatchEvents(bool batchEvents) { _batchEvents = batchEvents; }
+
+    /// This backend's random draw, in [0, 1).
+    double samplingFactor() const { return _samplingFactor; }
+    void setSamplingFactor(double samplingFactor) { _samplingFactor = samplingFactor; }
+
+    /// The number that the sampling factor is compared with, as it was stored.
+    std::optional<Value> samplingThreshold() const;
+    void setSamplingThreshold(std::optional<Value> samplingThreshold);
+
+  protected:
+    QuorvaneBackend(std::string name, std::shared_ptr<const Dictionary> profile, Text productFamily);
+
+    /// The storebag section's entry for this backend, or null.
+    const std::shared_ptr<const Dictionary>& profile() const { return _profile; }
+    /// When the session's backends were made, in seconds since 1970.
+    double startTimeStamp() const { return _startTimeStamp; }
+    /// The number of the event sent last: 1 for the first, 0 after 65535.
+    std::uint16_t eventID() const { return _eventID; }
+    std::uint8_t selfVersionMajor() const { return _selfVersionMajor; }
+    /// "major.minor" of the daemon's own version.
+    const std::string& selfVersion() const { return _selfVersion; }
+
+    /// Sets the state only when it is the expected one.
+    void replaceState(BackendState expected, BackendState state);
+
+    /// Guards what the backend holds. The innermost lock of all: nothing is called out, awaited or posted
+    /// under it.
+    mutable platform::Mutex _lock;
+
+  private:
+    const std::shared_ptr<const Dictionary> _profile;
+    std::string _name;
+    std::atomic<BackendState> _state{BackendState::WaitingForUserInfo};
+    Text _productVersion;
+    Text _buildVersion;
+    Text _hardwareType;
+    Text _productFamily;
+    double _startTimeStamp = 0;
+    std::uint32_t _sessionID = 0;
+    Text _combinedSessionIDString GUARDED_BY(_lock);
+    std::atomic<std::int32_t> _hierarchy{0};
+    std::int32_t _compType = 0;
+    std::uint16_t _clientVersion = 0;
+    std::uint16_t _eventID = 0;
+    std::uint8_t _selfVersionMajor = 0;
+    std::string _selfVersion = "0.0";
+    bool _isInternal = false;
+    bool _requireUserInfo = false;
+    std::shared_ptr<const Dictionary> _userInfoDict;
+    bool _batchEvents = false;
+    const char* _udid = nullptr;
+    Text _displayURL;
+    double _samplingFactor;
+    std::optional<Value> _samplingThreshold GUARDED_BY(_lock);
+};
+
+}  // namespace quorvane

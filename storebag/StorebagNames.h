@@ -1,0 +1,12 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace quorvane {
+
+/// The name of the storebag that a client type is configured from; nothing for a type without one.
+std::optional<std::string> storebagNameForClientType(std::int32_t clientType);
+
+}  // namespace quorvane

@@ -1,0 +1,167 @@
+#include "tests/backends/BackendFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace quorvane {
+namespace {
+
+class EventBatchingTest : public BackendFixture {
+  protected:
+    static std::shared_ptr<HTTPSPostBackend> batchingBackend(const Dictionary& entry = {}) {
+        auto backend = enabledBackend(entry);
+        backend->setBatchEvents(true);
+        return backend;
+    }
+};
+
+TEST_F(EventBatchingTest, ADisabledBackendDropsWhateverTheFlag) {
+    auto backend = enabledBackend();
+    backend->setState(BackendState::Disabled);
+    for (const unsigned flag : {0u, 1u, 2u, 3u}) EXPECT_FALSE(send(*backend, {}, 5, 0, flag));
+    backend->setState(BackendState::Enabled);
+    EXPECT_FALSE(backend->flushMessages());
+}
+
+TEST_F(EventBatchingTest, FlagsDecideForASampledOutBackend) {
+    auto backend = enabledBackend();
+    backend->setState(BackendState::SampledOut);
+    EXPECT_FALSE(send(*backend, {{"n", 1}}));
+    EXPECT_FALSE(backend->flushMessages()) << "not reporting, so the record stays";
+    EXPECT_EQ(onlyEventIn(send(*backend, {{"n", 2}}, 5, 0, 1)).integer("n"), 2);
+    EXPECT_EQ(backend->state(), BackendState::SampledOut);
+
+    EXPECT_EQ(onlyEventIn(send(*backend, {{"n", 3}}, 5, 0, 2)).integer("n"), 3);
+    EXPECT_EQ(backend->state(), BackendState::Enabled);
+    EXPECT_EQ(logged("Forcing Flush here to keep events in order."), 1u);
+    EXPECT_FALSE(backend->flushMessages()) << "the held record went out first";
+
+    backend->setState(BackendState::SampledOut);
+    backend->setBatchEvents(true);
+    EXPECT_FALSE(send(*backend, {}, 5, 0, 2));
+    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 1u);
+}
+
+TEST_F(EventBatchingTest, HoldsUntilRequiredUserInfoComesAndThenAddsIt) {
+    auto backend = backendWithClients({Value(permissiveEntry())});
+    backend->setRequireUserInfo(true);
+    backend->updateState();
+    EXPECT_FALSE(send(*backend, {{"n", 1}, {"kind", "mine"}}));
+    EXPECT_FALSE(send(*backend, {{"n", 2}, {"ClientName", "mine"}}));
+    backend->setState(BackendState::Enabled);
+    EXPECT_FALSE(backend->flushMessages());
+
+    backend->setUserInfoDict(std::make_shared<const Dictionary>(
+        Dictionary{{"ClientName", "Mail"}, {"kind", "user"}, {"secret", "user"}}));
+    backend->updateState();
+    const Array events = eventsIn(backend->flushMessages());
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(*events[0].dictionary()->string("ClientName"), "Mail");
+    EXPECT_EQ(*events[0].dictionary()->string("kind"), "user");
+    EXPECT_FALSE(events[0].dictionary()->contains("secret")) << "user info is filtered before it is added";
+    EXPECT_EQ(*events[1].dictionary()->string("ClientName"), "mine") << "its first key stands for all";
+    EXPECT_FALSE(events[1].dictionary()->contains("kind"));
+}
+
+TEST_F(EventBatchingTest, TheRecordThatReachesTheThresholdIsLostWithThePostedBatch) {
+    auto backend = batchingBackend();
+    for (int n = 0; n < 50; ++n) send(*backend, {{"n", n}}, 5);
+    send(*backend, {{"n", 100}}, 6);
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(flushMessages): called"), 0u);
+
+    send(*backend, {{"n", 50}}, 5);
+    EXPECT_EQ(
+        logged(
+            "<7>HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for "
+            "method 5"),
+        1u);
+    EXPECT_FALSE(backend->flushMessages()) << "the 51st record went with the batch";
+
+    // The lost record still counts: the 50th held one of its method is the next to force a flush.
+    for (int n = 0; n < 49; ++n) send(*backend, {}, 5);
+    EXPECT_EQ(logged("(flushMessages): called"), 1u);
+    send(*backend, {}, 5);
+    EXPECT_EQ(logged("(flushMessages): called"), 2u);
+}
+
+TEST_F(EventBatchingTest, AThresholdReachedWithoutReportingKeepsTheBatchAndStartsCountingAnew) {
+    auto backend = backendWithClients({Value(permissiveEntry())});
+    backend->setRequireUserInfo(true);
+    backend->updateState();
+    for (int n = 0; n < 120; ++n) send(*backend, {{"n", n}}, 5);
+    EXPECT_EQ(logged("we reached event threshold for method 5"), 2u);
+    backend->setUserInfoDict(userInfo());
+    backend->updateState();
+    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 120u);
+}
+
+TEST_F(EventBatchingTest, ThresholdComesFromTheEntry) {
+    Dictionary entry = permissiveEntry();
+    entry.set("event_threshold", 2);
+    auto backend = backendWithClients({Value(entry)});
+    backend->setRequireUserInfo(true);
+    backend->setBatchEvents(true);
+    backend->setUserInfoDict(userInfo());
+    backend->updateState();
+    for (int n = 0; n < 4; ++n) send(*backend, {}, 5);
+    EXPECT_EQ(logged("(flushMessages): called"), 1u);
+}
+
+TEST_F(EventBatchingTest, ANewCorrelatedIdentifierReachesHeldRecords) {
+    auto backend = batchingBackend({{"extras_on_internal", 1}, {"post_url", "ftp://nowhere.invalid"}});
+    backend->setUdid("device");
+    backend->setCompType(7);
+    backend->setIsInternal(true);
+    send(*backend, {});
+    backend->setCorrelatedSessionID("a.b");
+    EXPECT_EQ(backend->combinedSessionIDString(), "a.b");
+    EXPECT_EQ(*onlyEventIn(backend->flushMessages()).string("_sessionID"), "a.b");
+}
+
+TEST_F(EventBatchingTest, BoundsWhatItHolds) {
+    auto backend = enabledBackend();
+    backend->setState(BackendState::SampledOut);
+    const Dictionary payload{{"text", std::string(1u << 20, 'x')}};
+    for (int n = 0; n < 20; ++n) send(*backend, payload);
+    send(*backend, {{"nested", Array{Value(std::string(1u << 20, 'x'))}}});
+    EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 1u);
+
+    backend->setState(BackendState::Enabled);
+    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 15u);
+    backend->setBatchEvents(true);
+    send(*backend, payload);
+    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 1u);
+    EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 1u);
+}
+
+TEST_F(EventBatchingTest, OtherThreadsMayTouchItMeanwhile) {
+    auto backend = batchingBackend();
+    backend->setCombinedSessionIDString("a");
+    std::atomic<bool> done{false};
+    std::thread correlating([&] {
+        while (!done) {
+            backend->setCorrelatedSessionID("a.rather.long.identifier.of.a.child.session");
+            backend->setSamplingThreshold(Value(0.5));
+        }
+    });
+    std::thread synchronising([&] {
+        while (!done) {
+            if (backend->state() != BackendState::SampledOut) backend->setState(BackendState::Enabled);
+            static_cast<void>(backend->samplingThreshold());
+            static_cast<void>(backend->hierarchy());
+        }
+    });
+    std::size_t flushed = 0;
+    for (int n = 1; n <= 2'000; ++n) {
+        send(*backend, {{"n", n}}, 5, n % 7 == 0 ? 1 : 0);
+        if (n % 40 == 0) flushed += eventsIn(backend->flushMessages()).size();
+    }
+    done = true;
+    correlating.join();
+    synchronising.join();
+    EXPECT_EQ(flushed, 2'000u);
+}
+
+}  // namespace
+}  // namespace quorvane

@@ -1,0 +1,78 @@
+#include "backends/EventFilters.h"
+
+#include "backends/QuorvaneBackend.h"
+
+#include <gtest/gtest.h>
+
+namespace quorvane {
+namespace {
+
+Value filter(Dictionary entries) {
+    return entries;
+}
+
+TEST(EventFilters, FirstMatchingFilterActs) {
+    const Array table{filter({{"key", "_SESSIONID"}, {"action", "sha256"}}),
+                      filter({{"key", "_sessionID"}, {"method", 5}, {"action", "remove"}}),
+                      filter({{"key", "shielded"}, {"action", "Remove"}}),
+                      filter({{"key", "shielded"}, {"action", "remove"}}),
+                      filter({{"key", "Gone"}, {"action", "remove"}}),
+                      filter({{"key", "byStatus"}, {"status", 2}, {"action", "remove"}}),
+                      filter({{"action", "remove"}}),
+                      Value("no filter")};
+    EventFilters filters;
+    filters.createFiltersFromArray(table);
+
+    Dictionary event{{"_sessionID", "abc"}, {"_method", 5}, {"_status", 3},  {"shielded", 1},
+                     {"gone", 1},           {"GONE", 2},    {"byStatus", 1}, {"", "kept"}};
+    filters.filterEvent(event);
+    EXPECT_EQ(event, (Dictionary{{"_sessionID", QuorvaneBackend::convertIntoSHA256("abc")},
+                                 {"_method", 5},
+                                 {"_status", 3},
+                                 {"shielded", 1},
+                                 {"byStatus", 1},
+                                 {"", "kept"}}));
+
+    event.set("_status", 2);
+    filters.filterEvent(event);
+    EXPECT_FALSE(event.contains("byStatus"));
+}
+
+TEST(EventFilters, HashesThePrintedFormOfWhatIsNoText) {
+    const Array table{filter({{"key", "number"}, {"action", "sha256"}})};
+    EventFilters filters;
+    filters.createFiltersFromArray(table);
+    Dictionary event{{"number", 42}};
+    filters.filterEvent(event);
+    EXPECT_EQ(event, (Dictionary{{"number", QuorvaneBackend::convertIntoSHA256("42")}}));
+}
+
+TEST(EventFilters, AnEmptyArrayKeepsTheTable) {
+    const Array table{filter({{"key", "a"}, {"action", "remove"}})};
+    EventFilters filters;
+    filters.createFiltersFromArray(table);
+    filters.createFiltersFromArray({});
+    Dictionary event{{"a", 1}};
+    filters.filterEvent(event);
+    EXPECT_TRUE(event.empty());
+}
+
+TEST(ListMatchers, TheFlagDecidesOnlyWithoutAListOrAText) {
+    const std::string us = "us", upper = "US";
+    const Array country{"US"}, letter{"U"}, empty, numbers{Value(7)}, blank{""};
+    for (const bool flag : {true, false}) {
+        for (const auto match : {matchStringWithList, matchExactStringWithList}) {
+            EXPECT_EQ(match(&empty, &us, flag), flag);
+            EXPECT_EQ(match(nullptr, nullptr, flag), flag);
+            EXPECT_EQ(match(&country, nullptr, flag), !flag);
+            EXPECT_TRUE(match(&country, &us, flag));
+            EXPECT_FALSE(match(&numbers, &us, flag));
+            EXPECT_FALSE(match(&blank, &us, flag));
+        }
+        EXPECT_TRUE(matchStringWithList(&letter, &upper, flag));
+        EXPECT_FALSE(matchExactStringWithList(&letter, &upper, flag));
+    }
+}
+
+}  // namespace
+}  // namespace quorvane

@@ -1,0 +1,141 @@
+#include "backends/EventRecord.h"
+
+#include "tests/backends/BackendFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <set>
+
+namespace quorvane {
+namespace {
+
+class EventRecordTest : public BackendFixture {
+  protected:
+    static std::shared_ptr<HTTPSPostBackend> equippedBackend(const Dictionary& entry = {}) {
+        auto backend = enabledBackend(entry);
+        backend->setSessionID(77);
+        backend->setCompType(7);
+        backend->setClientVersion(12);
+        backend->setProductVersion("9.1");
+        backend->setBuildVersion("13A5");
+        backend->setHardwareType("Fern3,1");
+        backend->setSelfVersion("7.1");
+        backend->setStartTimestamp({125, 900'000});
+        backend->setCombinedSessionIDString("parent.own");
+        return backend;
+    }
+};
+
+TEST_F(EventRecordTest, LaysTheSessionsFactsOverThePayload) {
+    auto backend = equippedBackend();
+    const Dictionary payload{
+        {"Alpha", 1}, {"_method", "mine"}, {"_n", true}, {"zeta", "é\n"}, {"eventTime", 3}};
+    Dictionary record = onlyEventIn(send(*backend, payload, 5, 6));
+
+    const Value* time = record.find("_clientTS");
+    ASSERT_NE(time, nullptr);
+    EXPECT_NEAR(time->real(), 124.6, 1e-9);
+    EXPECT_EQ(record.find("eventTime")->real(), time->real());
+    EXPECT_TRUE(record.contains("_timezoneOffset"));
+    for (const char* key : {"_clientTS", "eventTime", "_timezoneOffset"}) record.remove(key);
+    EXPECT_EQ(
+        record.description(),
+        "{Alpha = 1; _build = 13A5; _clientVersion = 12; _eventNumber = 1; _internal = 0; _method = 5; "
+        "_n = 1; _osVersion = 9.1; _productFamily = Fernlight; _productModel = Fern3,1; _reportVers = 7.1; "
+        "_sender = CFX; _sessionID = parent.own; _startTS = 120; _status = 6; zeta = é\n;}");
+}
+
+TEST_F(EventRecordTest, LeavesOutTheFactsThatAreMissing) {
+    const Dictionary record = onlyEventIn(send(*enabledBackend(), {}));
+    for (const char* key : {"_build", "_osVersion", "_productModel", "_sessionID"})
+        EXPECT_FALSE(record.contains(key)) << key;
+    EXPECT_EQ(record.integer("_startTS"), 0);
+}
+
+TEST_F(EventRecordTest, InternalBuildsWithExtrasReportNumbersAndTheDevice) {
+    auto backend = equippedBackend({{"extras_on_internal", 1}, {"post_url", "ftp://nowhere.invalid"}});
+    backend->setUdid("device-text");
+    EXPECT_EQ(*onlyEventIn(send(*backend, {})).string("_sessionID"), "parent.own");
+
+    backend->setIsInternal(true);
+    const auto answer = send(*backend, {});
+    EXPECT_EQ(onlyEventIn(answer).integer("_sessionID"), 77);
+    EXPECT_EQ(onlyEventIn(answer).integer("_internal"), 1);
+    EXPECT_EQ(*platform::parseJson(*answer)->dictionary()->string("clientId"), "device-text");
+
+    backend->setCompType(8);
+    replaceEnvironmentType(EnvironmentType::Seed);
+    EXPECT_EQ(onlyEventIn(send(*backend, {})).integer("_internal"), 2);
+    EXPECT_TRUE(onlyEventIn(send(*backend, {})).string("_sessionID"));
+
+    backend->setUdid(nullptr);
+    const auto withoutClient = platform::parseJson(send(*backend, {}).value_or(""));
+    ASSERT_TRUE(withoutClient);
+    EXPECT_EQ(withoutClient->dictionary()->size(), 1u) << "no client identifier, no events";
+}
+
+TEST_F(EventRecordTest, UserInfoReplacesAndFiltersComeLast) {
+    Dictionary entry = permissiveEntry();
+    auto backend = backendWithClients({Value(entry)});
+    backend->setRequireUserInfo(true);
+    backend->setUserInfoDict(std::make_shared<const Dictionary>(
+        Dictionary{{"ClientName", "Mail"}, {"kind", "user"}, {"Secret", "user"}}));
+    backend->updateState();
+    const Dictionary record =
+        onlyEventIn(send(*backend, {{"kind", "event"}, {"secret", "event"}, {"SECRET", 1}}));
+    EXPECT_EQ(*record.string("kind"), "user");
+    EXPECT_EQ(*record.string("ClientName"), "Mail");
+    for (const char* key : {"secret", "Secret", "SECRET"}) EXPECT_FALSE(record.contains(key)) << key;
+}
+
+TEST_F(EventRecordTest, SessionStopTellsTheSamplingSettings) {
+    auto backend = enabledBackend();
+    Dictionary record = onlyEventIn(send(*backend, {{"Batch", "mine"}}, 0, 1));
+    EXPECT_EQ(record.integer("Opt"), 0);
+    EXPECT_EQ(record.integer("SamplingThreshold"), -1);
+    EXPECT_EQ(record.integer("OverrideSampling"), -1);
+    EXPECT_EQ(record.find("Batch")->kind(), Value::Kind::Signed);
+
+    backend->setSamplingThreshold(Value(0.3));
+    EXPECT_EQ(*onlyEventIn(send(*backend, {}, 0, 1)).find("SamplingThreshold"), Value(0.3));
+    EXPECT_FALSE(onlyEventIn(send(*backend, {}, 0, 2)).contains("Opt"));
+
+    record = onlyEventIn(backend->sendMessage(nullptr, {1, 0}, 0, 1, MessageFlag{0}));
+    EXPECT_FALSE(record.contains("Opt"));
+    EXPECT_EQ(logged("<3>HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil"), 1u);
+}
+
+TEST_F(EventRecordTest, ValuesThatJsonCannotCarryCostOnlyTheirKey) {
+    const Dictionary payload{{"array", Array{1}},
+                             {"data", Data{1}},
+                             {"date", Date{1'500'000}},
+                             {"dictionary", Dictionary{}},
+                             {"infinite", -std::numeric_limits<double>::infinity()},
+                             {"nan", std::numeric_limits<double>::quiet_NaN()},
+                             {"text", "kept"}};
+    const Dictionary record = onlyEventIn(send(*enabledBackend(), payload));
+    EXPECT_EQ(*record.string("text"), "kept");
+    ASSERT_TRUE(record.contains("date"));
+    EXPECT_EQ(record.find("date")->real(), 1.5);
+    for (const char* key : {"array", "data", "dictionary", "infinite", "nan"})
+        EXPECT_FALSE(record.contains(key)) << key;
+    EXPECT_EQ(logged("unable to handle key: "), 5u);
+    EXPECT_EQ(logged("<4>HTTPSPostBackend(createMessageForPostAndLogging): "
+                     "NSJSONSerialization unable to handle key: array, value: (1)"),
+              1u);
+}
+
+TEST(SenderCode, EveryClientTypeHasItsOwnAndAnyOtherNumberIsNeutral) {
+    std::set<std::string_view> codes;
+    for (std::int32_t type = 0; type < 12; ++type) {
+        codes.insert(senderCode(type));
+        EXPECT_THAT(std::string(senderCode(type)), testing::MatchesRegex("[A-Z][A-Z][A-Z]?"));
+    }
+    EXPECT_EQ(codes.size(), 12u);
+    for (const std::int32_t type : {-1, 12, std::numeric_limits<std::int32_t>::min()})
+        EXPECT_FALSE(codes.contains(senderCode(type)));
+}
+
+}  // namespace
+}  // namespace quorvane

@@ -1,0 +1,158 @@
+#include "tests/backends/BackendFixture.h"
+
+#include <gtest/gtest.h>
+
+namespace quorvane {
+namespace {
+
+class UpdateBackendStateTest : public BackendFixture {
+  protected:
+    /// A backend that requires user info and has it.
+    static std::shared_ptr<HTTPSPostBackend> backendFor(Array clients) {
+        auto backend = backendWithClients(std::move(clients));
+        backend->setRequireUserInfo(true);
+        backend->setUserInfoDict(userInfo());
+        return backend;
+    }
+
+    static BackendState stateFor(const Dictionary& entry, double draw = 0) {
+        auto backend = backendFor({Value(entry)});
+        backend->setSamplingFactor(draw);
+        return backend->updateBackendState();
+    }
+
+    static Dictionary entryWith(std::string_view key, Value value) {
+        Dictionary entry = permissiveEntry();
+        entry.set(key, std::move(value));
+        return entry;
+    }
+
+    static Dictionary entryWithout(std::string_view key) {
+        Dictionary entry = permissiveEntry();
+        entry.remove(key);
+        return entry;
+    }
+};
+
+TEST_F(UpdateBackendStateTest, WithoutRequiredUserInfoNoRuleApplies) {
+    write("etc/quorvane/consent.toml", "diagnostics_submission = false\n");
+    auto backend = backendWithClients({});
+    EXPECT_EQ(backend->state(), BackendState::WaitingForUserInfo);
+    backend->updateState();
+    EXPECT_EQ(backend->state(), BackendState::Enabled);
+    EXPECT_FALSE(backend->postURL());
+    EXPECT_EQ(backend->displayURL(), "https://display.invalid/");
+}
+
+TEST_F(UpdateBackendStateTest, RequiredUserInfoMustComeAndMatch) {
+    auto backend = backendFor({Value(entryWith("client", "Mail,Maps")), Value("no entry")});
+    EXPECT_EQ(backend->updateBackendState(), BackendState::Enabled);
+    for (const auto& [client, state] : {std::pair{"mApS", BackendState::Enabled},
+                                        {"Mail2", BackendState::Disabled},
+                                        {"Mail,Maps", BackendState::Disabled},
+                                        {"", BackendState::Disabled}}) {
+        backend->setUserInfoDict(userInfo(client));
+        EXPECT_EQ(backend->updateBackendState(), state) << client;
+    }
+    backend->setUserInfoDict(std::make_shared<const Dictionary>());
+    EXPECT_EQ(backend->updateBackendState(), BackendState::Disabled);
+    backend->setUserInfoDict(nullptr);
+    EXPECT_EQ(backend->updateBackendState(), BackendState::WaitingForUserInfo);
+
+    EXPECT_EQ(stateFor(entryWith("service", "other, sync")), BackendState::Disabled)
+        << "items are not trimmed";
+    EXPECT_EQ(stateFor(entryWith("service", "other,yn")), BackendState::Enabled);
+}
+
+TEST_F(UpdateBackendStateTest, ConsentIsNeededUnlessOverriddenByExactlyOne) {
+    EXPECT_EQ(stateFor(permissiveEntry()), BackendState::Enabled);
+    write("etc/quorvane/consent.toml", "diagnostics_submission = false\n");
+    EXPECT_EQ(stateFor(permissiveEntry()), BackendState::Disabled);
+    EXPECT_EQ(stateFor(entryWith("override_dnu", 2)), BackendState::Disabled);
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(updateBackendState): reporting disabled by DNU: 2."), 1u);
+    EXPECT_EQ(stateFor(entryWith("override_dnu", 1)), BackendState::Enabled);
+}
+
+TEST_F(UpdateBackendStateTest, LocaleListIsRequiredAndDeviceListIsNot) {
+    EXPECT_EQ(stateFor(entryWithout("locale_whitelist")), BackendState::Disabled);
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(updateBackendState): (US) isn't in locale list (null)"), 1u);
+    EXPECT_EQ(stateFor(entryWith("locale_whitelist", Array{"DE", "FR"})), BackendState::Disabled);
+    EXPECT_EQ(logged("(US) isn't in locale list (DE, FR)"), 1u);
+
+    EXPECT_EQ(stateFor(entryWith("device_whitelist", Array{})), BackendState::Enabled);
+    EXPECT_EQ(stateFor(entryWith("device_whitelist", Array{"fern"})), BackendState::Enabled);
+    EXPECT_EQ(stateFor(entryWith("device_whitelist", Array{"Moss"})), BackendState::Disabled);
+    EXPECT_EQ(logged("(Fernlight) isn't in device list (Moss)"), 1u);
+
+    ::setenv("LC_ALL", "C", 1);
+    EXPECT_EQ(stateFor(permissiveEntry()), BackendState::Enabled) << "no country code passes any list";
+}
+
+TEST_F(UpdateBackendStateTest, FiltersAreRequired) {
+    EXPECT_EQ(stateFor(entryWithout("filters")), BackendState::Disabled);
+    EXPECT_EQ(logged("<4>HTTPSPostBackend(updateBackendState): filters are required."), 1u);
+    EXPECT_EQ(stateFor(entryWith("filters", Array{})), BackendState::Enabled);
+}
+
+TEST_F(UpdateBackendStateTest, SamplingComparesTheDrawWithBothThresholds) {
+    EXPECT_EQ(stateFor(entryWithout("sampling_threshold")), BackendState::Disabled);
+    Dictionary entry = entryWith("sampling_threshold", 0.3);
+    EXPECT_EQ(stateFor(entry, 0.3), BackendState::Enabled);
+    EXPECT_EQ(stateFor(entry, 0.5), BackendState::SampledOut);
+    entry.set("override_sampling", 0.6);
+    EXPECT_EQ(stateFor(entry, 0.5), BackendState::SampledOut);
+    entry.set("override_sampling", 0.4);
+    EXPECT_EQ(stateFor(entry, 0.5), BackendState::Disabled);
+    EXPECT_EQ(stateFor(entryWith("sampling_threshold", 1), 0.99), BackendState::Enabled);
+
+    platform::replaceRandomDraw([] { return 0.25; });
+    EXPECT_EQ(enabledBackend()->samplingFactor(), 0.25);
+}
+
+TEST_F(UpdateBackendStateTest, TheMatchingEntrySetsTheBackendUp) {
+    Dictionary first = permissiveEntry(), second = permissiveEntry();
+    first.set("client", "Maps");
+    first.set("expedite", 0);
+    second.set("client", "Mail");
+    second.set("expedite", 1);
+    second.set("hierarchy", 2);
+    auto backend = backendFor({Value(first), Value(second), Value(first)});
+    backend->setBatchEvents(true);
+    backend->updateState();
+    EXPECT_FALSE(backend->batchEvents());
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent=0"), 1u);
+    EXPECT_EQ(backend->hierarchy(), 2);
+    EXPECT_EQ(backend->samplingThreshold(), Value(1.0));
+    EXPECT_EQ(logged("event_threshold value not found in storebag - defaulting to 49"), 1u);
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(updateBackendState): httppost: client found Mail, state? 2, 0."),
+              1u);
+
+    backend->setUserInfoDict(userInfo("Maps"));
+    backend->updateState();
+    EXPECT_TRUE(backend->batchEvents());
+    EXPECT_EQ(backend->hierarchy(), 0);
+}
+
+TEST_F(UpdateBackendStateTest, OrdinaryUrlIsKeptAndRealtimeUrlIsDerivedAnew) {
+    auto backend = enabledBackend();
+    EXPECT_TRUE(backend->updatePostLink(
+        {{"post_url", "https://a.invalid"}, {"realtime_post_url", "https://b.invalid"}}));
+    EXPECT_EQ(backend->postURL(), "https://a.invalid");
+    EXPECT_EQ(logged("Storebag 'https://b.invalid' for realtimePostURL"), 1u);
+    EXPECT_FALSE(backend->updatePostLink({}));
+    EXPECT_EQ(backend->postURL(), "https://a.invalid");
+    EXPECT_EQ(logged("realtimePostURL defaults to postURL 'https://a.invalid'"), 1u);
+}
+
+TEST_F(UpdateBackendStateTest, AUserDefaultUrlSurvivesEveryEntry) {
+    write("etc/quorvane/defaults/com.velmora.quorvane.toml", "httpsPostURL = \"https://default.invalid\"\n");
+    auto backend = enabledBackend({{"post_url", "https://a.invalid"}});
+    EXPECT_EQ(backend->postURL(), "https://default.invalid");
+    EXPECT_EQ(
+        logged("<7>HTTPSPostBackend(initWithName): Using user default 'https://default.invalid' for postURL"),
+        1u);
+    EXPECT_EQ(logged("realtimePostURL defaults to postURL 'https://default.invalid'"), 1u);
+}
+
+}  // namespace
+}  // namespace quorvane
