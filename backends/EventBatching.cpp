@@ -66,9 +66,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     }
     if (state() == BackendState::Enabled && !batchEvents() && holdsEvents()) {
         logDebug(
-            "HTTPSPostBackend(sendMessage): Backend has changed its state to 'Enabled', batching is not "
-            "requested and some events have already been batched. Forcing Flush here to keep events in "
-            "order.");
+            "HTTPSPostBackend(sendMessage): Backend has changed its state to 'Enabled', batching is not requested and some events have already been batched. Forcing Flush here to keep events in order.");
         flushMessages();
     }
     logDebug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", static_cast<int>(state()),
@@ -95,8 +93,7 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
     std::int32_t count = openBatch(method);
     if (count > _eventThreshold) {
         logDebug(
-            "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for "
-            "method {}",
+            "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
             method);
         flushMessages();
         count = 0;

@@ -96,8 +96,7 @@ void HTTPSPostBackend::prepareEventForMessage(Dictionary& event) const {
 
 std::optional<Dictionary> HTTPSPostBackend::sessionStopPayload(const Dictionary* payload) const {
     platform::logDebug(
-        "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message "
-        "dictionary");
+        "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message dictionary");
     if (payload == nullptr) {
         platform::logError("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
         return std::nullopt;

@@ -48,8 +48,7 @@ void removeUnserialisable(Dictionary& record) {
             kept.setOwned(std::move(entry.key), std::move(entry.value));
         else
             platform::logWarning(
-                "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: "
-                "{}, value: {}",
+                "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: {}, value: {}",
                 entry.key, entry.value);
     }
     record = std::move(kept);

@@ -158,8 +158,7 @@ void HTTPSPostBackend::readEventThreshold(const Dictionary& entry) {
     } else {
         // An earlier entry's threshold stays in force; the line names the default all the same.
         logDebug(
-            "HTTPSPostBackend(updateBackendState): event_threshold value not found in storebag - defaulting "
-            "to {}",
+            "HTTPSPostBackend(updateBackendState): event_threshold value not found in storebag - defaulting to {}",
             kDefaultEventThreshold);
     }
 }

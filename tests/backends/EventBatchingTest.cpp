@@ -73,8 +73,7 @@ TEST_F(EventBatchingTest, TheRecordThatReachesTheThresholdIsLostWithThePostedBat
     send(*backend, {{"n", 50}}, 5);
     EXPECT_EQ(
         logged(
-            "<7>HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for "
-            "method 5"),
+            "<7>HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method 5"),
         1u);
     EXPECT_FALSE(backend->flushMessages()) << "the 51st record went with the batch";
 

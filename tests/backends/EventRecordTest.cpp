@@ -41,9 +41,7 @@ TEST_F(EventRecordTest, LaysTheSessionsFactsOverThePayload) {
     for (const char* key : {"_clientTS", "eventTime", "_timezoneOffset"}) record.remove(key);
     EXPECT_EQ(
         record.description(),
-        "{Alpha = 1; _build = 13A5; _clientVersion = 12; _eventNumber = 1; _internal = 0; _method = 5; "
-        "_n = 1; _osVersion = 9.1; _productFamily = Fernlight; _productModel = Fern3,1; _reportVers = 7.1; "
-        "_sender = CFX; _sessionID = parent.own; _startTS = 120; _status = 6; zeta = é\n;}");
+        "{Alpha = 1; _build = 13A5; _clientVersion = 12; _eventNumber = 1; _internal = 0; _method = 5; _n = 1; _osVersion = 9.1; _productFamily = Fernlight; _productModel = Fern3,1; _reportVers = 7.1; _sender = CFX; _sessionID = parent.own; _startTS = 120; _status = 6; zeta = é\n;}");
 }
 
 TEST_F(EventRecordTest, LeavesOutTheFactsThatAreMissing) {
@@ -121,9 +119,10 @@ TEST_F(EventRecordTest, ValuesThatJsonCannotCarryCostOnlyTheirKey) {
     for (const char* key : {"array", "data", "dictionary", "infinite", "nan"})
         EXPECT_FALSE(record.contains(key)) << key;
     EXPECT_EQ(logged("unable to handle key: "), 5u);
-    EXPECT_EQ(logged("<4>HTTPSPostBackend(createMessageForPostAndLogging): "
-                     "NSJSONSerialization unable to handle key: array, value: (1)"),
-              1u);
+    EXPECT_EQ(
+        logged(
+            "<4>HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: array, value: (1)"),
+        1u);
 }
 
 TEST(SenderCode, EveryClientTypeHasItsOwnAndAnyOtherNumberIsNeutral) {

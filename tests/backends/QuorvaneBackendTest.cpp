@@ -89,9 +89,9 @@ class CreateBackendsTest : public BackendFixture {
   protected:
     void SetUp() override {
         BackendFixture::SetUp();
-        write("etc/quorvane/device.toml",
-              "ProductVersion = \"9.1\"\nBuildVersion = \"13A5\"\nProductType = \"Fern3,1\"\n"
-              "DeviceName = \"Fernlight\"\nReleaseType = \"Internal\"\n");
+        write(
+            "etc/quorvane/device.toml",
+            "ProductVersion = \"9.1\"\nBuildVersion = \"13A5\"\nProductType = \"Fern3,1\"\nDeviceName = \"Fernlight\"\nReleaseType = \"Internal\"\n");
     }
 
     static constexpr const char* kIdentifier = "0123456789abcdef";

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "backends/CreateBackends.h"
+#include "platform/Clock.h"
+#include "platform/Snapshot.h"
+#include "platform/Value.h"
+#include "service/protocols.h"
+#include "util/DeviceFacts.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quorvane {
+
+/// One client connection's session, the object that the connection exports: carries the client's identity and
+/// the reporting backends, and hands every event to each of them.
+///
+/// Created, configured and fed on its connection's thread. Operations marked "any thread" are also called
+/// from the threads of other sessions, with the agent's lock held.
+class QuorvanedSession final : public ClientSessionInterface {
+  public:
+    /// Both must outlive the session; the session shares the client.
+    static std::shared_ptr<QuorvanedSession> initWithSessionDelegate(
+        QuorvanedSessionDelegate& sessionDelegate, std::shared_ptr<ClientSessionReplyInterface> connection);
+    /// Sends the session's last event, flushes, ends aggregation and cleans the backends up. Waits, as a send
+    /// does, so no lock may be held.
+    ~QuorvanedSession() override;
+    QuorvanedSession(const QuorvanedSession&) = delete;
+    QuorvanedSession& operator=(const QuorvanedSession&) = delete;
+
+    // The client's operations.
+    void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                        std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) override;
+    void startConfigWithCompletionHandler(
+        const std::function<void(const ReportingStates&)>& completionHandler) override;
+    void fetchStatesWithUserInfo(
+        std::optional<Dictionary> userInfo,
+        const std::function<void(const ReportingStates&)>& completionHandler) override;
+    void fetchDisplayURL(const std::function<void(const std::string&)>& reply) override;
+    void sendMessageWithCategory(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                                 const std::function<void(const Answer&)>& reply) override;
+    void sendMessageWithDictionary(const Dictionary& message,
+                                   const std::function<void(const Answer&)>& reply) override;
+    void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) override;
+    void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
+                          const std::function<void(bool)>& completionHandler) override;
+    void uploadLogData(const Array& logData,
+                       const std::function<void(bool, const Answer& error)>& completionHandler) override;
+    void sendMessageWithSessionInfo(const Dictionary& sessionInfo, std::optional<Dictionary> userInfo,
+                                    std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                                    const std::function<void(const std::string&)>& reply) override;
+
+    // Identity. Any thread.
+    std::uint32_t sessionID() const { return _sessionID; }
+    void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
+    /// 24 base64 characters of a random UUID.
+    const std::string& sessionIDString() const { return _sessionIDString; }
+    std::shared_ptr<const Dictionary> userInfo() const { return _userInfo.load(); }
+    std::shared_ptr<const Dictionary> sessionInfo() const { return _sessionInfo.load(); }
+    std::string description() const;
+
+    // Hierarchy and reporting states. Any thread.
+    /// 0 is the top.
+    std::int32_t getSessionHierarchy() const;
+    ReportingStates fetchReportingStates() const;
+    std::optional<Value> samplingThresholdWithBackendName(const std::string& name) const;
+    /// Makes the backends' states follow the parent's.
+    void syncReportingStates();
+    void updateCombinedSessionID();
+
+    // Aggregation. Any thread.
+    bool hasAggregator() const { return _hasAggregator; }
+    void setHasAggregator(bool hasAggregator) { _hasAggregator = hasAggregator; }
+    /// Hands an event to this session's client.
+    void sendToAggregator(const Dictionary* sessionInfo, double timestamp, std::uint16_t category,
+                          std::uint16_t type, const Dictionary* payload);
+    void shutdownSessionAggregation();
+
+  private:
+    QuorvanedSession(QuorvanedSessionDelegate& sessionDelegate,
+                     std::shared_ptr<ClientSessionReplyInterface> connection);
+
+    std::atomic<std::uint32_t> _sessionID{0};
+    platform::Snapshot<Dictionary> _sessionInfo;
+    platform::Snapshot<Dictionary> _userInfo;
+    std::vector<std::string> _frameworks;
+    platform::Snapshot<BackendDictionary> _backends;
+    QuorvanedSessionDelegate& _sessionDelegate;
+    const std::string _sessionIDString;
+    std::optional<std::string> _storebagVersion;
+    DeviceIdentifier _deviceid{};
+    const std::shared_ptr<ClientSessionReplyInterface> _connection;
+    std::atomic<bool> _hasAggregator{false};
+};
+
+}  // namespace quorvane
