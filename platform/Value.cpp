@@ -245,4 +245,10 @@ std::string description(Date date) {
     return text;
 }
 
+std::string description(const Array& array) {
+    std::string out;
+    describe(array, out);
+    return out;
+}
+
 }  // namespace quorvane::platform

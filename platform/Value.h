@@ -142,6 +142,8 @@ struct Dictionary::Entry {
 
 /// The date as "2025-11-16 08:00:00 +0000".
 std::string description(Date date);
+/// The array as a Value prints it.
+std::string description(const Array& array);
 
 }  // namespace quorvane::platform
 

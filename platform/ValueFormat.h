@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-/// Values and dictionaries as arguments of fmt and of log lines: their description(), made only when
+/// Values, dictionaries and arrays as arguments of fmt and of log lines: their description(), made only when
 /// formatted.
 
 template <>
@@ -22,5 +22,13 @@ struct fmt::formatter<quorvane::platform::Dictionary> : fmt::formatter<std::stri
     template <typename Context>
     auto format(const quorvane::platform::Dictionary& dictionary, Context& context) const {
         return fmt::formatter<std::string_view>::format(dictionary.description(), context);
+    }
+};
+
+template <>
+struct fmt::formatter<quorvane::platform::Array> : fmt::formatter<std::string_view> {
+    template <typename Context>
+    auto format(const quorvane::platform::Array& array, Context& context) const {
+        return fmt::formatter<std::string_view>::format(quorvane::platform::description(array), context);
     }
 };

@@ -54,6 +54,13 @@ class QuorvanedSession final : public ClientSessionInterface {
                                     std::uint16_t category, std::uint16_t type, const Dictionary* payload,
                                     const std::function<void(const std::string&)>& reply) override;
 
+    /// Sends one event through backends made for it alone, and flushes nothing: what they would hold is lost.
+    static void sendMessageWithSessionInfo(const std::shared_ptr<const Dictionary>& sessionInfo,
+                                           const std::shared_ptr<const Dictionary>& userInfo,
+                                           const std::shared_ptr<const Dictionary>& storebag,
+                                           std::uint16_t category, std::uint16_t type,
+                                           const Dictionary* payload);
+
     // Identity. Any thread.
     std::uint32_t sessionID() const { return _sessionID; }
     void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
@@ -83,6 +90,35 @@ class QuorvanedSession final : public ClientSessionInterface {
   private:
     QuorvanedSession(QuorvanedSessionDelegate& sessionDelegate,
                      std::shared_ptr<ClientSessionReplyInterface> connection);
+
+    // Configuration: QuorvanedSession.cpp.
+    void receivedUserInfo(std::shared_ptr<const Dictionary> userInfo);
+    bool sameNames(const Dictionary* userInfo) const;
+    void updateSessionWithDefaultSessionInfo();
+    const std::string* displayURL() const;
+
+    // Backends: CreateSessionBackends.cpp.
+    void createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag);
+    void replaceBackends(std::optional<BackendDictionary> backends);
+
+    // Dispatch: MessageDispatch.cpp.
+    Answer sendMessageWithCategory(std::uint16_t category, std::uint16_t type, const Dictionary* payload);
+    Answer sendMessageWithDictionary(const Dictionary& message);
+    bool hasBackendsToSend() const;
+    Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag);
+    void internalSendMessage(const Dictionary& message, std::uint16_t method, std::uint16_t respCode);
+    Answer flushMessages();
+
+    // Reporting states: ReportingStates.cpp.
+    void updateReportingStates();
+
+    // Relay: AggregationRelay.cpp.
+    void aggregateMessage(double timestamp, std::uint16_t category, std::uint16_t type,
+                          const Dictionary* payload);
+
+    // Uploads: Uploads.cpp.
+    void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
+                           const std::function<void(bool)>& completionHandler);
 
     std::atomic<std::uint32_t> _sessionID{0};
     platform::Snapshot<Dictionary> _sessionInfo;

@@ -1,0 +1,54 @@
+#include "framework/QuorvaneBundle.h"
+#include "platform/Locale.h"
+#include "platform/Log.h"
+#include "platform/UserDefaults.h"
+#include "session/QuorvanedSession.h"
+
+#include <utility>
+
+namespace quorvane {
+
+namespace {
+
+constexpr std::uint16_t kInternalMethod = 0;
+constexpr std::uint16_t kSessionStart = 0;
+
+bool automaticTimeSet() {
+    const auto setting = platform::userDefault("com.velmora.timed", "TMAutomaticTimeZoneEnabled");
+    return !setting || setting->boolean();
+}
+
+/// The device as its session's first event tells it. Devices outside the maker's house tell their time
+/// setting alone.
+Dictionary deviceFacts() {
+    Dictionary facts{{"AutomaticTimeSet", automaticTimeSet()}};
+    if (!isInternalBuild()) return facts;
+    facts.set("SerialNum", serialNumber().value_or("Unknown"));
+    facts.set("Version", productVersion().value_or("Unknown"));
+    facts.set("Build", buildVersion().value_or("Unknown"));
+    facts.set("Hardware", hardwareModel().value_or("Unknown"));
+    facts.set("Product", deviceName().value_or("Unknown"));
+    facts.set("ReportVers", bundleVersion().value_or(kDefaultBundleVersion));
+    if (auto country = platform::currentCountryCode()) facts.set("Locale", *std::move(country));
+    return facts;
+}
+
+}  // namespace
+
+void QuorvanedSession::createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag) {
+    platform::logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
+    auto backends = createBackends(storebag, _sessionInfo.own().get(), _userInfo.own(), _deviceid.data());
+    if (backends)
+        for (const auto& [name, backend] : *backends) backend->setCombinedSessionIDString(_sessionIDString);
+    replaceBackends(std::move(backends));
+    internalSendMessage(deviceFacts(), kInternalMethod, kSessionStart);
+}
+
+void QuorvanedSession::replaceBackends(std::optional<BackendDictionary> backends) {
+    const auto replaced = _backends.own();
+    _backends.publish(backends ? std::make_shared<const BackendDictionary>(*std::move(backends)) : nullptr);
+    if (replaced == nullptr) return;
+    for (const auto& [name, backend] : *replaced) backend->cleanup();
+}
+
+}  // namespace quorvane

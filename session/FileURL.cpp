@@ -1,0 +1,75 @@
+#include "session/FileURL.h"
+
+#include "platform/Text.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <iterator>
+
+namespace quorvane {
+
+namespace {
+
+bool isControlOrBlank(char c) {
+    return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f;
+}
+
+/// A path ends at these, and a file has nothing that could follow it.
+bool isDelimiter(char c) {
+    return c == '?' || c == '#';
+}
+
+std::optional<char> decodedByte(std::string_view twoDigits) {
+    unsigned byte = 0;
+    const char* end = twoDigits.data() + twoDigits.size();
+    const auto [stop, error] = std::from_chars(twoDigits.data(), end, byte, 16);
+    if (twoDigits.size() != 2 || error != std::errc() || stop != end || byte == 0) return std::nullopt;
+    return static_cast<char>(byte);
+}
+
+std::optional<std::string> percentDecoded(std::string_view text) {
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        char c = text[at];
+        if (isControlOrBlank(c) || isDelimiter(c)) return std::nullopt;
+        if (c == '%') {
+            const auto byte = decodedByte(text.substr(at + 1, 2));
+            if (!byte) return std::nullopt;
+            c = *byte;
+            at += 2;
+        }
+        decoded += c;
+    }
+    return decoded;
+}
+
+}  // namespace
+
+std::optional<std::string> pathOfFileURL(std::string_view url) {
+    constexpr std::string_view scheme = "file:";
+    if (!platform::equalsIgnoringCase(url.substr(0, scheme.size()), scheme)) return std::nullopt;
+    url.remove_prefix(scheme.size());
+    if (url.starts_with("//")) {
+        url.remove_prefix(2);
+        const std::string_view host = url.substr(0, url.find('/'));
+        if (!host.empty() && !platform::equalsIgnoringCase(host, "localhost")) return std::nullopt;
+        url.remove_prefix(host.size());
+    }
+    return url.starts_with('/') ? percentDecoded(url) : std::nullopt;
+}
+
+std::string absoluteString(std::string_view url) {
+    std::string text;
+    text.reserve(url.size());
+    for (const char c : url) {
+        if (isControlOrBlank(c))
+            fmt::format_to(std::back_inserter(text), "%{:02X}", static_cast<unsigned char>(c));
+        else
+            text += c;
+    }
+    return text;
+}
+
+}  // namespace quorvane

@@ -1,0 +1,90 @@
+#include "framework/Keys.h"
+#include "platform/Log.h"
+#include "session/BackendAnswers.h"
+#include "session/QuorvanedSession.h"
+#include "util/Conversions.h"
+
+namespace quorvane {
+
+using platform::logDebug;
+
+// The client's operations.
+
+void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
+                                               const Dictionary* payload,
+                                               const std::function<void(const Answer&)>& reply) {
+    logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
+    const Answer answer = sendMessageWithCategory(category, type, payload);
+    if (reply) reply(answer);
+}
+
+void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
+                                                 const std::function<void(const Answer&)>& reply) {
+    logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
+    const Answer answer = sendMessageWithDictionary(message);
+    if (reply) reply(answer);
+}
+
+void QuorvanedSession::flushMessagesWithReply(const std::function<void(const Answer&)>& reply) {
+    logDebug("flushMessagesWithReply: Flushing messages for session {}", sessionID());
+    const Answer answer = flushMessages();
+    if (reply) reply(answer);
+}
+
+// What they come down to.
+
+Answer QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
+                                                 const Dictionary* payload) {
+    return hasBackendsToSend() ? dispatch(category, type, payload, MessageFlag{0}) : std::nullopt;
+}
+
+Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
+    if (!hasBackendsToSend()) return std::nullopt;
+    const Value* category = message.find(kQuorvaneMessageParametersCategory);
+    if (category == nullptr) {
+        logDebug("sendMessageWithDictionary: Missing mandatory parameter 'category'");
+        return std::nullopt;
+    }
+    const Value* type = message.find(kQuorvaneMessageParametersType);
+    if (type == nullptr) {
+        logDebug("sendMessageWithDictionary: Missing mandatory parameter 'type'");
+        return std::nullopt;
+    }
+    const auto flag = static_cast<std::uint32_t>(message.unsignedInteger(kQuorvaneMessageParametersFlag));
+    return dispatch(static_cast<std::uint16_t>(category->unsignedInteger()),
+                    static_cast<std::uint16_t>(type->unsignedInteger()),
+                    message.dictionary(kQuorvaneMessageParametersPayload), MessageFlag{flag});
+}
+
+bool QuorvanedSession::hasBackendsToSend() const {
+    if (_backends.own() != nullptr) return true;
+    logDebug("sendMessageWithDictionary: No backends available to send message");
+    return false;
+}
+
+Answer QuorvanedSession::dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                                  MessageFlag flag) {
+    const platform::TimeValue now = platform::timeOfDay();
+    aggregateMessage(secondsFromTimeValue(now), category, type, payload);
+    return collectAnswers(
+        *_backends.own(), "[{} -> sendMessageWithDictionary] {}",
+        [&](QuorvaneBackend& backend) { return backend.sendMessage(payload, now, category, type, flag); });
+}
+
+void QuorvanedSession::internalSendMessage(const Dictionary& message, std::uint16_t method,
+                                           std::uint16_t respCode) {
+    sendMessageWithCategory(method, respCode, &message);
+    logDebug("internalSendMessage: Sent internal message (method:{} respCode:{})", method, respCode);
+}
+
+Answer QuorvanedSession::flushMessages() {
+    const auto& backends = _backends.own();
+    if (backends == nullptr) {
+        logDebug("flushMessages: No backends available to send message");
+        return std::nullopt;
+    }
+    return collectAnswers(*backends, "[{} -> flushMessages] {}",
+                          [](QuorvaneBackend& backend) { return backend.flushMessages(); });
+}
+
+}  // namespace quorvane

@@ -1,0 +1,58 @@
+#include "platform/Log.h"
+#include "platform/ValueFormat.h"
+#include "session/FileURL.h"
+#include "session/QuorvanedSession.h"
+#include "util/MessageLog.h"
+
+namespace quorvane {
+
+using platform::logDebug;
+using platform::logError;
+
+namespace {
+
+/// Whether any backend takes the upload; every one is asked.
+template <typename Upload>
+bool anyBackend(const BackendDictionary* backends, const Upload& upload) {
+    bool success = false;
+    if (backends == nullptr) return success;
+    for (const auto& [name, backend] : *backends) success |= upload(*backend);
+    return success;
+}
+
+}  // namespace
+
+void QuorvanedSession::uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
+                                        const std::function<void(bool)>& completionHandler) {
+    logDebug("uploadFileAtPath: Uploading file for session {}", sessionID());
+    uploadFileWithURL(fileURL, extensionToken, completionHandler);
+}
+
+void QuorvanedSession::uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
+                                         const std::function<void(bool)>& completionHandler) {
+    const std::optional<std::string> path = pathOfFileURL(fileURL);
+    const bool success = path && anyBackend(_backends.own().get(), [&](QuorvaneBackend& backend) {
+                             return backend.uploadFileAtPath(*path, extensionToken.c_str());
+                         });
+    if (success)
+        logDebug("uploadFileWithURL: File upload successful for {}", platform::orNull(path));
+    else
+        logError("uploadFileWithURL: File upload failed for {}", platform::orNull(path));
+    writeToLogFile("[uploadFileWithURL] Upload {} for file {}", success ? "succeeded" : "failed",
+                   absoluteString(fileURL));
+    if (completionHandler) completionHandler(success);
+}
+
+void QuorvanedSession::uploadLogData(
+    const Array& logData, const std::function<void(bool, const Answer& error)>& completionHandler) {
+    logDebug("uploadLogData: Uploading log data array: {}", logData);
+    const bool success = anyBackend(_backends.own().get(),
+                                    [&](QuorvaneBackend& backend) { return backend.uploadLogData(logData); });
+    if (success)
+        logDebug("uploadLogData: Log data array upload successful");
+    else
+        logError("uploadLogData: Log data array upload failed");
+    if (completionHandler) completionHandler(success, std::nullopt);
+}
+
+}  // namespace quorvane
