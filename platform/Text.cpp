@@ -1,0 +1,117 @@
+#include "platform/Text.h"
+
+#include <clocale>
+#include <cwctype>
+
+#include <algorithm>
+#include <cstdint>
+
+namespace quorvane::platform {
+
+namespace {
+
+/// A byte that starts no well-formed sequence stands for itself, above all code points.
+constexpr char32_t kRawByte = 0x110000;
+
+bool isAscii(char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+}
+
+bool isAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return isAscii(c); });
+}
+
+char loweredAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+}
+
+/// The bytes of the well-formed sequence (RFC 3629) that the text starts with; 1 for a byte on its own.
+std::size_t sequenceLength(std::string_view text) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char first = byte(0);
+    const std::size_t length = first < 0xc2 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 1;
+    if (length == 1 || text.size() < length) return 1;
+    for (std::size_t i = 1; i < length; ++i)
+        if ((byte(i) & 0xc0) != 0x80) return 1;
+    const unsigned char second = byte(1);
+    const bool overlong = (first == 0xe0 && second < 0xa0) || (first == 0xf0 && second < 0x90);
+    const bool outside = (first == 0xed && second >= 0xa0) || (first == 0xf4 && second >= 0x90);
+    return overlong || outside ? 1 : length;
+}
+
+/// Takes one code point, or one raw byte, off the front of the text, which is not empty.
+char32_t takeCodePoint(std::string_view& text) {
+    const std::size_t length = sequenceLength(text);
+    const auto first = static_cast<unsigned char>(text.front());
+    char32_t point = first;
+    if (length > 1) {
+        point = first & (0xffu >> (length + 1));
+        for (std::size_t i = 1; i < length; ++i)
+            point = (point << 6) | (static_cast<unsigned char>(text[i]) & 0x3fu);
+    } else if (first >= 0x80) {
+        point += kRawByte;
+    }
+    text.remove_prefix(length);
+    return point;
+}
+
+void appendCodePoint(std::string& out, char32_t point) {
+    const auto put = [&out](char32_t byte) { out += static_cast<char>(byte); };
+    const auto continuation = [&](unsigned shift) { put(0x80 | ((point >> shift) & 0x3f)); };
+    if (point < 0x80) {
+        put(point);
+    } else if (point >= kRawByte) {
+        put(point - kRawByte);
+    } else if (point < 0x800) {
+        put(0xc0 | (point >> 6));
+        continuation(0);
+    } else if (point < 0x10000) {
+        put(0xe0 | (point >> 12));
+        continuation(6);
+        continuation(0);
+    } else {
+        put(0xf0 | (point >> 18));
+        continuation(12);
+        continuation(6);
+        continuation(0);
+    }
+}
+
+/// The C library's Unicode tables; without them only ASCII has case.
+char32_t lowered(char32_t point) {
+    static const locale_t unicode = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    if (point >= kRawByte || unicode == nullptr) return point;
+    return static_cast<char32_t>(::towlower_l(static_cast<wint_t>(point), unicode));
+}
+
+char32_t takeLowered(std::string_view& text) {
+    if (!isAscii(text.front())) return lowered(takeCodePoint(text));
+    const char c = loweredAscii(text.front());
+    text.remove_prefix(1);
+    return static_cast<char32_t>(c);
+}
+
+}  // namespace
+
+std::string lowercased(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) appendCodePoint(out, takeLowered(text));
+    return out;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    while (!a.empty() && !b.empty())
+        if (takeLowered(a) != takeLowered(b)) return false;
+    return a.empty() && b.empty();
+}
+
+bool containsIgnoringCase(std::string_view text, std::string_view part) {
+    // Some letters outside ASCII, such as the sign of the kelvin, have their small letter inside it.
+    if (!isAscii(text) || !isAscii(part)) return lowercased(text).find(lowercased(part)) != std::string::npos;
+    return std::search(text.begin(), text.end(), part.begin(), part.end(),
+                       [](char a, char b) { return loweredAscii(a) == loweredAscii(b); }) != text.end() ||
+           part.empty();
+}
+
+}  // namespace quorvane::platform
