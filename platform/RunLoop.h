@@ -1,25 +1,25 @@
 #pragma once
 
-#include "platform/UniqueDescriptor.h"
+#include "platform/EventSource.h"
 
 #include <systemd/sd-event.h>
 
 #include <chrono>
-#include <functional>
 #include <list>
 #include <memory>
 
 namespace quorvane::platform {
 
-/// The main run loop: descriptors, signals and timers of one thread (sd-event(3)). Every operation but post()
+/// A run loop: descriptors, signals and timers of one thread (sd-event(3)). Every operation but post()
 /// belongs to that thread, and so do the handlers.
 class RunLoop {
   public:
-    using Handler = std::function<void()>;
+    using Handler = EventSource::Handler;
+    /// Whether the loop answers the launcher's watchdog, where the launcher asks for one.
+    enum class Watchdog { Answered, Ignored };
 
-    /// Null when the kernel refuses. Blocks the given signals in the calling thread, so call it before any
-    /// other thread starts.
-    static std::unique_ptr<RunLoop> init();
+    /// Null when the kernel refuses.
+    static std::unique_ptr<RunLoop> init(Watchdog watchdog = Watchdog::Answered);
     ~RunLoop();
     RunLoop(const RunLoop&) = delete;
     RunLoop& operator=(const RunLoop&) = delete;
@@ -28,6 +28,7 @@ class RunLoop {
     /// Turns a read source off and on again; off, its handler is not called however readable the descriptor
     /// is.
     void setReadSourceEnabled(int descriptor, bool enabled);
+    /// Blocks the signal in the calling thread, so call it before any other thread starts.
     bool addSignal(int signalNumber, Handler handler);
     /// Calls the handler once, so long from now.
     bool addTimer(std::chrono::milliseconds delay, Handler handler);
@@ -39,18 +40,18 @@ class RunLoop {
     int run();
     void exit(int status);
 
+    /// For sources that can be cancelled (EventSource.h).
+    sd_event* event() const { return _event; }
+
   private:
     struct Posted;
     struct Source {
-        sd_event_source* source = nullptr;
-        Handler handler;
-        RunLoop* loop = nullptr;
-        int descriptor = -1;
+        int descriptor = -1;  ///< Of a read source.
+        std::unique_ptr<EventSource> source;
     };
 
     RunLoop() = default;
-    bool keep(int result, Source& source);
-    Source& newSource(Handler handler);
+    bool keep(std::unique_ptr<EventSource> source, int descriptor = -1);
     void runPosted();
 
     sd_event* _event = nullptr;
