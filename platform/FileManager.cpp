@@ -75,9 +75,11 @@ bool removeFile(const std::string& path) {
     return ::unlink(path.c_str()) == 0;
 }
 
-bool appendToFile(const std::string& path, std::string_view bytes) {
+AppendResult appendToFile(const std::string& path, std::string_view bytes) {
     const UniqueDescriptor file = openFile(path, O_WRONLY | O_APPEND | O_NOFOLLOW);
-    return file && ::write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    if (!file) return AppendResult::OpenFailed;
+    const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
+    return written == static_cast<ssize_t>(bytes.size()) ? AppendResult::Appended : AppendResult::WriteFailed;
 }
 
 std::optional<Data> readFile(const std::string& path, std::size_t limit) {

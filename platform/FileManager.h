@@ -22,8 +22,9 @@ std::optional<Date> fileCreationDate(const std::string& path);
 /// Creates an empty file, mode 0640; an existing one is left as it is.
 bool createFile(const std::string& path);
 bool removeFile(const std::string& path);
-/// Appends the bytes in one write; false when the file cannot be opened or not all bytes went in.
-bool appendToFile(const std::string& path, std::string_view bytes);
+enum class AppendResult { Appended, OpenFailed, WriteFailed };
+/// Appends the bytes to a file that is there, in one write. WriteFailed also when only some went in.
+AppendResult appendToFile(const std::string& path, std::string_view bytes);
 /// The whole file; nothing when it cannot be read or is larger than the limit in bytes.
 std::optional<Data> readFile(const std::string& path, std::size_t limit = 64u << 20);
 /// Replaces the file as a whole (a temporary file beside it, then rename(2)).

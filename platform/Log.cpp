@@ -1,5 +1,7 @@
 #include "platform/Log.h"
 
+#include "platform/Text.h"
+
 #include <syslog.h>
 #include <unistd.h>
 
@@ -7,7 +9,6 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
-#include <iterator>
 #include <utility>
 
 #include <fmt/format.h>
@@ -56,22 +57,6 @@ bool isControl(char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
-std::string withoutControls(std::string_view line) {
-    std::string clean;
-    clean.reserve(line.size() + 8);
-    for (const char c : line) {
-        if (!isControl(c) || c == '\t')
-            clean += c;
-        else if (c == '\n')
-            clean += "\\n";
-        else if (c == '\r')
-            clean += "\\r";
-        else
-            fmt::format_to(std::back_inserter(clean), "\\x{:02x}", static_cast<unsigned char>(c));
-    }
-    return clean;
-}
-
 void emit(LogLevel level, const std::string& line) {
     if (const auto sink = logSink.load()) {
         sink(level, line);
@@ -105,7 +90,7 @@ void writeLog(LogLevel level, fmt::string_view format, fmt::format_args argument
     try {
         std::string line = fmt::vformat(format, arguments);
         if (!line.empty() && line.back() == '\n') line.pop_back();
-        emit(level, std::any_of(line.begin(), line.end(), isControl) ? withoutControls(line) : line);
+        emit(level, std::any_of(line.begin(), line.end(), isControl) ? escapedControls(line, "\t") : line);
     } catch (...) {
         ::syslog(LOG_ERR, "writeLog: a line could not be formatted");
     }

@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+
+#include <fmt/format.h>
 
 namespace quorvane::platform {
 
@@ -112,6 +115,23 @@ bool containsIgnoringCase(std::string_view text, std::string_view part) {
     return std::search(text.begin(), text.end(), part.begin(), part.end(),
                        [](char a, char b) { return loweredAscii(a) == loweredAscii(b); }) != text.end() ||
            part.empty();
+}
+
+std::string escapedControls(std::string_view text, std::string_view kept) {
+    std::string out;
+    out.reserve(text.size() + 8);
+    for (const char c : text) {
+        const bool control = static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+        if (!control || kept.find(c) != std::string_view::npos)
+            out += c;
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\r')
+            out += "\\r";
+        else
+            fmt::format_to(std::back_inserter(out), "\\x{:02x}", static_cast<unsigned char>(c));
+    }
+    return out;
 }
 
 }  // namespace quorvane::platform

@@ -14,4 +14,7 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b);
 /// Whether the part, which may be empty, stands somewhere in the text.
 bool containsIgnoringCase(std::string_view text, std::string_view part);
 
+/// The text with its ASCII control characters written as \n, \r or \xNN, all but the kept ones.
+std::string escapedControls(std::string_view text, std::string_view kept);
+
 }  // namespace quorvane::platform

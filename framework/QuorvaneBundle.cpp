@@ -1,0 +1,30 @@
+#include "framework/QuorvaneBundle.h"
+
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/PropertyList.h"
+#include "platform/Root.h"
+
+#include <variant>
+
+namespace quorvane {
+
+std::optional<std::string> bundleVersion() {
+    const std::string file = platform::rooted("/usr/share/quorvane/framework/Info.plist");
+    const std::optional<Data> bytes = platform::readFile(file);
+    if (!bytes) return std::nullopt;
+    const platform::PropertyListResult parsed = platform::parsePropertyList(*bytes);
+    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed)) {
+        platform::logError("bundleVersion: {}: {}", file, error->description);
+        return std::nullopt;
+    }
+    const Dictionary* info = std::get<Value>(parsed).dictionary();
+    const std::string* version = info != nullptr ? info->string("CFBundleVersion") : nullptr;
+    return version != nullptr ? std::optional(*version) : std::nullopt;
+}
+
+std::optional<Data> publicKeyResource() {
+    return platform::readFile(platform::rooted("/usr/share/quorvane/framework/publicKey.der"));
+}
+
+}  // namespace quorvane

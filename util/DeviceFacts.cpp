@@ -1,0 +1,73 @@
+#include "util/DeviceFacts.h"
+
+#include "framework/Keys.h"
+#include "platform/DeviceQuery.h"
+#include "platform/Text.h"
+#include "platform/UserDefaults.h"
+#include "platform/Uuid.h"
+
+#include <algorithm>
+
+namespace quorvane {
+
+namespace {
+
+std::string lowercasedName(const Dictionary* userInfo, std::string_view key) {
+    const std::string* name = userInfo != nullptr ? userInfo->string(key) : nullptr;
+    return name != nullptr ? platform::lowercased(*name) : std::string();
+}
+
+}  // namespace
+
+std::optional<std::string> productVersion() {
+    return platform::deviceInformation("ProductVersion");
+}
+
+std::optional<std::string> buildVersion() {
+    return platform::deviceInformation("BuildVersion");
+}
+
+std::optional<std::string> productType() {
+    return platform::deviceInformation("ProductType");
+}
+
+std::optional<std::string> deviceName() {
+    return platform::deviceInformation("DeviceName");
+}
+
+std::optional<std::string> hardwareModel() {
+    return platform::deviceInformation("HWModelStr");
+}
+
+std::optional<std::string> serialNumber() {
+    return platform::deviceInformation("SerialNumber");
+}
+
+bool isInternalBuild() {
+    static const bool internal = platform::deviceInformation("ReleaseType") == "Internal";
+    return internal;
+}
+
+void copyDeviceIdentifier(std::span<char> buffer) {
+    const std::optional<std::string> identifier = platform::deviceInformation("UniqueDeviceID");
+    if (!identifier || identifier->size() >= buffer.size()) return;
+    std::copy(identifier->begin(), identifier->end(), buffer.begin());
+    buffer[identifier->size()] = '\0';
+    buffer.back() = '\0';
+}
+
+std::string userInfoKey(const Dictionary* userInfo) {
+    return lowercasedName(userInfo, kQuorvaneUserInfoClientName) + ':' +
+           lowercasedName(userInfo, kQuorvaneUserInfoServiceName);
+}
+
+const std::string& processIdentifier() {
+    static const std::string identifier = platform::randomUuidText();
+    return identifier;
+}
+
+std::optional<std::string> daemonSetting(std::string_view key) {
+    return platform::userDefaultString(kQuorvaneDefaultsSuite, key);
+}
+
+}  // namespace quorvane

@@ -1,0 +1,56 @@
+#include "util/Environment.h"
+
+#include "platform/Log.h"
+#include "platform/UserDefaults.h"
+#include "util/DeviceFacts.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+namespace quorvane {
+
+namespace {
+
+constexpr std::array<std::string_view, 5> kSectionKeys{"", "development", "velmora_internal", "seed",
+                                                       "release"};
+
+std::once_flag settled;
+std::atomic<EnvironmentType> inForce{EnvironmentType::None};
+
+std::uint32_t environmentNumber() {
+    const std::optional<Value> stored = platform::userDefault(kQuorvaneDefaultsSuite, "environmentType");
+    if (!stored)
+        return static_cast<std::uint32_t>(isInternalBuild() ? EnvironmentType::Internal
+                                                            : EnvironmentType::Release);
+    const auto number = static_cast<std::uint32_t>(stored->integer());
+    if (number < kSectionKeys.size()) return number;
+    platform::logError("userDefaultsEnvironment: Invalid environment type {}", number);
+    return static_cast<std::uint32_t>(EnvironmentType::Internal);
+}
+
+}  // namespace
+
+EnvironmentType environmentType() {
+    std::call_once(settled, [] { inForce = userDefaultsEnvironment(); });
+    return inForce.load(std::memory_order_relaxed);
+}
+
+EnvironmentType userDefaultsEnvironment() {
+    const std::uint32_t number = environmentNumber();
+    platform::logInfo("userDefaultsEnvironment: Environment type {}", number);
+    return static_cast<EnvironmentType>(number);
+}
+
+std::string_view environmentSectionKey(EnvironmentType type) {
+    return kSectionKeys.at(static_cast<std::size_t>(type));
+}
+
+void replaceEnvironmentType(EnvironmentType type) {
+    std::call_once(settled, [] {});
+    inForce = type;
+}
+
+}  // namespace quorvane

@@ -1,0 +1,132 @@
+#include "util/MessageLog.h"
+
+#include "platform/Clock.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/Root.h"
+#include "platform/Text.h"
+
+#include <cerrno>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace quorvane {
+
+using platform::Date;
+using platform::logError;
+using platform::logInfo;
+
+namespace {
+
+constexpr std::string_view kDirectory = "/var/mobile/Library/Logs/Faultrel/Retired";
+constexpr std::string_view kPrefix = "quorvaned_";
+constexpr std::string_view kSuffix = "_messageLog.diag";
+constexpr std::int64_t kLifetimeMicroseconds = 86'400'000'000;
+
+struct LogFile {
+    std::string path;
+    std::optional<Date> created;
+};
+
+Date now() {
+    const platform::TimeValue time = platform::timeOfDay();
+    return {time.seconds * 1'000'000 + time.microseconds};
+}
+
+std::string dateText(const std::optional<Date>& date) {
+    return date ? platform::description(*date) : std::string(platform::absentText);
+}
+
+/// Whether the name is three pieces joined by "_", the outer two as given above.
+bool isLogFileName(std::string_view name) {
+    if (name.size() < kPrefix.size() + kSuffix.size()) return false;
+    if (!name.starts_with(kPrefix) || !name.ends_with(kSuffix)) return false;
+    name.remove_prefix(kPrefix.size());
+    name.remove_suffix(kSuffix.size());
+    return name.find('_') == std::string_view::npos;
+}
+
+/// The files of the message log; makes its directory when there is none.
+std::vector<LogFile> listLogFiles(const std::string& directory) {
+    std::error_code error;
+    std::vector<LogFile> files;
+    for (const std::string& name : platform::listDirectory(directory, error)) {
+        if (!isLogFileName(name)) continue;
+        std::string path = directory + '/' + name;
+        const std::optional<Date> created = platform::fileCreationDate(path);
+        files.push_back({std::move(path), created});
+    }
+    if (error.value() == ENOENT) {
+        logInfo("writeToLogFile: Creating quorvaned log directory at {}", directory);
+        platform::createDirectories(directory);
+    } else if (error) {
+        logError("writeToLogFile: Error reading from log directory: {}", error.message());
+    }
+    return files;
+}
+
+void deleteLogFile(const LogFile& file) {
+    platform::removeFile(file.path);
+    logInfo("writeToLogFile: Deleted expired quorvaned log file {} ({})", file.path, dateText(file.created));
+}
+
+bool expired(const LogFile& file, Date at) {
+    return file.created && at.microseconds - file.created->microseconds > kLifetimeMicroseconds;
+}
+
+/// The file created last of those younger than a day; the others are deleted.
+std::optional<LogFile> currentLogFile(std::vector<LogFile> files, Date at) {
+    std::optional<LogFile> chosen;
+    for (LogFile& file : files) {
+        if (expired(file, at)) {
+            deleteLogFile(file);
+        } else if (!chosen || !chosen->created) {
+            // A chosen file without a date is let go of, but it stays on the disk.
+            chosen = std::move(file);
+        } else if (file.created > chosen->created) {
+            deleteLogFile(std::exchange(*chosen, std::move(file)));
+        } else {
+            deleteLogFile(file);
+        }
+    }
+    return chosen;
+}
+
+std::optional<LogFile> createLogFile(const std::string& directory, Date at) {
+    LogFile file{fmt::format("{}/{}{}{}", directory, kPrefix, at.microseconds / 1'000'000, kSuffix), {}};
+    platform::createFile(file.path);
+    if (!platform::fileExists(file.path)) {
+        logError("writeToLogFile: Failed to create new quorvaned log file {}", file.path);
+        return std::nullopt;
+    }
+    file.created = platform::fileCreationDate(file.path);
+    logInfo("writeToLogFile: Created new quorvaned log file {} ({})", file.path, dateText(file.created));
+    return file;
+}
+
+void append(const LogFile& file, std::string_view message, Date at) {
+    // A message is several lines where it holds JSON printed for reading; no other control character passes.
+    const std::string line =
+        fmt::format("({}) {}\n", platform::description(at), platform::escapedControls(message, "\n\t"));
+    if (platform::appendToFile(file.path, line) == platform::AppendResult::WriteFailed)
+        deleteLogFile(file);
+    else
+        logInfo("writeToLogFile: Saved log message to {}", file.path);
+}
+
+}  // namespace
+
+void writeToLogFile(std::string_view message) {
+    const std::string directory = platform::rooted(kDirectory);
+    const Date at = now();
+    std::optional<LogFile> file = currentLogFile(listLogFiles(directory), at);
+    if (!file) file = createLogFile(directory, at);
+    if (file) append(*file, message, at);
+}
+
+}  // namespace quorvane
