@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -22,6 +23,17 @@ bool isAscii(char c) {
 
 bool isAscii(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return isAscii(c); });
+}
+
+/// How many bytes at the front are ASCII, in steps of eight.
+std::size_t asciiWords(std::string_view text) {
+    constexpr std::uint64_t highBits = 0x8080'8080'8080'8080;
+    std::size_t count = 0;
+    for (std::uint64_t word = 0; text.size() - count >= sizeof word; count += sizeof word) {
+        std::memcpy(&word, text.data() + count, sizeof word);
+        if ((word & highBits) != 0) break;
+    }
+    return count;
 }
 
 char loweredAscii(char c) {
@@ -115,6 +127,16 @@ bool containsIgnoringCase(std::string_view text, std::string_view part) {
     return std::search(text.begin(), text.end(), part.begin(), part.end(),
                        [](char a, char b) { return loweredAscii(a) == loweredAscii(b); }) != text.end() ||
            part.empty();
+}
+
+bool isUtf8(std::string_view text) {
+    for (;;) {
+        text.remove_prefix(asciiWords(text));
+        if (text.empty()) return true;
+        const std::size_t length = sequenceLength(text);
+        if (length == 1 && !isAscii(text.front())) return false;
+        text.remove_prefix(length);
+    }
 }
 
 std::string escapedControls(std::string_view text, std::string_view kept) {

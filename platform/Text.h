@@ -14,6 +14,9 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b);
 /// Whether the part, which may be empty, stands somewhere in the text.
 bool containsIgnoringCase(std::string_view text, std::string_view part);
 
+/// Whether the text is well-formed UTF-8 (RFC 3629).
+bool isUtf8(std::string_view text);
+
 /// The text with its ASCII control characters written as \n, \r or \xNN, all but the kept ones.
 std::string escapedControls(std::string_view text, std::string_view kept);
 

@@ -133,6 +133,36 @@ void insertOrAssign(Entries& entries, Key&& key, Value&& value) {
 
 }  // namespace
 
+namespace {
+
+bool before(const Dictionary::Entry& a, const Dictionary::Entry& b) {
+    return a.key < b.key;
+}
+
+/// Stable. A payload's few keys, mostly in order already, are put in place without the scratch memory that
+/// std::stable_sort takes.
+void sortByKey(std::vector<Dictionary::Entry>& entries) {
+    constexpr std::size_t few = 32;
+    if (entries.size() > few) {
+        std::stable_sort(entries.begin(), entries.end(), before);
+        return;
+    }
+    for (auto at = entries.begin(); at != entries.end(); ++at)
+        std::rotate(std::upper_bound(entries.begin(), at, *at, before), at, at + 1);
+}
+
+}  // namespace
+
+Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
+    sortByKey(entries);
+    // Backwards, so that std::unique, which keeps the first of equal ones, keeps the last.
+    const auto sameKey = [](const Entry& a, const Entry& b) { return a.key == b.key; };
+    entries.erase(entries.begin(), std::unique(entries.rbegin(), entries.rend(), sameKey).base());
+    Dictionary result;
+    result._entries = std::move(entries);
+    return result;
+}
+
 const Value* Dictionary::find(std::string_view key) const {
     const auto at = lowerBound(_entries, key);
     return at != _entries.end() && at->key == key ? &at->value : nullptr;

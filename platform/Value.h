@@ -30,6 +30,8 @@ class Dictionary {
 
     Dictionary();
     Dictionary(std::initializer_list<Entry> entries);
+    /// A dictionary of the entries, whatever their order; of two with the same key the later one counts.
+    static Dictionary fromEntries(std::vector<Entry> entries);
     Dictionary(const Dictionary& other);
     Dictionary(Dictionary&& other) noexcept;
     Dictionary& operator=(const Dictionary& other);
