@@ -1,0 +1,135 @@
+#include "collector/EventEnvelope.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace quorvane::collector {
+
+namespace {
+
+enum class Shape { Text, Number, Whole, Whole16, Whole8 };
+
+struct RecordKey {
+    std::string_view name;
+    Shape shape;
+};
+
+constexpr std::array<RecordKey, 15> kRecordKeys{{{"_build", Shape::Text},
+                                                 {"_clientTS", Shape::Number},
+                                                 {"_clientVersion", Shape::Whole16},
+                                                 {"_eventNumber", Shape::Whole16},
+                                                 {"_internal", Shape::Whole8},
+                                                 {"_method", Shape::Whole16},
+                                                 {"_osVersion", Shape::Text},
+                                                 {"_productFamily", Shape::Text},
+                                                 {"_productModel", Shape::Text},
+                                                 {"_reportVers", Shape::Text},
+                                                 {"_sender", Shape::Text},
+                                                 {"_startTS", Shape::Whole},
+                                                 {"_status", Shape::Whole16},
+                                                 {"_timezoneOffset", Shape::Whole},
+                                                 {"eventTime", Shape::Number}}};
+
+bool isNumber(const Value& value) {
+    return value.isNumber() && value.kind() != Value::Kind::Boolean;
+}
+
+bool isWhole(const Value& value) {
+    return value.kind() == Value::Kind::Signed || value.kind() == Value::Kind::Unsigned;
+}
+
+bool isWholeUpTo(const Value& value, std::int64_t maximum) {
+    return isWhole(value) && value.integer() >= 0 && value.integer() <= maximum;
+}
+
+bool isDigest(const Value& value) {
+    const std::string* text = value.string();
+    return text != nullptr && text->size() == 64 &&
+           text->find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+bool hasShape(const Value& value, Shape shape) {
+    switch (shape) {
+        case Shape::Text:
+            return value.string() != nullptr;
+        case Shape::Number:
+            return isNumber(value) || isDigest(value);
+        case Shape::Whole:
+            return isWhole(value) || isDigest(value);
+        case Shape::Whole16:
+            return isWholeUpTo(value, std::numeric_limits<std::uint16_t>::max()) || isDigest(value);
+        case Shape::Whole8:
+            return isWholeUpTo(value, std::numeric_limits<std::uint8_t>::max()) || isDigest(value);
+    }
+    return false;
+}
+
+std::string_view described(Shape shape) {
+    switch (shape) {
+        case Shape::Text:
+            return "a text";
+        case Shape::Number:
+            return "a number";
+        case Shape::Whole:
+            return "a whole number";
+        case Shape::Whole16:
+            return "a whole number from 0 to 65535";
+        case Shape::Whole8:
+            return "a whole number from 0 to 255";
+    }
+    return "";
+}
+
+/// What is wrong with the record; nothing when nothing is.
+std::optional<std::string> faultOfRecord(const Value& event, const RemovedKeys& removed) {
+    const Dictionary* record = event.dictionary();
+    if (record == nullptr) return "is no object";
+    for (const RecordKey& key : kRecordKeys) {
+        const Value* value = record->find(key.name);
+        if (value == nullptr && !removed.contains(key.name)) return fmt::format("has no '{}'", key.name);
+        if (value != nullptr && !hasShape(*value, key.shape))
+            return fmt::format("has a '{}' that is not {}", key.name, described(key.shape));
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string_view> faultOfEnvelope(const Dictionary* envelope) {
+    if (envelope == nullptr) return "the message is no object";
+    const Value* postTime = envelope->find("postTime");
+    if (postTime == nullptr || !isNumber(*postTime)) return "'postTime' is not a number";
+    if (envelope->contains("clientId") != envelope->contains("events"))
+        return "'clientId' and 'events' come together or not at all";
+    if (!envelope->contains("events")) return std::nullopt;
+    if (envelope->string("clientId") == nullptr) return "'clientId' is not a text";
+    if (envelope->array("events") == nullptr) return "'events' is not an array";
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::variant<EventEnvelope, EnvelopeFault> checkEnvelope(Value message, const RemovedKeys& removed) {
+    Dictionary* envelope = message.dictionary();
+    if (const auto fault = faultOfEnvelope(envelope)) return EnvelopeFault{std::string(*fault)};
+    EventEnvelope result;
+    result.postTime = envelope->find("postTime")->real();
+    if (const std::string* clientID = envelope->string("clientId")) result.clientID = *clientID;
+    if (Value* events = envelope->find("events")) result.events = std::move(*events->array());
+    for (std::size_t index = 0; index < result.events.size(); ++index)
+        if (const auto fault = faultOfRecord(result.events[index], removed))
+            return EnvelopeFault{fmt::format("event {} {}", index, *fault)};
+    return result;
+}
+
+bool isRecordKey(std::string_view key) {
+    return std::any_of(kRecordKeys.begin(), kRecordKeys.end(),
+                       [&](const RecordKey& known) { return known.name == key; });
+}
+
+}  // namespace quorvane::collector

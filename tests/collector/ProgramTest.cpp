@@ -1,0 +1,125 @@
+#include "tests/collector/CollectorFixture.h"
+#include "tests/support/TestCertificate.h"
+
+#include <sys/stat.h>
+#include <csignal>
+
+#include <chrono>
+
+#include <fmt/format.h>
+
+namespace quorvane::test {
+
+namespace {
+
+class ProgramTest : public CollectorTest {
+  protected:
+    /// What curl, which verifies as the daemon does, says to the URL: 0 when the certificate is trusted.
+    int curl(const std::string& host, const std::filesystem::path& trusted) const {
+        return runProgram({"/usr/bin/curl", "--silent", "--cacert", trusted, "--resolve",
+                           fmt::format("collector.example:{}:127.0.0.1", port()),
+                           fmt::format("https://{}:{}/bags/x", host, port())})
+            .status;
+    }
+};
+
+constexpr int kCurlUntrusted = 60;
+
+}  // namespace
+
+TEST_F(ProgramTest, MakesACertificateForItsNamesThatNobodyElseTrusts) {
+    start({"--name", "collector.example"});
+    EXPECT_EQ(curl("127.0.0.1", trust()), 0);
+    EXPECT_EQ(curl("localhost", trust()), 0);
+    EXPECT_EQ(curl("collector.example", trust()), 0);
+    EXPECT_EQ(curl("127.0.0.1", "/etc/ssl/certs/ca-certificates.crt"), kCurlUntrusted);
+    EXPECT_EQ(readFile(trust()).find("PRIVATE"), std::string::npos);
+
+    // A second start's certificate is another one, and a trust store may hold both.
+    const std::string first = readFile(trust());
+    start();
+    EXPECT_NE(readFile(trust()), first);
+    writeFile(folder() / "both.pem", first + readFile(trust()));
+    EXPECT_EQ(curl("127.0.0.1", folder() / "both.pem"), 0);
+    EXPECT_EQ(curl("collector.example", folder() / "both.pem"), kCurlUntrusted);
+}
+
+TEST_F(ProgramTest, ShowsTheCertificateItIsGiven) {
+    const TestCertificate certificate = makeTestCertificate();
+    writeFile(folder() / "certificate.pem", certificate.certificate);
+    writeFile(folder() / "key.pem", certificate.key);
+    start({"--certificate", folder() / "certificate.pem", "--key", folder() / "key.pem"});
+    EXPECT_EQ(curl("127.0.0.1", folder() / "certificate.pem"), 0);
+}
+
+TEST_F(ProgramTest, TellsWhereItListens) {
+    start({"--ready-file", folder() / "ready"});
+    EXPECT_EQ(readFile(folder() / "ready"), fmt::format("Listening on https://127.0.0.1:{}\n", port()));
+    EXPECT_EQ(collector().output(), readFile(folder() / "ready"));
+}
+
+TEST_F(ProgramTest, PrintsEventsWithoutAFile) {
+    const auto program =
+        ChildProcess::start({QUORVANE_COLLECTOR, "--port", "0", "--quiet", "--trust-out", trust()});
+    ASSERT_TRUE(program);
+    ASSERT_TRUE(program->waitForOutput("\n"));
+    const std::string url = program->output().substr(std::string("Listening on ").size());
+    httplib::Client client(url.substr(0, url.size() - 1));
+    client.set_ca_cert_path(trust().c_str());
+    EXPECT_EQ(client.Post("/events", message(), "application/json")->status, 200);
+    EXPECT_TRUE(program->waitForOutput("\"_eventNumber\":0"));
+    EXPECT_EQ(program->terminate(), 0);
+    EXPECT_EQ(program->errors(), "");
+}
+
+TEST_F(ProgramTest, EndsAtOnceWhateverIsConnected) {
+    start();
+    const auto idle = client();
+    idle->set_keep_alive(true);
+    EXPECT_EQ(idle->Get("/bags/x")->status, 404);
+    RawConnection half(port());
+    half.send("POST /events HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: 1000\r\n\r\n{");
+    const auto before = std::chrono::steady_clock::now();
+    collector().signal(SIGINT);
+    EXPECT_EQ(collector().wait(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
+}
+
+TEST_F(ProgramTest, GoesOnInANewFileWhenTheOldOneWasMoved) {
+    start();
+    EXPECT_EQ(client()->Post("/events", message(), "application/json")->status, 200);
+    std::filesystem::rename(events(), folder() / "moved");
+    collector().signal(SIGHUP);
+    ASSERT_TRUE(collector().waitForErrors("anew"));
+    EXPECT_EQ(client()->Post("/events", message(2), "application/json")->status, 200);
+    EXPECT_EQ(lines().size(), 2u);
+}
+
+TEST_F(ProgramTest, SaysWhyItCannotStart) {
+    start();
+    const std::string key = folder() / "key.pem";
+    writeFile(key, makeTestCertificate().key);
+    writeFile(folder() / "other.pem", makeTestCertificate().certificate);
+    const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
+        {{"--port", std::to_string(port())}, "cannot listen on 127.0.0.1 port"},
+        {{"--bags", folder() / "none"}, "cannot read the folder"},
+        {{"--events", folder() / "none/events"}, "cannot open"},
+        {{"--trust-out", events() / "x.pem"}, "cannot write"},
+        {{"--name", "a,IP:1.2.3.4"}, "neither a host name nor an address"},
+        {{"--certificate", key}, "--key"},
+        {{"--certificate", folder() / "none", "--key", key}, "cannot read"},
+        {{"--certificate", key, "--key", key}, "the certificate is not usable"},
+        {{"--certificate", folder() / "other.pem", "--key", key}, "the key is not usable"},
+        {{"--removed-key", "note"}, "not a key that every record has"},
+        {{"--port", "70000"}, "--port"}};
+    for (const auto& [further, reason] : wrong) {
+        std::vector<std::string> args{QUORVANE_COLLECTOR, "--port", "0"};
+        if (further.front() == "--port") args.resize(1);
+        args.insert(args.end(), further.begin(), further.end());
+        const auto result = runProgram(args);
+        EXPECT_GT(result.status, 0) << reason;
+        EXPECT_NE(result.errors.find(reason), std::string::npos) << result.errors;
+    }
+}
+
+}  // namespace quorvane::test
