@@ -1,3 +1,4 @@
+#include "backends/DashboardBackend.h"
 #include "backends/HTTPSPostBackend.h"
 #include "backends/QuorvaneBackend.h"
 #include "framework/Keys.h"
@@ -23,6 +24,7 @@ struct Maker {
 };
 
 constexpr Maker makers[] = {
+    {kQuorvaneBackendDashboard, make<DashboardBackend>},
     {kQuorvaneBackendHTTPPost, make<HTTPSPostBackend>},
     {kQuorvaneBackendHTTPPost2, make<HTTPSPostBackend>},
 };

@@ -1,0 +1,145 @@
+#include "backends/DashboardBackend.h"
+
+#include "tests/backends/BackendFixture.h"
+#include "tests/backends/UdpCollector.h"
+
+#include <sys/resource.h>
+
+#include <string>
+
+namespace quorvane {
+namespace {
+
+using Text = QuorvaneBackend::Text;
+
+class DashboardBackendTest : public BackendFixture {
+  protected:
+    std::shared_ptr<const Dictionary> profile(Dictionary further = {}) const {
+        further.set("ip", "127.0.0.1");
+        further.set("port", _collector.port());
+        return std::make_shared<const Dictionary>(std::move(further));
+    }
+
+    std::shared_ptr<DashboardBackend> backend(Dictionary further = {}) const {
+        auto made = DashboardBackend::initWithName("dashboard", profile(std::move(further)), "Fernlight");
+        EXPECT_NE(made, nullptr);
+        made->setCompType(7);
+        made->setClientVersion(0x0102);
+        made->setSessionID(0x01020304);
+        made->setUdid("0123456789abcdef");
+        made->setSelfVersion("7.1");
+        return made;
+    }
+
+    static Text sendTo(DashboardBackend& backend, const Dictionary& message) {
+        return backend.sendMessage(&message, {12, 345'678}, 0x1112, 0x1314, EventID{0x1516});
+    }
+
+    /// What arrives behind the header.
+    std::string textOf(const Dictionary& message) {
+        const auto sender = backend();
+        sendTo(*sender, message);
+        const Data datagram = _collector.receive().value_or(Data(64));
+        EXPECT_EQ(static_cast<std::uint16_t>(~(datagram[14] << 8 | datagram[15])), datagram.size());
+        return {datagram.begin() + 64, datagram.end()};
+    }
+
+    UdpCollector _collector;
+};
+
+TEST_F(DashboardBackendTest, SendsTheHeaderAloneForAnEmptyMessage) {
+    const auto plain = backend();
+    sendTo(*plain, {});
+    Data expected{7,    7,    1,    86,   0,    0,    0,    12,   0xfe, 0xfd,
+                  0xfc, 0xfb, 0xfe, 0xfd, 0xff, 0xbf, 0x11, 0x12, 0x13, 0x14};
+    for (const char c : std::string("0123456789abcdef")) expected.push_back(static_cast<std::uint8_t>(c));
+    expected.resize(60);
+    expected.insert(expected.end(), {0x15, 0x16, 0, 0});
+    EXPECT_EQ(_collector.receive(), expected);
+}
+
+TEST_F(DashboardBackendTest, TellsReliableDeliveryAndExplicitAddressInTheFlags) {
+    const auto flagsOf = [&](const std::shared_ptr<DashboardBackend>& sender) {
+        sendTo(*sender, {});
+        return _collector.receive().value_or(Data(64))[63];
+    };
+    EXPECT_EQ(flagsOf(backend({{"reliable", 3'600'000}})), 1);
+    EXPECT_EQ(flagsOf(DashboardBackend::initWithName("dashboard", "127.0.0.1", _collector.port(), "F")), 3);
+}
+
+TEST_F(DashboardBackendTest, WritesTheShortestValuesFirstAndEscapesThem) {
+    EXPECT_EQ(
+        textOf({{"z", "a=b"}, {"y", "\\"}, {"x", "\n"}, {"w", Array{1, 2, 3}}, {"v", 12345}, {"a b=", true}}),
+        " a b==1 x=empty y=\\\\ z=a\\=b w=null v=12345");
+    EXPECT_EQ(textOf({{"date", Date{}}, {"data", Data{1}}, {"half", 0.5}, {"gone", std::string("a\0b", 3)}}),
+              " gone=a half=0.5 data=null date=null");
+}
+
+TEST_F(DashboardBackendTest, CutsTheTextAt1023Bytes) {
+    EXPECT_EQ(textOf({{"k", std::string(1'020, 'x')}}), " k=" + std::string(1'020, 'x'));
+    EXPECT_EQ(textOf({{"k", std::string(5'000, 'x')}}), " k=" + std::string(1'020, 'x'));
+    EXPECT_EQ(textOf({{std::string(5'000, 'k'), "x"}}), " " + std::string(1'022, 'k'));
+}
+
+TEST_F(DashboardBackendTest, AnswersWithOneLineForTheLocalLog) {
+    const auto sender = backend();
+    EXPECT_EQ(sendTo(*sender, {{"a", 1}}),
+              "12.344 0123456789abcdef 127.0.0.1 CFX   258 16909060  5398  4370  4884  a=1");
+    EXPECT_EQ(sendTo(*sender, {{"a\r\nforged", "b\rc"}}).value_or("").find("4884  a\\r\\nforged=b\\rc"), 66u);
+}
+
+TEST_F(DashboardBackendTest, SurvivesFactsOutOfRange) {
+    const auto sender = backend();
+    sender->setUdid(nullptr);
+    for (const int type : {-1, 12, 255, 256 + 7}) {
+        sender->setCompType(type);
+        EXPECT_EQ(sendTo(*sender, {}).value_or("").find(type == 263 ? "127.0.0.1 CFX" : "127.0.0.1 UNK"), 8u);
+    }
+    EXPECT_NE(sender->sendMessage(nullptr, {-1, 999'999}, 0, 0, EventID{0}), std::nullopt);
+    sender->setUdid("0123456789012345678901234567890123456789 and more");
+    EXPECT_EQ(sendTo(*sender, {}).value_or("").find("0123456789012345678901234567890123456789 127."), 7u);
+}
+
+TEST_F(DashboardBackendTest, DropsTheSessionsOwnEvents) {
+    const std::shared_ptr<QuorvaneBackend> sender = backend();
+    EXPECT_EQ(send(*sender, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(_collector.receive(std::chrono::milliseconds(0)), std::nullopt);
+}
+
+TEST_F(DashboardBackendTest, TakesWhatTheProfileSays) {
+    const auto made = backend({{"display_url", "https://display.invalid/"}});
+    EXPECT_EQ(made->displayURL(), "https://display.invalid/");
+    EXPECT_EQ(made->name(), "dashboard");
+    EXPECT_EQ(made->productFamily(), "Fernlight");
+}
+
+TEST_F(DashboardBackendTest, RefusesAProfileWithoutACollector) {
+    const auto refused = [&](const Dictionary& profile, const char* line) {
+        EXPECT_EQ(
+            DashboardBackend::initWithName("dashboard", std::make_shared<const Dictionary>(profile), "F"),
+            nullptr);
+        EXPECT_EQ(logged(std::string("<3>DashboardBackend(initWithName): ") + line), 1u) << line;
+    };
+    refused({{"port", 1}}, "can't resolve server IP");
+    refused({{"ip", "127.0.0.1"}}, "can't resolve server port");
+    refused({{"ip", "collector.invalid"}, {"port", 9}}, "socket connect() failed.");
+    EXPECT_EQ(DashboardBackend::initWithName("dashboard", nullptr, std::nullopt, 9, "F"), nullptr);
+    EXPECT_EQ(logged("<3>DashboardBackend(initWithName): initWitName with all null params."), 1u);
+    EXPECT_EQ(DashboardBackend::initWithName("dashboard", "127.0.0.1", 0, "F"), nullptr);
+    EXPECT_EQ(logged("<3>"), 4u);
+}
+
+TEST_F(DashboardBackendTest, RefusesWhenDescriptorsRunOut) {
+    backend();  // The event thread runs.
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto made = DashboardBackend::initWithName("dashboard", profile(), "F");
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(made, nullptr);
+    EXPECT_EQ(logged("<3>DashboardBackend(initWithName): socket() failed (24)"), 1u);
+}
+
+}  // namespace
+}  // namespace quorvane

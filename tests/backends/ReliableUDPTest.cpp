@@ -1,0 +1,278 @@
+#include "backends/DashboardBackend.h"
+#include "tests/backends/BackendFixture.h"
+#include "tests/backends/UdpCollector.h"
+
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace quorvane {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+
+/// The timer's own period is an hour here: the tests tick.
+class ReliableUDPTest : public BackendFixture {
+  protected:
+    static std::shared_ptr<DashboardBackend> backend(std::uint16_t port,
+                                                     std::optional<int> reliable = 3'600'000) {
+        Dictionary profile{{"ip", "127.0.0.1"}, {"port", port}};
+        if (reliable) profile.set("reliable", *reliable);
+        return DashboardBackend::initWithName("dashboard",
+                                              std::make_shared<const Dictionary>(std::move(profile)), "F");
+    }
+
+    static void sendEvent(DashboardBackend& backend, std::uint16_t eventID) {
+        const Dictionary message{{"n", eventID}};
+        backend.sendMessage(&message, {12, 0}, 1, 0, EventID{eventID});
+        backend.networkProcQueue().perform([] {});
+    }
+
+    static void tick(DashboardBackend& backend) {
+        backend.networkProcQueue().perform([&] { backend.myPeriodicTask(); });
+    }
+
+    static std::vector<int> waiting(DashboardBackend& backend) {
+        std::vector<int> events;
+        backend.networkProcQueue().perform([&] {
+            for (const UDPPacketToSend& packet : backend.messageQueue()) events.push_back(packet.eventNumber);
+        });
+        return events;
+    }
+
+    static bool isClosed(DashboardBackend& backend) {
+        bool closed = false;
+        backend.networkProcQueue().perform([&] { closed = backend.socketDescriptor() < 0; });
+        return closed;
+    }
+
+    template <typename Condition>
+    static bool comes(const Condition& condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!condition())
+            if (std::chrono::steady_clock::now() > end) return false;
+        return true;
+    }
+
+    /// Acknowledgements arrive one after another, so what came before this one has been handled too.
+    bool flushReplies(DashboardBackend& backend) {
+        sendEvent(backend, kLast);
+        _collector.receive();
+        _collector.acknowledge(kLast);
+        return comes([&] {
+            const auto events = waiting(backend);
+            return std::find(events.begin(), events.end(), kLast) == events.end();
+        });
+    }
+
+    static constexpr std::uint16_t kLast = 0xffff;
+    UdpCollector _collector;
+};
+
+TEST_F(ReliableUDPTest, SendsFiveTimesInAllAndGivesUpOnTick20) {
+    const auto sender = backend(_collector.port());
+    sendEvent(*sender, 1);
+    const auto first = _collector.receive();
+    std::vector<int> retransmissions;
+    for (int at = 1; at < 20; ++at) {
+        tick(*sender);
+        for (auto again = _collector.receive(milliseconds(0)); again;
+             again = _collector.receive(milliseconds(0))) {
+            EXPECT_EQ(again, first);
+            retransmissions.push_back(at);
+        }
+        EXPECT_THAT(waiting(*sender), ElementsAre(1)) << at;
+    }
+    EXPECT_THAT(retransmissions, ElementsAre(2, 5, 10, 19));
+    tick(*sender);
+    EXPECT_THAT(waiting(*sender), ElementsAre());
+    EXPECT_EQ(_collector.receiveAll(), 0);
+}
+
+TEST_F(ReliableUDPTest, AnAcknowledgementEndsItsDatagramHoweverLate) {
+    const auto sender = backend(_collector.port());
+    for (const std::uint16_t event : {1, 2, 3}) sendEvent(*sender, event);
+    EXPECT_EQ(_collector.receiveAll(), 3);
+    for (int at = 1; at <= 5; ++at) tick(*sender);
+    EXPECT_EQ(_collector.receiveAll(), 6);
+    _collector.acknowledge(2);
+    EXPECT_TRUE(comes([&] { return waiting(*sender) == std::vector{1, 3}; }));
+    for (int at = 6; at <= 20; ++at) tick(*sender);
+    EXPECT_EQ(_collector.receiveAll(), 4);
+}
+
+TEST_F(ReliableUDPTest, AnAcknowledgementEndsTheOldestOfItsNumberAndNoOther) {
+    const auto sender = backend(_collector.port());
+    for (const std::uint16_t event : {7, 8, 7}) sendEvent(*sender, event);
+    _collector.receiveAll();
+    _collector.acknowledge(9);
+    _collector.acknowledge(7);
+    ASSERT_TRUE(flushReplies(*sender));
+    EXPECT_THAT(waiting(*sender), ElementsAre(8, 7));
+    _collector.acknowledge(8);
+    _collector.acknowledge(8);
+    ASSERT_TRUE(flushReplies(*sender));
+    EXPECT_THAT(waiting(*sender), ElementsAre(7));
+}
+
+TEST_F(ReliableUDPTest, IgnoresRepliesThatNameNoEvent) {
+    const auto sender = backend(_collector.port());
+    sendEvent(*sender, 0);
+    _collector.receiveAll();
+    for (const std::size_t size : {0, 1, 61}) _collector.reply(Data(size));
+    ASSERT_TRUE(flushReplies(*sender));
+    EXPECT_THAT(waiting(*sender), ElementsAre(0));
+    _collector.reply(Data(62));
+    EXPECT_TRUE(comes([&] { return waiting(*sender).empty(); }));
+    sendEvent(*sender, 1);
+    Data long_(1'500);
+    long_[61] = 1;
+    _collector.reply(long_);
+    EXPECT_TRUE(comes([&] { return waiting(*sender).empty(); }));
+}
+
+TEST_F(ReliableUDPTest, TheFiftyFirstPushesTheOldestOut) {
+    const auto sender = backend(_collector.port());
+    for (std::uint16_t event = 1; event <= 51; ++event) sendEvent(*sender, event);
+    const auto events = waiting(*sender);
+    EXPECT_EQ(events.size(), 50u);
+    EXPECT_EQ(events.front(), 2);
+    EXPECT_EQ(events.back(), 51);
+}
+
+TEST_F(ReliableUDPTest, GivesUpWhereNobodyListens) {
+    const std::uint16_t port = UdpCollector().port();
+    const auto sender = backend(port);
+    sendEvent(*sender, 1);
+    int ticks = 0;
+    for (; !waiting(*sender).empty() && ticks < 40; ++ticks) tick(*sender);
+    // A refusal that is told to a send costs that datagram one more tick.
+    EXPECT_GE(ticks, 20);
+    EXPECT_LE(ticks, 24);
+}
+
+TEST_F(ReliableUDPTest, PlainDeliveryKeepsOnlyWhatCouldNotBeSent) {
+    const auto sender = backend(_collector.port(), std::nullopt);
+    sendEvent(*sender, 1);
+    EXPECT_THAT(waiting(*sender), ElementsAre());
+    EXPECT_EQ(_collector.receiveAll(), 1);
+
+    // Disconnected, the socket can send nothing.
+    sockaddr_in address{};
+    int descriptor = -1;
+    sender->networkProcQueue().perform([&] { descriptor = sender->socketDescriptor(); });
+    socklen_t size = sizeof address;
+    ASSERT_EQ(::getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    ASSERT_EQ(::connect(descriptor, &nobody, sizeof nobody), 0);
+    sendEvent(*sender, 2);
+    sendEvent(*sender, 3);
+    for (int at = 0; at < 30; ++at) tick(*sender);
+    EXPECT_THAT(waiting(*sender), ElementsAre(2, 3));
+
+    ASSERT_EQ(::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), size), 0);
+    tick(*sender);
+    EXPECT_THAT(waiting(*sender), ElementsAre());
+    EXPECT_EQ(_collector.receiveAll(), 2);
+}
+
+TEST_F(ReliableUDPTest, EveryDatagramArrivesOrIsGivenUpAfterFiveSendsWhenAFifthIsLost) {
+    std::mt19937 random(20'251'116);
+    const auto isLost = [&] { return random() % 5 == 0; };
+    const auto sender = backend(_collector.port());
+    std::map<int, int> sends;
+    std::set<int> acknowledged;
+    std::set<int> arrived;
+    std::uint16_t event = 0;
+    constexpr int kRounds = 8;
+    for (int round = 0; round < kRounds; ++round) {
+        for (int count = 0; count < 50; ++count) sendEvent(*sender, ++event);
+        for (int at = 0; at <= 20; ++at) {
+            if (at > 0) tick(*sender);
+            while (const auto datagram = _collector.receive(milliseconds(0))) {
+                const int number = eventNumberOf(*datagram);
+                ++sends[number];
+                if (isLost()) continue;
+                arrived.insert(number);
+                if (isLost()) continue;
+                acknowledged.insert(number);
+                _collector.acknowledge(static_cast<std::uint16_t>(number));
+            }
+            ASSERT_TRUE(comes([&] {
+                const auto events = waiting(*sender);
+                return std::none_of(events.begin(), events.end(),
+                                    [&](int number) { return acknowledged.contains(number); });
+            }));
+        }
+        EXPECT_THAT(waiting(*sender), ElementsAre());
+    }
+    ASSERT_EQ(sends.size(), 50u * kRounds);
+    int givenUp = 0;
+    for (const auto& [number, count] : sends) {
+        if (acknowledged.contains(number)) {
+            EXPECT_LE(count, 5) << number;
+        } else {
+            ++givenUp;
+            EXPECT_EQ(count, 5) << number;
+        }
+    }
+    EXPECT_GT(givenUp, 0) << "the draw loses too little to show anything";
+    EXPECT_GE(arrived.size(), acknowledged.size());
+}
+
+TEST_F(ReliableUDPTest, CleansUpAtOnceWhenNothingWaits) {
+    for (const auto& sender : {backend(_collector.port()), backend(_collector.port(), std::nullopt)}) {
+        EXPECT_FALSE(isClosed(*sender));
+        sender->cleanup();
+        EXPECT_TRUE(isClosed(*sender));
+        sender->cleanup();
+        sendEvent(*sender, 1);
+        EXPECT_TRUE(isClosed(*sender));
+    }
+}
+
+TEST_F(ReliableUDPTest, CleansUpWhenTheLastDatagramIsGone) {
+    const auto sender = backend(_collector.port());
+    sendEvent(*sender, 1);
+    sender->cleanup();
+    for (int at = 1; at <= 19; ++at) tick(*sender);
+    EXPECT_FALSE(isClosed(*sender));
+    EXPECT_EQ(logged("<7>DashboardBackend(myPeriodicTask): scheduled last resort clean-up in 9500 ms."), 1u);
+    tick(*sender);
+    EXPECT_TRUE(isClosed(*sender));
+    EXPECT_EQ(logged("<7>DashboardBackend(myPeriodicTask): clean up at myPeriodicTask."), 1u);
+    sender->networkProcQueue().perform([&] { sender->cleanupSources(); });
+    EXPECT_TRUE(isClosed(*sender));
+}
+
+TEST_F(ReliableUDPTest, LivesOnForItsDatagramsAfterCleanupAndThenEnds) {
+    auto sender = backend(_collector.port(), 10);
+    sendEvent(*sender, 1);
+    sender->cleanup();
+    const std::weak_ptr<DashboardBackend> weak = std::exchange(sender, nullptr);
+    for (int transmission = 0; transmission < 2; ++transmission) ASSERT_TRUE(_collector.receive());
+    EXPECT_FALSE(weak.expired());
+    _collector.acknowledge(1);
+    EXPECT_TRUE(comes([&] { return weak.expired(); }));
+}
+
+TEST_F(ReliableUDPTest, EndsOnItsQueueThoughTimerAndRepliesStillCome) {
+    for (int round = 0; round < 50; ++round) {
+        auto sender = backend(_collector.port(), 1);
+        const auto queue = sender->networkProcQueue();
+        sendEvent(*sender, 1);
+        _collector.receive();
+        _collector.acknowledge(1);
+        const std::weak_ptr<DashboardBackend> weak = std::exchange(sender, nullptr);
+        queue.perform([&] { EXPECT_TRUE(weak.expired()); });
+    }
+}
+
+}  // namespace
+}  // namespace quorvane
