@@ -1,7 +1,8 @@
 #include "platform/PropertyList.h"
 
-#include "platform/PropertyListBounds.h"
+#include "platform/BinaryPropertyList.h"
 #include "platform/Text.h"
+#include "platform/XmlPropertyListBounds.h"
 
 #include <plist/plist.h>
 
@@ -220,17 +221,18 @@ std::optional<Data> written(const Value& value, void (*write)(plist_t, char**, s
 }  // namespace
 
 PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes) {
-    if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) return PropertyListError{"too large"};
-    if (auto failure = outOfBounds(bytes)) return PropertyListError{"the property list is " + *failure};
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    if (text.starts_with("bplist")) return parseBinaryPropertyList(bytes);
+    if (bytes.size() > std::numeric_limits<std::uint32_t>::max())
+        return PropertyListError{"the property list is larger than 4 GiB"};
+    if (auto failure = outOfXmlBounds(text)) return PropertyListError{"the property list " + *failure};
     plist_t parsed = nullptr;
-    ::plist_from_memory(reinterpret_cast<const char*>(bytes.data()), static_cast<std::uint32_t>(bytes.size()),
-                        &parsed);
+    ::plist_from_xml(text.data(), static_cast<std::uint32_t>(text.size()), &parsed);
     const Node root(parsed);
     if (!root) return PropertyListError{"the bytes are no property list"};
     auto value = valueOf(root.get());
     if (!value)
-        return PropertyListError{
-            "the property list holds a text that is not UTF-8, a date out of range or a UID"};
+        return PropertyListError{"the property list holds a text that is not UTF-8 or a date out of range"};
     return std::move(*value);
 }
 

@@ -14,11 +14,13 @@ struct PropertyListError {
 
 using PropertyListResult = std::variant<Value, PropertyListError>;
 
-/// Parses an XML or binary property list. Nesting is bounded to 128 levels and the expanded number of values
-/// to one million, whatever the bytes say. Thread-safe.
+/// Parses an XML or binary property list. Nesting is bounded to 128 levels, the expanded number of values to
+/// one million and their texts and data to 64 MiB, whatever the bytes say. An integer is signed where it
+/// fits; of equal keys the last counts. UIDs and sets are an error. Thread-safe.
 PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes);
 
-/// Writes the value; nothing when a text in it is not UTF-8 or holds what XML cannot.
+/// Writes the value; nothing when a text in it is not UTF-8 or holds what XML cannot, or a date in it is not
+/// between 1933 and 2069. Of dates, XML keeps whole seconds.
 std::optional<Data> xmlPropertyList(const Value& value);
 std::optional<Data> binaryPropertyList(const Value& value);
 

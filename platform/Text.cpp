@@ -139,6 +139,24 @@ bool isUtf8(std::string_view text) {
     }
 }
 
+std::optional<std::string> utf8FromUtf16(std::u16string_view text) {
+    const auto isHalf = [](char32_t unit, char32_t first) { return unit >= first && unit < first + 0x400; };
+    constexpr char32_t leading = 0xd800;
+    constexpr char32_t trailing = 0xdc00;
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char32_t point = text[i];
+        if (isHalf(point, trailing)) return std::nullopt;
+        if (isHalf(point, leading)) {
+            if (++i == text.size() || !isHalf(text[i], trailing)) return std::nullopt;
+            point = 0x10000 + ((point - leading) << 10) + (text[i] - trailing);
+        }
+        appendCodePoint(out, point);
+    }
+    return out;
+}
+
 std::string escapedControls(std::string_view text, std::string_view kept) {
     std::string out;
     out.reserve(text.size() + 8);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,8 @@ bool containsIgnoringCase(std::string_view text, std::string_view part);
 
 /// Whether the text is well-formed UTF-8 (RFC 3629).
 bool isUtf8(std::string_view text);
+/// The text in UTF-8; nothing when half of a surrogate pair stands alone in it.
+std::optional<std::string> utf8FromUtf16(std::u16string_view text);
 
 /// The text with its ASCII control characters written as \n, \r or \xNN, all but the kept ones.
 std::string escapedControls(std::string_view text, std::string_view kept);

@@ -1,0 +1,83 @@
+#include "platform/XmlPropertyListBounds.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace quorvane::platform {
+
+namespace {
+
+constexpr std::size_t kMaximumDepth = 128;
+constexpr std::uint64_t kMaximumValues = 1'000'000;
+
+constexpr const char* kTooDeep = "is nested deeper than 128 levels";
+constexpr const char* kTooLarge = "has more than a million elements";
+
+using Failure = std::optional<std::string>;
+
+/// Walks over the tags of an XML list.
+class XmlBounds {
+  public:
+    explicit XmlBounds(std::string_view text) : _rest(text) {}
+
+    Failure check() {
+        while (skipPast("<")) {
+            if (skipWhole("!--", "-->") || skipWhole("![CDATA[", "]]>") || skipWhole("?", "?>") ||
+                skipDocumentType())
+                continue;
+            const bool closing = _rest.starts_with('/');
+            if (closing) _rest.remove_prefix(1);
+            if (Failure failure = count(closing)) return failure;
+        }
+        return std::nullopt;
+    }
+
+  private:
+    bool skipPast(std::string_view mark) {
+        const std::size_t at = _rest.find(mark);
+        _rest.remove_prefix(at == std::string_view::npos ? _rest.size() : at + mark.size());
+        return at != std::string_view::npos;
+    }
+
+    bool skipWhole(std::string_view start, std::string_view end) {
+        if (!_rest.starts_with(start)) return false;
+        _rest.remove_prefix(start.size());
+        skipPast(end);
+        return true;
+    }
+
+    bool skipDocumentType() {
+        if (!_rest.starts_with("!DOCTYPE")) return false;
+        _rest.remove_prefix(std::min(_rest.find_first_of("[>"), _rest.size()));
+        skipPast(_rest.starts_with('[') ? "]>" : ">");
+        return true;
+    }
+
+    Failure count(bool closing) {
+        const std::string_view name = _rest.substr(0, _rest.find_first_of(" \t\r\n<>/"));
+        const bool nests = name == "array" || name == "dict";
+        const std::size_t end = std::min(_rest.find_first_of("<>"), _rest.size());
+        const bool empty = end > 0 && _rest[end - 1] == '/';
+        _rest.remove_prefix(end);
+        if (closing) {
+            if (nests && _depth > 0) --_depth;
+            return std::nullopt;
+        }
+        if (++_values > kMaximumValues) return kTooLarge;
+        if (nests && !empty && ++_depth > kMaximumDepth) return kTooDeep;
+        return std::nullopt;
+    }
+
+    std::string_view _rest;
+    std::size_t _depth = 0;
+    std::uint64_t _values = 0;
+};
+
+}  // namespace
+
+std::optional<std::string> outOfXmlBounds(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) return "has a NUL in it";
+    return XmlBounds(text).check();
+}
+
+}  // namespace quorvane::platform

@@ -1,0 +1,258 @@
+#include "platform/BusValue.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <functional>
+#include <limits>
+
+namespace quorvane::platform {
+namespace {
+
+/// One message on a real connection: written, sealed, and read from its start.
+class BusValueTest : public ::testing::Test {
+  protected:
+    BusValueTest() {
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, _ends), 0);
+        EXPECT_GE(::sd_bus_new(&_bus), 0);
+        EXPECT_GE(::sd_bus_set_fd(_bus, _ends[0], _ends[0]), 0);
+        EXPECT_GE(::sd_bus_start(_bus), 0);
+        renew();
+    }
+
+    ~BusValueTest() override {
+        ::sd_bus_message_unref(message);
+        ::sd_bus_close_unref(_bus);
+        ::close(_ends[1]);
+    }
+
+    void renew() {
+        ::sd_bus_message_unref(message);
+        message = nullptr;
+        ASSERT_GE(::sd_bus_message_new_method_call(_bus, &message, nullptr, "/a", "a.b", "C"), 0);
+    }
+
+    void seal() {
+        ASSERT_GE(::sd_bus_message_seal(message, ++_cookie, 0), 0);
+        ASSERT_GE(::sd_bus_message_rewind(message, 1), 0);
+    }
+
+    Dictionary roundTrip(const Dictionary& dictionary) {
+        Dictionary read;
+        renew();
+        EXPECT_GE(appendDictionary(message, dictionary), 0);
+        seal();
+        EXPECT_GE(readDictionary(message, read), 0);
+        EXPECT_EQ(::sd_bus_message_at_end(message, 1), 1);
+        return read;
+    }
+
+    /// Reads a dictionary of one entry "k" whose variant was appended with the types and arguments.
+    template <typename... Arguments>
+    int readVariant(Value& out, const char* types, Arguments... arguments) {
+        renew();
+        EXPECT_GE(::sd_bus_message_open_container(message, 'a', "{sv}"), 0);
+        EXPECT_GE(::sd_bus_message_open_container(message, 'e', "sv"), 0);
+        EXPECT_GE(::sd_bus_message_append(message, "s", "k"), 0);
+        EXPECT_GE(::sd_bus_message_open_container(message, 'v', types), 0);
+        EXPECT_GE(::sd_bus_message_append(message, types, arguments...), 0);
+        for (int i = 0; i < 3; ++i) EXPECT_GE(::sd_bus_message_close_container(message), 0);
+        seal();
+        Dictionary read;
+        const int result = readDictionary(message, read);
+        out = read.contains("k") ? *read.find("k") : Value();
+        return result;
+    }
+
+    sd_bus_message* message = nullptr;
+
+  private:
+    int _ends[2] = {-1, -1};
+    sd_bus* _bus = nullptr;
+    std::uint64_t _cookie = 0;
+};
+
+Value nested(int levels) {
+    Value value("end");
+    for (int i = 0; i < levels; ++i) value = Value(Dictionary{{"k", value}});
+    return value;
+}
+
+TEST_F(BusValueTest, EveryKindKeepsItsValueAndItsKind) {
+    const Dictionary payload{
+        {"text", "gr\xc3\xbc\xc3\x9f"},
+        {"", ""},
+        {"flag", true},
+        {"signed", std::numeric_limits<std::int64_t>::min()},
+        {"unsigned", std::numeric_limits<std::uint64_t>::max()},
+        {"real", 0.1},
+        {"date", Date{1'763'280'000'123'456}},
+        {"early", Date{-1}},
+        {"data", Data{0, 1, 255}},
+        {"nothing", Data{}},
+        {"array", Array{Value(1), Value("x"), Value(Array{}), Value(Dictionary{{"a", 1.5}})}},
+        {"empty", Dictionary{}},
+    };
+    EXPECT_EQ(roundTrip(payload), payload);
+    EXPECT_TRUE(std::isnan(roundTrip({{"n", std::nan("")}}).find("n")->real()));
+    EXPECT_EQ(roundTrip({}), Dictionary{});
+}
+
+TEST_F(BusValueTest, EveryTypeOfAClientsPayloadIsRead) {
+    Value read;
+    EXPECT_GE(readVariant(read, "y", 200), 0);
+    EXPECT_EQ(read, Value(200u));
+    EXPECT_GE(readVariant(read, "n", -3), 0);
+    EXPECT_EQ(read, Value(-3));
+    EXPECT_GE(readVariant(read, "o", "/x"), 0);
+    EXPECT_EQ(read, Value("/x"));
+    EXPECT_GE(readVariant(read, "aq", 2, 1, 65535), 0);
+    EXPECT_EQ(read, Value(Array{Value(1u), Value(65535u)}));
+    EXPECT_GE(readVariant(read, "ab", 1, 1), 0);
+    EXPECT_EQ(read, Value(Array{Value(true)}));
+    EXPECT_GE(readVariant(read, "a{su}", 2, "b", 2, "a", 1), 0);
+    EXPECT_EQ(read, Value(Dictionary{{"a", 1u}, {"b", 2u}}));
+    EXPECT_GE(readVariant(read, "a{sa{sas}}", 1, "x", 1, "y", 2, "1", "2"), 0);
+    EXPECT_EQ(read, Value(Dictionary{{"x", Dictionary{{"y", Array{Value("1"), Value("2")}}}}}));
+    EXPECT_GE(readVariant(read, "aay", 2, 1, 7, 0), 0);
+    EXPECT_EQ(read, Value(Array{Value(Data{7}), Value(Data{})}));
+    EXPECT_GE(readVariant(read, "v", "v", "a{sv}", 1, "z", "i", 5), 0);
+    EXPECT_EQ(read, Value(Dictionary{{"z", 5}}));
+}
+
+TEST_F(BusValueTest, TypesOutsideTheContractAreRefused) {
+    Value read;
+    EXPECT_EQ(readVariant(read, "h", STDIN_FILENO), -ENXIO);
+    EXPECT_EQ(readVariant(read, "(ii)", 1, 2), -ENXIO);
+    EXPECT_EQ(readVariant(read, "a{is}", 1, 1, "x"), -ENXIO);
+    EXPECT_EQ(readVariant(read, "(xu)", std::numeric_limits<std::int64_t>::max(), 0u), -EBADMSG);
+
+    renew();
+    ASSERT_GE(::sd_bus_message_append(message, "s", "no dictionary"), 0);
+    seal();
+    Dictionary dictionary;
+    EXPECT_EQ(readDictionary(message, dictionary), -ENXIO);
+    Array array;
+    EXPECT_EQ(readArray(message, array), -ENXIO);
+}
+
+TEST_F(BusValueTest, OfEqualKeysTheLastCounts) {
+    renew();
+    ASSERT_GE(::sd_bus_message_append(message, "a{sv}", 3, "k", "i", 1, "a", "i", 2, "k", "i", 3), 0);
+    seal();
+    Dictionary read;
+    ASSERT_GE(readDictionary(message, read), 0);
+    EXPECT_EQ(read, (Dictionary{{"a", 2}, {"k", 3}}));
+}
+
+TEST_F(BusValueTest, ManyKeysInTheWorstOrderAreReadInNoTime) {
+    constexpr int count = 100'000;
+    renew();
+    ASSERT_GE(::sd_bus_message_open_container(message, 'a', "{sv}"), 0);
+    for (int i = count; i > 0; --i) {
+        const std::string key = std::to_string(1'000'000 + i);
+        ASSERT_GE(::sd_bus_message_append(message, "{sv}", key.c_str(), "i", i), 0);
+    }
+    ASSERT_GE(::sd_bus_message_close_container(message), 0);
+    seal();
+    Dictionary read;
+    ASSERT_GE(readDictionary(message, read), 0);
+    EXPECT_EQ(read.size(), count);
+    EXPECT_EQ(read.begin()->value, Value(1));
+}
+
+TEST_F(BusValueTest, OptionalValuesHoldNoneOrOneAndNeverTwo) {
+    const Dictionary dictionary{{"a", 1}};
+    const std::vector<std::string> strings{"x", "y"};
+    const std::string text = "t";
+    renew();
+    ASSERT_GE(appendOptionalDictionary(message, nullptr), 0);
+    ASSERT_GE(appendOptionalDictionary(message, &dictionary), 0);
+    ASSERT_GE(appendOptionalStrings(message, nullptr), 0);
+    ASSERT_GE(appendOptionalStrings(message, &strings), 0);
+    ASSERT_GE(appendOptionalString(message, nullptr), 0);
+    ASSERT_GE(appendOptionalString(message, &text), 0);
+    ASSERT_GE(appendStrings(message, {}), 0);
+    ASSERT_GE(::sd_bus_message_append(message, "aa{sv}as", 2, 0, 0, 2, "1", "2"), 0);
+    seal();
+
+    std::optional<Dictionary> readDictionary;
+    std::optional<std::vector<std::string>> readTexts;
+    std::optional<std::string> readText;
+    std::vector<std::string> plain{"left over"};
+    EXPECT_GE(readOptionalDictionary(message, readDictionary), 0);
+    EXPECT_FALSE(readDictionary);
+    EXPECT_GE(readOptionalDictionary(message, readDictionary), 0);
+    EXPECT_EQ(readDictionary, dictionary);
+    EXPECT_GE(readOptionalStrings(message, readTexts), 0);
+    EXPECT_FALSE(readTexts);
+    EXPECT_GE(readOptionalStrings(message, readTexts), 0);
+    EXPECT_EQ(readTexts, strings);
+    EXPECT_GE(readOptionalString(message, readText), 0);
+    EXPECT_FALSE(readText);
+    EXPECT_GE(readOptionalString(message, readText), 0);
+    EXPECT_EQ(readText, text);
+    EXPECT_GE(readStrings(message, plain), 0);
+    EXPECT_TRUE(plain.empty());
+    EXPECT_EQ(readOptionalDictionary(message, readDictionary), -EBADMSG);
+}
+
+TEST_F(BusValueTest, ArraysOfVariantsAndOfOneTypeAreRead) {
+    const Array array{Value("x"), Value(Array{Value(1)}), Value(Data{1})};
+    renew();
+    ASSERT_GE(appendArray(message, array), 0);
+    ASSERT_GE(::sd_bus_message_append(message, "ad", 2, 0.5, 1.5), 0);
+    seal();
+    Array read;
+    ASSERT_GE(readArray(message, read), 0);
+    EXPECT_EQ(read, array);
+    ASSERT_GE(readArray(message, read), 0);
+    EXPECT_EQ(read, (Array{Value(0.5), Value(1.5)}));
+}
+
+TEST_F(BusValueTest, NestingIsBoundedBothWays) {
+    const Dictionary deep{{"k", nested(30)}};
+    EXPECT_EQ(roundTrip(deep), deep);
+
+    renew();
+    EXPECT_LT(appendDictionary(message, {{"k", nested(200)}}), 0);
+
+    // Variants straight in variants.
+    renew();
+    constexpr int levels = 300;
+    ASSERT_GE(::sd_bus_message_open_container(message, 'a', "v"), 0);
+    for (int i = 0; i < levels; ++i) ASSERT_GE(::sd_bus_message_open_container(message, 'v', "v"), 0);
+    ASSERT_GE(::sd_bus_message_append(message, "v", "i", 1), 0);
+    for (int i = 0; i <= levels; ++i) ASSERT_GE(::sd_bus_message_close_container(message), 0);
+    seal();
+    Array read;
+    EXPECT_LT(readArray(message, read), 0);
+}
+
+TEST_F(BusValueTest, MoreThanAMillionValuesAreRefused) {
+    const std::vector<std::uint16_t> numbers(1'000'001);
+    renew();
+    ASSERT_GE(::sd_bus_message_append_array(message, 'q', numbers.data(), numbers.size() * 2), 0);
+    seal();
+    Array read;
+    EXPECT_EQ(readArray(message, read), -E2BIG);
+}
+
+TEST_F(BusValueTest, TextsThatTheBusCannotCarryAreNotAppended) {
+    for (const std::string& text :
+         {std::string("\xff"), std::string("\xed\xa0\x80"), std::string("a\0b", 3)}) {
+        renew();
+        EXPECT_EQ(appendDictionary(message, {{"k", text}}), -EINVAL);
+        renew();
+        EXPECT_EQ(appendDictionary(message, {{text, 1}}), -EINVAL);
+        renew();
+        EXPECT_EQ(appendStrings(message, {text}), -EINVAL);
+    }
+}
+
+}  // namespace
+}  // namespace quorvane::platform

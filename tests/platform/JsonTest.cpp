@@ -1,0 +1,112 @@
+#include "platform/Json.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+namespace quorvane::platform {
+namespace {
+
+std::string compact(const Value& value) {
+    const auto bytes = compactJson(value);
+    return bytes ? std::string(bytes->begin(), bytes->end()) : "(nothing)";
+}
+
+std::string repeated(std::string_view text, int count) {
+    std::string result;
+    for (int i = 0; i < count; ++i) result += text;
+    return result;
+}
+
+TEST(CompactJson, WritesEveryKindOfJsonInSortedOrder) {
+    const Dictionary value{{"n", -1},
+                           {"u", std::numeric_limits<std::uint64_t>::max()},
+                           {"r", 0.1},
+                           {"t", true},
+                           {"a", Array{Value("x"), Value(Array{}), Value(Dictionary{})}},
+                           {"q\"\n\x01", "\xc3\xbc/\\"}};
+    EXPECT_EQ(compact(value),
+              R"({"a":["x",[],{}],"n":-1,"q\"\n\u0001":"ü/\\","r":0.1,"t":true,"u":18446744073709551615})");
+    EXPECT_EQ(prettyJson(Value(Dictionary{{"a", Array{Value(1), Value(2)}}, {"b", "c"}})),
+              "{\n  \"a\": [\n    1,\n    2\n  ],\n  \"b\": \"c\"\n}");
+}
+
+TEST(CompactJson, FailsOnWhatJsonCannotHoldWhereverItStands) {
+    const std::vector<Value> impossible{std::nan(""),
+                                        std::numeric_limits<double>::infinity(),
+                                        -std::numeric_limits<double>::infinity(),
+                                        "\xff",
+                                        "cut \xe2\x82",
+                                        "\xed\xa0\x80",
+                                        "long enough to be checked in words \xc0\x80",
+                                        Date{0},
+                                        Data{1}};
+    for (const Value& value : impossible) {
+        for (const Value& around :
+             {value, Value(Array{Value(1), value}), Value(Dictionary{{"a", Dictionary{{"b", value}}}})}) {
+            EXPECT_FALSE(compactJson(around)) << value.description();
+            EXPECT_FALSE(prettyJson(around)) << value.description();
+        }
+    }
+    EXPECT_FALSE(compactJson(Dictionary{{"\xff", 1}}));
+}
+
+TEST(CompactJson, LargeAndDeepValuesAreWrittenWhole) {
+    const std::string text(1 << 20, '\x01');
+    EXPECT_EQ(compact(text), '"' + repeated("\\u0001", 1 << 20) + '"');
+    const std::string plain(1 << 20, 'x');
+    const auto bytes = compactJson(Value(plain));
+    ASSERT_TRUE(bytes);
+    EXPECT_LE(bytes->capacity(), 2 * plain.size());
+
+    Value deep(1);
+    for (int i = 0; i < 100; ++i) deep = Value(Array{deep});
+    EXPECT_EQ(compact(deep), repeated("[", 100) + "1" + repeated("]", 100));
+}
+
+TEST(ParseJson, ReadsBackWhatWasWritten) {
+    const Value value(Dictionary{{"a", Array{Value(1), Value(-1), Value(1.5), Value(false)}},
+                                 {"big", std::numeric_limits<std::uint64_t>::max()},
+                                 {"low", std::numeric_limits<std::int64_t>::min()},
+                                 {"r", 1.7976931348623157e308},
+                                 {"text", "\xf0\x9f\x98\x80\n"}});
+    EXPECT_EQ(parseJson(compact(value)), value);
+    EXPECT_EQ(parseJson(*prettyJson(value)), value);
+    EXPECT_EQ(parseJson(R"( {"b":1,"a":"\u00fc","b":2} )"), Value(Dictionary{{"a", "\xc3\xbc"}, {"b", 2}}));
+}
+
+TEST(ParseJson, RefusesWhatIsNotOneWholeText) {
+    for (const std::string& text :
+         {std::string(), std::string(" "), std::string("nul"), std::string("null"), std::string("[1,]"),
+          std::string("{\"a\":null}"), std::string("{\"a\" 1}"), std::string("{} {}"), std::string("1e999"),
+          std::string("NaN"), std::string("\"\xff\""), std::string("\"\\ud800\""), std::string("\"a\nb\""),
+          std::string("{}\0x", 4), std::string("[\0]", 3), std::string("'a'"), std::string("[1")})
+        EXPECT_FALSE(parseJson(text)) << text;
+}
+
+TEST(ParseJson, BoundsDepthAndNumberOfValues) {
+    EXPECT_TRUE(parseJson(repeated("[", 128) + repeated("]", 128)));
+    EXPECT_FALSE(parseJson(repeated("[", 129) + repeated("]", 129)));
+    EXPECT_FALSE(parseJson(repeated("[", 1'000'000)));
+    EXPECT_FALSE(parseJson(repeated("{\"a\":", 1'000'000)));
+    EXPECT_TRUE(parseJson("[" + repeated("0,", 999'998) + "0]"));
+    EXPECT_FALSE(parseJson("[" + repeated("0,", 1'000'000) + "0]"));
+}
+
+TEST(ParseJson, DamagedTextsNeverDoMoreThanFail) {
+    const std::string whole =
+        R"({"a":[1,-2.5e3,true,"\u00fc\n"],"b":{"c":18446744073709551615,"d":"text"},"e":[]})";
+    std::mt19937 random(1);
+    for (int round = 0; round < 20'000; ++round) {
+        std::string text = whole.substr(0, random() % (whole.size() + 1));
+        for (int i = random() % 4; i > 0 && !text.empty(); --i)
+            text[random() % text.size()] = static_cast<char>(random());
+        const auto value = parseJson(text);
+        EXPECT_TRUE(!value || compactJson(*value)) << text;
+    }
+}
+
+}  // namespace
+}  // namespace quorvane::platform

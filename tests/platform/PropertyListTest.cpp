@@ -1,0 +1,182 @@
+#include "platform/PropertyList.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string_view>
+
+namespace quorvane::platform {
+namespace {
+
+std::optional<Value> parsed(std::string_view bytes) {
+    const auto result =
+        parsePropertyList({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+    if (const auto* value = std::get_if<Value>(&result)) return *value;
+    EXPECT_FALSE(std::get<PropertyListError>(result).description.empty());
+    return std::nullopt;
+}
+
+std::optional<Value> parsed(const Data& bytes) {
+    return parsed({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+}
+
+std::string repeated(std::string_view text, int count) {
+    std::string result;
+    for (int i = 0; i < count; ++i) result += text;
+    return result;
+}
+
+std::string xml(std::string_view contents) {
+    return "<?xml version=\"1.0\"?><!DOCTYPE plist><plist version=\"1.0\">" + std::string(contents) +
+           "</plist>";
+}
+
+/// A binary list of the objects, the first its root; offsets of four bytes, references of one.
+std::string binary(const std::vector<std::string>& objects, std::uint8_t root = 0) {
+    std::string bytes = "bplist00";
+    std::string table;
+    for (const std::string& object : objects) {
+        table +=
+            std::string(2, '\0') + static_cast<char>(bytes.size() >> 8) + static_cast<char>(bytes.size());
+        bytes += object;
+    }
+    const auto number = [](std::uint64_t value) {
+        std::string text;
+        for (int shift = 56; shift >= 0; shift -= 8) text += static_cast<char>(value >> shift);
+        return text;
+    };
+    const std::uint64_t start = bytes.size();
+    return bytes + table + std::string(6, '\0') + "\x04\x01" + number(objects.size()) + number(root) +
+           number(start);
+}
+
+const Value& sample() {
+    static const Value value(Dictionary{
+        {"text", "a <&> \xc3\xbc"},
+        {"", ""},
+        {"flag", true},
+        {"signed", std::numeric_limits<std::int64_t>::min()},
+        {"negative", -5},
+        {"large", std::numeric_limits<std::uint64_t>::max()},
+        {"real", 0.1},
+        {"date", Date{1'763'280'000'000'000}},
+        {"early", Date{-86'400'000'000}},
+        {"data", Data{0, 1, 2, 255}},
+        {"array", Array{Value(1), Value(Array{}), Value(Dictionary{}), Value("x"), Value("x")}},
+    });
+    return value;
+}
+
+TEST(PropertyList, EveryKindSurvivesBothForms) {
+    const auto asXml = xmlPropertyList(sample());
+    const auto asBinary = binaryPropertyList(sample());
+    ASSERT_TRUE(asXml && asBinary);
+    EXPECT_TRUE(std::string_view(reinterpret_cast<const char*>(asXml->data()), 5) == "<?xml");
+    EXPECT_EQ(parsed(*asXml), sample());
+    EXPECT_EQ(parsed(*asBinary), sample());
+
+    const Value fraction(Date{978'307'200'250'000});
+    EXPECT_EQ(parsed(*binaryPropertyList(fraction)), fraction);
+    EXPECT_TRUE(std::isnan(parsed(*binaryPropertyList(Value(std::nan(""))))->real()));
+}
+
+TEST(PropertyList, WhatAListCannotHoldIsNotWritten) {
+    for (const Value& value :
+         {Value("\xff"), Value("a\x01"), Value(std::string("a\0b", 3)), Value(Dictionary{{"\xff", 1}}),
+          Value(Array{Value("\x1b")}), Value(Date{std::numeric_limits<std::int64_t>::max()})}) {
+        EXPECT_FALSE(xmlPropertyList(value)) << value.description();
+        EXPECT_FALSE(binaryPropertyList(value)) << value.description();
+    }
+}
+
+TEST(PropertyList, XmlAsOthersWriteItIsRead) {
+    EXPECT_EQ(parsed(xml("<!-- <array> --><dict>\n<key>a</key><integer>0x10</integer>"
+                         "<key>b</key><string>x<![CDATA[<array>]]>y</string>"
+                         "<key>c</key><array/><key>d</key><data>AQI=\n</data>"
+                         "<key>a</key><integer>-7</integer></dict>")),
+              Value(Dictionary{{"a", -7}, {"b", "x<array>y"}, {"c", Array{}}, {"d", Data{1, 2}}}));
+}
+
+TEST(PropertyList, MalformedListsAreAnErrorThatSaysSo) {
+    for (const std::string& bytes :
+         {std::string(), std::string("hello"), std::string("{}"), std::string("bplist"),
+          std::string("bplist00"), std::string("<plist>"), xml(""), xml("<array>"),
+          xml("<dict><string>x</string></dict>"), xml("<string>\xff</string>"),
+          xml("<string>&#xD800;</string>"), xml("<date>9999-01-01T00:00:00Z</date>"), xml("<nonsense/>"),
+          xml(std::string("<dict><key>a\0b</key><true/></dict>", 35))})
+        EXPECT_FALSE(parsed(bytes)) << bytes;
+}
+
+TEST(PropertyList, DeepXmlIsRefusedHoweverItIsDisguised) {
+    EXPECT_TRUE(parsed(xml(repeated("<array>", 128) + repeated("</array>", 128))));
+    EXPECT_FALSE(parsed(xml(repeated("<array>", 129) + repeated("</array>", 129))));
+    constexpr int deep = 300'000;
+    for (const char* level : {"<array>", "<dict><key>a</key>", "<array ><!--</array>-->",
+                              "<array><string><![CDATA[</array>]]></string>", "<array><?x </array>?>"})
+        EXPECT_FALSE(parsed(xml(repeated(level, deep)))) << level;
+    EXPECT_FALSE(parsed(xml("<array>" + repeated("<true/>", 1'000'000) + "</array>")));
+}
+
+TEST(PropertyList, BinaryListsThatExpandWithoutBoundAreRefused) {
+    // Thirty arrays, each of eight references to the next.
+    std::vector<std::string> objects;
+    for (char i = 1; i <= 30; ++i) objects.push_back("\xa8" + std::string(8, i));
+    objects.emplace_back("\x51x");
+    EXPECT_FALSE(parsed(binary(objects)));
+
+    // The same text of 32 KiB, 4,096 times.
+    objects = {"\xae" + std::string(14, '\1'), "\xae" + std::string(14, '\2'), "\xae" + std::string(14, '\3'),
+               "\xae" + std::string(14, '\4'), std::string("\x5f\x11\x80\x00", 4) + std::string(32768, 'x')};
+    EXPECT_FALSE(parsed(binary(objects)));
+    objects = {"\xa2\x01\x01", "\xa2\x02\x02", "\x51x"};
+    const Value pair(Array{Value("x"), Value("x")});
+    EXPECT_EQ(parsed(binary(objects)), Value(Array{pair, pair}));
+}
+
+TEST(PropertyList, BinaryListsThatReferToThemselvesOrToNothingAreRefused) {
+    EXPECT_FALSE(parsed(binary({std::string("\xa1\x00", 2)})));
+    EXPECT_FALSE(parsed(binary({std::string("\xa1\x01", 2), std::string("\xd1\x02\x00", 3), "\x51k"})));
+    EXPECT_FALSE(parsed(binary({"\xa1\x07"})));
+    EXPECT_FALSE(parsed(binary({"\x51x"}, 3)));
+    EXPECT_FALSE(parsed(binary({std::string("\xaf\x13\xff\xff\xff\xff\xff\xff\xff\xff", 10)})));
+    EXPECT_FALSE(parsed(binary({std::string("\x4f\x12\x7f\xff\xff\xff", 6)})));
+
+    std::vector<std::string> objects;
+    for (char i = 1; i <= 100; ++i) objects.push_back("\xa1" + std::string(1, i));
+    objects.emplace_back("\x51x");
+    EXPECT_TRUE(parsed(binary(objects)));
+    objects.pop_back();
+    for (int i = 101; i <= 150; ++i) objects.push_back("\xa1" + std::string(1, static_cast<char>(i)));
+    objects.emplace_back("\x51x");
+    EXPECT_FALSE(parsed(binary(objects)));
+}
+
+TEST(PropertyList, OtherNodesThanValuesAreAnError) {
+    EXPECT_FALSE(parsed(binary({std::string("\x80\x00", 2)})));
+    EXPECT_FALSE(parsed(binary({"\xa1\x01", "\x80\x01"})));
+    EXPECT_FALSE(parsed(binary({"\xd1\x01\x01", "\x10\x01"})));
+    EXPECT_EQ(parsed(binary({"\xd1\x01\x01", std::string("\x53k\0y", 4)})),
+              Value(Dictionary{{std::string("k\0y", 3), std::string("k\0y", 3)}}));
+    EXPECT_EQ(parsed(binary({std::string("\x62\xd8\x3d\xde\x00", 5)})), Value("\xf0\x9f\x98\x80"));
+    // A UTF-16 text with half a surrogate pair.
+    EXPECT_FALSE(parsed(binary({std::string("\x61\xd8\x00", 3)})));
+}
+
+TEST(PropertyList, DamagedListsNeverDoMoreThanFail) {
+    std::mt19937 random(1);
+    for (const auto& whole : {*xmlPropertyList(sample()), *binaryPropertyList(sample())}) {
+        for (int round = 0; round < 10'000; ++round) {
+            Data bytes = whole;
+            // The trailer at the end makes a binary list, so only some are cut short.
+            if (random() % 4 == 0) bytes.resize(random() % (bytes.size() + 1));
+            for (int i = 1 + random() % 4; i > 0 && !bytes.empty(); --i)
+                bytes[random() % bytes.size()] = static_cast<std::uint8_t>(random());
+            parsed(bytes);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace quorvane::platform
