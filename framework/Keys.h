@@ -12,6 +12,8 @@ inline constexpr const char* kQuorvaneSocketPath = "/run/quorvane/com.velmora.qu
 inline constexpr const char* kClientSessionInterface = "com.velmora.quorvaned.ClientSessionInterface";
 inline constexpr const char* kClientSessionReplyInterface =
     "com.velmora.quorvaned.ClientSessionReplyInterface";
+inline constexpr const char* kSandboxExtensionInterface = "com.velmora.quorvaned.SandboxExtension";
+inline constexpr const char* kSandboxExtensionOwnerInterface = "com.velmora.quorvaned.SandboxExtensionOwner";
 
 inline constexpr std::string_view kQuorvaneSessionInfoSessionID = "SessionID";
 inline constexpr std::string_view kQuorvaneSessionInfoClientType = "ClientType";

@@ -281,4 +281,28 @@ std::string description(const Array& array) {
     return out;
 }
 
+namespace {
+
+std::size_t heldBytes(const Value& value) {
+    return value.visit([](const auto& held) -> std::size_t {
+        using Held = std::decay_t<decltype(held)>;
+        std::size_t bytes = sizeof(Value);
+        if constexpr (std::is_same_v<Held, std::string> || std::is_same_v<Held, Data>)
+            bytes += held.size();
+        else if constexpr (std::is_same_v<Held, Array>)
+            for (const Value& element : held) bytes += heldBytes(element);
+        else if constexpr (std::is_same_v<Held, Dictionary>)
+            bytes += platform::heldBytes(held);
+        return bytes;
+    });
+}
+
+}  // namespace
+
+std::size_t heldBytes(const Dictionary& dictionary) {
+    std::size_t bytes = 0;
+    for (const auto& [key, value] : dictionary) bytes += sizeof key + key.size() + heldBytes(value);
+    return bytes;
+}
+
 }  // namespace quorvane::platform

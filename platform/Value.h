@@ -9,6 +9,9 @@
 #include <variant>
 #include <vector>
 
+// These classes stand in the interface of a shared library whose inside is hidden.
+#pragma GCC visibility push(default)
+
 namespace quorvane::platform {
 
 class Value;
@@ -147,6 +150,9 @@ std::string description(Date date);
 /// The array as a Value prints it.
 std::string description(const Array& array);
 
+/// About what the dictionary takes in memory, in bytes.
+std::size_t heldBytes(const Dictionary& dictionary);
+
 }  // namespace quorvane::platform
 
 namespace quorvane {
@@ -156,3 +162,5 @@ using platform::Date;
 using platform::Dictionary;
 using platform::Value;
 }  // namespace quorvane
+
+#pragma GCC visibility pop

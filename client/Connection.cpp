@@ -1,0 +1,369 @@
+#include "client/Connection.h"
+
+#include "client/Deadline.h"
+#include "client/Thread.h"
+#include "framework/Keys.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace quorvane::client {
+
+using platform::MutexLock;
+
+namespace {
+
+/// Calls that may be unanswered at a time; whoever wants another one waits.
+constexpr std::size_t kUnansweredCalls = 1024;
+
+/// Messages handled before callers get their turn with the lock.
+constexpr int kMessagesAtATime = 64;
+
+/// What the kernel holds for a daemon that does not keep up, in bytes; the bus library would ask for 8 MiB.
+constexpr int kSocketBuffer = 256 << 10;
+
+/// The connection that the thread serves.
+thread_local const Connection* t_serves = nullptr;
+
+Error systemError(const char* what, int error) {
+    return {ErrorCode::System, std::string(what) + ": " + std::strerror(error < 0 ? -error : error)};
+}
+
+Error wouldDeadlock() {
+    return {ErrorCode::WouldDeadlock, "the executor runs callbacks on the connection's own thread"};
+}
+
+Error encodingError(int error) {
+    if (error == -E2BIG) return {ErrorCode::InvalidArgument, "values are nested too deeply"};
+    if (error == -ENOMEM) return systemError("cannot encode the message", error);
+    return {ErrorCode::InvalidArgument, std::string("the values cannot be sent: ") + std::strerror(-error)};
+}
+
+struct MessageDeleter {
+    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+
+}  // namespace
+
+struct Connection::Call {
+    Reply reply;
+    Deadline deadline;
+    bool blocks = false;  ///< A thread waits for the reply.
+    Connection* connection = nullptr;
+    std::list<std::unique_ptr<Call>>::iterator at = {};
+};
+
+Result<std::unique_ptr<Connection>> Connection::start(platform::UniqueDescriptor socket,
+                                                      std::span<const Export> exports,
+                                                      ConnectOptions options) {
+    auto wake = std::make_shared<platform::UniqueDescriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!*wake) return systemError("cannot make an event descriptor", errno);
+    const Timeout timeout = options.timeout;
+    std::unique_ptr<Connection> connection(
+        new Connection(std::move(socket), std::move(wake), std::move(options)));
+    if (const Status opened = connection->open(exports); !opened) return opened.error();
+    if (const Status greeted = connection->greet(timeout); !greeted) return greeted.error();
+    auto thread = startThread("quorvane-bus", [raw = connection.get()] { raw->run(); });
+    if (!thread) return systemError("cannot start a thread", EAGAIN);
+    connection->_thread = std::move(*thread);
+    return connection;
+}
+
+Connection::Connection(platform::UniqueDescriptor socket, std::shared_ptr<platform::UniqueDescriptor> wake,
+                       ConnectOptions options)
+    : _wake(std::move(wake)),
+      _delivery(Delivery::create(std::move(options.executor), _wake)),
+      _disconnected(std::move(options.disconnected)),
+      _socket(std::move(socket)) {}
+
+Connection::~Connection() {
+    close(Timeout::zero());
+}
+
+Status Connection::open(std::span<const Export> exports) {
+    const MutexLock lock(_mutex);
+    platform::UniqueDescriptor ofBus(::fcntl(_socket.get(), F_DUPFD_CLOEXEC, 3));
+    if (!ofBus) return systemError("cannot duplicate the socket", errno);
+    int result = ::sd_bus_new(&_bus);
+    if (result >= 0) result = ::sd_bus_set_fd(_bus, ofBus.get(), ofBus.get());
+    if (result < 0) return systemError("cannot open the bus", result);
+    ofBus.release();
+    result = ::sd_bus_negotiate_fds(_bus, 1);
+    for (const Export& each : exports)
+        if (result >= 0)
+            result = ::sd_bus_add_object_vtable(_bus, nullptr, kQuorvaneObjectPath, each.interface,
+                                                each.vtable, each.object);
+    if (result >= 0) result = ::sd_bus_start(_bus);
+    if (result < 0) return systemError("cannot open the bus", result);
+    ::setsockopt(_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
+    return std::monostate{};
+}
+
+/// Besides telling whether someone answers, this spares a descriptor from going in the first message behind
+/// the authentication, where it can be lost. The bus library's own waiting call knows no time limit for the
+/// authentication.
+Status Connection::greet(Timeout timeout) {
+    const MutexLock lock(_mutex);
+    std::optional<int> outcome;
+    const auto take = [](sd_bus_message* answer, void* outcome, sd_bus_error*) {
+        *static_cast<std::optional<int>*>(outcome) = ::sd_bus_message_get_errno(answer);
+        return 1;
+    };
+    int result = ::sd_bus_call_method_async(_bus, nullptr, nullptr, kQuorvaneObjectPath, kPing.interface,
+                                            kPing.name, take, &outcome, nullptr);
+    const Deadline deadline = deadlineAfter(timeout);
+    while (result >= 0 && !outcome) {
+        if (result = ::sd_bus_process(_bus, nullptr); result != 0) continue;
+        pollfd descriptor{_socket.get(), static_cast<short>(::sd_bus_get_events(_bus)), 0};
+        if (::poll(&descriptor, 1, millisecondsUntil(deadline)) == 0)
+            return Error{ErrorCode::TimedOut, "the daemon did not answer in time"};
+    }
+    if (result >= 0) result = -*outcome;
+    if (result < 0)
+        return Error{ErrorCode::Disconnected, std::string("no daemon answers: ") + std::strerror(-result)};
+    return std::monostate{};
+}
+
+Status Connection::send(const Method& method, const Encoder& encode) {
+    return submit(method, encode, nullptr);
+}
+
+Status Connection::call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout) {
+    auto call = std::make_unique<Call>();
+    call->reply = std::move(reply);
+    call->deadline = deadlineAfter(timeout);
+    return submit(method, encode, std::move(call));
+}
+
+Status Connection::callAndWait(const Method& method, const Encoder& encode, const Decoder& decode,
+                               Timeout timeout) {
+    if (t_serves == this) return wouldDeadlock();
+    struct Answer {
+        std::atomic<int> here = 0;  // The type that futex(2) waits on.
+        Status status = std::monostate{};
+    };
+    const auto answer = std::make_shared<Answer>();
+    auto call = std::make_unique<Call>();
+    call->deadline = deadlineAfter(timeout);
+    call->blocks = true;
+    call->reply = [answer, &decode](const Result<sd_bus_message*>& reply) {
+        if (!reply)
+            answer->status = reply.error();
+        else if (decode(*reply) < 0)
+            answer->status = Error{ErrorCode::Refused, "the daemon's answer is malformed"};
+        answer->here = 1;
+        answer->here.notify_one();
+    };
+    if (Status sent = submit(method, encode, std::move(call)); !sent) return sent;
+    answer->here.wait(0);
+    return std::move(answer->status);
+}
+
+Status Connection::submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) {
+    const MutexLock lock(_mutex);
+    if (Status room = waitForRoom(call.get()); !room) return room;
+    sd_bus_message* raw = nullptr;
+    int result = ::sd_bus_message_new_method_call(_bus, &raw, nullptr, kQuorvaneObjectPath, method.interface,
+                                                  method.name);
+    const Message message(raw);
+    if (result < 0) return systemError("cannot make a message", result);
+    if (result = encode(raw); result < 0) return encodingError(result);
+    if (result = call != nullptr ? sendCall(raw, std::move(call)) : sendUnanswered(raw); result < 0)
+        return systemError("cannot send", result);
+    wakeIfNeeded();
+    return std::monostate{};
+}
+
+Status Connection::waitForRoom(const Call* call) {
+    const bool answered = call != nullptr;
+    while (!_lost && isFull(answered)) {
+        if (t_serves == this) return wouldDeadlock();
+        ++_roomWaiters;
+        ++_blocked;
+        wakeIfNeeded();
+        auto came = std::cv_status::no_timeout;
+        if (answered && call->deadline)
+            came = _roomChanged.wait_until(_mutex, *call->deadline);
+        else
+            _roomChanged.wait(_mutex);
+        --_roomWaiters;
+        --_blocked;
+        if (came == std::cv_status::timeout && !_lost && isFull(answered))
+            return Error{ErrorCode::TimedOut, "the daemon did not take the message in time"};
+    }
+    if (_lost) return *_lost;
+    return std::monostate{};
+}
+
+bool Connection::isFull(bool answered) const {
+    return hasQueuedWrites() || (answered && _calls.size() >= kUnansweredCalls);
+}
+
+int Connection::sendUnanswered(sd_bus_message* message) {
+    const int result = ::sd_bus_message_set_expect_reply(message, 0);
+    return result < 0 ? result : ::sd_bus_send(_bus, message, nullptr);
+}
+
+int Connection::sendCall(sd_bus_message* message, std::unique_ptr<Call> call) {
+    Call& stored = *call;
+    stored.connection = this;
+    stored.at = _calls.insert(_calls.end(), std::move(call));
+    const int result =
+        ::sd_bus_call_async(_bus, nullptr, message, &takeReply, &stored, microsecondsUntil(stored.deadline));
+    if (result < 0)
+        _calls.erase(stored.at);
+    else if (stored.blocks)
+        ++_blocked;
+    return result;
+}
+
+int Connection::takeReply(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    auto& call = *static_cast<Call*>(userdata);
+    Connection& connection = *call.connection;
+    const bool refused = ::sd_bus_message_is_method_error(message, nullptr) > 0;
+    connection.finish(call, refused ? Result<sd_bus_message*>(connection.errorOf(message)) : message);
+    return 1;
+}
+
+void Connection::finish(Call& call, const Result<sd_bus_message*>& answer) {
+    const std::unique_ptr<Call> held = std::move(*call.at);
+    _calls.erase(held->at);
+    if (held->blocks) --_blocked;
+    held->reply(answer);
+}
+
+Error Connection::errorOf(sd_bus_message* message) const {
+    const sd_bus_error* error = ::sd_bus_message_get_error(message);
+    // The bus library answers by this name itself, for a call whose time is up and for all when it ends.
+    if (::sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) > 0) {
+        if (::sd_bus_is_open(_bus) <= 0)
+            return {ErrorCode::Disconnected, "the connection ended before the daemon's answer"};
+        return {ErrorCode::TimedOut, "the daemon did not answer in time"};
+    }
+    return {ErrorCode::Refused, std::string(error->message != nullptr ? error->message : error->name)};
+}
+
+void Connection::deliverLater(Delivery::Callback callback) {
+    _readyBytes += callback.bytes;
+    _ready.push_back(std::move(callback));
+}
+
+bool Connection::isOverfull() const {
+    return _delivery->waitingBytes() + _readyBytes >= 2 * Delivery::kBoundBytes;
+}
+
+void Connection::run() {
+    t_serves = this;
+    for (;;) {
+        const Next next = process();
+        _readyBytes = 0;
+        if (!_ready.empty()) _delivery->deliver(std::exchange(_ready, {}));
+        if (next.over) return;
+        if (!next.more) waitFor(next.awaited);
+    }
+}
+
+Connection::Next Connection::process() {
+    const MutexLock lock(_mutex);
+    // While the executor is behind, one message may come in for everything that is written or runs out of
+    // time: the bus library cannot do the one without the other.
+    const int most = mayRead() ? kMessagesAtATime : 1;
+    int processed = 1;
+    for (int i = 0; i < most && processed > 0 && !_stopping; ++i) processed = ::sd_bus_process(_bus, nullptr);
+    if (_stopping)
+        end({ErrorCode::Disconnected, "the client was closed"});
+    else if (processed < 0)
+        lose(processed);
+    if (_roomWaiters > 0) _roomChanged.notify_all();
+
+    const int events = ::sd_bus_get_events(_bus);
+    _awaited = {mayRead(), events > 0 && (events & POLLOUT) != 0, UINT64_MAX};
+    ::sd_bus_get_timeout(_bus, &_awaited.until);
+    return {_lost.has_value(), processed > 0 && _awaited.reading, _awaited};
+}
+
+void Connection::lose(int error) {
+    const std::string why = error == -ECONNRESET ? "the daemon closed it" : std::strerror(-error);
+    end({ErrorCode::Disconnected, "the connection is lost: " + why});
+    if (_disconnected)
+        deliverLater({[handler = std::move(_disconnected), lost = *_lost] { handler(lost); }, 0});
+}
+
+void Connection::end(Error error) {
+    _lost = std::move(error);
+    while (!_calls.empty()) finish(*_calls.front(), *_lost);
+}
+
+void Connection::waitFor(const Awaited& awaited) const {
+    const auto events = static_cast<short>((awaited.reading ? POLLIN : 0) | (awaited.writing ? POLLOUT : 0));
+    pollfd descriptors[] = {{_socket.get(), events, 0}, {_wake->get(), POLLIN, 0}};
+    const std::optional<timespec> limit = timeUntil(awaited.until);
+    ::ppoll(descriptors, 2, limit ? &*limit : nullptr, nullptr);
+    eventfd_t count = 0;
+    if (descriptors[1].revents != 0) ::eventfd_read(_wake->get(), &count);
+}
+
+bool Connection::mayRead() const {
+    return _blocked > 0 || _delivery->waitingBytes() + _readyBytes < Delivery::kBoundBytes;
+}
+
+bool Connection::hasQueuedWrites() const {
+    std::uint64_t count = 0;
+    return ::sd_bus_get_n_queued_write(_bus, &count) >= 0 && count > 0;
+}
+
+void Connection::wakeIfNeeded() const {
+    std::uint64_t until = UINT64_MAX;
+    ::sd_bus_get_timeout(_bus, &until);
+    if (until < _awaited.until || (!_awaited.writing && hasQueuedWrites()) ||
+        (!_awaited.reading && _blocked > 0))
+        wake();
+}
+
+void Connection::wake() const {
+    ::eventfd_write(_wake->get(), 1);
+}
+
+void Connection::close(Timeout limit) {
+    const Deadline deadline = deadlineAfter(limit);
+    {
+        const MutexLock lock(_mutex);
+        ++_roomWaiters;
+        const auto written = [this] { return _lost || !hasQueuedWrites(); };
+        if (deadline)
+            _roomChanged.wait_until(_mutex, *deadline, written);
+        else
+            _roomChanged.wait(_mutex, written);
+        --_roomWaiters;
+        _stopping = true;
+        wake();
+    }
+    if (_thread.joinable()) _thread.join();
+    _delivery->close();
+    drainUntil(deadline);
+    const MutexLock lock(_mutex);
+    _bus = ::sd_bus_close_unref(_bus);
+}
+
+void Connection::drainUntil(const Deadline& deadline) const {
+    // A daemon that cannot write its answers ends the connection and drops what it has not read yet. So it is
+    // listened to until it has read the end.
+    if (::shutdown(_socket.get(), SHUT_WR) != 0) return;
+    char ignored[4096];
+    for (;;) {
+        pollfd descriptor{_socket.get(), POLLIN, 0};
+        if (::poll(&descriptor, 1, millisecondsUntil(deadline)) == 0) return;
+        const ssize_t size = ::recv(_socket.get(), ignored, sizeof ignored, MSG_DONTWAIT);
+        if (size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR)) return;
+    }
+}
+
+}  // namespace quorvane::client

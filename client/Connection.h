@@ -1,0 +1,131 @@
+#pragma once
+
+#include "client/Deadline.h"
+#include "client/Delivery.h"
+#include "platform/ThreadAnnotations.h"
+#include "platform/UniqueDescriptor.h"
+
+#include <quorvane/Client.h>
+
+#include <systemd/sd-bus.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace quorvane::client {
+
+/// The client's end of a peer-to-peer D-Bus connection. A caller encodes its message and writes it to the
+/// socket itself, under the lock; a thread of the connection reads, and writes what the socket did not take
+/// at once. Thread-safe.
+class Connection {
+  public:
+    struct Method {
+        const char* interface;
+        const char* name;
+    };
+    /// Appends a call's arguments; a negative errno value when they cannot be sent.
+    using Encoder = std::function<int(sd_bus_message*)>;
+    /// Takes an answer's arguments; a negative errno value when they are malformed.
+    using Decoder = std::function<int(sd_bus_message*)>;
+    /// Takes the answer to a call, once, on the connection's thread under its lock: it must not block.
+    using Reply = std::function<void(const Result<sd_bus_message*>&)>;
+    struct Export {
+        const char* interface;
+        const sd_bus_vtable* vtable;
+        void* object;  ///< Outlives the connection. Its handlers run as replies do.
+    };
+
+    static constexpr Method kPing{"org.freedesktop.DBus.Peer", "Ping"};
+
+    /// Takes over a connected socket and waits for the other end to answer.
+    static Result<std::unique_ptr<Connection>> start(platform::UniqueDescriptor socket,
+                                                     std::span<const Export> exports, ConnectOptions options);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// Sends a call that is not answered; waits while the socket takes no more.
+    Status send(const Method& method, const Encoder& encode);
+    /// Sends a call; the reply runs unless an error is returned.
+    Status call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout);
+    /// Sends a call and waits for its answer.
+    Status callAndWait(const Method& method, const Encoder& encode, const Decoder& decode, Timeout timeout);
+
+    /// Hands the callback to the executor once the lock is released. From replies and exported objects only.
+    void deliverLater(Delivery::Callback callback);
+    /// Whether the executor has too much waiting for another event to be kept.
+    bool isOverfull() const;
+
+    /// Lets the daemon take what was sent, within the limit, and ends the connection and all callbacks.
+    void close(Timeout limit);
+
+  private:
+    struct Call;
+    /// What the connection's thread waits for, or is about to.
+    struct Awaited {
+        bool reading = true;
+        bool writing = false;
+        std::uint64_t until = UINT64_MAX;  ///< Microseconds of CLOCK_MONOTONIC.
+    };
+    struct Next {
+        bool over;
+        bool more;  ///< There is more to do before waiting.
+        Awaited awaited;
+    };
+
+    Connection(platform::UniqueDescriptor socket, std::shared_ptr<platform::UniqueDescriptor> wake,
+               ConnectOptions options);
+    Status open(std::span<const Export> exports);
+    Status greet(Timeout timeout);
+
+    Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call);
+    Status waitForRoom(const Call* call) REQUIRES(_mutex);
+    bool isFull(bool answered) const REQUIRES(_mutex);
+    int sendUnanswered(sd_bus_message* message) REQUIRES(_mutex);
+    int sendCall(sd_bus_message* message, std::unique_ptr<Call> call) REQUIRES(_mutex);
+
+    /// The bus library calls it in process(), so under the lock.
+    static int takeReply(sd_bus_message* message, void* call, sd_bus_error* error)
+        QUORVANE_TSA(no_thread_safety_analysis);
+    void finish(Call& call, const Result<sd_bus_message*>& answer) REQUIRES(_mutex);
+    Error errorOf(sd_bus_message* message) const REQUIRES(_mutex);
+
+    void run();
+    Next process();
+    void lose(int error) REQUIRES(_mutex);
+    void end(Error error) REQUIRES(_mutex);
+    void waitFor(const Awaited& awaited) const;
+    bool mayRead() const REQUIRES(_mutex);
+    bool hasQueuedWrites() const REQUIRES(_mutex);
+    void wakeIfNeeded() const REQUIRES(_mutex);
+    void wake() const;
+    void drainUntil(const Deadline& deadline) const;
+
+    const std::shared_ptr<platform::UniqueDescriptor> _wake;
+    const std::shared_ptr<Delivery> _delivery;
+    std::function<void(Error)> _disconnected;
+    platform::UniqueDescriptor _socket;  ///< A second descriptor of the bus's socket.
+    std::thread _thread;
+
+    platform::Mutex _mutex;
+    std::condition_variable_any _roomChanged;
+    sd_bus* _bus GUARDED_BY(_mutex) = nullptr;
+    std::optional<Error> _lost GUARDED_BY(_mutex);
+    bool _stopping GUARDED_BY(_mutex) = false;
+    std::list<std::unique_ptr<Call>> _calls GUARDED_BY(_mutex);  ///< Not yet answered.
+    std::size_t _blocked GUARDED_BY(_mutex) = 0;  ///< Threads that wait for an answer or for room.
+    std::size_t _roomWaiters GUARDED_BY(_mutex) = 0;
+    std::vector<Delivery::Callback> _ready;  ///< Touched by the connection's thread only, as is the next.
+    std::size_t _readyBytes = 0;
+    Awaited _awaited GUARDED_BY(_mutex);
+};
+
+}  // namespace quorvane::client

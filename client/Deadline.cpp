@@ -1,0 +1,38 @@
+#include "client/Deadline.h"
+
+#include <algorithm>
+#include <climits>
+#include <ctime>
+
+namespace quorvane::client {
+
+using Clock = std::chrono::steady_clock;
+
+Deadline deadlineAfter(Timeout timeout) {
+    if (timeout == kNoTimeout) return std::nullopt;
+    return Clock::now() + timeout;
+}
+
+int millisecondsUntil(const Deadline& deadline) {
+    if (!deadline) return -1;
+    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(rest, 0, INT_MAX));
+}
+
+std::uint64_t microsecondsUntil(const Deadline& deadline) {
+    if (!deadline) return UINT64_MAX;
+    const auto rest = std::chrono::ceil<std::chrono::microseconds>(*deadline - Clock::now()).count();
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(rest, 1));
+}
+
+std::optional<timespec> timeUntil(std::uint64_t point) {
+    if (point == UINT64_MAX) return std::nullopt;
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const std::uint64_t at =
+        static_cast<std::uint64_t>(now.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000;
+    const std::uint64_t rest = point > at ? point - at : 0;
+    return timespec{static_cast<time_t>(rest / 1'000'000), static_cast<long>(rest % 1'000'000 * 1000)};
+}
+
+}  // namespace quorvane::client

@@ -1,0 +1,114 @@
+#include "client/Delivery.h"
+
+#include "client/Thread.h"
+
+#include <sys/eventfd.h>
+
+#include <utility>
+
+namespace quorvane::client {
+
+using platform::MutexLock;
+
+namespace {
+
+/// Whose callback the thread is in.
+thread_local const Delivery* t_runs = nullptr;
+
+}  // namespace
+
+std::shared_ptr<Delivery> Delivery::create(Executor executor,
+                                           std::shared_ptr<platform::UniqueDescriptor> wake) {
+    return std::shared_ptr<Delivery>(new Delivery(std::move(executor), std::move(wake)));
+}
+
+Delivery::Delivery(Executor executor, std::shared_ptr<platform::UniqueDescriptor> wake)
+    : _executor(std::move(executor)), _wake(std::move(wake)) {}
+
+Delivery::~Delivery() = default;
+
+void Delivery::deliver(std::vector<Callback> callbacks) {
+    for (Callback& callback : callbacks) {
+        bool own = false;
+        {
+            const MutexLock lock(_mutex);
+            if (_closed) return;
+            _waitingBytes += callback.bytes;
+            own = !_executor;
+            if (own) _waiting.push_back(std::move(callback));
+        }
+        if (!own)
+            _executor([self = shared_from_this(), shared = std::make_shared<Callback>(std::move(callback))] {
+                self->run(std::move(*shared));
+            });
+    }
+    if (_executor || callbacks.empty()) return;
+    if (startThread()) _changed.notify_all();
+}
+
+bool Delivery::startThread() {
+    {
+        const MutexLock lock(_mutex);
+        if (std::exchange(_hasThread, true)) return true;
+    }
+    // The thread keeps the object: a callback may destroy the client, and with it everyone else's share.
+    auto thread =
+        client::startThread("quorvane-deliver", [self = shared_from_this()] { self->runWaiting(); });
+    if (thread) {
+        thread->detach();
+        return true;
+    }
+    const MutexLock lock(_mutex);
+    _hasThread = false;  // The next callback tries again; what waits is bounded.
+    return false;
+}
+
+void Delivery::runWaiting() {
+    for (;;) {
+        Callback callback;
+        {
+            const MutexLock lock(_mutex);
+            while (_waiting.empty() && !_closed) _changed.wait(_mutex);
+            if (_closed) return;
+            callback = std::move(_waiting.front());
+            _waiting.pop_front();
+        }
+        run(std::move(callback));
+    }
+}
+
+void Delivery::run(Callback callback) {
+    {
+        const MutexLock lock(_mutex);
+        if (_closed) return;
+        ++_running;
+    }
+    const Delivery* outer = std::exchange(t_runs, this);
+    callback.function();
+    callback.function = nullptr;
+    t_runs = outer;
+
+    const MutexLock lock(_mutex);
+    --_running;
+    if (_closed) _changed.notify_all();
+    const bool wasFull = _waitingBytes >= kBoundBytes;
+    _waitingBytes -= callback.bytes;
+    if (wasFull && _waitingBytes < kBoundBytes) ::eventfd_write(_wake->get(), 1);
+}
+
+void Delivery::close() {
+    std::deque<Callback> dropped;
+    const MutexLock lock(_mutex);
+    _closed = true;
+    dropped.swap(_waiting);
+    _changed.notify_all();
+    const std::size_t own = t_runs == this ? 1 : 0;
+    while (_running > own) _changed.wait(_mutex);
+}
+
+std::size_t Delivery::waitingBytes() const {
+    const MutexLock lock(_mutex);
+    return _waitingBytes;
+}
+
+}  // namespace quorvane::client

@@ -1,0 +1,60 @@
+#include "client/LentFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+namespace quorvane::client {
+
+using platform::MutexLock;
+
+Result<std::shared_ptr<const OpenFile>> openRegularFile(const std::string& path) {
+    const auto failure = [&path](ErrorCode code, const char* why) {
+        return Error{code, "cannot upload " + path + ": " + why};
+    };
+    std::error_code error;
+    auto file = std::make_shared<OpenFile>();
+    file->path = std::filesystem::absolute(path, error).string();
+    if (error) return failure(ErrorCode::System, std::strerror(error.value()));
+    file->descriptor.reset(
+        ::open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    if (!file->descriptor && errno == ELOOP)
+        return failure(ErrorCode::InvalidArgument, "it is a symbolic link");
+    struct stat status {};
+    if (!file->descriptor || ::fstat(file->descriptor.get(), &status) != 0)
+        return failure(ErrorCode::System, std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) return failure(ErrorCode::InvalidArgument, "it is no regular file");
+    file->bytes = static_cast<std::uint64_t>(status.st_size);
+    file->device = status.st_dev;
+    file->number = status.st_ino;
+    return std::shared_ptr<const OpenFile>(std::move(file));
+}
+
+void LentFiles::add(const std::string& token, std::shared_ptr<const OpenFile> file) {
+    const MutexLock lock(_mutex);
+    _files[token] = std::move(file);
+}
+
+void LentFiles::forget(const std::string& token) {
+    const MutexLock lock(_mutex);
+    _files.erase(token);
+}
+
+bool LentFiles::removeFile(const std::string& token) {
+    const MutexLock lock(_mutex);
+    const auto at = _files.find(token);
+    if (at == _files.end()) return false;
+    const std::shared_ptr<const OpenFile> file = std::move(at->second);
+    _files.erase(at);
+    struct stat now {};
+    if (::lstat(file->path.c_str(), &now) != 0) return false;
+    return now.st_dev == file->device && now.st_ino == file->number && ::unlink(file->path.c_str()) == 0;
+}
+
+}  // namespace quorvane::client

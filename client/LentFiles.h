@@ -1,0 +1,45 @@
+#pragma once
+
+#include "platform/ThreadAnnotations.h"
+#include "platform/UniqueDescriptor.h"
+
+#include <quorvane/Result.h>
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace quorvane::client {
+
+/// A regular file open for reading. While it is open, no other file can take its place under its number.
+struct OpenFile {
+    std::string path;  ///< Absolute.
+    platform::UniqueDescriptor descriptor;
+    std::uint64_t bytes = 0;
+    dev_t device = 0;
+    ino_t number = 0;
+};
+
+/// Opens the file at the path, not through a symbolic link as its last component, without ever waiting for
+/// it.
+Result<std::shared_ptr<const OpenFile>> openRegularFile(const std::string& path);
+
+/// The files that the daemon may ask to be removed, by the tokens it issued for them. Thread-safe.
+class LentFiles {
+  public:
+    void add(const std::string& token, std::shared_ptr<const OpenFile> file);
+    void forget(const std::string& token);
+
+    /// Removes the file that the token was issued for, when its path still names it. False when nothing was
+    /// removed.
+    bool removeFile(const std::string& token);
+
+  private:
+    platform::Mutex _mutex;
+    std::map<std::string, std::shared_ptr<const OpenFile>> _files GUARDED_BY(_mutex);
+};
+
+}  // namespace quorvane::client

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <thread>
+
+namespace quorvane::client {
+
+/// Starts a thread that takes none of the program's signals; nothing when the system has none to give.
+///   name  at most 15 bytes
+std::optional<std::thread> startThread(const char* name, std::function<void()> function);
+
+}  // namespace quorvane::client

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "tests/client/BusPeer.h"
+
+#include <quorvane/Client.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <thread>
+
+namespace quorvane::test {
+
+/// How long a test waits for something that should happen soon; sanitizers on a busy machine are slow.
+constexpr std::chrono::seconds kSoon{20};
+
+/// Waits until the condition holds; false when it does not in time.
+inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = kSoon) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+/// A client of the peer; the test fails when there is none.
+inline Client connectTo(const BusPeer& peer, ConnectOptions options = {}) {
+    options.socketPath = peer.path();
+    Result<Client> client = Client::connect(std::move(options));
+    if (!client) {
+        ADD_FAILURE() << client.error().message;
+        std::abort();
+    }
+    return *std::move(client);
+}
+
+/// A gate that callbacks wait at until the test opens it.
+class Gate {
+  public:
+    void open() { _opened.set_value(); }
+    void wait() const { _future.wait(); }
+
+  private:
+    std::promise<void> _opened;
+    std::shared_future<void> _future = _opened.get_future().share();
+};
+
+}  // namespace quorvane::test

@@ -1,0 +1,208 @@
+#include "framework/Keys.h"
+#include "platform/BusValue.h"
+#include "tests/client/ClientFixture.h"
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+
+namespace quorvane::test {
+namespace {
+
+using std::chrono::milliseconds;
+
+int answerNil(sd_bus_message* message) {
+    if (std::strcmp(::sd_bus_message_get_member(message), "SetSessionInfo") == 0)
+        return ::sd_bus_reply_method_return(message, nullptr);
+    return ::sd_bus_reply_method_return(message, "as", 0);
+}
+
+/// Sends one event to the client as the daemon does.
+void relay(sd_bus* bus, double timestamp, std::uint16_t category, std::uint16_t type,
+           const Dictionary* payload) {
+    sd_bus_message* message = nullptr;
+    ASSERT_GE(::sd_bus_message_new_method_call(bus, &message, nullptr, kQuorvaneObjectPath,
+                                               kClientSessionReplyInterface, "SendMessageToClient"),
+              0);
+    platform::appendDictionary(message, {{"SessionID", 77u}, {"ClientType", 5u}, {"BatchEvent", true}});
+    ::sd_bus_message_append(message, "dqq", timestamp, category, type);
+    platform::appendOptionalDictionary(message, payload);
+    ::sd_bus_message_set_expect_reply(message, 0);
+    EXPECT_GE(::sd_bus_send(bus, message, nullptr), 0);
+    ::sd_bus_message_unref(message);
+}
+
+TEST(Delivery, EventsAndTheirEndReachTheBlockInOrder) {
+    BusPeer peer(answerNil);
+    std::mutex mutex;
+    std::vector<AggregatedEvent> events;
+    std::promise<SessionInfo> ended;
+    Client client = connectTo(peer);
+    ASSERT_TRUE(
+        client.setSessionInfo({.sessionID = 77}, std::nullopt, {},
+                              {.event =
+                                   [&](AggregatedEvent event) {
+                                       const std::lock_guard lock(mutex);
+                                       events.push_back(std::move(event));
+                                   },
+                               .ended = [&](SessionInfo info) { ended.set_value(std::move(info)); }}));
+    const Dictionary payload{{"key", "value"}};
+    peer.run([&](sd_bus* bus) {
+        relay(bus, 1'700'000'000.25, 65535, 7, &payload);
+        relay(bus, 0, 0, 1, nullptr);
+        const Dictionary empty;
+        relay(bus, 0, 0, 0, &empty);  // An event: the end has no payload.
+        relay(bus, 0, 0, 0, nullptr);
+    });
+    EXPECT_EQ(ended.get_future().get().sessionID, 77u);
+    const std::lock_guard lock(mutex);
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0].sessionInfo.clientType, 5u);
+    EXPECT_TRUE(events[0].sessionInfo.batchEvent);
+    EXPECT_EQ(events[0].timestamp, 1'700'000'000.25);
+    EXPECT_EQ(events[0].category, 65535);
+    EXPECT_EQ(events[0].type, 7);
+    EXPECT_EQ(events[0].payload, payload);
+    EXPECT_EQ(events[1].payload, std::nullopt);
+    EXPECT_EQ(events[2].payload, Dictionary{});
+}
+
+TEST(Delivery, CallbacksRunWhereTheCallerWantsThem) {
+    BusPeer peer(answerNil);
+    std::mutex mutex;
+    std::deque<std::function<void()>> loop;
+    const auto runLoop = [&](const std::function<bool()>& done) {
+        return eventually([&] {
+            std::function<void()> next;
+            {
+                const std::lock_guard lock(mutex);
+                if (!loop.empty()) {
+                    next = std::move(loop.front());
+                    loop.pop_front();
+                }
+            }
+            if (next) next();
+            return done();
+        });
+    };
+    int events = 0;
+    int completions = 0;
+    bool lost = false;
+    const auto here = std::this_thread::get_id();
+    Client client = connectTo(peer, {.executor =
+                                         [&](std::function<void()> function) {
+                                             const std::lock_guard lock(mutex);
+                                             loop.push_back(std::move(function));
+                                         },
+                                     .disconnected = [&](const Error&) { lost = true; }});
+    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
+                                          EXPECT_EQ(std::this_thread::get_id(), here);
+                                          ++events;
+                                      }}));
+    ASSERT_TRUE(client.sendAsync({}, [&](const Result<Answer>& answer) {
+        EXPECT_TRUE(answer);
+        ++completions;
+    }));
+    peer.run([](sd_bus* bus) { relay(bus, 1, 1, 1, nullptr); });
+    EXPECT_TRUE(runLoop([&] { return events == 1 && completions == 1; }));
+    peer.disconnect();
+    EXPECT_TRUE(runLoop([&] { return lost; }));
+}
+
+TEST(Delivery, ACallbackMayCallTheClient) {
+    BusPeer peer(answerNil);
+    Client client = connectTo(peer);
+    std::promise<bool> answered;
+    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
+                                          const bool sent = static_cast<bool>(client.sendAndForget({}));
+                                          answered.set_value(sent && client.send({}));
+                                      }}));
+    peer.run([](sd_bus* bus) { relay(bus, 1, 1, 1, nullptr); });
+    EXPECT_TRUE(answered.get_future().get());
+}
+
+TEST(Delivery, AnExecutorThatRunsAtOnceGetsAnErrorInsteadOfADeadlock) {
+    BusPeer peer(answerNil);
+    Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
+    std::promise<ErrorCode> code;
+    ASSERT_TRUE(
+        client.sendAsync({}, [&](const Result<Answer>&) { code.set_value(client.send({}).error().code); }));
+    EXPECT_EQ(code.get_future().get(), ErrorCode::WouldDeadlock);
+}
+
+TEST(Delivery, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
+    BusPeer peer(answerNil);
+    std::atomic<int> begun = 0;
+    std::atomic<int> ended = 0;
+    std::promise<void> running;
+    {
+        Client client = connectTo(peer);
+        ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
+                                              if (++begun == 1) running.set_value();
+                                              std::this_thread::sleep_for(milliseconds(50));
+                                              ++ended;
+                                          }}));
+        peer.run([](sd_bus* bus) {
+            for (int i = 0; i < 1000; ++i) relay(bus, 1, 1, 1, nullptr);
+        });
+        running.get_future().wait();
+    }
+    EXPECT_LT(begun, 1000);
+    EXPECT_EQ(begun, ended);
+}
+
+TEST(Delivery, ACallbackMayDestroyItsClient) {
+    BusPeer peer(answerNil);
+    auto client = std::make_shared<std::unique_ptr<Client>>(std::make_unique<Client>(connectTo(peer)));
+    std::promise<void> destroyed;
+    ASSERT_TRUE((*client)->sendAsync({}, [&, client](const Result<Answer>&) {
+        client->reset();
+        destroyed.set_value();
+    }));
+    destroyed.get_future().wait();
+}
+
+/// What the peer could not yet write.
+std::uint64_t unwritten(BusPeer& peer) {
+    std::uint64_t count = 0;
+    peer.run([&](sd_bus* bus) { ::sd_bus_get_n_queued_write(bus, &count); });
+    return count;
+}
+
+TEST(Delivery, ASlowCallbackStopsTheReadingUntilItCatchesUp) {
+    BusPeer peer(answerNil);
+    Gate gate;
+    std::atomic<unsigned> events = 0;
+    Client client = connectTo(peer);
+    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
+                                          gate.wait();
+                                          ++events;
+                                      }}));
+    // 40 MiB is more than bound and socket buffers hold together.
+    constexpr unsigned kEvents = 640;
+    const Dictionary payload{{"text", std::string(64 << 10, 'x')}};
+    peer.run([&](sd_bus* bus) {
+        for (unsigned i = 0; i < kEvents; ++i) relay(bus, 1, 1, 1, &payload);
+    });
+    std::uint64_t before = 0;
+    ASSERT_TRUE(eventually([&] {
+        std::this_thread::sleep_for(milliseconds(20));
+        const std::uint64_t now = unwritten(peer);
+        return std::exchange(before, now) == now;
+    }));
+    EXPECT_GT(before, 100u);
+
+    // A call that waits is answered all the same: the reading goes on for it, and what goes past the bound
+    // twice is dropped and counted.
+    EXPECT_TRUE(client.send({}));
+    EXPECT_GT(client.droppedEvents(), 100u);
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return events + client.droppedEvents() == kEvents; }));
+
+    // And it reads on.
+    peer.run([&](sd_bus* bus) { relay(bus, 1, 1, 1, nullptr); });
+    EXPECT_TRUE(eventually([&] { return events + client.droppedEvents() == kEvents + 1; }));
+}
+
+}  // namespace
+}  // namespace quorvane::test

@@ -1,0 +1,150 @@
+#include "tests/client/ClientFixture.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+namespace quorvane::test {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr Event kEvent{.category = 1, .type = 2};
+
+bool isCall(sd_bus_message* message, const char* member) {
+    return std::strcmp(::sd_bus_message_get_member(message), member) == 0;
+}
+
+/// Answers nothing.
+int silent(sd_bus_message*) {
+    return 1;
+}
+
+int answerNil(sd_bus_message* message) {
+    return ::sd_bus_reply_method_return(message, "as", 0);
+}
+
+TEST(Failures, NobodyListens) {
+    const auto folder = makeFolder();
+    const auto client = Client::connect({.socketPath = (folder / "nothing").string()});
+    ASSERT_FALSE(client);
+    EXPECT_EQ(client.error().code, ErrorCode::Disconnected);
+    EXPECT_NE(client.error().message.find("nothing"), std::string::npos);
+    const auto tooLong = Client::connect({.socketPath = std::string(200, 'x')});
+    EXPECT_EQ(tooLong.error().code, ErrorCode::InvalidArgument);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Failures, AListenerThatSaysNothingIsGivenUp) {
+    const auto folder = makeFolder();
+    const auto listener = listenAt((folder / "socket").string());
+    const auto client =
+        Client::connect({.socketPath = (folder / "socket").string(), .timeout = milliseconds(50)});
+    ASSERT_FALSE(client);
+    EXPECT_EQ(client.error().code, ErrorCode::TimedOut);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Failures, AListenerThatSpeaksNoDBus) {
+    const auto folder = makeFolder();
+    const auto listener = listenAt((folder / "socket").string());
+    std::thread other([&] {
+        const platform::UniqueDescriptor socket(::accept(listener.get(), nullptr, nullptr));
+        const std::string garbage(1000, '\x80');
+        ::send(socket.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
+    });
+    const auto client = Client::connect({.socketPath = (folder / "socket").string()});
+    ASSERT_FALSE(client);
+    EXPECT_EQ(client.error().code, ErrorCode::Disconnected);
+    other.join();
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Failures, TheDaemonsErrorsAndMalformedAnswersComeBack) {
+    BusPeer peer([](sd_bus_message* message) {
+        if (isCall(message, "StartConfig")) return ::sd_bus_reply_method_return(message, "u", 7);
+        return ::sd_bus_reply_method_errorf(message, "com.velmora.Busy", "no %s today", "events");
+    });
+    Client client = connectTo(peer);
+    const auto refused = client.send(kEvent);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, ErrorCode::Refused);
+    EXPECT_EQ(refused.error().message, "no events today");
+    EXPECT_EQ(client.start().error().code, ErrorCode::Refused);
+}
+
+TEST(Failures, AValueThatCannotBeSentCostsOnlyItsCall) {
+    BusPeer peer(answerNil);
+    Client client = connectTo(peer);
+    Value deep = Array{};
+    for (int i = 0; i < 70; ++i) deep = Array{std::move(deep)};
+    for (const Value& value : {deep, Value("no \xFF text"), Value(std::string("a\0b", 3))}) {
+        const Event event{.payload = Dictionary{{"value", value}}};
+        EXPECT_EQ(client.send(event).error().code, ErrorCode::InvalidArgument);
+        EXPECT_EQ(client.sendAndForget(event).error().code, ErrorCode::InvalidArgument);
+    }
+    EXPECT_TRUE(client.send(kEvent));
+}
+
+TEST(Failures, AnAnswerThatNeverComesEndsWithItsTime) {
+    std::atomic<bool> answers = false;
+    BusPeer peer([&](sd_bus_message* message) { return answers ? answerNil(message) : silent(message); });
+    Client client = connectTo(peer);
+    EXPECT_EQ(client.send(kEvent, milliseconds(30)).error().code, ErrorCode::TimedOut);
+    const auto single =
+        client.sendMessageWithSessionInfo({.clientType = 5}, std::nullopt, kEvent, milliseconds(30));
+    EXPECT_EQ(single.error().code, ErrorCode::TimedOut);
+
+    std::promise<Result<std::string>> completed;
+    ASSERT_TRUE(client.sendMessageWithSessionInfoAsync(
+        {.sessionID = 1}, std::nullopt, kEvent,
+        [&](Result<std::string> answer) { completed.set_value(std::move(answer)); }, milliseconds(30)));
+    EXPECT_EQ(completed.get_future().get().error().code, ErrorCode::TimedOut);
+
+    answers = true;
+    EXPECT_TRUE(client.send(kEvent));
+}
+
+TEST(Failures, ALostConnectionFailsWhatWaitsAndTellsOnce) {
+    BusPeer peer(silent);
+    std::atomic<int> notices = 0;
+    Client client = connectTo(peer, {.disconnected = [&](const Error& error) {
+                                  EXPECT_EQ(error.code, ErrorCode::Disconnected);
+                                  ++notices;
+                              }});
+    std::promise<Result<Answer>> completed;
+    ASSERT_TRUE(
+        client.sendAsync(kEvent, [&](Result<Answer> answer) { completed.set_value(std::move(answer)); }));
+    auto waiting = std::async(std::launch::async, [&] { return client.send(kEvent); });
+    peer.run([](sd_bus*) {});
+    peer.disconnect();
+
+    EXPECT_EQ(waiting.get().error().code, ErrorCode::Disconnected);
+    EXPECT_EQ(completed.get_future().get().error().code, ErrorCode::Disconnected);
+    EXPECT_TRUE(eventually([&] { return notices == 1; }));
+    EXPECT_EQ(client.send(kEvent).error().code, ErrorCode::Disconnected);
+    EXPECT_EQ(client.sendAndForget(kEvent).error().code, ErrorCode::Disconnected);
+    EXPECT_EQ(client.sendAsync(kEvent, nullptr).error().code, ErrorCode::Disconnected);
+
+    // Reconnecting is a new client.
+    Client again = connectTo(peer);
+    client = std::move(again);
+    EXPECT_EQ(client.send(kEvent, milliseconds(10)).error().code, ErrorCode::TimedOut);
+    EXPECT_EQ(notices, 1);
+}
+
+TEST(Failures, BytesThatAreNoMessageEndTheConnection) {
+    BusPeer peer(silent);
+    std::promise<Error> lost;
+    Client client = connectTo(peer, {.disconnected = [&](Error error) { lost.set_value(std::move(error)); }});
+    peer.run([](sd_bus* bus) {
+        const std::string garbage(64, '\xEE');
+        ASSERT_EQ(::write(::sd_bus_get_fd(bus), garbage.data(), garbage.size()), 64);
+    });
+    EXPECT_EQ(lost.get_future().get().code, ErrorCode::Disconnected);
+}
+
+}  // namespace
+}  // namespace quorvane::test
