@@ -56,6 +56,7 @@ std::unique_ptr<httplib::SSLClient> CollectorTest::client(const std::string& hos
     auto client = std::make_unique<httplib::SSLClient>(host, _port);
     client->set_ca_cert_path(trust().c_str());
     client->enable_server_certificate_verification(true);
+    client->set_tcp_nodelay(true);
     client->set_read_timeout(std::chrono::seconds(20));
     return client;
 }
