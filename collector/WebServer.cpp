@@ -11,10 +11,11 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <atomic>
 #include <exception>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include <fmt/format.h>
@@ -30,6 +31,7 @@ using std::chrono::seconds;
 constexpr seconds kHandshakeTime{10};
 constexpr seconds kHeadTime{10};
 constexpr seconds kIdleTime{60};
+constexpr seconds kCrowdedIdleTime{2};
 constexpr seconds kBodyTime{30};
 constexpr std::uint64_t kSlowestBytesPerSecond = 16u << 10;
 constexpr std::uint64_t kMaximumHeadBytes = 64u << 10;
@@ -41,6 +43,12 @@ void send(const Answer& answer, Response& response) {
 
 std::string peerOf(const Request& request) {
     return fmt::format("{}:{}", request.remote_addr, request.remote_port);
+}
+
+void refuse(const Answer& refused, const Request& request, Response& response) {
+    platform::logWarning("{} {} from {} refused: {}", request.method, request.path, peerOf(request),
+                         refused.body);
+    send(refused, response);
 }
 
 PostFacts factsOf(const Request& request) {
@@ -127,6 +135,7 @@ class WebServer::Listener final : public httplib::Server {
         });
         set_exception_handler([](const Request& request, Response& response, const std::exception_ptr&) {
             platform::logError("A request from {} failed", peerOf(request));
+            servedConnection->endReading();
             send(refusal(503, "the request failed"), response);
         });
         for (const char* path : kEventPaths) Post(path, handler(&Listener::takeEvents));
@@ -146,19 +155,24 @@ class WebServer::Listener final : public httplib::Server {
 
     bool process_and_close_socket(socket_t socket) override {
         TlsConnection connection(socket, *_context, _stop);
+        ++_open;
         try {
             if (connection.handshake(kHandshakeTime)) serveRequests(connection);
         } catch (const std::exception& error) {
             platform::logWarning("A connection failed: {}", error.what());
         }
         connection.close();
+        --_open;
         return true;
     }
+
+    /// Connections that say nothing must not keep others waiting for long.
+    seconds idleTime() const { return _open <= _settings.connections / 2 ? kIdleTime : kCrowdedIdleTime; }
 
     void serveRequests(TlsConnection& connection) {
         servedConnection = &connection;
         bool close = false;
-        while (!close && connection.waitForRequest(kIdleTime)) {
+        while (!close && connection.waitForRequest(idleTime())) {
             connection.allow(kMaximumHeadBytes, kHeadTime);
             bool admitted = false;
             if (!process_request(connection, false, close,
@@ -182,13 +196,11 @@ class WebServer::Listener final : public httplib::Server {
 
     bool answerByHead(const Request& request, Response& response) const {
         if (const auto refused = refusalByHead(request, _limits)) {
-            platform::logWarning("{} {} from {} refused: {}", request.method, request.path, peerOf(request),
-                                 refused->body);
             response.set_header("Connection", "close");
             if (refused->status == 405)
                 response.set_header("Allow",
                                     resourceAt(request.path) == Resource::Bag ? "GET, HEAD" : "POST");
-            send(*refused, response);
+            refuse(*refused, request, response);
             return true;
         }
         if (request.method == "POST") return false;
@@ -211,7 +223,8 @@ class WebServer::Listener final : public httplib::Server {
             response.status = 304;
         } else {
             response.status = 200;
-            response.set_content(std::move(bag->bytes), "application/x-plist");
+            response.body = std::move(bag->bytes);
+            response.set_header("Content-Type", "application/x-plist");
         }
         platform::logInfo("Bag {} for {}: {}", name, peerOf(request), response.status);
     }
@@ -226,7 +239,7 @@ class WebServer::Listener final : public httplib::Server {
         if (_settings.answer)
             send({.status = *_settings.answer, .body = "{}"}, response);
         else if (const auto refused = bodyRefusal(result))
-            send(*refused, response);
+            refuse(*refused, request, response);
         else
             send(_parts.posts.take(factsOf(request), message), response);
     }
@@ -261,6 +274,7 @@ class WebServer::Listener final : public httplib::Server {
     const StopSignal& _stop;
     const TlsContext _context;
     int _port = -1;
+    std::atomic<std::size_t> _open{0};
     std::atomic<bool> _ended{false};
 };
 

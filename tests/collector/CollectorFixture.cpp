@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <zlib.h>
+#include <csignal>
 
 #include <charconv>
 #include <fstream>
@@ -21,6 +22,8 @@ namespace quorvane::test {
 namespace fs = std::filesystem;
 
 CollectorTest::CollectorTest() {
+    // Clients write to connections that the collector has ended.
+    std::signal(SIGPIPE, SIG_IGN);
     std::string pattern = fs::temp_directory_path() / "collectorXXXXXX";
     _folder = ::mkdtemp(pattern.data());
     fs::create_directory(bags());
