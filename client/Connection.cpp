@@ -174,10 +174,10 @@ Status Connection::submit(const Method& method, const Encoder& encode, std::uniq
     int result = ::sd_bus_message_new_method_call(_bus, &raw, nullptr, kQuorvaneObjectPath, method.interface,
                                                   method.name);
     const Message message(raw);
-    if (result < 0) return systemError("cannot make a message", result);
+    if (result < 0) return sendingError(result);
     if (result = encode(raw); result < 0) return encodingError(result);
     if (result = call != nullptr ? sendCall(raw, std::move(call)) : sendUnanswered(raw); result < 0)
-        return systemError("cannot send", result);
+        return sendingError(result);
     wakeIfNeeded();
     return std::monostate{};
 }
@@ -249,6 +249,11 @@ Error Connection::errorOf(sd_bus_message* message) const {
         return {ErrorCode::TimedOut, "the daemon did not answer in time"};
     }
     return {ErrorCode::Refused, std::string(error->message != nullptr ? error->message : error->name)};
+}
+
+Error Connection::sendingError(int error) const {
+    if (::sd_bus_is_open(_bus) <= 0) return {ErrorCode::Disconnected, "the connection is lost"};
+    return systemError("cannot send", error);
 }
 
 void Connection::deliverLater(Delivery::Callback callback) {
@@ -337,7 +342,7 @@ void Connection::close(Timeout limit) {
     {
         const MutexLock lock(_mutex);
         ++_roomWaiters;
-        const auto written = [this] { return _lost || !hasQueuedWrites(); };
+        const auto written = [this]() REQUIRES(_mutex) { return _lost || !hasQueuedWrites(); };
         if (deadline)
             _roomChanged.wait_until(_mutex, *deadline, written);
         else

@@ -97,6 +97,7 @@ class Connection {
         QUORVANE_TSA(no_thread_safety_analysis);
     void finish(Call& call, const Result<sd_bus_message*>& answer) REQUIRES(_mutex);
     Error errorOf(sd_bus_message* message) const REQUIRES(_mutex);
+    Error sendingError(int error) const REQUIRES(_mutex);
 
     void run();
     Next process();

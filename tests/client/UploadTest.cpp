@@ -29,6 +29,11 @@ class UploadPeer {
   public:
     UploadPeer() : peer([this](sd_bus_message* message) { return take(message); }) {}
 
+    /// Runs the function on the peer's thread, which alone touches the fields.
+    void onPeer(const std::function<void()>& function) {
+        peer.run([&](sd_bus*) { function(); });
+    }
+
     bool takes = true;
     std::string removes = "the token";  ///< For which token removal is asked; for none when empty.
     std::function<void()> whileUploading;
@@ -82,10 +87,12 @@ TEST(Upload, LendsTheFileReportsProgressAndRemovesItWhenAsked) {
     EXPECT_EQ(*uploaded, true);
     EXPECT_EQ(steps, (std::vector{UploadProgress::Step::Opened, UploadProgress::Step::Lent,
                                   UploadProgress::Step::Finished}));
-    EXPECT_EQ(uploads.interface, "com.velmora.quorvaned.SandboxExtension");
-    EXPECT_EQ(uploads.content, "what happened");
-    EXPECT_EQ(uploads.url, "file://" + (uploads.peer.folder() / "a%20log%20%251.txt").string());
-    EXPECT_EQ(uploads.token, "the token");
+    uploads.onPeer([&] {
+        EXPECT_EQ(uploads.interface, "com.velmora.quorvaned.SandboxExtension");
+        EXPECT_EQ(uploads.content, "what happened");
+        EXPECT_EQ(uploads.url, "file://" + (uploads.peer.folder() / "a%20log%20%251.txt").string());
+        EXPECT_EQ(uploads.token, "the token");
+    });
     EXPECT_FALSE(fs::exists(file));
 }
 
@@ -94,10 +101,12 @@ TEST(Upload, KeepsTheFileWhenNotAskedOrAskedForAnother) {
     Client client = connectTo(uploads.peer);
     const fs::path file = uploads.peer.folder() / "log";
     writeFile(file, "x");
-    uploads.removes = "another token";
-    uploads.takes = false;
+    uploads.onPeer([&] {
+        uploads.removes = "another token";
+        uploads.takes = false;
+    });
     EXPECT_EQ(*client.uploadFile(file.string()), false);
-    uploads.removes = "";
+    uploads.onPeer([&] { uploads.removes = ""; });
     EXPECT_EQ(*client.uploadFile(file.string()), false);
     EXPECT_TRUE(fs::exists(file));
     // A token is forgotten with its upload.
@@ -117,17 +126,19 @@ TEST(Upload, NeverRemovesWhatHasTakenTheFilesPlace) {
     const fs::path other = uploads.peer.folder() / "other";
 
     writeFile(file, "old");
-    uploads.whileUploading = [&] {
+    const auto replaceFile = [&] {
         fs::remove(file);
         writeFile(file, "new");
     };
+    uploads.onPeer([&] { uploads.whileUploading = replaceFile; });
     EXPECT_EQ(*client.uploadFile(file.string()), true);
     EXPECT_TRUE(fs::exists(file));
 
-    uploads.whileUploading = [&] {
+    const auto replaceByLink = [&] {
         fs::rename(file, other);
         fs::create_symlink(other, file);
     };
+    uploads.onPeer([&] { uploads.whileUploading = replaceByLink; });
     EXPECT_EQ(*client.uploadFile(file.string()), true);
     EXPECT_TRUE(fs::is_symlink(file));
     EXPECT_TRUE(fs::exists(other));
@@ -143,7 +154,7 @@ TEST(Upload, LendsRegularFilesOnly) {
     for (const fs::path& path : {folder, folder / "link", folder / "fifo", fs::path("/dev/null")})
         EXPECT_EQ(client.uploadFile(path.string()).error().code, ErrorCode::InvalidArgument) << path;
     EXPECT_EQ(client.uploadFile((folder / "none").string()).error().code, ErrorCode::System);
-    EXPECT_EQ(uploads.token, "");
+    uploads.onPeer([&] { EXPECT_EQ(uploads.token, ""); });
 }
 
 }  // namespace
