@@ -2,59 +2,33 @@
 
 #include "backends/HTTPSPostBackend.h"
 #include "platform/Json.h"
-#include "platform/Log.h"
 #include "platform/RandomDraw.h"
+#include "tests/support/RootFixture.h"
 #include "util/Environment.h"
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace quorvane {
 
-/// A device of its own in a temporary folder: consent given, country US, release environment; log lines are
-/// kept.
-class BackendFixture : public testing::Test {
+/// A device whose user consents, country US, in the release environment.
+class BackendFixture : public RootFixture {
   protected:
     void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "quorvane-backends-XXXXXX").string();
-        _root = ::mkdtemp(pattern.data());
-        ::setenv("QUORVANE_ROOT", _root.c_str(), 1);
+        RootFixture::SetUp();
         ::setenv("LC_ALL", "en_US.UTF-8", 1);
         std::filesystem::create_directories(_root / "var/lib/quorvane");
         write("etc/quorvane/consent.toml", "diagnostics_submission = true\n");
         replaceEnvironmentType(EnvironmentType::Release);
-        lines().clear();
-        platform::setLogSink([](platform::LogLevel level, std::string_view line) {
-            const std::scoped_lock lock(linesGuard());
-            lines().push_back(fmt::format("<{}>{}", static_cast<int>(level), line));
-        });
     }
 
     void TearDown() override {
-        platform::setLogSink(nullptr);
         platform::replaceRandomDraw(nullptr);
-        std::filesystem::remove_all(_root);
-    }
-
-    void write(const std::string& path, const std::string& text) const {
-        std::filesystem::create_directories((_root / path).parent_path());
-        std::ofstream(_root / path) << text;
-    }
-
-    /// How many lines written so far hold the text; each starts with its level, as in "<4>".
-    static std::size_t logged(const std::string& text) {
-        const std::scoped_lock lock(linesGuard());
-        return static_cast<std::size_t>(std::count_if(lines().begin(), lines().end(), [&](const auto& line) {
-            return line.find(text) != std::string::npos;
-        }));
+        RootFixture::TearDown();
     }
 
     static std::shared_ptr<HTTPSPostBackend> backendWithClients(Array clients) {
@@ -102,18 +76,6 @@ class BackendFixture : public testing::Test {
         const Array events = eventsIn(json);
         EXPECT_EQ(events.size(), 1u);
         return events.size() == 1 ? *events[0].dictionary() : Dictionary();
-    }
-
-    std::filesystem::path _root;
-
-  private:
-    static std::vector<std::string>& lines() {
-        static std::vector<std::string> kept;
-        return kept;
-    }
-    static std::mutex& linesGuard() {
-        static std::mutex guard;
-        return guard;
     }
 };
 

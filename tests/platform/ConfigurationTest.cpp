@@ -1,0 +1,144 @@
+#include "platform/Consent.h"
+#include "platform/DeviceQuery.h"
+#include "platform/TomlFile.h"
+#include "platform/UserDefaults.h"
+#include "tests/support/RootFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+
+namespace quorvane::platform {
+namespace {
+
+using testing::HasSubstr;
+
+std::string errorOf(const TomlResult& result) {
+    const auto* error = std::get_if<TomlError>(&result);
+    return error != nullptr ? error->description : "no error";
+}
+
+TEST(TomlFileTest, EveryKindOfTomlBecomesAValue) {
+    const TomlResult result = parseToml(R"(
+text = "a\nä"
+integer = -9223372036854775808
+real = 0.25
+not_finite = -inf
+yes = true
+instant = 2026-01-15T08:00:00.5+01:30
+local = 1969-12-31T23:59:59
+day = 2026-01-15
+time = 07:32:00.25
+list = [1, "two", [3.0]]
+dotted.key = "x"
+[table."with blank"]
+inner = {a = 1}
+[[tables]]
+n = 1
+[[tables]]
+n = 2
+)",
+                                        "bag.toml");
+    ASSERT_TRUE(std::holds_alternative<Dictionary>(result)) << errorOf(result);
+    const auto& values = std::get<Dictionary>(result);
+    EXPECT_TRUE(std::isinf(values.find("not_finite")->real()));
+    const Dictionary expected{
+        {"text", "a\nä"},
+        {"integer", std::numeric_limits<std::int64_t>::min()},
+        {"real", 0.25},
+        {"not_finite", -INFINITY},
+        {"yes", true},
+        {"instant", Date{1'768'458'600'500'000}},
+        {"local", Date{-1'000'000}},
+        {"day", Date{1'768'435'200'000'000}},
+        {"time", "07:32:00.25"},
+        {"list", Array{1, "two", Array{3.0}}},
+        {"dotted", Dictionary{{"key", "x"}}},
+        {"table", Dictionary{{"with blank", Dictionary{{"inner", Dictionary{{"a", 1}}}}}}},
+        {"tables", Array{Dictionary{{"n", 1}}, Dictionary{{"n", 2}}}},
+    };
+    EXPECT_EQ(values, expected) << values.description();
+}
+
+TEST(TomlFileTest, AFaultIsNamedByFileLineAndKey) {
+    const std::string error = errorOf(parseToml("a = 1\n\n  server.port = 80x\n", "bag.toml"));
+    EXPECT_THAT(error, testing::StartsWith("bag.toml: line 3: server.port: "));
+    EXPECT_THAT(errorOf(parseToml("a = 1\na = 2\n", "x")), testing::StartsWith("x: line 2: a: "));
+    EXPECT_THAT(errorOf(parseToml("[a", "x")), testing::StartsWith("x: line 1: "));
+    EXPECT_THAT(errorOf(parseToml("a = \"\xff\"", "x")), testing::StartsWith("x: line 1: a: "));
+    EXPECT_NE(errorOf(parseToml("a = " + std::string(100'000, '['), "x")), "no error");
+    EXPECT_EQ(errorOf(readTomlFile("/nonexistent.toml")), "/nonexistent.toml: No such file or directory");
+}
+
+class ConfigurationTest : public RootFixture {
+  protected:
+    const std::string kSuite = "etc/quorvane/defaults/com.velmora.quorvane.toml";
+    static std::optional<std::string> setting(std::string_view key) {
+        return userDefaultString("com.velmora.quorvane", key);
+    }
+};
+
+TEST_F(ConfigurationTest, UserDefaultsAreReadAfreshAndByType) {
+    EXPECT_EQ(setting("httpsPostURL"), std::nullopt) << "no file";
+    EXPECT_EQ(logged(""), 0u) << "a file that is not there is no fault";
+    write(kSuite, "httpsPostURL = \"https://a.invalid\"\nenvironmentType = 3\n");
+    EXPECT_EQ(setting("httpsPostURL"), "https://a.invalid");
+    EXPECT_EQ(userDefault("com.velmora.quorvane", "environmentType"), Value(3));
+    EXPECT_EQ(userDefault("com.velmora.quorvane", "gone"), std::nullopt);
+    EXPECT_EQ(userDefault("com.velmora.timed", "environmentType"), std::nullopt) << "another suite";
+    EXPECT_EQ(setting("environmentType"), std::nullopt);
+    EXPECT_EQ(logged(kSuite + ": environmentType: a text is expected"), 1u);
+    write(kSuite, "httpsPostURL = \"https://b.invalid\"\n");
+    EXPECT_EQ(setting("httpsPostURL"), "https://b.invalid");
+}
+
+TEST_F(ConfigurationTest, MalformedFilesAreLoggedByNameAndReadAsEmpty) {
+    write(kSuite, "httpsPostURL = \"https://a.invalid\"\nenvironmentType = \n");
+    EXPECT_EQ(setting("httpsPostURL"), std::nullopt);
+    EXPECT_EQ(logged(kSuite + ": line 2: environmentType: "), 1u);
+    write("etc/quorvane/consent.toml", "diagnostics_submission = tru\n");
+    EXPECT_FALSE(diagnosticsSubmissionAllowed());
+    EXPECT_EQ(logged("etc/quorvane/consent.toml: line 1: diagnostics_submission: "), 1u);
+    write("etc/quorvane/device.toml", std::string("DeviceName = \"a\0b\"", 18));
+    EXPECT_NE(deviceInformation("DeviceName"), std::string("a\0b", 3));
+    EXPECT_EQ(logged("etc/quorvane/device.toml: line 1: DeviceName: "), 1u);
+    std::filesystem::create_directories(_root / "etc/quorvane/defaults/folder.toml");
+    EXPECT_EQ(userDefault("folder", "key"), std::nullopt);
+    EXPECT_EQ(logged("folder.toml: Is a directory"), 1u);
+}
+
+TEST_F(ConfigurationTest, OnlyAPlainTrueIsConsent) {
+    EXPECT_FALSE(diagnosticsSubmissionAllowed()) << "no file";
+    for (const auto& [text, allowed] :
+         std::map<std::string, bool>{{"diagnostics_submission = true", true},
+                                     {"diagnostics_submission = false", false},
+                                     {"diagnostics_submission = 1", false},
+                                     {"diagnostics_submission = \"true\"", false},
+                                     {"# diagnostics_submission = true", false}}) {
+        write("etc/quorvane/consent.toml", text);
+        EXPECT_EQ(diagnosticsSubmissionAllowed(), allowed) << text;
+    }
+    EXPECT_EQ(logged("diagnostics_submission: true or false is expected"), 2u);
+}
+
+TEST_F(ConfigurationTest, TheDeviceAnswersFromItsFileElseFromTheSystem) {
+    EXPECT_THAT(deviceInformation("UniqueDeviceID").value_or("0"), testing::MatchesRegex("[0-9a-f]{1,40}"));
+    EXPECT_TRUE(deviceInformation("DeviceName")) << "the name of the host";
+    EXPECT_EQ(deviceInformation("NoSuchKey"), std::nullopt);
+    write("etc/quorvane/device.toml", R"(
+UniqueDeviceID = "00008110-001a2b3c4d5e6f70"
+DeviceName = ["Reception"]
+ReleaseType = "Internal"
+NoSuchKey = "its own"
+)");
+    EXPECT_EQ(deviceInformation("UniqueDeviceID"), "00008110-001a2b3c4d5e6f70");
+    EXPECT_EQ(deviceInformation("ReleaseType"), "Internal");
+    EXPECT_EQ(deviceInformation("NoSuchKey"), "its own");
+    EXPECT_TRUE(deviceInformation("DeviceName")) << "what is no text does not hide the system's answer";
+    EXPECT_EQ(logged("device.toml: DeviceName: a text is expected"), 1u);
+}
+
+}  // namespace
+}  // namespace quorvane::platform

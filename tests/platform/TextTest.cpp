@@ -1,0 +1,50 @@
+#include "platform/Text.h"
+
+#include <gtest/gtest.h>
+
+namespace quorvane::platform {
+namespace {
+
+// The process runs in the "C" locale here, as the daemon does.
+
+TEST(TextTest, LetterCaseIsThatOfUnicodeInAnyLocale) {
+    EXPECT_EQ(lowercased("Mail-01"), "mail-01");
+    EXPECT_EQ(lowercased("ÄÖÜ ΣΕ ЖЯ \u1e9e \U00010400"), "äöü σε жя ß \U00010428");
+    EXPECT_TRUE(equalsIgnoringCase("ÄRGER", "ärger"));
+    EXPECT_TRUE(equalsIgnoringCase("\u212a2", "k2")) << "the sign of the kelvin has a small letter in ASCII";
+    EXPECT_FALSE(equalsIgnoringCase("Straße", "STRASSE")) << "one code point stands for one";
+    EXPECT_FALSE(equalsIgnoringCase("Mail", "Mails"));
+    EXPECT_FALSE(equalsIgnoringCase("@", "`")) << "only letters have case";
+    EXPECT_FALSE(equalsIgnoringCase("[", "{"));
+}
+
+TEST(TextTest, APartIsFoundInAnyCase) {
+    EXPECT_TRUE(containsIgnoringCase("com.velmora.MailSync", "mailsync"));
+    EXPECT_TRUE(containsIgnoringCase("Gerät ÜBER", "über"));
+    EXPECT_TRUE(containsIgnoringCase("5 \u212a", "k"));
+    EXPECT_TRUE(containsIgnoringCase("", ""));
+    EXPECT_TRUE(containsIgnoringCase("Mail", ""));
+    EXPECT_FALSE(containsIgnoringCase("", "m"));
+    EXPECT_FALSE(containsIgnoringCase("Mail", "Mails"));
+    EXPECT_FALSE(containsIgnoringCase("Ö", "ä"));
+}
+
+TEST(TextTest, BytesThatAreNotUtf8StandForThemselves) {
+    // A lone start, an overlong form, a surrogate, a number above the last code point, a cut sequence.
+    for (const std::string bytes : {"\xff", "\xc0\x80", "\xed\xa0\x80", "\xf5\x80\x80\x80", "A\xe2\x82"}) {
+        EXPECT_TRUE(equalsIgnoringCase(bytes, bytes));
+        EXPECT_EQ(lowercased(bytes).size(), bytes.size());
+        EXPECT_EQ(lowercased(bytes).back(), bytes.back());
+        EXPECT_FALSE(equalsIgnoringCase(bytes, bytes.substr(1)));
+    }
+    EXPECT_FALSE(equalsIgnoringCase("\xe4", "ä")) << "a byte is not the code point of its number";
+}
+
+TEST(TextTest, ControlCharactersAreWrittenOut) {
+    using namespace std::string_view_literals;
+    EXPECT_EQ(escapedControls("a\n\r\t\0\x1b\x7fä"sv, ""), "a\\n\\r\\x09\\x00\\x1b\\x7fä");
+    EXPECT_EQ(escapedControls("a\n\tb\r"sv, "\n\t"), "a\n\tb\\r");
+}
+
+}  // namespace
+}  // namespace quorvane::platform

@@ -1,0 +1,64 @@
+#include "util/Environment.h"
+
+#include "tests/support/RootFixture.h"
+
+#include <thread>
+
+namespace quorvane {
+namespace {
+
+class EnvironmentTest : public RootFixture {
+  protected:
+    void setting(const std::string& value) const {
+        write("etc/quorvane/defaults/com.velmora.quorvane.toml", "environmentType = " + value + "\n");
+    }
+};
+
+TEST_F(EnvironmentTest, TheSettingDecides) {
+    for (unsigned number = 0; number <= 4; ++number) {
+        setting(std::to_string(number));
+        EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType{number});
+        EXPECT_EQ(logged(fmt::format("<6>userDefaultsEnvironment: Environment type {}", number)), 1u);
+    }
+}
+
+TEST_F(EnvironmentTest, ASettingOutOfRangeIsInternal) {
+    for (const auto& [value, printed] :
+         {std::pair("7", "7"), std::pair("5", "5"), std::pair("-1", "4294967295")}) {
+        setting(value);
+        EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType::Internal);
+        EXPECT_EQ(logged(fmt::format("<3>userDefaultsEnvironment: Invalid environment type {}", printed)),
+                  1u);
+    }
+}
+
+TEST_F(EnvironmentTest, WithoutASettingTheBuildDecides) {
+    EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType::Release);
+}
+
+TEST_F(EnvironmentTest, WithoutASettingAnInternalBuildIsInternal) {
+    write("etc/quorvane/device.toml", "ReleaseType = \"Internal\"\n");
+    EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType::Internal);
+}
+
+TEST_F(EnvironmentTest, IsSettledOnceForAllReaders) {
+    setting("3");
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 4; ++i)
+        readers.emplace_back([] { EXPECT_EQ(environmentType(), EnvironmentType::Seed); });
+    for (std::thread& reader : readers) reader.join();
+    setting("1");
+    EXPECT_EQ(environmentType(), EnvironmentType::Seed);
+    EXPECT_EQ(logged("userDefaultsEnvironment: "), 1u);
+}
+
+TEST_F(EnvironmentTest, EachTypeSelectsItsSection) {
+    EXPECT_EQ(environmentSectionKey(EnvironmentType::None), "");
+    EXPECT_EQ(environmentSectionKey(EnvironmentType::Development), "development");
+    EXPECT_EQ(environmentSectionKey(EnvironmentType::Internal), "velmora_internal");
+    EXPECT_EQ(environmentSectionKey(EnvironmentType::Seed), "seed");
+    EXPECT_EQ(environmentSectionKey(EnvironmentType::Release), "release");
+}
+
+}  // namespace
+}  // namespace quorvane
