@@ -170,7 +170,7 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::stri
     }
     // Sources end on the queue, so the object does too, whoever lets go of it last.
     const std::shared_ptr<DashboardBackend> backend(
-        new DashboardBackend(name, profile, productFamily, std::move(socket), *queue),
+        new DashboardBackend(name, std::move(profile), productFamily, std::move(socket), *queue),
         [queue](DashboardBackend* last) { queue->post([last] { delete last; }); });
     bool started = false;
     queue->perform([&] { started = backend->start(collector->address, collector->reliable); });
@@ -180,9 +180,9 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::stri
 DashboardBackend::DashboardBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
                                    const Text& productFamily, UniqueDescriptor socket,
                                    platform::SerialQueue queue)
-    : QuorvaneBackend(name, profile, productFamily),
+    : QuorvaneBackend(name, std::move(profile), productFamily),
       _socketDescriptor(std::move(socket)),
-      _usingProfile(profile != nullptr),
+      _usingProfile(this->profile() != nullptr),
       _networkProcQueue(queue) {
     if (profile == nullptr) return;
     setDisplayURL(copyOf(profile->string("display_url")));

@@ -235,7 +235,7 @@ Result<bool> Client::uploadFile(const std::string& path,
     _implementation->lentFiles.add(*token, *opened);
     report(UploadProgress::Step::Lent);
 
-    const auto uploaded = ask(
+    auto uploaded = ask(
         connection, operation("UploadFileAtPath"),
         [&](sd_bus_message* message) {
             return ::sd_bus_message_append(message, "ss", client::fileURL(file.path).c_str(), token->c_str());

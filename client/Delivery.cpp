@@ -29,18 +29,18 @@ Delivery::~Delivery() = default;
 
 void Delivery::deliver(std::vector<Callback> callbacks) {
     for (Callback& callback : callbacks) {
-        bool own = false;
         {
             const MutexLock lock(_mutex);
             if (_closed) return;
             _waitingBytes += callback.bytes;
-            own = !_executor;
-            if (own) _waiting.push_back(std::move(callback));
+            if (!_executor) {
+                _waiting.push_back(std::move(callback));
+                continue;
+            }
         }
-        if (!own)
-            _executor([self = shared_from_this(), shared = std::make_shared<Callback>(std::move(callback))] {
-                self->run(std::move(*shared));
-            });
+        _executor([self = shared_from_this(), shared = std::make_shared<Callback>(std::move(callback))] {
+            self->run(std::move(*shared));
+        });
     }
     if (_executor || callbacks.empty()) return;
     if (startThread()) _changed.notify_all();

@@ -18,7 +18,7 @@ namespace {
 using Answer = std::optional<std::string>;
 
 std::string readText(const char* file) {
-    const std::optional<Data> bytes = readFile(file, 64 * 1024);
+    const std::optional<Data> bytes = readFile(file, std::size_t{64} * 1024);
     return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
 }
 

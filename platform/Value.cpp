@@ -301,7 +301,7 @@ std::size_t heldBytes(const Value& value) {
 
 std::size_t heldBytes(const Dictionary& dictionary) {
     std::size_t bytes = 0;
-    for (const auto& [key, value] : dictionary) bytes += sizeof key + key.size() + heldBytes(value);
+    for (const auto& [key, value] : dictionary) bytes += sizeof(std::string) + key.size() + heldBytes(value);
     return bytes;
 }
 

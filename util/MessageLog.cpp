@@ -57,7 +57,9 @@ std::vector<LogFile> listLogFiles(const std::string& directory) {
     std::vector<LogFile> files;
     for (const std::string& name : platform::listDirectory(directory, error)) {
         if (!isLogFileName(name)) continue;
-        std::string path = directory + '/' + name;
+        std::string path = directory;
+        path += '/';
+        path += name;
         const std::optional<Date> created = platform::fileCreationDate(path);
         files.push_back({std::move(path), created});
     }
@@ -88,9 +90,8 @@ std::optional<LogFile> currentLogFile(std::vector<LogFile> files, Date at) {
         } else if (!chosen || !chosen->created) {
             // A chosen file without a date is let go of, but it stays on the disk.
             chosen = std::move(file);
-        } else if (file.created > chosen->created) {
-            deleteLogFile(std::exchange(*chosen, std::move(file)));
         } else {
+            if (file.created > chosen->created) std::swap(file, *chosen);
             deleteLogFile(file);
         }
     }
