@@ -131,12 +131,11 @@ std::optional<Collector> collectorOf(const Dictionary* profile, const QuorvaneBa
 
 }  // namespace
 
-std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::string& name,
-                                                                 std::shared_ptr<const Dictionary> profile,
-                                                                 const Text& productFamily) {
+std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
+    const std::string& name, const std::shared_ptr<const Dictionary>& profile, const Text& productFamily) {
     const Text serverIP = profile != nullptr ? copyOf(profile->string("ip")) : std::nullopt;
     const auto serverPort = static_cast<std::uint16_t>(profile != nullptr ? profile->integer("port") : 0);
-    return initWithName(name, std::move(profile), serverIP, serverPort, productFamily);
+    return initWithName(name, profile, serverIP, serverPort, productFamily);
 }
 
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::string& name,
@@ -147,11 +146,9 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::stri
     return initWithName(name, nullptr, serverIP, serverPort, productFamily);
 }
 
-std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::string& name,
-                                                                 std::shared_ptr<const Dictionary> profile,
-                                                                 const Text& serverIP,
-                                                                 std::uint16_t serverPort,
-                                                                 const Text& productFamily) {
+std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
+    const std::string& name, const std::shared_ptr<const Dictionary>& profile, const Text& serverIP,
+    std::uint16_t serverPort, const Text& productFamily) {
     if (profile != nullptr && !namesCollector(*profile)) return nullptr;
     UniqueDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
@@ -170,19 +167,19 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::stri
     }
     // Sources end on the queue, so the object does too, whoever lets go of it last.
     const std::shared_ptr<DashboardBackend> backend(
-        new DashboardBackend(name, std::move(profile), productFamily, std::move(socket), *queue),
+        new DashboardBackend(name, profile, productFamily, std::move(socket), *queue),
         [queue](DashboardBackend* last) { queue->post([last] { delete last; }); });
     bool started = false;
     queue->perform([&] { started = backend->start(collector->address, collector->reliable); });
     return started ? backend : nullptr;
 }
 
-DashboardBackend::DashboardBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
+DashboardBackend::DashboardBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
                                    const Text& productFamily, UniqueDescriptor socket,
                                    platform::SerialQueue queue)
-    : QuorvaneBackend(name, std::move(profile), productFamily),
+    : QuorvaneBackend(name, profile, productFamily),
       _socketDescriptor(std::move(socket)),
-      _usingProfile(this->profile() != nullptr),
+      _usingProfile(profile != nullptr),
       _networkProcQueue(queue) {
     if (profile == nullptr) return;
     setDisplayURL(copyOf(profile->string("display_url")));

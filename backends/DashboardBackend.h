@@ -48,11 +48,11 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     /// reliable and it is the period of the periodic task in milliseconds, 500 without it; at least 1 counts.
     /// Null, and an error line, when the profile does not name a collector or the system refuses.
     static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
-                                                          std::shared_ptr<const Dictionary> profile,
+                                                          const std::shared_ptr<const Dictionary>& profile,
                                                           const Text& productFamily);
     /// As above with a profile. Without one, an explicit address with reliable delivery.
     static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
-                                                          std::shared_ptr<const Dictionary> profile,
+                                                          const std::shared_ptr<const Dictionary>& profile,
                                                           const Text& serverIP, std::uint16_t serverPort,
                                                           const Text& productFamily);
     /// Null for port 0.
@@ -95,7 +95,7 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
   private:
     enum class CleanupState : std::int32_t { Running = 0, Asked = 1, LastResortScheduled = 2 };
 
-    DashboardBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
+    DashboardBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
                      const Text& productFamily, platform::UniqueDescriptor socket,
                      platform::SerialQueue queue);
     bool start(const sockaddr_in& address, std::optional<std::chrono::milliseconds> reliable);
