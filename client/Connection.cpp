@@ -32,6 +32,10 @@ constexpr int kSocketBuffer = 256 << 10;
 /// The connection that the thread serves.
 thread_local const Connection* t_serves = nullptr;
 
+Error noDaemonError(int error) {
+    return {ErrorCode::Disconnected, std::string("no daemon answers: ") + std::strerror(-error)};
+}
+
 Error systemError(const char* what, int error) {
     return {ErrorCode::System, std::string(what) + ": " + std::strerror(error < 0 ? -error : error)};
 }
@@ -101,8 +105,9 @@ Status Connection::open(std::span<const Export> exports) {
         if (result >= 0)
             result = ::sd_bus_add_object_vtable(_bus, nullptr, kQuorvaneObjectPath, each.interface,
                                                 each.vtable, each.object);
-    if (result >= 0) result = ::sd_bus_start(_bus);
     if (result < 0) return systemError("cannot open the bus", result);
+    // Starting reads already, so a peer that speaks no D-Bus may show here.
+    if (result = ::sd_bus_start(_bus); result < 0) return noDaemonError(result);
     ::setsockopt(_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
     return std::monostate{};
 }
@@ -127,8 +132,7 @@ Status Connection::greet(Timeout timeout) {
             return Error{ErrorCode::TimedOut, "the daemon did not answer in time"};
     }
     if (result >= 0) result = -*outcome;
-    if (result < 0)
-        return Error{ErrorCode::Disconnected, std::string("no daemon answers: ") + std::strerror(-result)};
+    if (result < 0) return noDaemonError(result);
     return std::monostate{};
 }
 
