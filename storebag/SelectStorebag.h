@@ -9,11 +9,13 @@
 namespace quorvane {
 
 /// Fetches the storebag of the client type and returns the section of the device's environment; nothing on
-/// any failure, which is logged, and when the server reports the bag unchanged. Blocks up to 15 s.
-///   maxAge        seconds the section may be served from a cache, at most 86400 when the bag sets it
+/// any failure, which is logged, and when the server reports the bag unchanged. Blocks, up to 15 s. A client
+/// type without a storebag is asked for under an absent name, type 0 not at all. Thread-safe.
+///   maxAge        seconds the section may be served from a cache, at most 86400 when the bag sets it; left
+///                 alone when no answer came
 ///   version       the bag's version, written with a section
-///   notModified   false before the call; true afterwards when the cached section is still good
-///   lastModified  in: the cached bag's "Last-Modified", out: the new one; may be null
+///   notModified   set to true when the cached section is still good, else left alone
+///   lastModified  in: the cached bag's "Last-Modified", out: the answer's; may be null
 std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(std::int32_t clientType,
                                                                    std::int32_t& maxAge,
                                                                    std::optional<std::string>& version,

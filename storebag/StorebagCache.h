@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Clock.h"
 #include "platform/Value.h"
 
 #include <cstdint>
@@ -10,21 +11,32 @@
 
 namespace quorvane {
 
-/// The last fetched storebag section of each storebag name. Not thread-safe: the agent holds its lock around
-/// every call, also across the download.
+/// The last fetched storebag section of each storebag name, kept in memory for the life of the object. Not
+/// thread-safe: the agent holds its lock around every call, also across the download, so that one download
+/// runs at a time.
 class StorebagCache {
   public:
     /// The section for the client type: from memory while fresh, else from a new attempt, at most one attempt
-    /// in 900 s after a failure. Null when there is none. Blocks for a download, up to 15 s.
+    /// in 900 s after a failure; the last good section where the attempt fails. Null when there is none, as
+    /// for a client type without a storebag. Blocks for a download, up to 15 s.
     std::shared_ptr<const Dictionary> storebagForSession(std::uint32_t sessionID, std::int32_t clientType);
 
-    /// The version of the section last served for the client type.
+    /// The version of the section last served for the client type; nothing when there is none.
     std::optional<std::string> storebagVersion(std::int32_t clientType) const;
 
   private:
-    struct Entry;  // see the source file's reader's note on what each attempt writes
+    /// What attempts left behind: data and version from the last that brought a section, "Last-Modified" from
+    /// the last that had one, the rest from the last of all.
+    struct Entry {
+        std::shared_ptr<const Dictionary> storebagData;
+        std::optional<std::string> storebagVersion;
+        platform::TimeValue fetchTime;
+        bool fetchSuccessful = false;
+        std::int32_t maxAge = 0;  ///< Seconds.
+        std::optional<std::string> lastModified;
+    };
 
-    void fetchAndCacheStorebag(std::int32_t clientType);
+    static void fetchAndCacheStorebag(std::int32_t clientType, Entry& entry);
 
     std::map<std::string, Entry> _cachedStorebags;
 };

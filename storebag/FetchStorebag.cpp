@@ -1,0 +1,191 @@
+#include "storebag/FetchStorebag.h"
+
+#include "framework/QuorvaneBundle.h"
+#include "platform/Crypto.h"
+#include "platform/HttpSession.h"
+#include "platform/Log.h"
+#include "platform/PropertyList.h"
+#include "util/DeviceFacts.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <limits>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <variant>
+
+#include <fmt/format.h>
+
+namespace quorvane {
+
+using platform::logDebug;
+using platform::logError;
+using platform::logInfo;
+
+namespace {
+
+constexpr const char* kStorebagServer = "https://" QUORVANE_STOREBAG_HOST "/bags/tamsel";
+constexpr const char* kInternalStorebagServer =
+    "https://" QUORVANE_INTERNAL_STOREBAG_HOST "/storebags/tamsel";
+
+constexpr std::chrono::seconds kTimeout{15};
+constexpr std::int32_t kDefaultMaxAge = 86400;
+
+const std::string& baseURL() {
+    static const std::string url =
+        daemonSetting("quorvane_storebag_url")
+            .value_or(isInternalBuild() ? kInternalStorebagServer : kStorebagServer);
+    return url;
+}
+
+/// The URL with blanks and control characters, which it cannot hold as they stand, percent-encoded.
+std::string percentEncoded(std::string_view url) {
+    std::string encoded;
+    encoded.reserve(url.size());
+    for (const char c : url) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte > 0x20 && byte != 0x7f)
+            encoded += c;
+        else
+            fmt::format_to(std::back_inserter(encoded), "%{:02X}", byte);
+    }
+    return encoded;
+}
+
+std::string storebagURL(const std::optional<std::string>& name) {
+    const std::string version = bundleVersion().value_or(kDefaultBundleVersion);
+    return percentEncoded(fmt::format("{}/{}?version={}", baseURL(), platform::orNull(name), version));
+}
+
+platform::HttpRequest conditionalRequest(const std::string& url,
+                                         const std::optional<std::string>* lastModified) {
+    platform::HttpRequest request;
+    request.url = url;
+    request.timeout = kTimeout;
+    if (lastModified != nullptr && lastModified->has_value()) {
+        logDebug("fetchStorebagWithName: Adding 'Last-Modified: {}' to the header", **lastModified);
+        request.headers.push_back({"If-Modified-Since", **lastModified});
+    }
+    return request;
+}
+
+/// What its clients run with while their server cannot be reached.
+Dictionary defaultStorebag() {
+    const Dictionary section{{"ossel", Dictionary{{"active", true}}}};
+    return {{"velmora_internal", section},
+            {"development", section},
+            {"release", section},
+            {"version", "1.0.0-Confluxa-Fallback"},
+            {"refresh_cycle", 3600}};
+}
+
+std::optional<Dictionary> unreachable(const std::optional<std::string>& name, const std::string& url,
+                                      const std::string& error) {
+    logInfo("fetchStorebagWithName: Error resolving with lookup server {}, sendSynchronousRequest error {}",
+            url, error);
+    if (name != "confluxa") return std::nullopt;
+    logInfo("fetchStorebagWithName: Loading default storebag '{}'", *name);
+    return defaultStorebag();
+}
+
+/// The number that the text begins with; 0 when it begins with none, the largest when it is larger.
+std::int32_t leadingNumber(std::string_view text) {
+    constexpr std::uint32_t largest = std::numeric_limits<std::int32_t>::max();
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc::result_out_of_range) number = largest;
+    return static_cast<std::int32_t>(std::min(number, largest));
+}
+
+/// The number in the piece after "max-age", where every "=" and every blank ends a piece.
+std::int32_t maxAgeFromCacheControl(const std::string* cacheControl) {
+    if (cacheControl == nullptr) return kDefaultMaxAge;
+    std::string_view rest = *cacheControl;
+    bool isMaxAge = false;
+    for (;;) {
+        const std::size_t end = rest.find_first_of("= ");
+        const std::string_view piece = rest.substr(0, end);
+        if (isMaxAge) return leadingNumber(piece);
+        if (end == std::string_view::npos) return kDefaultMaxAge;
+        isMaxAge = piece == "max-age";
+        rest.remove_prefix(end + 1);
+    }
+}
+
+/// Whether the answer says that the caller's bag still holds; if not, the caller gets the new
+/// "Last-Modified".
+bool isUnchanged(const platform::HttpResponse& response, std::optional<std::string>& lastModified) {
+    const std::string* received = response.header("Last-Modified");
+    if (received == nullptr) return false;
+    if (response.body.empty() && lastModified) {
+        logDebug("fetchStorebagWithName: storebag content has not changed. using its cached version");
+        return true;
+    }
+    lastModified = *received;
+    logDebug("fetchStorebagWithName: New 'Last-Modified: {}' received", *received);
+    return false;
+}
+
+std::optional<Dictionary> takeDictionary(platform::PropertyListResult parsed) {
+    auto* value = std::get_if<Value>(&parsed);
+    Dictionary* dictionary = value != nullptr ? value->dictionary() : nullptr;
+    return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
+}
+
+std::optional<Data> decoded(const std::string* base64) {
+    return base64 != nullptr ? platform::base64Decode(*base64) : std::nullopt;
+}
+
+std::unique_ptr<platform::RsaPublicKey> publicKey() {
+    const std::optional<Data> der = publicKeyResource();
+    return der ? platform::RsaPublicKey::initWithDER(*der) : nullptr;
+}
+
+std::optional<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
+    platform::PropertyListResult parsed = platform::parsePropertyList(body);
+    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed))
+        logError("fetchStorebagWithName: propertyListWithData error {}", error->description);
+    const Dictionary envelope = takeDictionary(std::move(parsed)).value_or(Dictionary());
+
+    const std::string* encodedSignature = envelope.string("signature");
+    if (encodedSignature == nullptr) {
+        logError("fetchStorebagWithName: Signature is missing");
+        return std::nullopt;
+    }
+    const auto key = publicKey();
+    if (key == nullptr) return std::nullopt;
+    const std::optional<Data> signature = decoded(encodedSignature);
+    const std::optional<Data> bag = decoded(envelope.string("bag"));
+    if (!signature || !bag) return std::nullopt;
+
+    if (!key->verifyPKCS1SHA1(platform::sha1(*bag), *signature)) {
+        logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(key.get()));
+        return std::nullopt;
+    }
+    return takeDictionary(platform::parsePropertyList(*bag));
+}
+
+}  // namespace
+
+std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name, std::int32_t& maxAge,
+                                                bool& notModified, std::optional<std::string>* lastModified) {
+    const std::string url = storebagURL(name);
+    logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
+
+    const platform::HttpResult result = platform::performDataTask(conditionalRequest(url, lastModified));
+    if (!result.response) return unreachable(name, url, result.error.value_or(""));
+
+    // The status counts for nothing: a server's answer is judged by its headers and its signed body alone.
+    maxAge = maxAgeFromCacheControl(result.response->header("Cache-Control"));
+    if (lastModified != nullptr && isUnchanged(*result.response, *lastModified)) {
+        notModified = true;
+        return std::nullopt;
+    }
+    return verifiedBag(result.response->body);
+}
+
+}  // namespace quorvane

@@ -1,0 +1,90 @@
+#include "storebag/SelectStorebag.h"
+
+#include "platform/Log.h"
+#include "storebag/FetchStorebag.h"
+#include "storebag/StorebagNames.h"
+#include "util/Environment.h"
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+namespace quorvane {
+
+using platform::logError;
+using platform::logInfo;
+using platform::logWarning;
+
+namespace {
+
+constexpr std::int64_t kLongestRefreshCycle = 86400;
+
+void logFetchFailure(std::int32_t clientType) {
+    logError("fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}",
+             clientType);
+}
+
+/// The bag's section of that key; null for the empty key, which environment 0 has.
+Dictionary* sectionOf(Dictionary& bag, std::string_view key) {
+    Value* section = key.empty() ? nullptr : bag.find(key);
+    return section != nullptr ? section->dictionary() : nullptr;
+}
+
+/// The section of the device's environment, in the bag; null, which is logged, when the bag has none.
+Dictionary* sectionForEnvironment(Dictionary& bag, std::int32_t clientType) {
+    const EnvironmentType environment = environmentType();
+    std::string_view key = environmentSectionKey(environment);
+    Dictionary* section = sectionOf(bag, key);
+    if (section == nullptr && environment == EnvironmentType::Seed) {
+        logWarning("fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
+        key = environmentSectionKey(EnvironmentType::Release);
+        section = sectionOf(bag, key);
+    }
+    if (section == nullptr)
+        logError(
+            "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} environment",
+            clientType, key.empty() ? platform::absentText : key);
+    return section;
+}
+
+std::int32_t refreshCycle(const Dictionary& bag) {
+    return static_cast<std::int32_t>(std::clamp<std::int64_t>(
+        bag.integer("refresh_cycle"), std::numeric_limits<std::int32_t>::min(), kLongestRefreshCycle));
+}
+
+}  // namespace
+
+std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(std::int32_t clientType,
+                                                                   std::int32_t& maxAge,
+                                                                   std::optional<std::string>& version,
+                                                                   bool& notModified,
+                                                                   std::optional<std::string>* lastModified) {
+    if (clientType == 0) {
+        logError("fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
+                 clientType);
+        return std::nullopt;
+    }
+    auto bag =
+        fetchStorebagWithName(storebagNameForClientType(clientType), maxAge, notModified, lastModified);
+    if (!bag) {
+        if (!notModified) logFetchFailure(clientType);
+        return std::nullopt;
+    }
+    Dictionary* section = sectionForEnvironment(*bag, clientType);
+    if (section == nullptr) return std::nullopt;
+
+    const std::string* bagVersion = bag->string("version");
+    if (bagVersion == nullptr) {
+        logFetchFailure(clientType);
+        return std::nullopt;
+    }
+    version = *bagVersion;
+    if (bag->contains("refresh_cycle")) {
+        maxAge = refreshCycle(*bag);
+        logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);
+    }
+    return std::move(*section);
+}
+
+}  // namespace quorvane

@@ -1,0 +1,85 @@
+#include "storebag/StorebagCache.h"
+
+#include "platform/Log.h"
+#include "storebag/SelectStorebag.h"
+#include "storebag/StorebagNames.h"
+
+#include <cmath>
+#include <utility>
+
+namespace quorvane {
+
+using platform::logDebug;
+using platform::logError;
+using platform::logInfo;
+
+namespace {
+
+constexpr std::int32_t kSecondsBetweenAttempts = 900;
+
+/// The seconds between the time and now; a clock that went back counts as elapsed time too.
+double secondsSince(const platform::TimeValue& then) {
+    const platform::TimeValue now = platform::timeOfDay();
+    // Differences first: they are exact, while a double holds today's date to a fraction of a microsecond
+    // only.
+    return std::abs(static_cast<double>(now.seconds - then.seconds) +
+                    static_cast<double>(now.microseconds - then.microseconds) / 1e6);
+}
+
+}  // namespace
+
+std::shared_ptr<const Dictionary> StorebagCache::storebagForSession(std::uint32_t sessionID,
+                                                                    std::int32_t clientType) {
+    logDebug("storebagForSession: Retrieving storebag for session {} with client type {}", sessionID,
+             clientType);
+    const std::optional<std::string> name = storebagNameForClientType(clientType);
+    if (!name) return nullptr;
+
+    const auto [found, isNew] = _cachedStorebags.try_emplace(*name);
+    Entry& entry = found->second;
+    if (!isNew) {
+        const double age = secondsSince(entry.fetchTime);
+        if (entry.fetchSuccessful && age < entry.maxAge) {
+            logDebug("storebagForSession: Cached storebag found for client type {}", clientType);
+            return entry.storebagData;
+        }
+        if (!entry.fetchSuccessful && age < kSecondsBetweenAttempts) {
+            logInfo(
+                "storebagForSession: Not fetching storebag for client type {} - must wait {} seconds between attempts",
+                clientType, kSecondsBetweenAttempts);
+            return entry.storebagData;
+        }
+    }
+    fetchAndCacheStorebag(clientType, entry);
+    return entry.storebagData;
+}
+
+std::optional<std::string> StorebagCache::storebagVersion(std::int32_t clientType) const {
+    const std::optional<std::string> name = storebagNameForClientType(clientType);
+    if (!name) return std::nullopt;
+    const auto found = _cachedStorebags.find(*name);
+    return found != _cachedStorebags.end() ? found->second.storebagVersion : std::nullopt;
+}
+
+void StorebagCache::fetchAndCacheStorebag(std::int32_t clientType, Entry& entry) {
+    logDebug("fetchAndCacheStorebag: Fetching storebag for client type {}", clientType);
+    std::int32_t maxAge = 0;
+    std::optional<std::string> version;
+    bool notModified = false;
+    auto section = fetchStorebagForEnvironmentAndClientType(clientType, maxAge, version, notModified,
+                                                            &entry.lastModified);
+    logDebug("fetchAndCacheStorebag: Storebag max age: {} seconds", maxAge);
+
+    const bool received = section.has_value();
+    if (received) {
+        entry.storebagData = std::make_shared<const Dictionary>(*std::move(section));
+        entry.storebagVersion = std::move(version);
+    } else if (!notModified) {
+        logError("fetchAndCacheStorebag: Unable to fetch storebag for client type {}", clientType);
+    }
+    entry.fetchTime = platform::timeOfDay();
+    entry.fetchSuccessful = received || notModified;
+    entry.maxAge = entry.fetchSuccessful ? maxAge : 0;
+}
+
+}  // namespace quorvane
