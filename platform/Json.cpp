@@ -8,7 +8,8 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
-#include <limits>
+#include <charconv>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -123,16 +124,15 @@ class ValueBuilder {
   public:
     bool Null() { return false; }
     bool Bool(bool flag) { return add(Value(flag)); }
-    bool Int(int number) { return add(Value(number)); }
-    bool Uint(unsigned number) { return add(Value(std::int64_t{number})); }
-    bool Int64(std::int64_t number) { return add(Value(number)); }
-    bool Uint64(std::uint64_t number) {
-        return number <= std::numeric_limits<std::int64_t>::max()
-                   ? add(Value(static_cast<std::int64_t>(number)))
-                   : add(Value(number));
+    bool Int(int) { return false; }  // Numbers come as RawNumber.
+    bool Uint(unsigned) { return false; }
+    bool Int64(std::int64_t) { return false; }
+    bool Uint64(std::uint64_t) { return false; }
+    bool Double(double) { return false; }
+    bool RawNumber(const char* text, rapidjson::SizeType size, bool) {
+        return addNumber<std::int64_t>(text, size) || addNumber<std::uint64_t>(text, size) ||
+               addNumber<double>(text, size);
     }
-    bool Double(double number) { return add(Value(number)); }
-    bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
     bool String(const char* text, rapidjson::SizeType size, bool) {
         return add(Value(std::string_view(text, size)));
     }
@@ -167,6 +167,14 @@ class ValueBuilder {
         return add(std::move(value));
     }
 
+    /// RapidJSON has checked the form; false when the type cannot hold the number.
+    template <typename Number>
+    bool addNumber(const char* text, std::size_t size) {
+        Number number{};
+        const auto [end, error] = std::from_chars(text, text + size, number);
+        return error == std::errc() && end == text + size && add(Value(number));
+    }
+
     bool add(Value value) {
         if (++_values > kMaximumValues) return false;
         if (_open.empty())
@@ -195,7 +203,7 @@ std::optional<std::string> prettyJson(const Value& value) {
 
 std::optional<Value> parseJson(std::string_view text) {
     constexpr unsigned flags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
-                               rapidjson::kParseFullPrecisionFlag;
+                               rapidjson::kParseNumbersAsStringsFlag;
     rapidjson::MemoryStream stream(text.data(), text.size());
     rapidjson::Reader reader;
     ValueBuilder builder;
