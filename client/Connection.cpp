@@ -1,8 +1,8 @@
 #include "client/Connection.h"
 
 #include "client/Deadline.h"
-#include "client/Thread.h"
 #include "framework/Keys.h"
+#include "platform/Thread.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -75,7 +75,7 @@ Result<std::unique_ptr<Connection>> Connection::start(platform::UniqueDescriptor
         new Connection(std::move(socket), std::move(wake), std::move(options)));
     if (const Status opened = connection->open(exports); !opened) return opened.error();
     if (const Status greeted = connection->greet(timeout); !greeted) return greeted.error();
-    auto thread = startThread("quorvane-bus", [raw = connection.get()] { raw->run(); });
+    auto thread = platform::startThread("quorvane-bus", [raw = connection.get()] { raw->run(); });
     if (!thread) return systemError("cannot start a thread", EAGAIN);
     connection->_thread = std::move(*thread);
     return connection;

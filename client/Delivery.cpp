@@ -1,6 +1,6 @@
 #include "client/Delivery.h"
 
-#include "client/Thread.h"
+#include "platform/Thread.h"
 
 #include <sys/eventfd.h>
 
@@ -53,7 +53,7 @@ bool Delivery::startThread() {
     }
     // The thread keeps the object: a callback may destroy the client, and with it everyone else's share.
     auto thread =
-        client::startThread("quorvane-deliver", [self = shared_from_this()] { self->runWaiting(); });
+        platform::startThread("quorvane-deliver", [self = shared_from_this()] { self->runWaiting(); });
     if (thread) {
         thread->detach();
         return true;

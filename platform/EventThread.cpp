@@ -1,13 +1,9 @@
 #include "platform/EventThread.h"
 
+#include "platform/Thread.h"
 #include "platform/ThreadAnnotations.h"
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <memory>
-#include <system_error>
-#include <thread>
 
 namespace quorvane::platform {
 
@@ -16,30 +12,17 @@ namespace {
 thread_local bool isEventThread = false;
 
 void serve(RunLoop& loop) {
-    ::pthread_setname_np(::pthread_self(), "quorvane-events");
     isEventThread = true;
     loop.run();
-}
-
-bool startThread(RunLoop& loop) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
-    try {
-        std::thread([&loop] { serve(loop); }).detach();
-    } catch (const std::system_error&) {
-        started = false;
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
 }
 
 /// The thread never ends, so the loop is never freed.
 RunLoop* start() {
     auto loop = RunLoop::init(RunLoop::Watchdog::Ignored);
-    if (loop == nullptr || !startThread(*loop)) return nullptr;
+    if (loop == nullptr) return nullptr;
+    auto thread = startThread("quorvane-events", [&loop = *loop] { serve(loop); });
+    if (!thread) return nullptr;
+    thread->detach();
     return loop.release();
 }
 

@@ -4,10 +4,12 @@
 
 #include <httplib.h>
 
+#include <netinet/in.h>
 #include <openssl/bio.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <condition_variable>
 #include <limits>
@@ -85,7 +87,19 @@ struct HttpsServer::Held {
 
     ~Held() {
         server.stop();
+        endConnections();
         thread.join();
+    }
+
+    /// The library waits for kept-alive connections until they time out, and does not tell their descriptors.
+    void endConnections() const {
+        for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+            sockaddr_in own{};
+            socklen_t size = sizeof own;
+            if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size) == 0 &&
+                own.sin_family == AF_INET && ntohs(own.sin_port) == port)
+                ::shutdown(descriptor, SHUT_RDWR);
+        }
     }
 
     ServerAnswer answerTo(ServerRequest request) {

@@ -1,4 +1,4 @@
-#include "client/Thread.h"
+#include "platform/Thread.h"
 
 #include <pthread.h>
 
@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-namespace quorvane::client {
+namespace quorvane::platform {
 
 std::optional<std::thread> startThread(const char* name, std::function<void()> function) {
     sigset_t all;
@@ -24,4 +24,4 @@ std::optional<std::thread> startThread(const char* name, std::function<void()> f
     return thread;
 }
 
-}  // namespace quorvane::client
+}  // namespace quorvane::platform

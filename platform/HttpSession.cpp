@@ -1,0 +1,245 @@
+#include "platform/HttpSession.h"
+
+#include "platform/HttpTransfer.h"
+#include "platform/Thread.h"
+
+#include <curl/curl.h>
+#include <openssl/crypto.h>
+
+#include <climits>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <semaphore>
+#include <utility>
+#include <variant>
+
+namespace quorvane::platform {
+
+namespace {
+
+/// Requests under way to one server at once. The others of that server wait in their order and cost no more
+/// than they hold, and a server that stalls keeps no other waiting.
+constexpr std::size_t kTransfersPerServer = 8;
+constexpr long kIdleConnections = 16;
+
+struct Task {
+    HttpRequest request;
+    HttpCompletion completion;
+    std::size_t bytes = 0;
+};
+
+/// Scheme, host and port as they stand in the URL.
+std::string serverOf(const std::string& url) {
+    const std::size_t scheme = url.find("://");
+    return url.substr(0, scheme == std::string::npos ? 0 : url.find('/', scheme + 3));
+}
+
+/// The bound on what waits, and the count of what has not completed.
+class Backlog {
+  public:
+    /// Waits until the bytes fit.
+    void enter(std::size_t bytes) {
+        std::unique_lock lock(_mutex);
+        _changed.wait(lock, [&] { return _bytes == 0 || _bytes + bytes <= _bound; });
+        _bytes += bytes;
+        ++_unfinished;
+    }
+
+    void leave(std::size_t bytes) {
+        const std::lock_guard lock(_mutex);
+        _bytes -= bytes;
+        --_unfinished;
+        _changed.notify_all();
+    }
+
+    void setBound(std::size_t bytes) {
+        const std::lock_guard lock(_mutex);
+        _bound = bytes;
+        _changed.notify_all();
+    }
+
+    bool waitUntilEmpty(std::chrono::milliseconds atMost) {
+        std::unique_lock lock(_mutex);
+        return _changed.wait_for(lock, atMost, [&] { return _unfinished == 0; });
+    }
+
+  private:
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    // Guarded by the mutex.
+    std::size_t _bytes = 0;
+    std::size_t _unfinished = 0;
+    std::size_t _bound = 16u << 20;
+};
+
+/// The one thread that carries all requests out.
+class SessionThread {
+  public:
+    explicit SessionThread(Backlog& backlog) : _backlog(backlog) {}
+
+    /// False when libcurl or the kernel refuses.
+    bool start() {
+        // The library stays usable in this thread while the process ends.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+        if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
+        _multi = curl_multi_init();
+        if (_multi == nullptr) return false;
+        curl_multi_setopt(_multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
+        auto thread = startThread("quorvane-http", [this] { run(); });
+        if (thread) thread->detach();
+        return thread.has_value();
+    }
+
+    /// From any thread.
+    void submit(Task task) {
+        {
+            const std::lock_guard lock(_mutex);
+            _submitted.push_back(std::move(task));
+        }
+        curl_multi_wakeup(_multi);
+    }
+
+  private:
+    struct Server {
+        std::size_t active = 0;
+        std::deque<Task> waiting;
+    };
+    using ServerEntry = std::map<std::string, Server>::iterator;
+    struct Active {
+        std::unique_ptr<HttpTransfer> transfer;
+        HttpCompletion completion;
+        std::size_t bytes = 0;
+        ServerEntry server;
+    };
+
+    void run() {
+        while (true) {
+            takeSubmitted();
+            int running = 0;
+            curl_multi_perform(_multi, &running);
+            finishTransfers();
+            curl_multi_poll(_multi, nullptr, 0, INT_MAX, nullptr);
+        }
+    }
+
+    void takeSubmitted() {
+        std::deque<Task> submitted;
+        {
+            const std::lock_guard lock(_mutex);
+            submitted.swap(_submitted);
+        }
+        for (Task& task : submitted) {
+            const ServerEntry server = _servers.try_emplace(serverOf(task.request.url)).first;
+            server->second.waiting.push_back(std::move(task));
+            startWaiting(server);
+        }
+    }
+
+    /// Starts what the server's share allows; a server with nothing under way is forgotten.
+    void startWaiting(ServerEntry entry) {
+        Server& server = entry->second;
+        while (server.active < kTransfersPerServer && !server.waiting.empty()) {
+            Task task = std::move(server.waiting.front());
+            server.waiting.pop_front();
+            startTransfer(std::move(task), entry);
+        }
+        if (server.active == 0) _servers.erase(entry);
+    }
+
+    void startTransfer(Task task, ServerEntry server) {
+        auto made = HttpTransfer::initWithRequest(std::move(task.request));
+        if (auto* fault = std::get_if<std::string>(&made)) {
+            complete(task.completion, task.bytes, {std::nullopt, std::move(*fault)});
+            return;
+        }
+        auto& transfer = std::get<std::unique_ptr<HttpTransfer>>(made);
+        CURL* handle = transfer->handle();
+        if (curl_multi_add_handle(_multi, handle) != CURLM_OK) {
+            complete(task.completion, task.bytes, {std::nullopt, "the HTTP library refused the request"});
+            return;
+        }
+        ++server->second.active;
+        _active.emplace(handle, Active{std::move(transfer), std::move(task.completion), task.bytes, server});
+    }
+
+    void finishTransfers() {
+        int left = 0;
+        while (const CURLMsg* message = curl_multi_info_read(_multi, &left)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            const CURLcode code = message->data.result;
+            const auto found = _active.find(message->easy_handle);
+            Active active = std::move(found->second);
+            _active.erase(found);
+            curl_multi_remove_handle(_multi, active.transfer->handle());
+            complete(active.completion, active.bytes, active.transfer->takeResult(code));
+            --active.server->second.active;
+            startWaiting(active.server);
+        }
+    }
+
+    void complete(HttpCompletion& completion, std::size_t bytes, HttpResult result) {
+        if (completion) completion(std::move(result));
+        completion = nullptr;  // What it holds ends before anyone who drains is told.
+        _backlog.leave(bytes);
+    }
+
+    Backlog& _backlog;
+    CURLM* _multi = nullptr;
+    std::mutex _mutex;
+    std::deque<Task> _submitted;  ///< Guarded by the mutex.
+    // The thread's own.
+    std::map<std::string, Server> _servers;
+    std::map<CURL*, Active> _active;
+};
+
+/// Neither ends before the process does, since the thread never ends.
+Backlog& backlog() {
+    static auto* const shared = new Backlog();
+    return *shared;
+}
+
+/// Null when it could not be started.
+SessionThread* sessionThread() {
+    static SessionThread* const shared = [] {
+        auto thread = std::make_unique<SessionThread>(backlog());
+        return thread->start() ? thread.release() : nullptr;
+    }();
+    return shared;
+}
+
+}  // namespace
+
+void startDataTask(HttpRequest request, HttpCompletion completion) {
+    SessionThread* const thread = sessionThread();
+    if (thread == nullptr) {
+        if (completion) completion({std::nullopt, "the HTTP session could not be started"});
+        return;
+    }
+    const std::size_t bytes = request.body.size();
+    backlog().enter(bytes);
+    thread->submit({std::move(request), std::move(completion), bytes});
+}
+
+HttpResult performDataTask(HttpRequest request) {
+    HttpResult result;
+    std::binary_semaphore completed(0);
+    startDataTask(std::move(request), [&](HttpResult received) {
+        result = std::move(received);
+        completed.release();
+    });
+    completed.acquire();
+    return result;
+}
+
+void setHttpWaitingBytesBound(std::size_t bytes) {
+    backlog().setBound(bytes);
+}
+
+bool drainHttpSession(std::chrono::milliseconds atMost) {
+    return backlog().waitUntilEmpty(atMost);
+}
+
+}  // namespace quorvane::platform
