@@ -90,7 +90,15 @@ BusListener::BusListener(UniqueDescriptor socket, std::string ownedPath)
     : _socket(std::move(socket)), _ownedPath(std::move(ownedPath)) {}
 
 BusListener::~BusListener() {
+    close();
+    // The last connection's thread may just be leaving connectionEnded().
+    const MutexLock lock(_mutex);
+}
+
+void BusListener::close() {
     if (!_ownedPath.empty()) ::unlink(_ownedPath.c_str());
+    _ownedPath.clear();
+    _socket.reset();
 }
 
 bool BusListener::resume(RunLoop& loop) {

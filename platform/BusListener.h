@@ -38,6 +38,9 @@ class BusListener {
     /// Stops accepting, ends every connection and calls the handler on the loop's thread when all are gone.
     void invalidateAll(RunLoop::Handler allGone);
 
+    /// Stops listening and removes a socket made here. Once the loop has ended.
+    void close();
+
   private:
     explicit BusListener(UniqueDescriptor socket, std::string ownedPath);
     void acceptWaiting();

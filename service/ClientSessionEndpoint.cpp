@@ -1,0 +1,266 @@
+#include "service/ClientSessionEndpoint.h"
+
+#include "framework/Keys.h"
+#include "platform/BusValue.h"
+#include "platform/Log.h"
+#include "platform/UniqueDescriptor.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quorvane {
+
+namespace {
+
+/// About what a message takes beside its contents.
+constexpr std::size_t kMessageBytes = 128;
+
+struct MessageDeleter {
+    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
+};
+
+const Dictionary* orNone(const std::optional<Dictionary>& dictionary) {
+    return dictionary ? &*dictionary : nullptr;
+}
+
+}  // namespace
+
+// Setting up.
+
+void ClientSessionEndpoint::exportSession(platform::BusConnection& connection,
+                                          std::shared_ptr<ClientSessionInterface> session,
+                                          std::shared_ptr<const ClientProxy> client) {
+    const std::shared_ptr<ClientSessionEndpoint> endpoint(
+        new ClientSessionEndpoint(connection, std::move(session), std::move(client)));
+    if (!connection.setExportedObject(kQuorvaneObjectPath, kClientSessionInterface, sessionVtable,
+                                      endpoint) ||
+        !connection.setExportedObject(kQuorvaneObjectPath, kSandboxExtensionInterface, extensionVtable,
+                                      endpoint))
+        platform::logError("listener: a session could not be exported on the {}", connection.description());
+}
+
+ClientSessionEndpoint::ClientSessionEndpoint(platform::BusConnection& connection,
+                                             std::shared_ptr<ClientSessionInterface> session,
+                                             std::shared_ptr<const ClientProxy> client)
+    : _connection(connection), _session(std::move(session)), _client(std::move(client)) {}
+
+ClientSessionEndpoint::~ClientSessionEndpoint() {
+    platform::revokeSandboxExtensions(_extensionOwner);
+}
+
+/// The C library's way in: nothing may be thrown through it. More than nothing is returned for what is done,
+/// or the bus library would look for another object and answer that there is none.
+template <int (ClientSessionEndpoint::*method)(sd_bus_message*)>
+int ClientSessionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept {
+    try {
+        const int result = (static_cast<ClientSessionEndpoint*>(endpoint)->*method)(call);
+        if (result >= 0) return 1;
+        return ::sd_bus_error_setf(error, SD_BUS_ERROR_INVALID_ARGS, "The arguments cannot be read (%s)",
+                                   std::strerror(-result));
+    } catch (const std::exception& thrown) {
+        platform::logError("ClientSessionEndpoint: {} failed: {}", ::sd_bus_message_get_member(call),
+                           thrown.what());
+        return ::sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "The call could not be served");
+    }
+}
+
+#define METHOD(name, in, inNames, out, outNames, method)                                    \
+    SD_BUS_METHOD_WITH_NAMES(name, in, inNames, out, outNames,                              \
+                             &ClientSessionEndpoint::serve<&ClientSessionEndpoint::method>, \
+                             SD_BUS_VTABLE_UNPRIVILEGED)
+#define P(name) SD_BUS_PARAM(name)
+
+const sd_bus_vtable ClientSessionEndpoint::sessionVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    METHOD("SetSessionInfo", "a{sv}aa{sv}asb",
+           P(sessionInfo) P(userInfo) P(frameworksToCheck) P(hasAggregationBlock), "", , setSessionInfo),
+    METHOD("StartConfig", "", , "aas", P(states), startConfig),
+    METHOD("FetchStatesWithUserInfo", "aa{sv}", P(userInfo), "aas", P(states), fetchStatesWithUserInfo),
+    METHOD("FetchDisplayURL", "", , "s", P(displayURL), fetchDisplayURL),
+    METHOD("SendMessageWithCategory", "qqaa{sv}", P(category) P(type) P(payload), "as", P(answer),
+           sendMessageWithCategory),
+    METHOD("SendMessageWithDictionary", "a{sv}", P(message), "as", P(answer), sendMessageWithDictionary),
+    METHOD("FlushMessages", "", , "as", P(answer), flushMessages),
+    METHOD("UploadFileAtPath", "ss", P(fileURL) P(extensionToken), "b", P(success), uploadFileAtPath),
+    METHOD("UploadLogData", "av", P(logData), "bas", P(success) P(error), uploadLogData),
+    METHOD("SendMessageWithSessionInfo", "a{sv}aa{sv}qqaa{sv}",
+           P(sessionInfo) P(userInfo) P(category) P(type) P(payload), "s", P(answer),
+           sendMessageWithSessionInfo),
+    SD_BUS_VTABLE_END,
+};
+
+const sd_bus_vtable ClientSessionEndpoint::extensionVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    METHOD("Issue", "h", P(file), "s", P(extensionToken), issue),
+    SD_BUS_VTABLE_END,
+};
+
+#undef P
+#undef METHOD
+
+// The calls.
+
+int ClientSessionEndpoint::setSessionInfo(sd_bus_message* call) {
+    Dictionary sessionInfo;
+    std::optional<Dictionary> userInfo;
+    std::vector<std::string> frameworks;
+    int aggregates = 0;
+    int result = platform::readDictionary(call, sessionInfo);
+    if (result >= 0) result = platform::readOptionalDictionary(call, userInfo);
+    if (result >= 0) result = platform::readStrings(call, frameworks);
+    if (result >= 0) result = ::sd_bus_message_read(call, "b", &aggregates);
+    if (result < 0) return result;
+    _session->setSessionInfo(std::move(sessionInfo), std::move(userInfo), std::move(frameworks),
+                             aggregates != 0);
+    answerNothing(call);
+    return 0;
+}
+
+int ClientSessionEndpoint::startConfig(sd_bus_message* call) {
+    _session->startConfigWithCompletionHandler(
+        [&](const ReportingStates& states) { answerStates(call, states); });
+    return 0;
+}
+
+int ClientSessionEndpoint::fetchStatesWithUserInfo(sd_bus_message* call) {
+    std::optional<Dictionary> userInfo;
+    if (const int result = platform::readOptionalDictionary(call, userInfo); result < 0) return result;
+    _session->fetchStatesWithUserInfo(std::move(userInfo),
+                                      [&](const ReportingStates& states) { answerStates(call, states); });
+    return 0;
+}
+
+int ClientSessionEndpoint::fetchDisplayURL(sd_bus_message* call) {
+    _session->fetchDisplayURL([&](const std::string& url) { answerText(call, url); });
+    return 0;
+}
+
+int ClientSessionEndpoint::sendMessageWithCategory(sd_bus_message* call) {
+    std::uint16_t category = 0;
+    std::uint16_t type = 0;
+    std::optional<Dictionary> payload;
+    int result = ::sd_bus_message_read(call, "qq", &category, &type);
+    if (result >= 0) result = platform::readOptionalDictionary(call, payload);
+    if (result < 0) return result;
+    _session->sendMessageWithCategory(category, type, orNone(payload),
+                                      [&](const Answer& text) { answerOptionalText(call, text); });
+    return 0;
+}
+
+int ClientSessionEndpoint::sendMessageWithDictionary(sd_bus_message* call) {
+    Dictionary message;
+    if (const int result = platform::readDictionary(call, message); result < 0) return result;
+    _session->sendMessageWithDictionary(message, [&](const Answer& text) { answerOptionalText(call, text); });
+    return 0;
+}
+
+int ClientSessionEndpoint::flushMessages(sd_bus_message* call) {
+    _session->flushMessagesWithReply([&](const Answer& text) { answerOptionalText(call, text); });
+    return 0;
+}
+
+int ClientSessionEndpoint::uploadFileAtPath(sd_bus_message* call) {
+    const char* fileURL = nullptr;
+    const char* named = nullptr;
+    if (const int result = ::sd_bus_message_read(call, "ss", &fileURL, &named); result < 0) return result;
+    // A token of another connection opens nothing here.
+    std::string token = named;
+    if (!platform::ownsSandboxExtension(_extensionOwner, token)) token.clear();
+    _session->uploadFileAtPath(fileURL, token, [&](bool success) {
+        answer(call, 0,
+               [=](sd_bus_message* reply) { return ::sd_bus_message_append(reply, "b", int{success}); });
+    });
+    return 0;
+}
+
+int ClientSessionEndpoint::uploadLogData(sd_bus_message* call) {
+    Array logData;
+    if (const int result = platform::readArray(call, logData); result < 0) return result;
+    _session->uploadLogData(logData, [&](bool success, const Answer& error) {
+        answer(call, error ? error->size() : 0, [&](sd_bus_message* reply) {
+            const int result = ::sd_bus_message_append(reply, "b", int{success});
+            return result < 0 ? result : platform::appendOptionalString(reply, error ? &*error : nullptr);
+        });
+    });
+    return 0;
+}
+
+int ClientSessionEndpoint::sendMessageWithSessionInfo(sd_bus_message* call) {
+    Dictionary sessionInfo;
+    std::optional<Dictionary> userInfo;
+    std::uint16_t category = 0;
+    std::uint16_t type = 0;
+    std::optional<Dictionary> payload;
+    int result = platform::readDictionary(call, sessionInfo);
+    if (result >= 0) result = platform::readOptionalDictionary(call, userInfo);
+    if (result >= 0) result = ::sd_bus_message_read(call, "qq", &category, &type);
+    if (result >= 0) result = platform::readOptionalDictionary(call, payload);
+    if (result < 0) return result;
+    _session->sendMessageWithSessionInfo(sessionInfo, std::move(userInfo), category, type, orNone(payload),
+                                         [&](const std::string& text) { answerText(call, text); });
+    return 0;
+}
+
+int ClientSessionEndpoint::issue(sd_bus_message* call) {
+    int passed = -1;
+    if (const int result = ::sd_bus_message_read(call, "h", &passed); result < 0) return result;
+    platform::UniqueDescriptor file(::fcntl(passed, F_DUPFD_CLOEXEC, 3));
+    const auto token = platform::issueSandboxExtension(
+        _extensionOwner, std::move(file),
+        [client = _client](const std::string& extensionToken) { client->removeFile(extensionToken); });
+    if (token)
+        answerText(call, *token);
+    else
+        ::sd_bus_reply_method_errorf(
+            call, SD_BUS_ERROR_FAILED,
+            "The file cannot be lent: it is not open for reading, or too many files are lent already");
+    return 0;
+}
+
+// The answers.
+
+template <typename Append>
+void ClientSessionEndpoint::answer(sd_bus_message* call, std::size_t bytes, const Append& append) {
+    if (::sd_bus_message_get_expect_reply(call) <= 0) return;
+    sd_bus_message* raw = nullptr;
+    int result = ::sd_bus_message_new_method_return(call, &raw);
+    const std::unique_ptr<sd_bus_message, MessageDeleter> reply(raw);
+    if (result >= 0) result = append(raw);
+    if (result >= 0) {
+        _connection.noteQueuedBytes(kMessageBytes + bytes);
+        ::sd_bus_send(nullptr, raw, nullptr);
+        return;
+    }
+    ::sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "The answer cannot be sent (%s)",
+                                 std::strerror(-result));
+}
+
+void ClientSessionEndpoint::answerNothing(sd_bus_message* call) {
+    answer(call, 0, [](sd_bus_message*) { return 0; });
+}
+
+void ClientSessionEndpoint::answerText(sd_bus_message* call, const std::string& text) {
+    answer(call, text.size(),
+           [&](sd_bus_message* reply) { return ::sd_bus_message_append(reply, "s", text.c_str()); });
+}
+
+void ClientSessionEndpoint::answerOptionalText(sd_bus_message* call, const Answer& text) {
+    answer(call, text ? text->size() : 0, [&](sd_bus_message* reply) {
+        return platform::appendOptionalString(reply, text ? &*text : nullptr);
+    });
+}
+
+void ClientSessionEndpoint::answerStates(sd_bus_message* call, const ReportingStates& states) {
+    answer(call, 0, [&](sd_bus_message* reply) {
+        return platform::appendOptionalStrings(reply, states ? &*states : nullptr);
+    });
+}
+
+}  // namespace quorvane

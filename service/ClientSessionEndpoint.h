@@ -1,0 +1,64 @@
+#pragma once
+
+#include "platform/BusConnection.h"
+#include "platform/SandboxExtension.h"
+#include "service/ClientProxy.h"
+#include "service/protocols.h"
+
+#include <systemd/sd-bus.h>
+
+#include <memory>
+
+namespace quorvane {
+
+/// What a connection exports: decodes the calls of both D-Bus interfaces, has the session serve them and
+/// sends the answers. All on the connection's thread.
+class ClientSessionEndpoint {
+  public:
+    /// Exports the session on a connection that is not resumed yet; the connection shares the session until
+    /// it ends. The client given is asked to remove the files that it lends.
+    static void exportSession(platform::BusConnection& connection,
+                              std::shared_ptr<ClientSessionInterface> session,
+                              std::shared_ptr<const ClientProxy> client);
+    ~ClientSessionEndpoint();
+    ClientSessionEndpoint(const ClientSessionEndpoint&) = delete;
+    ClientSessionEndpoint& operator=(const ClientSessionEndpoint&) = delete;
+
+  private:
+    ClientSessionEndpoint(platform::BusConnection& connection,
+                          std::shared_ptr<ClientSessionInterface> session,
+                          std::shared_ptr<const ClientProxy> client);
+
+    static const sd_bus_vtable sessionVtable[];
+    static const sd_bus_vtable extensionVtable[];
+
+    template <int (ClientSessionEndpoint::*method)(sd_bus_message*)>
+    static int serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept;
+
+    // One a method: a negative errno value for arguments that cannot be read.
+    int setSessionInfo(sd_bus_message* call);
+    int startConfig(sd_bus_message* call);
+    int fetchStatesWithUserInfo(sd_bus_message* call);
+    int fetchDisplayURL(sd_bus_message* call);
+    int sendMessageWithCategory(sd_bus_message* call);
+    int sendMessageWithDictionary(sd_bus_message* call);
+    int flushMessages(sd_bus_message* call);
+    int uploadFileAtPath(sd_bus_message* call);
+    int uploadLogData(sd_bus_message* call);
+    int sendMessageWithSessionInfo(sd_bus_message* call);
+    int issue(sd_bus_message* call);
+
+    template <typename Append>
+    void answer(sd_bus_message* call, std::size_t bytes, const Append& append);
+    void answerNothing(sd_bus_message* call);
+    void answerText(sd_bus_message* call, const std::string& text);
+    void answerOptionalText(sd_bus_message* call, const Answer& text);
+    void answerStates(sd_bus_message* call, const ReportingStates& states);
+
+    platform::BusConnection& _connection;  ///< Owns this.
+    const std::shared_ptr<ClientSessionInterface> _session;
+    const std::shared_ptr<const ClientProxy> _client;
+    const platform::ExtensionOwner _extensionOwner = platform::newExtensionOwner();
+};
+
+}  // namespace quorvane

@@ -1,0 +1,115 @@
+#include "service/QuorvanedAgent.h"
+
+#include "framework/Keys.h"
+#include "platform/Log.h"
+#include "platform/ProcessTransaction.h"
+#include "service/ClientProxy.h"
+#include "service/ClientSessionEndpoint.h"
+#include "session/QuorvanedSession.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace quorvane {
+
+using platform::logDebug;
+
+namespace {
+
+std::int32_t clientTypeOf(const QuorvanedSession& session) {
+    const auto sessionInfo = session.sessionInfo();
+    return sessionInfo != nullptr
+               ? static_cast<std::int32_t>(sessionInfo->integer(kQuorvaneSessionInfoClientType))
+               : 0;
+}
+
+}  // namespace
+
+std::unique_ptr<QuorvanedAgent> QuorvanedAgent::init() {
+    return std::unique_ptr<QuorvanedAgent>(new QuorvanedAgent);
+}
+
+std::string QuorvanedAgent::description() const {
+    return fmt::format("<QuorvanedAgent {}>", static_cast<const void*>(this));
+}
+
+// Connections.
+
+bool QuorvanedAgent::listener(const platform::BusListener&,
+                              const std::shared_ptr<platform::BusConnection>& newConnection) {
+    if (platform::logs(platform::LogLevel::Debug))
+        logDebug("listener: Accepting new XPC connection {}, {}({}) connections.",
+                 newConnection->description(), sessionCount(), _correlatedSessions.groupCount());
+    const auto client = std::make_shared<ClientProxy>(newConnection);
+    const auto session = QuorvanedSession::initWithSessionDelegate(*this, client);
+    ClientSessionEndpoint::exportSession(*newConnection, session, client);
+    add(session);
+    newConnection->setInterruptionHandler([session] {
+        if (platform::logs(platform::LogLevel::Debug))
+            logDebug("listener: XPC connection to {} was interrupted", session->description());
+    });
+    newConnection->setInvalidationHandler([this, session] {
+        if (platform::logs(platform::LogLevel::Debug))
+            logDebug("listener: XPC connection to {} was invalidated", session->description());
+        remove(session);
+    });
+    return true;
+}
+
+std::size_t QuorvanedAgent::sessionCount() {
+    const std::scoped_lock lock(_sessionList.lock);
+    return _sessionList.sessions.size();
+}
+
+void QuorvanedAgent::add(std::shared_ptr<QuorvanedSession> session) {
+    const std::scoped_lock lock(_sessionList.lock);
+    if (_sessionList.sessions.empty()) platform::beginProcessTransaction();
+    _sessionList.sessions.push_back(std::move(session));
+}
+
+void QuorvanedAgent::remove(const std::shared_ptr<QuorvanedSession>& session) {
+    {
+        const std::scoped_lock lock(_sessionList.lock);
+        _sessionList.sessions.remove(session);
+        if (_sessionList.sessions.empty()) platform::endProcessTransaction();
+    }
+    const std::scoped_lock lock(_lock);
+    _correlatedSessions.removeSession(*session);
+}
+
+// Storebags.
+
+std::shared_ptr<const Dictionary> QuorvanedAgent::storebagForSession(const QuorvanedSession& session) {
+    const std::scoped_lock lock(_lock);
+    return _cachedStorebags.storebagForSession(session.sessionID(), clientTypeOf(session));
+}
+
+std::optional<std::string> QuorvanedAgent::storebagVersionForSession(const QuorvanedSession& session) {
+    const std::scoped_lock lock(_lock);
+    return _cachedStorebags.storebagVersion(clientTypeOf(session));
+}
+
+// The hierarchy of sessions.
+
+void QuorvanedAgent::userInfoUpdatedForSession(QuorvanedSession& session) {
+    _correlatedSessions.userInfoUpdatedForSession(session);
+}
+
+void QuorvanedAgent::updateDownstreamSessions(QuorvanedSession& session) {
+    _correlatedSessions.updateDownstreamSessions(session);
+}
+
+std::optional<std::string> QuorvanedAgent::parentSessionIDStringForSession(const QuorvanedSession& session) {
+    return _correlatedSessions.parentSessionIDStringForSession(session);
+}
+
+QuorvanedSession* QuorvanedAgent::parentSessionForChild(const QuorvanedSession& session) {
+    return _correlatedSessions.parentSessionForChild(session);
+}
+
+QuorvanedSession* QuorvanedAgent::getAncestorWithAggregatorForSession(const QuorvanedSession& session) {
+    return _correlatedSessions.getAncestorWithAggregatorForSession(session);
+}
+
+}  // namespace quorvane

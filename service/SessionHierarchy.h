@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace quorvane {
+
+class QuorvanedSession;
+
+/// "client:service", in small letters, of the session's user info; absent names are empty.
+std::string userInfoKey(const QuorvanedSession& session);
+
+/// Groups of sessions that report about one activity: those of the same client name and service name. In a
+/// group a session's level says where it stands; of several at one level the one filed first counts.
+///
+/// The groups are guarded by the lock given. Operations take it themselves unless they are marked "locked":
+/// those want it held by their caller, and what they return is valid while it is. Sessions are borrowed: they
+/// must be removed before they end.
+class SessionHierarchy {
+  public:
+    /// In the order of filing.
+    using SessionList = std::vector<QuorvanedSession*>;
+
+    explicit SessionHierarchy(std::recursive_mutex& lock) : _lock(lock) {}
+
+    /// Files the session under the key of its user info, and nowhere else.
+    void userInfoUpdatedForSession(QuorvanedSession& session);
+    /// The identifiers of the ancestors, from the top down, joined by "."; those above a gap are left out.
+    /// Nothing for a session at the top or without a parent.
+    std::optional<std::string> parentSessionIDStringForSession(const QuorvanedSession& session) const;
+    /// The session one level above, or null. Locked.
+    QuorvanedSession* parentSessionForChild(const QuorvanedSession& session) const;
+    /// The top-most ancestor whose client aggregates, or null. Locked.
+    QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession& session) const;
+    /// Corrects combined identifiers, states and aggregation of the session and of all below it.
+    void updateDownstreamSessions(QuorvanedSession& session);
+    /// The first session of the level, or null; the list may be null. Locked.
+    static QuorvanedSession* getFirstSessionWithHierarchy(std::int64_t level, const SessionList* sessionList);
+
+    /// Takes the session out of its group. Locked.
+    void removeSession(const QuorvanedSession& session);
+
+    /// How many groups there have been. Any thread, no lock.
+    std::size_t groupCount() const { return _groupCount; }
+
+  private:
+    using Groups = std::map<std::string, SessionList, std::less<>>;
+
+    const SessionList* sessionsForKey(const std::string& key) const;
+    bool holds(const SessionList& list, const QuorvanedSession& session) const;
+    Groups::iterator groupForKey(const std::string& key);
+    void forgetEmptied(Groups::iterator group);
+
+    std::recursive_mutex& _lock;
+    Groups _correlatedSessions;  ///< By key. Emptied groups stay, so that they are not counted again.
+    std::unordered_map<const QuorvanedSession*, Groups::iterator> _filed;
+    std::size_t _emptiedKeyBytes = 0;
+    std::atomic<std::size_t> _groupCount{0};
+};
+
+}  // namespace quorvane

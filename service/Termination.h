@@ -1,0 +1,37 @@
+#pragma once
+
+#include "platform/BusListener.h"
+#include "platform/RunLoop.h"
+
+#include <chrono>
+
+namespace quorvane {
+
+/// Ends the run loop when the process is told to end (SIGTERM, SIGINT). While a process transaction is open,
+/// every connection is ended first, so that the sessions send what they hold, and the posts under way are
+/// waited for; a second signal cuts that short. With no transaction open the loop ends at once.
+class Termination {
+  public:
+    /// Longest wait for sessions and posts.
+    static constexpr std::chrono::seconds kLongest{10};
+
+    /// Both must outlive this object.
+    Termination(platform::RunLoop& loop, platform::BusListener& listener)
+        : _loop(loop), _listener(listener) {}
+    Termination(const Termination&) = delete;
+    Termination& operator=(const Termination&) = delete;
+
+    /// Call before any other thread starts. False when the loop refuses.
+    bool awaitSignals();
+
+  private:
+    void begin();
+    void drainPosts();
+
+    platform::RunLoop& _loop;
+    platform::BusListener& _listener;
+    bool _begun = false;
+    std::chrono::steady_clock::time_point _deadline;
+};
+
+}  // namespace quorvane

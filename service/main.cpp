@@ -1,0 +1,82 @@
+#include "framework/Keys.h"
+#include "framework/QuorvaneLogging.h"
+#include "platform/BusListener.h"
+#include "platform/Log.h"
+#include "platform/QualityOfService.h"
+#include "platform/Root.h"
+#include "platform/RunLoop.h"
+#include "platform/Sandbox.h"
+#include "platform/UserDefaults.h"
+#include "service/QuorvanedAgent.h"
+#include "service/Termination.h"
+
+#include <sys/resource.h>
+#include <systemd/sd-daemon.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace {
+
+using namespace quorvane;
+
+/// Three a connection.
+void allowAllDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::unique_ptr<platform::BusListener> newListener() {
+    auto made = platform::BusListener::initWithSocketPath(platform::rooted(kQuorvaneSocketPath));
+    if (const auto* failure = std::get_if<std::string>(&made)) {
+        platform::logError("main: The listener fails: {}", *failure);
+        return nullptr;
+    }
+    auto listener = std::get<std::unique_ptr<platform::BusListener>>(std::move(made));
+    const auto most = platform::userDefault("com.velmora.quorvane", "connections_per_user");
+    if (most && most->integer() > 0) listener->setConnectionsPerUser(most->unsignedInteger());
+    return listener;
+}
+
+/// From the confinement to the end of the run loop; the process's exit status.
+int serve() {
+    if (const auto refused = platform::applySandboxProfile(kQuorvaneServiceName)) {
+        platform::logError("main: sandbox_init() fails: {}\n", *refused);
+        return -1;
+    }
+    const auto loop = platform::RunLoop::init();
+    const auto listener = newListener();
+    if (loop == nullptr || listener == nullptr) return EXIT_FAILURE;
+    const auto agent = QuorvanedAgent::init();
+    listener->setDelegate([&](const auto& connection) { return agent->listener(*listener, connection); });
+    Termination termination(*loop, *listener);
+    if (!termination.awaitSignals() || !listener->resume(*loop)) {
+        platform::logError("main: The run loop refuses to serve.");
+        return EXIT_FAILURE;
+    }
+    platform::logInfo("main: Listener resumes with sandbox, start loop.");
+    ::sd_notify(0, "READY=1\nSTATUS=Idle.");
+    const int result = loop->run();
+    listener->close();
+    platform::closeLog();
+    // Sessions that did not end in time, the HTTP client and the event thread still run: nothing that they
+    // use may be destroyed.
+    std::_Exit(result < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+}  // namespace
+
+int main() {
+    platform::setQualityOfServiceUtility();
+    startLogging("quorvaned", "Daemon");
+    allowAllDescriptors();
+    // A peer or server that closes is told by the error of the write.
+    std::signal(SIGPIPE, SIG_IGN);
+    return serve();
+}
