@@ -1,0 +1,34 @@
+#pragma once
+
+#include "platform/Value.h"
+
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace quorvane::tools {
+
+/// The files that a command line names; "-" is standard input or output. All throw a Failure that names the
+/// file.
+
+inline constexpr unsigned kOwnerOnly = 0600;
+inline constexpr unsigned kEverybody = 0644;  ///< Everybody reads, the owner writes.
+
+/// The whole file, at most 64 MiB; also of a pipe.
+Data readBytes(const std::string& path);
+/// Replaces the file, or makes it, in one step; only a regular file is replaced.
+void writeBytes(const std::string& path, std::span<const std::uint8_t> bytes, unsigned mode);
+/// Makes the file in one step; never touches one that is there.
+void writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes, unsigned mode);
+
+/// What messages call the file.
+std::string_view nameOfInput(const std::string& path);
+
+inline std::string_view textOf(std::span<const std::uint8_t> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+inline std::span<const std::uint8_t> bytesOf(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+}  // namespace quorvane::tools

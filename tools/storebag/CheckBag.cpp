@@ -1,0 +1,133 @@
+#include "tools/storebag/CheckBag.h"
+
+#include "framework/Keys.h"
+#include "tools/storebag/Environments.h"
+#include "tools/storebag/KeyRules.h"
+
+#include <algorithm>
+#include <map>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace quorvane::tools {
+
+namespace {
+
+constexpr std::array kHttpPost{KeyRule{"clients", Form::Entries, true}, KeyRule{"display_url", Form::Url}};
+constexpr std::array kClient{
+    KeyRule{"client", Form::Text},
+    KeyRule{"device_whitelist", Form::Texts},
+    KeyRule{"event_threshold", Form::Integer},
+    KeyRule{"expedite", Form::Integer},
+    KeyRule{"extras_on_internal", Form::Integer},
+    KeyRule{"filters", Form::Entries},
+    KeyRule{"hierarchy", Form::Integer},
+    KeyRule{"locale_whitelist", Form::Texts},
+    KeyRule{"override_dnu", Form::Integer},
+    KeyRule{"override_sampling", Form::Number},
+    KeyRule{"post_url", Form::Url},
+    KeyRule{"realtime_post_url", Form::Url},
+    KeyRule{"sampling_threshold", Form::Number},
+    KeyRule{"service", Form::Text},
+};
+constexpr std::array kFilter{KeyRule{"action", Form::FilterAction}, KeyRule{"key", Form::Text, true},
+                             KeyRule{"method", Form::Integer}, KeyRule{"status", Form::Integer}};
+constexpr std::array kDashboard{KeyRule{"display_url", Form::Url}, KeyRule{"ip", Form::Address, true},
+                                KeyRule{"port", Form::Port, true}, KeyRule{"post_url", Form::Url},
+                                KeyRule{"reliable", Form::Integer}};
+constexpr std::array kUploadServer{KeyRule{"display_url", Form::Url}, KeyRule{"post_url", Form::Url, true}};
+
+class Check {
+  public:
+    std::vector<std::string> bag(const Dictionary& bag) {
+        topLevel(bag);
+        for (const std::string_view environment : kEnvironments)
+            if (const Value* section = bag.find(environment)) this->section(*section, environment);
+        return std::move(_findings);
+    }
+
+  private:
+    template <typename... Arguments>
+    void find(std::string_view path, fmt::format_string<Arguments...> text, Arguments&&... arguments) {
+        _findings.push_back(
+            fmt::format("{}: {}", path, fmt::format(text, std::forward<Arguments>(arguments)...)));
+    }
+
+    void topLevel(const Dictionary& bag) {
+        if (bag.string("version") == nullptr)
+            find("version", "a text is expected; without it the bag is not taken");
+        const Value* cycle = bag.find("refresh_cycle");
+        if (cycle != nullptr && !(isInteger(*cycle) && cycle->integer() >= 0))
+            find("refresh_cycle", "a number of seconds without a fraction is expected");
+        bool anySection = false;
+        for (const auto& [key, value] : bag) {
+            const bool isSection =
+                std::find(kEnvironments.begin(), kEnvironments.end(), key) != kEnvironments.end();
+            anySection = anySection || isSection;
+            if (!isSection && key != "version" && key != "refresh_cycle")
+                find(key, "no environment; these are {}", fmt::join(kEnvironments, ", "));
+        }
+        if (!anySection) _findings.emplace_back("no environment has a section");
+    }
+
+    void section(const Value& value, std::string_view path) {
+        const Dictionary* section = value.dictionary();
+        if (section == nullptr) return find(path, "a dictionary of backends is expected");
+        for (const auto& [name, profile] : *section) backend(name, profile, fmt::format("{}.{}", path, name));
+    }
+
+    void backend(std::string_view name, const Value& value, const std::string& path) {
+        const Dictionary* profile = value.dictionary();
+        if (profile == nullptr) return find(path, "a dictionary is expected");
+        if (name == kQuorvaneBackendHTTPPost || name == kQuorvaneBackendHTTPPost2) {
+            keys(*profile, kHttpPost, path);
+            entries(*profile, "clients", path, &Check::client);
+        } else if (name == kQuorvaneBackendDashboard) {
+            keys(*profile, kDashboard, path);
+        } else if (name == kQuorvaneBackendUploadServer) {
+            keys(*profile, kUploadServer, path);
+        } else if (name != kQuorvaneBackendJoulary && name != kQuorvaneBackendOssel) {
+            find(path, "no such backend");
+        }
+    }
+
+    void client(const Dictionary& client, const std::string& path) {
+        keys(client, kClient, path);
+        entries(client, "filters", path, &Check::filter);
+    }
+
+    void filter(const Dictionary& filter, const std::string& path) { keys(filter, kFilter, path); }
+
+    void entries(const Dictionary& holder, std::string_view key, const std::string& path,
+                 void (Check::*each)(const Dictionary&, const std::string&)) {
+        const Array* array = holder.array(key);
+        if (array == nullptr) return;
+        for (std::size_t index = 0; index < array->size(); ++index)
+            if (const Dictionary* entry = (*array)[index].dictionary())
+                (this->*each)(*entry, fmt::format("{}.{}[{}]", path, key, index));
+    }
+
+    void keys(const Dictionary& holder, std::span<const KeyRule> rules, const std::string& path) {
+        for (const auto& [key, value] : holder) {
+            const auto rule =
+                std::find_if(rules.begin(), rules.end(), [&](const KeyRule& r) { return r.key == key; });
+            if (rule == rules.end())
+                find(path, "no key of the name \"{}\" is read", key);
+            else if (!hasForm(value, rule->form))
+                find(fmt::format("{}.{}", path, key), "{} is expected", nameOf(rule->form));
+        }
+        for (const KeyRule& rule : rules)
+            if (rule.required && !holder.contains(rule.key)) find(path, "\"{}\" is missing", rule.key);
+    }
+
+    std::vector<std::string> _findings;
+};
+
+}  // namespace
+
+std::vector<std::string> checkBag(const Dictionary& bag) {
+    return Check().bag(bag);
+}
+
+}  // namespace quorvane::tools

@@ -1,0 +1,90 @@
+#include "tools/storebag/KeyRules.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace quorvane::tools {
+
+namespace {
+
+bool isUrl(const std::string& text) {
+    return text.starts_with("https://") || text.starts_with("http://");
+}
+
+bool isAddress(const std::string& text) {
+    in_addr address{};
+    return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+/// Of any other word a daemon makes that the key is kept, which nobody who names an action means.
+bool isFilterAction(const std::string& text) {
+    return text == "remove" || text == "sha256";
+}
+
+template <typename Held>
+bool allAre(const Value& value, const Held* (Value::*read)() const) {
+    const Array* array = value.array();
+    return array != nullptr && std::all_of(array->begin(), array->end(), [&](const Value& element) {
+               return (element.*read)() != nullptr;
+           });
+}
+
+}  // namespace
+
+bool isInteger(const Value& value) {
+    return value.kind() == Value::Kind::Signed || value.kind() == Value::Kind::Unsigned;
+}
+
+bool hasForm(const Value& value, Form form) {
+    const std::string* text = value.string();
+    switch (form) {
+        case Form::Text:
+            return text != nullptr;
+        case Form::Texts:
+            return allAre<std::string>(value, &Value::string);
+        case Form::Url:
+            return text != nullptr && isUrl(*text);
+        case Form::Address:
+            return text != nullptr && isAddress(*text);
+        case Form::Port:
+            return isInteger(value) && value.integer() > 0 && value.integer() <= 65535;
+        case Form::Integer:
+            return isInteger(value) || value.kind() == Value::Kind::Boolean;
+        case Form::Number:
+            return value.isNumber() && std::isfinite(value.real());
+        case Form::Entries:
+            return allAre<Dictionary>(value, &Value::dictionary);
+        case Form::FilterAction:
+            return text != nullptr && isFilterAction(*text);
+    }
+    return false;
+}
+
+std::string_view nameOf(Form form) {
+    switch (form) {
+        case Form::Text:
+            return "a text";
+        case Form::Texts:
+            return "an array of texts";
+        case Form::Url:
+            return "an https or http URL";
+        case Form::Address:
+            return "an IPv4 address";
+        case Form::Port:
+            return "a number from 1 to 65535";
+        case Form::Integer:
+            return "a number without a fraction";
+        case Form::Number:
+            return "a number";
+        case Form::Entries:
+            return "an array of dictionaries";
+        case Form::FilterAction:
+            return "\"remove\" or \"sha256\"";
+    }
+    return {};
+}
+
+}  // namespace quorvane::tools

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "platform/Value.h"
+
+#include <string_view>
+
+namespace quorvane::tools {
+
+/// What a backend reads a key of its profile as.
+enum class Form { Text, Texts, Url, Address, Port, Integer, Number, Entries, FilterAction };
+
+struct KeyRule {
+    std::string_view key;
+    Form form;
+    bool required = false;
+};
+
+bool hasForm(const Value& value, Form form);
+/// As in "a text".
+std::string_view nameOf(Form form);
+
+/// A number that is neither boolean nor real.
+bool isInteger(const Value& value);
+
+}  // namespace quorvane::tools

@@ -1,0 +1,38 @@
+#include "tools/common/Failure.h"
+#include "tools/common/Files.h"
+#include "tools/storebag/Commands.h"
+
+#include <filesystem>
+
+#include <fmt/format.h>
+
+namespace quorvane::tools {
+
+namespace {
+
+void refuseWhatIsThere(const std::string& path) {
+    std::error_code error;
+    if (std::filesystem::exists(std::filesystem::symlink_status(path, error)))
+        throw Failure(fmt::format("{} is there already; --force replaces it", path));
+}
+
+}  // namespace
+
+int run(const Keygen& command) {
+    if (command.privateKey == "-" || command.publicKey == "-")
+        throw Failure("keys are written to files only", kUsage);
+    if (!command.force) {
+        refuseWhatIsThere(command.privateKey);
+        refuseWhatIsThere(command.publicKey);
+    }
+    const auto key = SigningKey::generate(command.bits);
+    if (!key) throw Failure("cannot make a key");
+    const auto write = command.force ? writeBytes : writeNewFile;
+    write(command.privateKey, bytesOf(key->privatePEM()), kOwnerOnly);
+    write(command.publicKey, key->publicDER(), kEverybody);
+    fmt::print("{}: the key that signs, {} bits; keep it secret\n{}: the key for the devices\n",
+               command.privateKey, key->bits(), command.publicKey);
+    return 0;
+}
+
+}  // namespace quorvane::tools

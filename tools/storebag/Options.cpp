@@ -1,0 +1,104 @@
+#include "tools/storebag/Options.h"
+
+#include "tools/common/Failure.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+
+#include <fmt/format.h>
+
+namespace quorvane::tools {
+
+namespace {
+
+constexpr const char* kDescription =
+    "Makes, signs and checks storebags, the signed configuration that quorvaned downloads. Where a file is "
+    "named, - stands for standard input or output.";
+constexpr const char* kFooter = "Exit status: 0 done, 1 failed or not valid, 2 usage.";
+
+/// A subcommand whose options are read into a command of their own, handed on when it is the one given.
+template <typename Kind>
+std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const char* description,
+                                       std::optional<Command>& command) {
+    const auto read = std::make_shared<Kind>();
+    CLI::App* subcommand = app.add_subcommand(name, description);
+    subcommand->callback([&command, read] { command = *read; });
+    return {subcommand, *read};
+}
+
+void addKeygen(CLI::App& app, std::optional<Command>& command) {
+    auto [keygen, options] = addCommand<Keygen>(app, "keygen", "Make a pair of keys", command);
+    keygen
+        ->add_option("--private-key", options.privateKey,
+                     "Where to write the key that signs (PEM); only its owner can read it")
+        ->type_name("FILE")
+        ->capture_default_str();
+    keygen->add_option("--public-key", options.publicKey, "Where to write the key that devices get (DER)")
+        ->type_name("FILE")
+        ->capture_default_str();
+    keygen->add_option("--bits", options.bits, "Length of the RSA key")
+        ->capture_default_str()
+        ->check(CLI::Range(kMinimumKeyBits, kMaximumKeyBits));
+    keygen->add_flag("--force", options.force, "Replace keys that are there");
+}
+
+void addSign(CLI::App& app, std::optional<Command>& command) {
+    auto [sign, options] = addCommand<Sign>(app, "sign", "Sign a bag", command);
+    sign->add_option("source", options.source, "The bag: TOML, JSON or a property list")
+        ->type_name("FILE")
+        ->required();
+    sign->add_option("--format", options.format, "The source's form; by the file's ending without it")
+        ->check(CLI::IsMember({"toml", "json", "plist"}));
+    sign->add_option("--private-key", options.privateKey, "The key that signs (PEM)")
+        ->type_name("FILE")
+        ->required();
+    sign->add_option("-o,--output", options.output, "Where to write the signed storebag")
+        ->type_name("FILE")
+        ->capture_default_str();
+    sign->add_flag("--strict", options.strict, "Sign nothing that there is a warning about");
+}
+
+void addVerify(CLI::App& app, std::optional<Command>& command) {
+    auto [verify, options] =
+        addCommand<Verify>(app, "verify", "Check that devices would take a signed storebag", command);
+    verify->add_option("storebag", options.storebag, "The signed storebag")->type_name("FILE")->required();
+    verify->add_option("--public-key", options.publicKey, "The key that devices have (DER)")
+        ->type_name("FILE")
+        ->required();
+    verify->add_flag("--strict", options.strict, "Fail when there is a warning");
+}
+
+void addInspect(CLI::App& app, std::optional<Command>& command) {
+    auto [inspect, options] =
+        addCommand<Inspect>(app, "inspect", "Print what is in a signed storebag", command);
+    inspect->add_option("storebag", options.storebag, "The signed storebag")->type_name("FILE")->required();
+    inspect
+        ->add_option("--public-key", options.publicKey,
+                     "Tell whether the signature is good for this key (DER)")
+        ->type_name("FILE");
+    inspect->add_flag("--json", options.json, "Print JSON");
+}
+
+}  // namespace
+
+std::optional<Command> readCommand(int argc, char** argv, int& status) {
+    std::optional<Command> command;
+    CLI::App app(kDescription, "quorvane-storebag");
+    app.set_version_flag("--version", QUORVANE_VERSION);
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    addKeygen(app, command);
+    addSign(app, command);
+    addVerify(app, command);
+    addInspect(app, command);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        status = app.exit(error) == 0 ? 0 : kUsage;
+        return std::nullopt;
+    }
+    return command;
+}
+
+}  // namespace quorvane::tools

@@ -1,0 +1,22 @@
+#include "tools/common/Failure.h"
+#include "tools/common/Files.h"
+#include "tools/storebag/Commands.h"
+#include "tools/storebag/Envelope.h"
+#include "tools/storebag/Warnings.h"
+
+#include <fmt/format.h>
+
+namespace quorvane::tools {
+
+int run(const Verify& command) {
+    const std::string_view name = nameOfInput(command.storebag);
+    const auto key = readPublicKey(command.publicKey);
+    const Envelope envelope = openEnvelope(readBytes(command.storebag), name);
+    if (!isSignedWith(envelope, *key))
+        throw Failure(fmt::format("{}: the signature is not good for {}", name, command.publicKey));
+    warnAbout(bagOf(envelope, name), name, command.strict);
+    fmt::print("{}: good\n", name);
+    return 0;
+}
+
+}  // namespace quorvane::tools

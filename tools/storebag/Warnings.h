@@ -1,0 +1,13 @@
+#pragma once
+
+#include "platform/Value.h"
+
+#include <string_view>
+
+namespace quorvane::tools {
+
+/// Writes what checkBag() finds to standard error, one line each. Throws a Failure when it finds something
+/// and strict is set.
+void warnAbout(const Dictionary& bag, std::string_view name, bool strict);
+
+}  // namespace quorvane::tools

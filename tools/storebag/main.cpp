@@ -1,0 +1,24 @@
+#include "tools/common/Failure.h"
+#include "tools/storebag/Commands.h"
+#include "tools/storebag/Options.h"
+
+#include <cstdio>
+#include <exception>
+
+#include <fmt/format.h>
+
+using namespace quorvane::tools;
+
+int main(int argc, char** argv) {
+    int status = 0;
+    try {
+        const auto command = readCommand(argc, argv, status);
+        return command ? std::visit([](const auto& given) { return run(given); }, *command) : status;
+    } catch (const Failure& failure) {
+        fmt::print(stderr, "quorvane-storebag: {}\n", failure.what());
+        return failure.status();
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "quorvane-storebag: {}\n", error.what());
+        return kFailed;
+    }
+}
