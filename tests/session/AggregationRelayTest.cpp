@@ -1,0 +1,137 @@
+#include "tests/session/SessionFixture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace quorvane {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class AggregationRelayTest : public SessionFixture {
+  protected:
+    /// A session of a client of its own that aggregates; every other session has it as its ancestor.
+    std::shared_ptr<QuorvanedSession> makeAncestor() {
+        auto ancestor = QuorvanedSession::initWithSessionDelegate(_delegate, _ancestorClient);
+        ancestor->setSessionInfo({{"SessionID", 1}}, std::nullopt, {}, true);
+        _delegate.aggregator = ancestor.get();
+        return ancestor;
+    }
+
+    std::shared_ptr<RecordingClient> _ancestorClient = std::make_shared<RecordingClient>();
+};
+
+TEST_F(AggregationRelayTest, AnAggregatingClientGetsItsOwnEventsBeforeTheBackends) {
+    const auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    const std::size_t sent = logged("<7>HTTPSPostBackend(sendMessage): Sending");
+    std::size_t sentAtRelay = 0;
+    _client->onEvent = [&] { sentAtRelay = logged("<7>HTTPSPostBackend(sendMessage): Sending"); };
+    const Dictionary payload{{"count", 1}};
+    send(*session, 5, 6, &payload);
+    EXPECT_EQ(sentAtRelay, sent);
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(sendMessage): Sending"), sent + 1);
+
+    const auto events = _client->takeEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].sessionInfo, (Dictionary{{"SessionID", 7}, {"ClientType", 7}}));
+    EXPECT_GT(events[0].timestamp, 1.7e9);
+    EXPECT_EQ(events[0].category, 5);
+    EXPECT_EQ(events[0].type, 6);
+    EXPECT_EQ(events[0].payload, payload);
+
+    send(*session, 5, 6, nullptr);
+    EXPECT_EQ(_client->takeEvents().at(0).payload, std::nullopt);
+    session->setHasAggregator(false);
+    send(*session, 5, 6, nullptr);
+    EXPECT_THAT(_client->takeEvents(), IsEmpty());
+}
+
+TEST_F(AggregationRelayTest, AnAncestorGetsTheEventUnderTheLockAndWithItsOwnSessionInfo) {
+    const auto ancestor = makeAncestor();
+    _ancestorClient->onEvent = [&] { EXPECT_TRUE(_delegate.locked()); };
+    const auto session = startedSession({}, {}, true);
+    send(*session, 5, 6, nullptr);
+    EXPECT_FALSE(_delegate.locked());
+
+    const auto events = _ancestorClient->takeEvents();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1].sessionInfo, (Dictionary{{"SessionID", 1}}));
+    EXPECT_EQ(events[1].category, 5);
+    EXPECT_THAT(_client->takeEvents(), IsEmpty()) << "never to both";
+    _ancestorClient->onEvent = nullptr;
+}
+
+TEST_F(AggregationRelayTest, AClientThatCannotBeReachedCostsAnErrorLineOnly) {
+    const auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    _client->unreachable = "the client is gone";
+    EXPECT_TRUE(send(*session, 5, 6, nullptr));
+    EXPECT_EQ(logged("<3>sendMessageWithDictionary: Failed to get remote object proxy: the client is gone"),
+              1u);
+    EXPECT_TRUE(session->hasAggregator());
+    EXPECT_EQ(posted().size(), 2u);
+    _client->unreachable.reset();
+    send(*session, 5, 6, nullptr);
+    EXPECT_EQ(_client->takeEvents().size(), 1u);
+}
+
+TEST_F(AggregationRelayTest, TheEndIsToldOnceAndForGood) {
+    const auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    session->shutdownSessionAggregation();
+    session->shutdownSessionAggregation();
+    send(*session, 5, 6, nullptr);
+    const auto events = _client->takeEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].sessionInfo.integer("SessionID"), 7);
+    EXPECT_EQ(events[0].timestamp, 0);
+    EXPECT_EQ(events[0].category, 0);
+    EXPECT_EQ(events[0].type, 0);
+    EXPECT_EQ(events[0].payload, std::nullopt);
+    EXPECT_FALSE(session->hasAggregator());
+    EXPECT_EQ(logged("<7>shutdownSessionAggregation: Disable aggregation module for session 7"), 2u);
+}
+
+TEST_F(AggregationRelayTest, SessionsOfOneGroupRunAtTheSameTime) {
+    _delegate.storebag = storebagWith({{"httppost", profile("post", permissiveEntry())}});
+    const auto ancestor = makeAncestor();
+    const auto child = startedSession({{"BatchEvent", true}});
+    _delegate.parent = ancestor.get();
+    _delegate.parentIDs = ancestor->sessionIDString();
+    std::atomic<bool> done{false};
+
+    std::thread ancestorsConnection([&] {
+        for (int n = 0; !done; ++n) {
+            ancestor->setSessionInfo({{"SessionID", n}}, std::nullopt, {}, true);
+            if (n % 50 == 0) start(*ancestor);
+            fetchStates(*ancestor, Dictionary{{"ClientName", "Mail"}});
+        }
+    });
+    std::thread agent([&] {
+        while (!done) {
+            child->updateCombinedSessionID();
+            child->syncReportingStates();
+            child->shutdownSessionAggregation();
+            EXPECT_EQ(child->getSessionHierarchy(), 0);
+            EXPECT_TRUE(child->sessionInfo());
+        }
+    });
+    for (int n = 0; n < 200; ++n) {
+        send(*child, 5, 6, nullptr);
+        if (n % 40 == 0) fetchStates(*child, Dictionary{{"ClientName", "Mail"}});
+        if (n % 60 == 0) start(*child);
+    }
+    done = true;
+    ancestorsConnection.join();
+    agent.join();
+    EXPECT_GE(_ancestorClient->takeEvents().size(), 200u);
+    _delegate.parent = _delegate.aggregator = nullptr;
+}
+
+}  // namespace
+}  // namespace quorvane

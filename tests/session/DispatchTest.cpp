@@ -1,0 +1,171 @@
+#include "session/BackendAnswers.h"
+#include "tests/session/SessionFixture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace quorvane {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+/// A backend with one answer to everything.
+class AnsweringBackend final : public QuorvaneBackend {
+  public:
+    AnsweringBackend(const std::string& name, Answer answer)
+        : QuorvaneBackend(name, nullptr, std::nullopt), _answer(std::move(answer)) {}
+    Answer flushMessages() override { return _answer; }
+
+  private:
+    const Answer _answer;
+};
+
+class DispatchTest : public SessionFixture {
+  protected:
+    static Answer flushAll(const std::vector<std::pair<std::string, Answer>>& answers) {
+        BackendDictionary backends;
+        for (const auto& [name, answer] : answers)
+            backends[name] = std::make_shared<AnsweringBackend>(name, answer);
+        return collectAnswers(backends, "[{} -> flushMessages] {}",
+                              [](QuorvaneBackend& backend) { return backend.flushMessages(); });
+    }
+
+    static Dictionary message(const Value& category, const Value& type) {
+        return {{"Category", category}, {"Type", type}};
+    }
+};
+
+TEST_F(DispatchTest, TheClientGetsTheHttpPostAnswerElseTheDashboards) {
+    EXPECT_EQ(flushAll({{"dashboard", "d"}, {"httppost", "h"}, {"httppost2", "h2"}}), "h");
+    EXPECT_EQ(flushAll({{"dashboard", "d"}, {"httppost", std::nullopt}, {"ossel", "o"}}), "d");
+    EXPECT_EQ(flushAll({{"httppost2", "only logged"}, {"joulary", "j"}}), std::nullopt);
+    EXPECT_EQ(flushAll({}), std::nullopt);
+    const std::string log = messageLog();
+    EXPECT_THAT(log, HasSubstr(") [dashboard -> flushMessages] d\n"));
+    EXPECT_THAT(log, HasSubstr(") [httppost2 -> flushMessages] only logged\n"));
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 7);
+
+    // Whatever the order.
+    std::optional<std::string> selected;
+    selectAnswer(selected, "httppost", "h");
+    selectAnswer(selected, "httppost", std::nullopt);
+    selectAnswer(selected, "dashboard", "d");
+    EXPECT_EQ(selected, "h");
+}
+
+TEST_F(DispatchTest, AnEventReachesTheServerAndItsAnswerTheClientAndTheLog) {
+    const auto session = startedSession();
+    Dictionary event = message(65'536 + 5, 6.9);
+    event.set("Payload", Dictionary{{"count", 3}});
+    const Answer answer = send(*session, event);
+    EXPECT_EQ(logged("<7>sendMessageWithCategory: Sending message for session 7"), 1u);
+    EXPECT_EQ(onlyEventIn(answer).integer("count"), 3);
+    EXPECT_THAT(messageLog(), HasSubstr(") [httppost -> sendMessageWithDictionary] " + answer.value_or("")));
+
+    const Dictionary payload{{"count", 4}};
+    EXPECT_EQ(onlyEventIn(send(*session, 7, 8, &payload)).integer("count"), 4);
+    EXPECT_EQ(logged("<7>sendMessageWithCategory: Sending message for session 7"), 2u);
+    send(*session, message(9, 10));
+
+    const auto events = posted();
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[1].integer("_method"), 5) << "cut to 16 bits";
+    EXPECT_EQ(events[1].integer("_status"), 6);
+    EXPECT_EQ(events[2].integer("_method"), 7);
+    EXPECT_EQ(events[2].integer("_status"), 8);
+    EXPECT_FALSE(events[3].contains("count"));
+}
+
+TEST_F(DispatchTest, OptionalParametersOfAnotherTypeReadAsAbsent) {
+    const auto session = startedSession();
+    Dictionary event = message("five", -1);
+    event.set("Payload", Array{1});
+    event.set("Flag", "1");
+    EXPECT_TRUE(send(*session, event));
+    const auto events = posted();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1].integer("_method"), 0);
+    EXPECT_EQ(events[1].integer("_status"), 65'535);
+}
+
+TEST_F(DispatchTest, TheFlagPassesThrough) {
+    const auto session = startedSession({{"BatchEvent", true}});
+    for (const unsigned flag : {1u, 3u}) {
+        Dictionary event = message(5, flag);
+        event.set("Flag", flag);
+        EXPECT_TRUE(send(*session, event)) << flag;
+    }
+    Dictionary event = message(5, 0);
+    event.set("Flag", 4'294'967'296);
+    EXPECT_FALSE(send(*session, event)) << "cut to 32 bits";
+    EXPECT_EQ(posted("/post-now").size(), 2u);
+    EXPECT_THAT(posted(), IsEmpty());
+}
+
+TEST_F(DispatchTest, CategoryAndTypeAreMandatory) {
+    const auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    EXPECT_EQ(send(*session, {}), std::nullopt);
+    EXPECT_EQ(send(*session, {{"Type", 1}}), std::nullopt);
+    EXPECT_EQ(logged("<7>sendMessageWithDictionary: Missing mandatory parameter 'category'"), 2u);
+    EXPECT_EQ(logged("Missing mandatory parameter 'type'"), 0u);
+    EXPECT_EQ(send(*session, {{"Category", 1}}), std::nullopt);
+    EXPECT_EQ(logged("<7>sendMessageWithDictionary: Missing mandatory parameter 'type'"), 1u);
+    EXPECT_THAT(_client->takeEvents(), IsEmpty());
+    EXPECT_EQ(eventsIn(flush(*session)).size(), 1u) << "the session's own first event";
+}
+
+TEST_F(DispatchTest, WithoutConsentNothingIsAnsweredOrLoggedButAllIsPosted) {
+    write("etc/quorvane/consent.toml", "diagnostics_submission = false\n");
+    const auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    EXPECT_EQ(send(*session, 5, 6, nullptr), std::nullopt);
+    EXPECT_EQ(messageLog(), "");
+    EXPECT_EQ(posted().size(), 2u);
+    EXPECT_EQ(_client->takeEvents().size(), 1u) << "relayed all the same";
+}
+
+TEST_F(DispatchTest, AFlushAnswersWithWhatItPosted) {
+    const auto session = startedSession({{"BatchEvent", true}});
+    EXPECT_EQ(send(*session, 5, 6, nullptr), std::nullopt);
+    const Answer answer = flush(*session);
+    EXPECT_EQ(eventsIn(answer).size(), 2u);
+    EXPECT_EQ(logged("<7>flushMessagesWithReply: Flushing messages for session 7"), 1u);
+    EXPECT_THAT(messageLog(), HasSubstr("[httppost -> flushMessages] " + answer.value_or("")));
+    EXPECT_EQ(flush(*session), std::nullopt);
+    EXPECT_THAT(messageLog(), Not(HasSubstr("sendMessageWithDictionary")));
+    EXPECT_EQ(posted().size(), 2u);
+}
+
+TEST_F(DispatchTest, EveryBackendAndTheAggregatorGetOneTimeAndBackendsCountOnTheirOwn) {
+    // Every look at the clock shows another time.
+    static std::atomic<std::int64_t> seconds;
+    seconds = 1'800'000'000;
+    platform::replaceClock([] { return platform::TimeValue{++seconds, 250'000}; });
+    _delegate.storebag = storebagWith({{"httppost", profile()}, {"httppost2", profile("post2")}});
+    const auto session = startedSession({}, {}, true);
+    send(*session, 5, 6, nullptr);
+    platform::replaceClock(nullptr);
+
+    const auto first = posted("/post"), second = posted("/post2");
+    const auto relayed = _client->takeEvents();
+    ASSERT_EQ(first.size(), 2u);
+    ASSERT_EQ(second.size(), 2u);
+    ASSERT_EQ(relayed.size(), 2u);
+    for (const std::size_t i : {0u, 1u}) {
+        EXPECT_EQ(first[i].integer("_eventNumber"), i + 1);
+        EXPECT_EQ(second[i].integer("_eventNumber"), i + 1);
+        EXPECT_EQ(*first[i].find("_clientTS"), *second[i].find("_clientTS"));
+        EXPECT_EQ(relayed[i].timestamp - static_cast<std::int64_t>(relayed[i].timestamp), 0.25);
+    }
+    EXPECT_NEAR(relayed[1].timestamp - relayed[0].timestamp,
+                first[1].find("_clientTS")->real() - first[0].find("_clientTS")->real(), 1e-6);
+}
+
+}  // namespace
+}  // namespace quorvane

@@ -1,0 +1,121 @@
+#include "tests/session/SessionFixture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace quorvane {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class ReportingStatesTest : public SessionFixture {
+  protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        platform::replaceRandomDraw([] { return 0.5; });
+    }
+
+    static Dictionary entryWithThreshold(double threshold) {
+        Dictionary entry = permissiveEntry();
+        entry.set("sampling_threshold", threshold);
+        entry.set("hierarchy", 1);
+        return entry;
+    }
+
+    Dictionary reporting(const std::string& name) const { return profile(name, entryWithThreshold(0.6)); }
+    Dictionary sampledOut(const std::string& name) const { return profile(name, entryWithThreshold(0.4)); }
+    Dictionary disabled(const std::string& name) const {
+        Dictionary entry = entryWithThreshold(1);
+        entry.remove("sampling_threshold");
+        return profile(name, entry);
+    }
+
+    std::shared_ptr<QuorvanedSession> sessionWith(const Dictionary& section) {
+        _delegate.storebag = storebagWith(section);
+        return startedSession({{"RequireUserInfo", true}},
+                              Dictionary{{"ClientName", "Mail"}, {"ServiceName", "Sync"}});
+    }
+
+    /// Whether the backend takes events: 1 no, 2 at once, 3 once promoted.
+    static int stateOf(QuorvanedSession& session, const std::string& backend) {
+        const auto reporting = session.fetchReportingStates().value();
+        return std::find(reporting.begin(), reporting.end(), backend) != reporting.end() ? 2 : 1;
+    }
+};
+
+TEST_F(ReportingStatesTest, AChildFollowsItsParentExceptWhereItIsSampledOut) {
+    const auto parent = sessionWith({{"httppost", reporting("p1")},
+                                     {"httppost2", disabled("p2")},
+                                     {"dashboard", Dictionary{{"ip", "127.0.0.1"}, {"port", 9}}}});
+    EXPECT_THAT(parent->fetchReportingStates().value(), ElementsAre("dashboard", "httppost"));
+    EXPECT_EQ(parent->samplingThresholdWithBackendName("httppost"), Value(0.6));
+    EXPECT_EQ(parent->samplingThresholdWithBackendName("httppost2"), std::nullopt);
+
+    const auto child = sessionWith({{"httppost", disabled("c1")}, {"httppost2", reporting("c2")}});
+    const auto sampled = sessionWith({{"httppost", sampledOut("s1")}, {"httppost2", sampledOut("s2")}});
+    _delegate.parent = parent.get();
+    for (const auto& session : {child, sampled}) session->syncReportingStates();
+    EXPECT_THAT(child->fetchReportingStates().value(), ElementsAre("httppost"));
+    EXPECT_EQ(child->samplingThresholdWithBackendName("httppost"), Value(0.6)) << "the parent's";
+    EXPECT_EQ(child->samplingThresholdWithBackendName("httppost2"), Value(0.6)) << "its own, as it was";
+
+    EXPECT_THAT(sampled->fetchReportingStates().value(), IsEmpty());
+    EXPECT_EQ(sampled->samplingThresholdWithBackendName("httppost"), Value(0.4));
+    EXPECT_TRUE(send(*sampled, {{"Category", 5}, {"Type", 6}, {"Flag", 2}})) << "can still be promoted";
+    EXPECT_EQ(posted("/s1").size(), 2u) << "with the event held until then";
+}
+
+TEST_F(ReportingStatesTest, AChildOfASilentParentFallsSilent) {
+    const auto silent = sessionWith({{"httppost", disabled("p")}});
+    _delegate.storebag = nullptr;
+    const auto withoutBackends = startedSession();
+    for (const auto& parent : {silent, withoutBackends}) {
+        const auto child = sessionWith({{"httppost", reporting("c")}});
+        _delegate.parent = parent.get();
+        child->syncReportingStates();
+        _delegate.parent = nullptr;
+        EXPECT_THAT(child->fetchReportingStates().value(), IsEmpty());
+        EXPECT_EQ(send(*child, 5, 6, nullptr), std::nullopt);
+    }
+}
+
+TEST_F(ReportingStatesTest, AChildWithoutAParentSaysSoAndGoesOn) {
+    const auto child = sessionWith({{"httppost", reporting("c")},
+                                    {"httppost2", sampledOut("c2")},
+                                    {"dashboard", Dictionary{{"ip", "127.0.0.1"}, {"port", 9}}}});
+    EXPECT_EQ(child->getSessionHierarchy(), 1);
+    child->syncReportingStates();
+    for (const char* name : {"httppost", "httppost2"})
+        EXPECT_EQ(logged(fmt::format(
+                      "<6>syncReportingStates: child session 7 (backend {}) is missing its parent", name)),
+                  1u);
+    EXPECT_EQ(logged("is missing its parent"), 2u) << "the dashboard is at the top";
+    EXPECT_THAT(child->fetchReportingStates().value(), ElementsAre("dashboard", "httppost"));
+}
+
+TEST_F(ReportingStatesTest, TheCombinedIdentifierReachesHeldAndLaterEvents) {
+    _delegate.storebag = storebagWith({{"httppost", profile()}});
+    const auto session = startedSession({{"BatchEvent", true}});
+    session->updateCombinedSessionID();
+    EXPECT_EQ(logged("updateCombinedSessionID: "), 0u);
+
+    _delegate.parentIDs = "A.B";
+    session->updateCombinedSessionID();
+    const std::string combined = "A.B." + session->sessionIDString();
+    EXPECT_EQ(logged(fmt::format(
+                  "<7>updateCombinedSessionID: Updating combined session ID '{}' for session 7 backends",
+                  combined)),
+              1u);
+    send(*session, 5, 6, nullptr);
+    _delegate.parentIDs = std::nullopt;
+    session->updateCombinedSessionID();
+    send(*session, 5, 6, nullptr);
+    flush(*session);
+    const auto events = posted();
+    ASSERT_EQ(events.size(), 3u);
+    for (const Dictionary& event : events) EXPECT_EQ(*event.string("_sessionID"), combined);
+}
+
+}  // namespace
+}  // namespace quorvane
