@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace quorvane::platform {
+
+/// The text in UTF-8 with every byte percent-encoded that may not stand in a URL's query (RFC 3986, section
+/// 3.4); what separates a query's keys ("&", "=", "+", ";") may, and stays.
+std::string queryPercentEncoded(std::string_view text);
+
+/// Whether the text is an absolute URL by its characters: a scheme and a colon, then only what RFC 3986
+/// allows as it stands, and "%" only before two hex digits.
+bool isUrl(std::string_view text);
+
+}  // namespace quorvane::platform
