@@ -5,8 +5,6 @@
 #include "tests/storebag/StorebagFixture.h"
 #include "tools/storebag/SignStorebag.h"
 
-#include <fmt/format.h>
-
 #include <span>
 #include <utility>
 

@@ -14,8 +14,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 const std::string kTag = "fetchStorebagForEnvironmentAndClientType: ";
 

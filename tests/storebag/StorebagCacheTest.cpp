@@ -15,7 +15,6 @@ using std::chrono::seconds;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 constexpr std::int32_t kPelmark = 5;
 constexpr std::int32_t kStremcore = 6;
