@@ -1,5 +1,7 @@
 #include "platform/Sandbox.h"
 
+#include "platform/CodeBundle.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -60,12 +62,23 @@ bool failsWith(int error, long result) {
     return result == -1 && errno == error;
 }
 
-int boundSocket(const std::string& path) {
+int boundSocket(const std::string& path, int type = SOCK_STREAM) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int socket = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     return ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? socket : -1;
+}
+
+bool sendsDatagram(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const auto sent =
+        ::sendto(socket, "text", 4, 0, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::close(socket);
+    return sent == 4;
 }
 
 void write(const std::string& path, const std::string& text) {
@@ -193,6 +206,37 @@ TEST_F(SandboxTest, CodeOpensButIsNotListed) {
                   findings.expect("the folder does not list", !lists(at("/usr/lib/quorvane")));
               }),
               "");
+}
+
+TEST_F(SandboxTest, AnAdaptorLoadsAndWritesWhatItIsGiven) {
+    const std::string path = at("/usr/lib/quorvane/OsselAdaptor.so");
+    fs::create_directories(at("/usr/lib/quorvane"));
+    fs::copy_file(QUORVANE_BUNDLE_SAMPLE, path);
+    EXPECT_EQ(confinedAsShipped([&](Findings& findings) {
+                  const auto adaptor = CodeObject::init(classNamed(loadCodeBundle(path), "OsselAdaptor"));
+                  findings.expect("an adaptor is made", adaptor != nullptr);
+                  if (adaptor == nullptr) return;
+                  const auto* operation =
+                      adaptor->operationWithSelector("sendMessageWithMethod:respCode:dict:");
+                  adaptor->invoke(*operation, 5, 200, {});
+              }),
+              "");
+    EXPECT_NE(read(at("/var/lib/quorvane/ossel-messages.log")).find(" method=5 respCode=200 (null)\n"),
+              std::string::npos);
+}
+
+TEST_F(SandboxTest, TheSocketsOfTheSystemsLogsAreReached) {
+    const std::string journal = at("/run/systemd/journal/socket");
+    fs::create_directories(at("/run/systemd/journal"));
+    const int socket = boundSocket(journal, SOCK_DGRAM);
+    EXPECT_EQ(confinedAsShipped([&](Findings& findings) {
+                  findings.expect("it can be seen", ::access(journal.c_str(), F_OK) == 0);
+                  findings.expect("a datagram is sent", sendsDatagram(journal));
+              }),
+              "");
+    char text[8];
+    EXPECT_EQ(::recv(socket, text, sizeof text, MSG_DONTWAIT), 4);
+    ::close(socket);
 }
 
 TEST_F(SandboxTest, WhatIsOutsideStaysOutside) {
