@@ -1,8 +1,11 @@
 #include "backends/DashboardBackend.h"
 #include "backends/HTTPSPostBackend.h"
+#include "backends/JoularyBackend.h"
+#include "backends/OsselBackend.h"
 #include "backends/QuorvaneBackend.h"
 #include "framework/Keys.h"
 #include "platform/Log.h"
+#include "util/DeviceFacts.h"
 
 namespace quorvane {
 
@@ -17,6 +20,11 @@ BackendPointer make(const std::string& name, Profile profile, const Text& produc
     return Backend::initWithName(name, std::move(profile), productFamily);
 }
 
+BackendPointer makeOssel(const std::string& name, Profile profile, const Text& productFamily,
+                         std::int32_t clientType) {
+    return OsselBackend::initWithName(name, std::move(profile), productFamily, clientType);
+}
+
 struct Maker {
     std::string_view name;
     BackendPointer (*make)(const std::string& name, Profile profile, const Text& productFamily,
@@ -27,7 +35,14 @@ constexpr Maker makers[] = {
     {kQuorvaneBackendDashboard, make<DashboardBackend>},
     {kQuorvaneBackendHTTPPost, make<HTTPSPostBackend>},
     {kQuorvaneBackendHTTPPost2, make<HTTPSPostBackend>},
+    {kQuorvaneBackendJoulary, make<JoularyBackend>},
+    {kQuorvaneBackendOssel, makeOssel},
 };
+
+/// One product has no diagnostics adaptor.
+bool isRefusedHere(std::string_view name) {
+    return name == kQuorvaneBackendOssel && productType() == "Korvel";
+}
 
 }  // namespace
 
@@ -35,7 +50,8 @@ std::shared_ptr<QuorvaneBackend> QuorvaneBackend::newBackendWithName(
     const std::string& name, std::shared_ptr<const Dictionary> profile, const Text& productFamily,
     std::int32_t clientType) {
     for (const Maker& maker : makers)
-        if (maker.name == name) return maker.make(name, std::move(profile), productFamily, clientType);
+        if (maker.name == name && !isRefusedHere(name))
+            return maker.make(name, std::move(profile), productFamily, clientType);
     platform::logError("QuorvaneBackend(newBackendWithName): {}", name);
     return nullptr;
 }

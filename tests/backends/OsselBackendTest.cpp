@@ -1,0 +1,120 @@
+#include "backends/OsselBackend.h"
+
+#include "tests/backends/BackendFixture.h"
+
+#include <filesystem>
+#include <limits>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace quorvane {
+namespace {
+
+using testing::EndsWith;
+using testing::MatchesRegex;
+
+class OsselBackendTest : public BackendFixture {
+  protected:
+    void install(const std::string& bundle) const {
+        std::filesystem::create_directories(_root / "usr/lib/quorvane");
+        std::filesystem::copy_file(bundle, _root / "usr/lib/quorvane/OsselAdaptor.so");
+    }
+
+    static std::shared_ptr<QuorvaneBackend> backendForClientType(std::int32_t clientType) {
+        return QuorvaneBackend::newBackendWithName("ossel", std::make_shared<const Dictionary>(), "Fernlight",
+                                                   clientType);
+    }
+
+    std::string messages() const { return read("var/lib/quorvane/ossel-messages.log"); }
+
+    static std::size_t refusals(const std::string& adaptor) {
+        return logged("<3>OsselBackend(sendMessage): Ossel adaptor " + adaptor +
+                      " does not respond to forwarding selector sendMessageWithMethod:respCode:dict:");
+    }
+};
+
+TEST_F(OsselBackendTest, ForwardsEveryEventToTheAdaptor) {
+    install(QUORVANE_BUNDLE_SAMPLE);
+    const auto backend = backendForClientType(7);
+    ASSERT_NE(backend, nullptr);
+    EXPECT_EQ(logged("<6>OsselBackend(initWithName): Loading Ossel adaptor class for client type 7"), 1u);
+    EXPECT_EQ(send(*backend,
+                   {{"level", -80},
+                    {"name", "a \"b\"\n"},
+                    {"list", Array{Value(true), Value(1.5), Value(Data{1, 255})}},
+                    {"inner", Dictionary{{"at", Date{1'763'280'000'000'000}}}}},
+                   65535, 404),
+              std::nullopt);
+    EXPECT_THAT(
+        messages(),
+        MatchesRegex("[0-9]+ method=65535 respCode=404 \\{\"inner\": \\{\"at\": date\\(1763280000\\)\\}, "
+                     "\"level\": -80, \"list\": \\[true, 1\\.5, <01ff>\\], "
+                     "\"name\": \"a \\\\\"b\\\\\"\\\\x0a\"\\}\n"));
+
+    backendForClientType(11)->sendMessage(nullptr, {0, 0}, 0, 1, MessageFlag{0});
+    EXPECT_THAT(messages(), EndsWith(" method=0 respCode=1 (null)\n"));
+    EXPECT_EQ(logged("<3>"), 0u);
+}
+
+TEST_F(OsselBackendTest, OnlyTwoClientTypesHaveAnAdaptor) {
+    for (const std::int32_t type : {-7, 0, 5, 6, 8, 10, 12, std::numeric_limits<std::int32_t>::max()}) {
+        EXPECT_EQ(backendForClientType(type), nullptr);
+        EXPECT_EQ(logged("<3>OsselBackend(initWithName): No matching bundle found for client type " +
+                         std::to_string(type)),
+                  1u);
+    }
+    EXPECT_EQ(OsselBackend::initWithName("ossel", nullptr, "Fernlight"), nullptr);
+    EXPECT_EQ(logged("<6>OsselBackend(initWithName): Loading Ossel adaptor class for client type 0"), 2u);
+    EXPECT_EQ(logged("<3>loadCodeBundle"), 0u);
+}
+
+TEST_F(OsselBackendTest, OneProductHasNone) {
+    install(QUORVANE_BUNDLE_SAMPLE);
+    write("etc/quorvane/device.toml", "ProductType = \"Korvel\"\n");
+    EXPECT_EQ(backendForClientType(7), nullptr);
+    EXPECT_EQ(logged("<3>QuorvaneBackend(newBackendWithName): ossel"), 1u);
+    EXPECT_EQ(logged("OsselBackend"), 0u);
+}
+
+TEST_F(OsselBackendTest, AMissingAdaptorCostsALineAnEventUntilItIsThere) {
+    const auto backend = backendForClientType(7);
+    ASSERT_NE(backend, nullptr);
+    EXPECT_EQ(logged("<3>loadCodeBundle: Cannot load " + _root.string() +
+                     "/usr/lib/quorvane/OsselAdaptor.so: No such file or directory"),
+              1u);
+    EXPECT_EQ(send(*backend, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(send(*backend, {{"a", 2}}), std::nullopt);
+    EXPECT_EQ(refusals("(null)"), 2u);
+
+    install(QUORVANE_BUNDLE_SAMPLE);
+    send(*backendForClientType(7), {{"a", 3}});
+    EXPECT_THAT(messages(), EndsWith("{\"a\": 3}\n"));
+}
+
+TEST_F(OsselBackendTest, AnAdaptorWithoutTheOperationRefusesEachEvent) {
+    install(QUORVANE_BUNDLE_MUTE);
+    const auto backend = backendForClientType(7);
+    EXPECT_EQ(send(*backend, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(refusals("<OsselAdaptor>"), 1u);
+}
+
+TEST_F(OsselBackendTest, AMessageThatNoPropertyListHoldsIsNotForwarded) {
+    install(QUORVANE_BUNDLE_SAMPLE);
+    const auto backend = backendForClientType(7);
+    EXPECT_EQ(send(*backend, {{"a", "\xff"}}), std::nullopt);
+    EXPECT_EQ(logged("<3>OsselBackend(sendMessage): The message cannot be written as a property list"), 1u);
+    EXPECT_EQ(messages(), "");
+}
+
+TEST_F(OsselBackendTest, AnAdaptorThatThrowsCostsALineAnEvent) {
+    install(QUORVANE_BUNDLE_GOOD);
+    const auto backend = backendForClientType(7);
+    EXPECT_EQ(send(*backend, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(send(*backend, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(logged("<OsselAdaptor> threw: no\\nmemory"), 2u);
+}
+
+}  // namespace
+}  // namespace quorvane
