@@ -5,11 +5,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -23,6 +26,8 @@ struct Options {
     unsigned count = 3;
     std::uint16_t category = 1;
     bool sendNow = false;
+    bool showAnswers = false;
+    unsigned stay = 0;
 };
 
 std::optional<quorvane::UserInfo> userInfo(const Options& options) {
@@ -43,6 +48,17 @@ T orExit(quorvane::Result<T> result, const char* what) {
     if (result) return *std::move(result);
     std::cerr << "report-events: " << what << ": " << result.error().message << '\n';
     std::exit(EXIT_FAILURE);
+}
+
+/// An answer is the message that was posted, as readable JSON, where the device's settings let it be shown.
+void print(const char* what, const Options& options, const std::optional<std::string>& answer) {
+    std::cout << what << ": ";
+    if (!answer)
+        std::cout << "(none)\n";
+    else if (options.showAnswers)
+        std::cout << *answer << '\n';
+    else
+        std::cout << "posted " << answer->size() << " bytes of JSON\n";
 }
 
 void print(const char* what, const quorvane::ReportingStates& states) {
@@ -69,6 +85,8 @@ int main(int argc, char** argv) {
     app.add_option("--count", options.count, "How many events")->capture_default_str();
     app.add_option("--category", options.category, "The events' category")->capture_default_str();
     app.add_flag("--now", options.sendNow, "Real-time events: unbatched, to the real-time URL");
+    app.add_flag("--show-answers", options.showAnswers, "Print what was posted, as the daemon tells it");
+    app.add_option("--stay", options.stay, "Seconds to stay connected after the last event");
     CLI11_PARSE(app, argc, argv);
 
     quorvane::Client client = orExit(quorvane::Client::connect(), "no connection");
@@ -84,13 +102,13 @@ int main(int argc, char** argv) {
     // The first event's answer is waited for; the others are on their way when the call returns.
     for (unsigned number = 0; number < options.count; ++number) {
         if (number == 0)
-            std::cout << "answer: " << orExit(client.send(event(options, number)), "send").value_or("(none)")
-                      << '\n';
+            print("answer", options, orExit(client.send(event(options, number)), "send"));
         else
             orExit(client.sendAndForget(event(options, number)), "send");
     }
     if (options.namesLater)
         print("with user info", orExit(client.fetchStates(userInfo(options)), "user info"));
-    std::cout << "flushed: " << orExit(client.flush(), "flush").value_or("(none)") << '\n';
-    std::cout << "see " << orExit(client.displayURL(), "display URL") << '\n';
+    print("flushed", options, orExit(client.flush(), "flush"));
+    std::cout << "see " << orExit(client.displayURL(), "display URL") << std::endl;
+    std::this_thread::sleep_for(std::chrono::seconds(options.stay));
 }

@@ -4,8 +4,8 @@
 #include "platform/Root.h"
 #include "platform/TomlFile.h"
 
+#include <sys/utsname.h>
 #include <systemd/sd-id128.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -61,19 +61,31 @@ Answer machineId() {
     return std::string(::sd_id128_to_string(id, text.data()));
 }
 
-Answer hostName() {
-    std::array<char, 256> name{};
-    if (::gethostname(name.data(), name.size() - 1) != 0) return std::nullopt;
-    return trimmed(name.data());
+utsname kernel() {
+    utsname names{};
+    ::uname(&names);
+    return names;
+}
+
+/// A distribution without image builds gives none; its kernel's release tells builds apart then.
+Answer build() {
+    Answer image = osRelease("BUILD_ID");
+    return image ? image : trimmed(kernel().release);
+}
+
+/// Machines whose firmware does not say what they are, containers among them, are told by architecture.
+Answer productType() {
+    Answer product = firmware("/sys/class/dmi/id/product_name", "/proc/device-tree/model");
+    return product ? product : trimmed(kernel().machine);
 }
 
 Answer systemInformation(std::string_view key) {
     if (key == "UniqueDeviceID") return machineId();
     if (key == "ProductVersion") return osRelease("VERSION_ID");
-    if (key == "BuildVersion") return osRelease("BUILD_ID");
+    if (key == "BuildVersion") return build();
     if (key == "ReleaseType") return osRelease("RELEASE_TYPE");
-    if (key == "DeviceName") return hostName();
-    if (key == "ProductType") return firmware("/sys/class/dmi/id/product_name", "/proc/device-tree/model");
+    if (key == "DeviceName") return trimmed(kernel().nodename);
+    if (key == "ProductType") return productType();
     if (key == "HWModelStr") return firmware("/sys/class/dmi/id/board_name", "/proc/device-tree/compatible");
     if (key == "SerialNumber")
         return firmware("/sys/class/dmi/id/product_serial", "/proc/device-tree/serial-number");
