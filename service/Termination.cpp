@@ -6,13 +6,11 @@
 
 #include <systemd/sd-daemon.h>
 
-#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <utility>
 
 namespace quorvane {
-
-using std::chrono::steady_clock;
 
 bool Termination::awaitSignals() {
     const auto told = [this] { begin(); };
@@ -26,19 +24,20 @@ void Termination::begin() {
         return;
     }
     platform::logInfo("main: Told to end, ending all sessions.");
-    _deadline = steady_clock::now() + kLongest;
     _loop.addTimer(kLongest, [this] {
-        platform::logWarning("main: Sessions did not end in time.");
+        platform::logWarning("main: Sessions or posts did not end in time.");
         _loop.exit(0);
     });
     _listener.invalidateAll([this] { drainPosts(); });
 }
 
+/// In short steps, so that the loop hears of a second signal.
 void Termination::drainPosts() {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(_deadline - steady_clock::now());
-    if (!platform::drainHttpSession(std::max(left, std::chrono::milliseconds::zero())))
-        platform::logWarning("main: Posts did not end in time.");
-    _loop.exit(0);
+    constexpr std::chrono::milliseconds step{100};
+    if (platform::drainHttpSession(step))
+        _loop.exit(0);
+    else
+        _loop.post([this] { drainPosts(); });
 }
 
 }  // namespace quorvane

@@ -31,7 +31,6 @@ class Termination {
     platform::RunLoop& _loop;
     platform::BusListener& _listener;
     bool _begun = false;
-    std::chrono::steady_clock::time_point _deadline;
 };
 
 }  // namespace quorvane

@@ -1,0 +1,95 @@
+#include "tests/support/DaemonFixture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <string>
+
+namespace quorvane::test {
+namespace {
+
+constexpr std::uint16_t kOurs = 12;
+
+class TerminationTest : public testing::Test {
+  protected:
+    Client clientWithHeldEvents() {
+        Client client = _device.startedClient({.sessionID = 1, .clientType = 5, .batchEvent = true});
+        for (int number = 0; number < 3; ++number)
+            EXPECT_TRUE(client.send({.category = kOurs, .type = 1, .payload = {{{"n", number}}}}));
+        return client;
+    }
+
+    DaemonFixture _device;
+};
+
+TEST_F(TerminationTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
+    _device.serveStorebag(_device.httpPostSection());
+    _device.answerPosts([](const ServerRequest&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // Posts are under way for a while.
+        return ServerAnswer();
+    });
+    _device.start();
+    const Client first = clientWithHeldEvents();
+    const Client second = clientWithHeldEvents();
+    EXPECT_EQ(_device.daemon().terminate(), 0);
+    EXPECT_EQ(_device.postedEvents(kOurs).size(), 6u);
+    EXPECT_EQ(_device.postedEvents(0).size(), 4u) << "two sessions' starts and ends";
+    EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
+}
+
+TEST_F(TerminationTest, WithoutSessionsTheDaemonEndsAtOnce) {
+    _device.start();
+    EXPECT_EQ(_device.daemon().terminate(), 0);
+    EXPECT_EQ(_device.daemon().errors().find("Told to end"), std::string::npos);
+}
+
+TEST_F(TerminationTest, ASecondSignalCutsTheWaitForAStalledServerShort) {
+    std::promise<void> over;
+    const auto isOver = over.get_future().share();
+    _device.serveStorebag(_device.httpPostSection());
+    _device.answerPosts([isOver](const ServerRequest&) {
+        isOver.wait();
+        return ServerAnswer();
+    });
+    _device.start();
+    const Client client = clientWithHeldEvents();
+    _device.daemon().signal(SIGTERM);
+    ASSERT_TRUE(_device.logs("dealloc: QuorvanedSession dealloc: 1"));
+    EXPECT_TRUE(_device.daemon().running());
+    EXPECT_EQ(_device.daemon().terminate(), 0);
+    EXPECT_EQ(_device.daemon().errors().find("did not end in time"), std::string::npos);
+    over.set_value();
+}
+
+TEST_F(TerminationTest, ARefusedSandboxProfileEndsTheDaemonBeforeItListens) {
+    const auto profile = _device.root() / "usr/share/quorvane/sandbox/com.velmora.quorvaned.toml";
+    std::filesystem::remove(profile);
+    ChildProcess& daemon = _device.launch();
+    EXPECT_EQ(daemon.wait(), 255);
+    EXPECT_THAT(daemon.errors(), testing::StartsWith("<3>main: sandbox_init() fails: "));
+    EXPECT_THAT(daemon.errors(), testing::HasSubstr(profile.string()));
+    EXPECT_EQ(daemon.errors().find('\n'), daemon.errors().size() - 1) << "it is the only line";
+    EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
+}
+
+TEST_F(TerminationTest, OnlyOneDaemonListensInARootAndAKilledOnesSocketIsTakenOver) {
+    _device.start();
+    const ProgramResult second = runProgram(
+        {std::filesystem::read_symlink("/proc/" + std::to_string(_device.daemon().pid()) + "/exe")},
+        {{"QUORVANE_ROOT", _device.root().string()}, {"QUORVANE_LOG", "stderr"}});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_THAT(second.errors, testing::HasSubstr("main: The listener fails: "));
+    EXPECT_TRUE(_device.connect().flush()) << "the first goes on";
+
+    _device.daemon().signal(SIGKILL);
+    EXPECT_EQ(_device.daemon().wait(), -SIGKILL);
+    ASSERT_TRUE(std::filesystem::exists(_device.socketPath()));
+    _device.start();
+    EXPECT_TRUE(_device.connect().flush());
+}
+
+}  // namespace
+}  // namespace quorvane::test
