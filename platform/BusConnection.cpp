@@ -27,6 +27,9 @@ constexpr std::size_t kQueuedReplyBytes = 1u << 20;
 
 constexpr std::chrono::seconds kAuthenticationTime{10};
 
+/// What the kernel holds for a client that does not read, in bytes; the bus library asks for 8 MiB.
+constexpr int kSocketBuffer = 256 << 10;
+
 /// Enough for the deepest value nesting; thousands of connections must not reserve 8 MiB each.
 constexpr std::size_t kThreadStackBytes = 1u << 20;
 
@@ -63,7 +66,8 @@ bool BusConnection::openBus() {
     if (::sd_bus_set_fd(_bus, ofBus.get(), ofBus.get()) < 0) return false;
     ofBus.release();
     return ::sd_bus_set_server(_bus, 1, id) >= 0 && ::sd_bus_negotiate_fds(_bus, 1) >= 0 &&
-           addBusDriver(_bus) >= 0 && ::sd_bus_start(_bus) >= 0;
+           addBusDriver(_bus) >= 0 && ::sd_bus_start(_bus) >= 0 &&
+           ::setsockopt(_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer) == 0;
 }
 
 bool BusConnection::setExportedObject(const char* path, const char* interface, const sd_bus_vtable* vtable,
@@ -152,6 +156,8 @@ int BusConnection::waitForWork(bool authenticated) {
     pollfd descriptors[] = {{_socket.get(), static_cast<short>(events), 0}, {_wake.get(), POLLIN, 0}};
     const int timeout = authenticated ? -1 : 1000;
     if (::poll(descriptors, 2, timeout) < 0 && errno != EINTR) return -errno;
+    // Reading, which comes next, takes the error away.
+    if ((descriptors[0].revents & POLLERR) != 0) _vanished = true;
     if ((descriptors[1].revents & POLLIN) != 0) {
         eventfd_t count = 0;
         ::eventfd_read(_wake.get(), &count);
@@ -174,9 +180,10 @@ void BusConnection::runQueuedCalls() {
 }
 
 BusConnection::Ending BusConnection::endingOfSocket() const {
-    // A peer that has closed leaves end of file; one that vanished with unread data, or sent what is no
-    // D-Bus, leaves an error or more bytes.
+    // A peer that has closed leaves end of file; one that sent what is no D-Bus is there still, or has left
+    // more bytes.
     char next = 0;
+    if (_vanished) return Ending::Broken;
     return ::recv(_socket.get(), &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0 ? Ending::Orderly : Ending::Broken;
 }
 

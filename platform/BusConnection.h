@@ -87,6 +87,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     UniqueDescriptor _wake;
     sd_bus* _bus = nullptr;  ///< Touched by the connection's thread only, once resumed.
     std::size_t _replyBytes = 0;
+    bool _vanished = false;  ///< The client closed without reading what it was sent.
     std::shared_ptr<void> _exportedObject;
     Handler _interruptionHandler;
     Handler _invalidationHandler;

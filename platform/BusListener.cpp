@@ -123,32 +123,40 @@ void BusListener::accept(UniqueDescriptor socket) {
     const BusConnection::Peer peer = peerOf(socket.get());
     if (!admit(peer.uid)) return;
     const auto connection = BusConnection::initWithDescriptor(std::move(socket), peer);
+    if (connection == nullptr) {
+        logDebug("listener: process {} speaks no D-Bus", peer.pid);
+        connectionEnded(nullptr, peer.uid);
+        return;
+    }
     const BusConnection* key = connection.get();
-    if (key != nullptr) {
+    {
         const MutexLock lock(_mutex);
         _connections.emplace(key, connection);
     }
-    const auto ended = [this, key, peer] { connectionEnded(key, peer.uid); };
-    if (key != nullptr && _delegate(connection) && connection->resume(ended)) return;
+    if (_delegate(connection) && connection->resume([this, key, peer] { connectionEnded(key, peer.uid); }))
+        return;
     logError("listener: a connection of process {} could not be served", peer.pid);
     connectionEnded(key, peer.uid);
 }
 
 bool BusListener::admit(uid_t user) {
     const MutexLock lock(_mutex);
-    std::size_t& count = _perUser[user];
-    if (count >= _connectionsPerUser) {
-        logWarning("listener: user {} has {} connections, no more are taken", user, count);
-        return false;
+    Share& share = _perUser[user];
+    if (share.connections < _connectionsPerUser) {
+        ++share.connections;
+        share.isFull = false;
+        return true;
     }
-    ++count;
-    return true;
+    // One line however many are refused.
+    if (!std::exchange(share.isFull, true))
+        logWarning("listener: user {} has {} connections, no more are taken", user, share.connections);
+    return false;
 }
 
 void BusListener::connectionEnded(const BusConnection* connection, uid_t user) {
     const MutexLock lock(_mutex);
     _connections.erase(connection);
-    if (const auto at = _perUser.find(user); at != _perUser.end() && --at->second == 0) _perUser.erase(at);
+    if (const auto at = _perUser.find(user); --at->second.connections == 0) _perUser.erase(at);
     if (_allGone && _connections.empty()) _loop->post(std::exchange(_allGone, nullptr));
 }
 

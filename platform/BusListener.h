@@ -42,6 +42,12 @@ class BusListener {
     void close();
 
   private:
+    /// What one user has of the connections.
+    struct Share {
+        std::size_t connections = 0;
+        bool isFull = false;  ///< One was refused since the last that was taken.
+    };
+
     explicit BusListener(UniqueDescriptor socket, std::string ownedPath);
     void acceptWaiting();
     void accept(UniqueDescriptor socket);
@@ -58,7 +64,7 @@ class BusListener {
 
     Mutex _mutex;
     std::map<const BusConnection*, std::weak_ptr<BusConnection>> _connections GUARDED_BY(_mutex);
-    std::map<uid_t, std::size_t> _perUser GUARDED_BY(_mutex);
+    std::map<uid_t, Share> _perUser GUARDED_BY(_mutex);
     RunLoop::Handler _allGone GUARDED_BY(_mutex);
 };
 

@@ -1,0 +1,133 @@
+#include "platform/BusListener.h"
+#include "platform/RunLoop.h"
+#include "tests/platform/BusFixture.h"
+
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <variant>
+
+namespace quorvane::platform {
+namespace {
+
+using test::BusClient;
+
+/// A listener whose loop runs on a thread of its own.
+class BusListenerTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string folder = (std::filesystem::temp_directory_path() / "quorvane-bus-XXXXXX").string();
+        _folder = ::mkdtemp(folder.data());
+        _path = (_folder / "sub/socket").string();
+        _loop = RunLoop::init();
+        _listener = listenAtThePath();
+        _listener->setDelegate([this](const std::shared_ptr<BusConnection>& connection) {
+            if (_refuses) return false;
+            _peer = connection->peer();
+            TestObject::exportOn(*connection, std::make_shared<TestObject>(*connection));
+            return true;
+        });
+    }
+
+    void TearDown() override {
+        endAll();
+        _loop->post([this] { _loop->exit(0); });
+        _thread.join();
+        _listener.reset();
+        _loop.reset();
+        std::filesystem::remove_all(_folder);
+    }
+
+    std::unique_ptr<BusListener> listenAtThePath() {
+        auto made = BusListener::initWithSocketPath(_path);
+        auto* listener = std::get_if<std::unique_ptr<BusListener>>(&made);
+        return listener != nullptr ? std::move(*listener) : nullptr;
+    }
+
+    void start() {
+        _thread = std::thread([this] {
+            EXPECT_TRUE(_listener->resume(*_loop));
+            _loop->run();
+        });
+    }
+
+    void endAll() {
+        std::promise<void> allGone;
+        _loop->post([&] { _listener->invalidateAll([&] { allGone.set_value(); }); });
+        allGone.get_future().wait();
+    }
+
+    bool answers(const BusClient& client) const {
+        return client.call(kTestInterface, "Echo", "u", 7u).error.empty();
+    }
+
+    /// Waits for the other end to close.
+    static bool isClosed(const UniqueDescriptor& socket) {
+        pollfd readable{socket.get(), POLLIN, 0};
+        char byte = 0;
+        return ::poll(&readable, 1, 30'000) == 1 && ::recv(socket.get(), &byte, 1, 0) <= 0;
+    }
+
+    std::filesystem::path _folder;
+    std::string _path;
+    std::unique_ptr<RunLoop> _loop;
+    std::unique_ptr<BusListener> _listener;
+    std::thread _thread;
+    std::atomic<bool> _refuses = false;
+    BusConnection::Peer _peer;  ///< Of the last connection; read once that has answered.
+};
+
+TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcess) {
+    start();
+    struct stat status {};
+    ASSERT_EQ(::stat(_path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0666u);
+    const BusClient client(_path);
+    ASSERT_TRUE(answers(client));
+    EXPECT_EQ(_peer.pid, ::getpid());
+    EXPECT_EQ(_peer.uid, ::getuid());
+    EXPECT_EQ(listenAtThePath(), nullptr) << "someone listens here";
+}
+
+TEST_F(BusListenerTest, ClosesConnectionsPastAUsersShareUntilOneEnds) {
+    _listener->setConnectionsPerUser(2);
+    start();
+    const BusClient first(_path);
+    auto second = std::make_unique<BusClient>(_path);
+    ASSERT_TRUE(answers(first));
+    ASSERT_TRUE(answers(*second));
+    EXPECT_TRUE(isClosed(test::connectSocket(_path)));
+    EXPECT_TRUE(answers(first)) << "those that are served go on";
+    second.reset();
+    for (;;) {
+        const BusClient third(_path);
+        if (answers(third)) break;
+    }
+    EXPECT_TRUE(answers(first));
+}
+
+TEST_F(BusListenerTest, AConnectionThatTheDelegateRefusesIsClosedAndNotCounted) {
+    _listener->setConnectionsPerUser(1);
+    _refuses = true;
+    start();
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(isClosed(test::connectSocket(_path)));
+    _refuses = false;
+    EXPECT_TRUE(answers(BusClient(_path)));
+}
+
+TEST_F(BusListenerTest, EndsAllConnectionsAndTakesNoMore) {
+    start();
+    const BusClient first(_path);
+    const BusClient second(_path);
+    ASSERT_TRUE(answers(first));
+    ASSERT_TRUE(answers(second));
+    endAll();
+    EXPECT_FALSE(answers(first));
+    EXPECT_FALSE(answers(second));
+}
+
+}  // namespace
+}  // namespace quorvane::platform

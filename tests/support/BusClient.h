@@ -1,0 +1,58 @@
+#pragma once
+
+#include "platform/UniqueDescriptor.h"
+
+#include <systemd/sd-bus.h>
+
+#include <memory>
+#include <string>
+
+namespace quorvane::test {
+
+struct MessageDeleter {
+    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+
+/// The answer to a call: a message, or the name of the error.
+struct BusReply {
+    Message message;
+    std::string error;
+};
+
+/// A socket connected to the Unix socket at the path; none when nobody listens there.
+platform::UniqueDescriptor connectSocket(const std::string& path);
+
+/// The client's end of a peer-to-peer D-Bus connection, by the bus library alone, for what libquorvane would
+/// not do. Belongs to one thread.
+class BusClient {
+  public:
+    explicit BusClient(platform::UniqueDescriptor socket);
+    explicit BusClient(const std::string& path) : BusClient(connectSocket(path)) {}
+    ~BusClient() { close(); }
+    BusClient(const BusClient&) = delete;
+    BusClient& operator=(const BusClient&) = delete;
+
+    sd_bus* bus() const { return _bus; }
+    /// Ends the connection without writing or reading what waits.
+    void close() { _bus = ::sd_bus_close_unref(_bus); }
+
+    /// A new call to the object path of the daemon.
+    Message newCall(const char* interface, const char* member) const;
+    /// Sends the call and waits for its answer.
+    BusReply call(const Message& message) const;
+
+    /// The same for a call whose arguments sd_bus_message_append(3) can take.
+    template <typename... Arguments>
+    BusReply call(const char* interface, const char* member, const char* types = "",
+                  Arguments... arguments) const {
+        const Message message = newCall(interface, member);
+        ::sd_bus_message_append(message.get(), types, arguments...);
+        return call(message);
+    }
+
+  private:
+    sd_bus* _bus = nullptr;
+};
+
+}  // namespace quorvane::test
