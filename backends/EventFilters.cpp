@@ -20,6 +20,14 @@ bool covers(std::int32_t filtered, std::int32_t number) {
     return filtered < 0 || filtered == number;
 }
 
+/// Tells nearly all keys apart ahead of the comparison by Unicode's rules, since every key of every event
+/// meets every filter: texts that are equal but for case have equal ends. 0 where the end tells nothing.
+unsigned char endOf(std::string_view text) {
+    const auto last = static_cast<unsigned char>(text.empty() ? 0 : text.back());
+    constexpr unsigned char caseBit = 0x20;
+    return last != 0 && last < 0x80 ? last | caseBit : 0;
+}
+
 template <typename Matches>
 bool matchList(const Array* list, const std::string* wholeString, bool whitelist, Matches matches) {
     if (list == nullptr || list->empty()) return whitelist;
@@ -40,23 +48,27 @@ EventFilters::Action EventFilters::actionNamed(const std::string* name) {
 
 void EventFilters::createFiltersFromArray(const Array& filters) {
     if (filters.empty()) return;
-    static const Dictionary notAFilter;
     _filters.clear();
     _filters.reserve(filters.size());
     for (const Value& item : filters) {
-        const Dictionary& filter = item.dictionary() != nullptr ? *item.dictionary() : notAFilter;
-        _filters.push_back({.method = numberOrAny(filter, "method"),
-                            .status = numberOrAny(filter, "status"),
-                            .action = actionNamed(filter.string("action")),
-                            .key = filter.string("key")});
+        const Dictionary* filter = item.dictionary();
+        const std::string* key = filter != nullptr ? filter->string("key") : nullptr;
+        if (key == nullptr) continue;
+        _filters.push_back({.method = numberOrAny(*filter, "method"),
+                            .status = numberOrAny(*filter, "status"),
+                            .action = actionNamed(filter->string("action")),
+                            .keyEnd = endOf(*key),
+                            .key = *key});
     }
 }
 
-const EventFilters::Filter* EventFilters::firstMatch(const std::string& key, std::int32_t method,
+const EventFilters::Filter* EventFilters::firstMatch(std::string_view key, std::int32_t method,
                                                      std::int32_t status) const {
+    const unsigned char end = endOf(key);
     const auto match = std::find_if(_filters.begin(), _filters.end(), [&](const Filter& filter) {
-        return filter.key != nullptr && covers(filter.method, method) && covers(filter.status, status) &&
-               platform::equalsIgnoringCase(*filter.key, key);
+        const bool endsDiffer = filter.keyEnd != end && filter.keyEnd != 0 && end != 0;
+        return !endsDiffer && covers(filter.method, method) && covers(filter.status, status) &&
+               platform::equalsIgnoringCase(filter.key, key);
     });
     return match != _filters.end() ? &*match : nullptr;
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorvane {
@@ -12,7 +13,8 @@ namespace quorvane {
 /// was made from must outlive it. Not thread-safe.
 class EventFilters {
   public:
-    /// Rebuilds the table from filter dictionaries; an empty array leaves the table as it is.
+    /// Rebuilds the table from filter dictionaries, those with a "key"; an empty array leaves the table as it
+    /// is.
     void createFiltersFromArray(const Array& filters);
 
     /// Applies the table to a record by its "_method" and "_status"; for each key the first matching filter
@@ -20,17 +22,18 @@ class EventFilters {
     void filterEvent(Dictionary& event) const;
 
   private:
-    enum class Action { Keep, Remove, Hash };
+    enum class Action : std::uint8_t { Keep, Remove, Hash };
 
     struct Filter {
         std::int32_t method;  ///< negative: every method
         std::int32_t status;  ///< negative: every status
         Action action;
-        const std::string* key;  ///< null matches no key
+        unsigned char keyEnd;  ///< what endOf() tells of the key
+        std::string_view key;
     };
 
     static Action actionNamed(const std::string* name);
-    const Filter* firstMatch(const std::string& key, std::int32_t method, std::int32_t status) const;
+    const Filter* firstMatch(std::string_view key, std::int32_t method, std::int32_t status) const;
 
     std::vector<Filter> _filters;
 };

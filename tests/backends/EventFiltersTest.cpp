@@ -38,6 +38,18 @@ TEST(EventFilters, FirstMatchingFilterActs) {
     EXPECT_FALSE(event.contains("byStatus"));
 }
 
+TEST(EventFilters, KeysAreEqualWhateverTheirLettersCase) {
+    const Array table{filter({{"key", "caf\u00e9"}, {"action", "remove"}}),
+                      filter({{"key", "Mark"}, {"action", "remove"}}),
+                      filter({{"key", ""}, {"action", "remove"}})};
+    EventFilters filters;
+    filters.createFiltersFromArray(table);
+    Dictionary event{{"CAF\u00c9", 1}, {"mARK", 1}, {"MAR\u212a", 1}, {"", 1},
+                     {"cafe", 1},      {"Mar+", 1}, {"ark", 1}};
+    filters.filterEvent(event);
+    EXPECT_EQ(event, (Dictionary{{"cafe", 1}, {"Mar+", 1}, {"ark", 1}}));
+}
+
 TEST(EventFilters, HashesThePrintedFormOfWhatIsNoText) {
     const Array table{filter({{"key", "number"}, {"action", "sha256"}})};
     EventFilters filters;
