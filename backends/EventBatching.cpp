@@ -1,7 +1,6 @@
 #include "backends/HTTPSPostBackend.h"
 #include "platform/Log.h"
 
-#include <type_traits>
 #include <utility>
 
 namespace quorvane {
@@ -15,33 +14,6 @@ constexpr std::uint16_t kSessionStop = 1;
 
 bool promotesSampledOut(MessageFlag flag) {
     return flag == MessageFlag{2} || flag == MessageFlag{3};
-}
-
-std::size_t approximateBytes(const Value& value);
-
-std::size_t approximateBytes(const Dictionary& dictionary) {
-    std::size_t bytes = dictionary.size() * sizeof(Dictionary::Entry);
-    for (const auto& [key, value] : dictionary) bytes += key.size() + approximateBytes(value);
-    return bytes;
-}
-
-std::size_t approximateBytes(const Array& array) {
-    std::size_t bytes = array.size() * sizeof(Value);
-    for (const Value& value : array) bytes += approximateBytes(value);
-    return bytes;
-}
-
-/// What the value takes beside itself.
-std::size_t approximateBytes(const Value& value) {
-    return value.visit([](const auto& held) -> std::size_t {
-        using Held = std::decay_t<decltype(held)>;
-        if constexpr (std::is_same_v<Held, std::string> || std::is_same_v<Held, Data>)
-            return held.size();
-        else if constexpr (std::is_same_v<Held, Array> || std::is_same_v<Held, Dictionary>)
-            return approximateBytes(held);
-        else
-            return 0;
-    });
 }
 
 }  // namespace
@@ -109,7 +81,7 @@ std::int32_t HTTPSPostBackend::openBatch(std::int64_t method) {
 }
 
 void HTTPSPostBackend::hold(Dictionary event, std::int64_t method, std::int32_t count) {
-    const std::size_t bytes = sizeof(Value) + approximateBytes(event);
+    const std::size_t bytes = sizeof(Value) + platform::heldBytes(event);
     bool warn = false;
     {
         const MutexLock lock(_lock);
