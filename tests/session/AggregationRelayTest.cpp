@@ -9,7 +9,6 @@
 namespace quorvane {
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 class AggregationRelayTest : public SessionFixture {
@@ -81,20 +80,18 @@ TEST_F(AggregationRelayTest, AClientThatCannotBeReachedCostsAnErrorLineOnly) {
 }
 
 TEST_F(AggregationRelayTest, TheEndIsToldOnceAndForGood) {
-    const auto session = startedSession({}, {}, true);
+    auto session = startedSession({}, {}, true);
     _client->takeEvents();
     session->shutdownSessionAggregation();
+    EXPECT_FALSE(session->hasAggregator());
     session->shutdownSessionAggregation();
+    EXPECT_EQ(logged("<7>shutdownSessionAggregation: Disable aggregation module for session 7"), 2u);
     send(*session, 5, 6, nullptr);
+    session.reset();
     const auto events = _client->takeEvents();
     ASSERT_EQ(events.size(), 1u);
+    EXPECT_TRUE(events[0].endsAggregation());
     EXPECT_EQ(events[0].sessionInfo.integer("SessionID"), 7);
-    EXPECT_EQ(events[0].timestamp, 0);
-    EXPECT_EQ(events[0].category, 0);
-    EXPECT_EQ(events[0].type, 0);
-    EXPECT_EQ(events[0].payload, std::nullopt);
-    EXPECT_FALSE(session->hasAggregator());
-    EXPECT_EQ(logged("<7>shutdownSessionAggregation: Disable aggregation module for session 7"), 2u);
 }
 
 TEST_F(AggregationRelayTest, SessionsOfOneGroupRunAtTheSameTime) {

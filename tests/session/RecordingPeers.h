@@ -87,6 +87,8 @@ class RecordingClient final : public ClientSessionReplyInterface {
         std::uint16_t category;
         std::uint16_t type;
         std::optional<Dictionary> payload;
+
+        bool endsAggregation() const { return timestamp == 0 && category == 0 && type == 0 && !payload; }
     };
 
     /// Why the client cannot be reached, if it cannot.

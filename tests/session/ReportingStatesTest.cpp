@@ -36,12 +36,6 @@ class ReportingStatesTest : public SessionFixture {
         return startedSession({{"RequireUserInfo", true}},
                               Dictionary{{"ClientName", "Mail"}, {"ServiceName", "Sync"}});
     }
-
-    /// Whether the backend takes events: 1 no, 2 at once, 3 once promoted.
-    static int stateOf(QuorvanedSession& session, const std::string& backend) {
-        const auto reporting = session.fetchReportingStates().value();
-        return std::find(reporting.begin(), reporting.end(), backend) != reporting.end() ? 2 : 1;
-    }
 };
 
 TEST_F(ReportingStatesTest, AChildFollowsItsParentExceptWhereItIsSampledOut) {
