@@ -68,6 +68,11 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
                        std::uint16_t respCode, EventID eventID);
     using QuorvaneBackend::sendMessage;
 
+    /// Posts the array as a keyed archive to the profile's "post_url" and waits for the answer, which tells
+    /// where it was put. False, and an error line, without an URL, for what no archive can hold, and when no
+    /// answer comes.
+    bool uploadLogData(const Array& logData) override;
+
     /// Asks for the orderly end: at once when no datagram waits, else when they are gone, at the latest 9.5 s
     /// after the next tick.
     void cleanup() override;
@@ -104,6 +109,7 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
                                EventID eventID) const;
     void handOver(Data datagram, EventID eventID);
     bool send(const Data& datagram) const;
+    void sendUploadLocation(const Text& location);
     bool isStillWaiting(UDPPacketToSend& packet);
     bool retransmit(UDPPacketToSend& packet) const;
     void advanceCleanup();

@@ -3,6 +3,7 @@
 #include "backends/JoularyBackend.h"
 #include "backends/OsselBackend.h"
 #include "backends/QuorvaneBackend.h"
+#include "backends/UploadBackend.h"
 #include "framework/Keys.h"
 #include "platform/Log.h"
 #include "util/DeviceFacts.h"
@@ -33,6 +34,7 @@ struct Maker {
 
 constexpr Maker makers[] = {
     {kQuorvaneBackendDashboard, make<DashboardBackend>},
+    {kQuorvaneBackendUploadServer, make<UploadBackend>},
     {kQuorvaneBackendHTTPPost, make<HTTPSPostBackend>},
     {kQuorvaneBackendHTTPPost2, make<HTTPSPostBackend>},
     {kQuorvaneBackendJoulary, make<JoularyBackend>},

@@ -40,10 +40,10 @@ std::string serverOf(const std::string& url) {
 /// The bound on what waits, and the count of what has not completed.
 class Backlog {
   public:
-    /// Waits until the bytes fit.
+    /// Waits until the bytes fit; none always do.
     void enter(std::size_t bytes) {
         std::unique_lock lock(_mutex);
-        _changed.wait(lock, [&] { return _bytes == 0 || _bytes + bytes <= _bound; });
+        _changed.wait(lock, [&] { return bytes == 0 || _bytes == 0 || _bytes + bytes <= _bound; });
         _bytes += bytes;
         ++_unfinished;
     }
@@ -210,26 +210,32 @@ SessionThread* sessionThread() {
     return shared;
 }
 
-}  // namespace
-
-void startDataTask(HttpRequest request, HttpCompletion completion) {
+/// Waits until there is room for so many bytes more.
+void start(HttpRequest request, HttpCompletion completion, std::size_t bytes) {
     SessionThread* const thread = sessionThread();
     if (thread == nullptr) {
         if (completion) completion({std::nullopt, "the HTTP session could not be started"});
         return;
     }
-    const std::size_t bytes = request.body.size();
     backlog().enter(bytes);
     thread->submit({std::move(request), std::move(completion), bytes});
+}
+
+}  // namespace
+
+void startDataTask(HttpRequest request, HttpCompletion completion) {
+    const std::size_t bytes = request.body.size();
+    start(std::move(request), std::move(completion), bytes);
 }
 
 HttpResult performDataTask(HttpRequest request) {
     HttpResult result;
     std::binary_semaphore completed(0);
-    startDataTask(std::move(request), [&](HttpResult received) {
+    const auto keep = [&](HttpResult received) {
         result = std::move(received);
         completed.release();
-    });
+    };
+    start(std::move(request), keep, 0);
     completed.acquire();
     return result;
 }

@@ -51,7 +51,8 @@ using HttpCompletion = std::function<void(HttpResult)>;
 /// Thread-safe.
 void startDataTask(HttpRequest request, HttpCompletion completion);
 
-/// Starts a request and waits for its result.
+/// Starts a request and waits for its result. The body, of which a waiting caller has but one, counts for no
+/// bound: a large one that takes long holds up nobody else.
 HttpResult performDataTask(HttpRequest request);
 
 /// The bound of waiting body bytes, 16 MiB by default. A single larger body still goes when nothing waits.

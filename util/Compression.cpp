@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <limits>
+#include <new>
 #include <string_view>
+#include <utility>
 
 namespace quorvane {
 
@@ -17,6 +19,7 @@ namespace {
 constexpr int kZlibWindowBits = 15;
 constexpr int kGzipWindowBits = kZlibWindowBits + 16;
 constexpr int kMemoryLevel = 8;
+constexpr std::size_t kOutputStep = 64u << 10;
 /// The zlib interface that the calls below were written for; the library refuses another major version.
 constexpr const char* kZlibVersion = "1.2.5";
 
@@ -56,6 +59,33 @@ std::string_view ownMessage(const z_stream& stream) {
     return stream.msg != nullptr ? std::string_view(stream.msg) : platform::absentText;
 }
 
+/// Whether the input and room for its worst case can be counted in 32 bits; an error line when not.
+bool isCountable(std::size_t inputSize) {
+    const bool countable = inputSize <= std::numeric_limits<std::int32_t>::max();
+    if (!countable) logError("compressDataWithZlibOrGzip: Cannot compress {} bytes at once", inputSize);
+    return countable;
+}
+
+/// An error line when it fails.
+bool initialise(z_stream& stream, bool gzip) {
+    const int result =
+        ::deflateInit2_(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, gzip ? kGzipWindowBits : kZlibWindowBits,
+                        kMemoryLevel, Z_DEFAULT_STRATEGY, kZlibVersion, sizeof stream);
+    if (result != Z_OK)
+        logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
+                 initializationMessage(result), ownMessage(stream));
+    return result == Z_OK;
+}
+
+void logFailure(int result, std::string_view ownMessage) {
+    logError("compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
+             compressionMessage(result), ownMessage);
+}
+
+void logSuccess(std::size_t inputSize, std::size_t outputSize) {
+    platform::logDebug("compressDataWithZlibOrGzip: Compressed file from {} to {}", inputSize, outputSize);
+}
+
 /// Runs the stream to its end into a buffer of the worst-case size.
 std::optional<Data> deflateWhole(z_stream& stream, std::size_t inputSize) {
     Data output(::deflateBound(&stream, static_cast<uLong>(inputSize)));
@@ -66,13 +96,11 @@ std::optional<Data> deflateWhole(z_stream& stream, std::size_t inputSize) {
         result = ::deflate(&stream, Z_FINISH);
     }
     if (result != Z_STREAM_END) {
-        logError(
-            "compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
-            compressionMessage(result), ownMessage(stream));
+        logFailure(result, ownMessage(stream));
         return std::nullopt;
     }
     output.resize(stream.total_out);
-    platform::logDebug("compressDataWithZlibOrGzip: Compressed file from {} to {}", inputSize, output.size());
+    logSuccess(inputSize, output.size());
     return output;
 }
 
@@ -83,22 +111,10 @@ std::optional<Data> compressDataWithZlibOrGzip(bool gzip, std::span<const std::u
         logError("compressDataWithZlibOrGzip: Cannot compress empty NSData");
         return std::nullopt;
     }
-    // Room for the worst case must be countable in 32 bits too.
-    if (input.size() > std::numeric_limits<std::int32_t>::max()) {
-        logError("compressDataWithZlibOrGzip: Cannot compress {} bytes at once", input.size());
-        return std::nullopt;
-    }
     z_stream stream{};
+    if (!isCountable(input.size()) || !initialise(stream, gzip)) return std::nullopt;
     stream.next_in = const_cast<Bytef*>(input.data());
     stream.avail_in = static_cast<uInt>(input.size());
-    const int result =
-        ::deflateInit2_(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, gzip ? kGzipWindowBits : kZlibWindowBits,
-                        kMemoryLevel, Z_DEFAULT_STRATEGY, kZlibVersion, sizeof stream);
-    if (result != Z_OK) {
-        logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
-                 initializationMessage(result), ownMessage(stream));
-        return std::nullopt;
-    }
     std::optional<Data> output = deflateWhole(stream, input.size());
     ::deflateEnd(&stream);
     return output;
@@ -106,6 +122,64 @@ std::optional<Data> compressDataWithZlibOrGzip(bool gzip, std::span<const std::u
 
 std::optional<Data> gzipDeflate(std::span<const std::uint8_t> input) {
     return compressDataWithZlibOrGzip(true, input);
+}
+
+void GzipDeflater::EndStream::operator()(z_stream_s* stream) const {
+    ::deflateEnd(stream);
+    delete stream;
+}
+
+GzipDeflater::GzipDeflater(std::size_t expectedInput) {
+    auto stream = std::make_unique<z_stream>();
+    if (!isCountable(expectedInput) || !initialise(*stream, true)) return;
+    _stream.reset(stream.release());
+    try {
+        // Pages that the stream does not reach are never touched.
+        _output.reserve(::deflateBound(_stream.get(), static_cast<uLong>(expectedInput)) + kOutputStep);
+    } catch (const std::bad_alloc&) {
+        fail(Z_MEM_ERROR);
+    }
+}
+
+GzipDeflater::~GzipDeflater() = default;
+
+bool GzipDeflater::append(std::span<const std::uint8_t> piece) {
+    if (_stream == nullptr) return false;
+    if (!isCountable(_stream->total_in + piece.size())) {
+        _stream.reset();
+        return false;
+    }
+    _stream->next_in = const_cast<Bytef*>(piece.data());
+    _stream->avail_in = static_cast<uInt>(piece.size());
+    return deflate(Z_NO_FLUSH);
+}
+
+std::optional<Data> GzipDeflater::finish() {
+    if (_stream == nullptr || !deflate(Z_FINISH)) return std::nullopt;
+    _output.resize(_stream->total_out);
+    logSuccess(_stream->total_in, _output.size());
+    return std::move(_output);
+}
+
+bool GzipDeflater::deflate(int flush) {
+    try {
+        do {
+            _output.resize(_stream->total_out + kOutputStep);
+            _stream->next_out = _output.data() + _stream->total_out;
+            _stream->avail_out = static_cast<uInt>(kOutputStep);
+            const int result = ::deflate(_stream.get(), flush);
+            if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) return fail(result);
+        } while (_stream->avail_out == 0);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return fail(Z_MEM_ERROR);
+    }
+}
+
+bool GzipDeflater::fail(int result) {
+    logFailure(result, ownMessage(*_stream));
+    _stream.reset();
+    return false;
 }
 
 }  // namespace quorvane

@@ -269,7 +269,32 @@ TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
     large.url = other.url("/");
     large.method = "POST";
     large.body = Data(20'000, 'x');
-    EXPECT_TRUE(performDataTask(std::move(large)).response);
+    startDataTask(std::move(large), [&](const HttpResult& result) { answered += !!result.response; });
+    EXPECT_TRUE(drainHttpSession(30s));
+    EXPECT_EQ(answered, 41);
+    setHttpWaitingBytesBound(16u << 20);
+}
+
+TEST_F(HttpSessionTest, ALargeBodyOfAWaitingCallerHoldsUpNobodyElse) {
+    Gate gate;
+    HttpsServer stalled(_root);
+    HttpsServer other(_root);
+    stalled.setHandler([&](const ServerRequest& request) { return gate.pass(request); });
+    setHttpWaitingBytesBound(10'000);
+    HttpRequest large;
+    large.url = stalled.url("/");
+    large.method = "POST";
+    large.body = Data(20'000, 'x');
+    HttpRequest small = large;
+    small.url = other.url("/");
+    small.body.resize(1'000);
+    auto waiting = std::async(std::launch::async, [&] { return performDataTask(large); });
+    EXPECT_TRUE(stalled.waitForRequests(1));
+    startDataTask(small, nullptr);
+    EXPECT_TRUE(other.waitForRequests(1));
+    EXPECT_TRUE(performDataTask(small).response);
+    gate.open();
+    EXPECT_TRUE(waiting.get().response);
     setHttpWaitingBytesBound(16u << 20);
 }
 

@@ -52,6 +52,35 @@ TEST_F(CompressionTest, TheWrapperIsTheOneAskedFor) {
     EXPECT_THAT(std::span(*zlib).first(2), testing::ElementsAre(0x78, 0x9c));
 }
 
+TEST_F(CompressionTest, PiecesBecomeOneStream) {
+    Data input(3'000'000);
+    std::uint32_t state = 1;
+    for (std::size_t i = 0; i < input.size(); ++i)
+        input[i] = i < 1'000'000 ? 'x' : static_cast<std::uint8_t>((state = state * 69069 + 1) >> 24);
+    for (const std::size_t expected : {input.size(), std::size_t{0}}) {
+        GzipDeflater gzip(expected);
+        std::span<const std::uint8_t> rest = input;
+        for (std::size_t size = 1; !rest.empty(); size = 3 * size + 1) {
+            const auto piece = rest.first(std::min(size, rest.size()));
+            EXPECT_TRUE(gzip.append(piece));
+            rest = rest.subspan(piece.size());
+        }
+        const std::optional<Data> stream = gzip.finish();
+        ASSERT_TRUE(stream);
+        EXPECT_EQ(expanded(*stream, input.size()), input);
+        EXPECT_EQ(logged(fmt::format("<7>compressDataWithZlibOrGzip: Compressed file from 3000000 to {}",
+                                     stream->size())),
+                  expected != 0 ? 1u : 2u);
+    }
+}
+
+TEST_F(CompressionTest, WhatCannotBeCountedIn32BitsIsRefused) {
+    GzipDeflater gzip(std::size_t{1} << 31);
+    EXPECT_FALSE(gzip.append(Data{1}));
+    EXPECT_EQ(gzip.finish(), std::nullopt);
+    EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress 2147483648 bytes at once"), 1u);
+}
+
 TEST_F(CompressionTest, NothingCannotBeCompressed) {
     EXPECT_EQ(gzipDeflate({}), std::nullopt);
     EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress empty NSData"), 1u);

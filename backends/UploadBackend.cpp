@@ -1,0 +1,158 @@
+#include "backends/UploadBackend.h"
+
+#include "backends/UploadRequest.h"
+#include "backends/UploadRoom.h"
+#include "platform/Log.h"
+#include "platform/SandboxExtension.h"
+#include "platform/Url.h"
+#include "util/Compression.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace quorvane {
+
+using platform::logDebug;
+using platform::logError;
+using platform::orNull;
+
+namespace {
+
+constexpr std::size_t kPieceBytes = 256u << 10;
+
+/// Files up to here share their room; larger ones have one of their own, so that they keep no small one
+/// waiting.
+constexpr std::size_t kSmallFileBytes = 16u << 20;
+constexpr std::size_t kRoomBytes = 64u << 20;
+/// A client whose file system stalls holds its room; the others must not wait for ever.
+constexpr std::chrono::minutes kPatience{10};
+
+UploadRoom& roomFor(std::size_t fileBytes) {
+    // Neither ends before the process does: uploads may still run then.
+    static auto* const small = new UploadRoom(kRoomBytes);
+    static auto* const large = new UploadRoom(kRoomBytes);
+    return fileBytes <= kSmallFileBytes ? *small : *large;
+}
+
+/// Nothing for what is no regular file, or no file at all.
+std::optional<std::size_t> sizeOfRegularFile(int descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    return static_cast<std::size_t>(status.st_size);
+}
+
+/// Reads at a place of its own: the descriptor's offset is shared with the client. 0 at the end, less on
+/// failure.
+ssize_t readAt(int descriptor, std::size_t offset, std::span<std::uint8_t> piece) {
+    for (;;) {
+        const ssize_t count = ::pread(descriptor, piece.data(), piece.size(), static_cast<off_t>(offset));
+        if (count >= 0 || errno != EINTR) return count;
+    }
+}
+
+/// The file as it is now, but no more of it than the given size: it may grow as fast as it is read.
+std::optional<Data> compressedFile(int descriptor, std::size_t size) {
+    GzipDeflater gzip(size);
+    std::vector<std::uint8_t> buffer(std::min(size, kPieceBytes));
+    std::size_t offset = 0;
+    ssize_t count = 0;
+    while (offset < size) {
+        const std::span<std::uint8_t> piece(buffer.data(), std::min(size - offset, buffer.size()));
+        count = readAt(descriptor, offset, piece);
+        if (count <= 0) break;
+        if (!gzip.append(piece.first(static_cast<std::size_t>(count)))) return std::nullopt;
+        offset += static_cast<std::size_t>(count);
+    }
+    if (offset == 0 || count < 0) {
+        logError("UploadBackend(uploadFileAtPath): Input file is empty");
+        return std::nullopt;
+    }
+    return gzip.finish();
+}
+
+std::string_view lastPathComponent(std::string_view path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::optional<std::string> textIn(const Dictionary& profile, std::string_view key) {
+    const std::string* text = profile.string(key);
+    return text != nullptr ? std::optional(*text) : std::nullopt;
+}
+
+}  // namespace
+
+std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& name,
+                                                           std::shared_ptr<const Dictionary> profile,
+                                                           const Text& productFamily) {
+    if (profile == nullptr || profile->string("post_url") == nullptr) {
+        logError("UploadBackend(initWithName): can't resolve upload post URL.");
+        return nullptr;
+    }
+    return std::shared_ptr<UploadBackend>(new UploadBackend(name, std::move(profile), productFamily));
+}
+
+UploadBackend::UploadBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
+                             const Text& productFamily)
+    : QuorvaneBackend(name, profile, productFamily), _uploadURL(textIn(*profile, "post_url")) {
+    setDisplayURL(textIn(*profile, "display_url"));
+}
+
+bool UploadBackend::uploadFileAtPath(const std::string& path, const char* extensionToken) {
+    logDebug("UploadBackend(uploadFileAtPath): Uploading file {}", path);
+    if (!_uploadURL) return false;
+
+    const auto extension =
+        platform::SandboxExtension::consume(extensionToken != nullptr ? extensionToken : "", path);
+    const std::optional<std::size_t> size = sizeOfRegularFile(extension.descriptor());
+    if (!size) {
+        logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
+        return false;
+    }
+    std::optional<UploadRoom::Share> room = roomFor(*size).enter(*size, kPatience);
+    if (!room) {
+        logError("UploadBackend(uploadFileAtPath): No room for file {}", path);
+        return false;
+    }
+    std::optional<Data> compressed = compressedFile(extension.descriptor(), *size);
+    if (!compressed) return false;
+    room->shrinkTo(compressed->size());
+
+    std::string url = requestURL(path);
+    if (!platform::isUrl(url)) {
+        logError("UploadBackend(uploadFileAtPath): Unable to create URL request");
+        return false;
+    }
+    if (post(std::move(url), std::move(*compressed))) extension.requestRemoval();
+    return true;
+}
+
+std::string UploadBackend::requestURL(std::string_view path) const {
+    return fmt::format("{}?uuid={}&sequence={}&description={}%20(Uploaded%20by%20LMS)&filename={}&raw=true",
+                       *_uploadURL, udid() != nullptr ? udid() : platform::absentText, sessionID(),
+                       platform::queryPercentEncoded("Callvane AFRC log"),
+                       platform::queryPercentEncoded(fmt::format("{}.gz", lastPathComponent(path))));
+}
+
+bool UploadBackend::post(std::string url, Data compressed) const {
+    platform::HttpRequest request = uploadRequest(std::move(url), std::move(compressed));
+    request.headers.push_back({"Content-Encoding", "gzip"});
+    const platform::HttpResult result = platform::performDataTask(std::move(request));
+    if (!result.response) {
+        logError("UploadBackend(uploadFileAtPath): post {}", orNull(result.error));
+        return false;
+    }
+    const Text reply = replyText(*result.response);
+    logDebug("UploadBackend(uploadFileAtPath): sending to |{}|, Json output: {}", orNull(_uploadURL),
+             orNull(reply));
+    return reply && reply->find("success") != std::string::npos;
+}
+
+}  // namespace quorvane
