@@ -2,7 +2,6 @@
 
 #include "platform/Crypto.h"
 #include "platform/Json.h"
-#include "tools/common/Failure.h"
 
 #include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
@@ -72,9 +71,9 @@ Value jsonForm(const Value& value) {
 
 }  // namespace
 
-Value parseJsonOrFail(std::string_view text, std::string_view name) {
+Value parseJsonOrFail(std::string_view text, std::string_view name, int status) {
     auto value = platform::parseJson(text);
-    if (!value) throw Failure(fmt::format("{}: {}", name, faultOf(text)));
+    if (!value) throw Failure(fmt::format("{}: {}", name, faultOf(text)), status);
     return *std::move(value);
 }
 

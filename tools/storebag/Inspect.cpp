@@ -1,5 +1,6 @@
 #include "tools/common/Files.h"
 #include "tools/common/Json.h"
+#include "tools/common/Output.h"
 #include "tools/storebag/Commands.h"
 #include "tools/storebag/Envelope.h"
 #include "tools/storebag/Environments.h"
@@ -79,7 +80,7 @@ std::string text(const Contents& contents) {
 
 int run(const Inspect& command) {
     const Contents contents = read(command);
-    fmt::print("{}\n", command.json ? json(contents) : text(contents));
+    printLine(command.json ? json(contents) : text(contents));
     return 0;
 }
 

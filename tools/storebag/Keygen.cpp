@@ -1,5 +1,6 @@
 #include "tools/common/Failure.h"
 #include "tools/common/Files.h"
+#include "tools/common/Output.h"
 #include "tools/storebag/Commands.h"
 
 #include <filesystem>
@@ -30,8 +31,8 @@ int run(const Keygen& command) {
     const auto write = command.force ? writeBytes : writeNewFile;
     write(command.privateKey, bytesOf(key->privatePEM()), kOwnerOnly);
     write(command.publicKey, key->publicDER(), kEverybody);
-    fmt::print("{}: the key that signs, {} bits; keep it secret\n{}: the key for the devices\n",
-               command.privateKey, key->bits(), command.publicKey);
+    printLine(fmt::format("{}: the key that signs, {} bits; keep it secret\n{}: the key for the devices",
+                          command.privateKey, key->bits(), command.publicKey));
     return 0;
 }
 

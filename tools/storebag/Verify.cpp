@@ -1,5 +1,6 @@
 #include "tools/common/Failure.h"
 #include "tools/common/Files.h"
+#include "tools/common/Output.h"
 #include "tools/storebag/Commands.h"
 #include "tools/storebag/Envelope.h"
 #include "tools/storebag/Warnings.h"
@@ -15,7 +16,7 @@ int run(const Verify& command) {
     if (!isSignedWith(envelope, *key))
         throw Failure(fmt::format("{}: the signature is not good for {}", name, command.publicKey));
     warnAbout(bagOf(envelope, name), name, command.strict);
-    fmt::print("{}: good\n", name);
+    printLine(fmt::format("{}: good", name));
     return 0;
 }
 

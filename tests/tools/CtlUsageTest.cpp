@@ -1,0 +1,112 @@
+#include "tests/support/ChildProcess.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace quorvane::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+fs::path makeFolder() {
+    std::string pattern = (fs::temp_directory_path() / "quorvane-ctl-XXXXXX").string();
+    return ::mkdtemp(pattern.data());
+}
+
+/// In a root without a daemon.
+class CtlUsage : public testing::Test {
+  protected:
+    ~CtlUsage() override { fs::remove_all(folder); }
+
+    ProgramResult ctl(const std::vector<std::string>& args) const {
+        std::vector<std::string> command{QUORVANECTL};
+        command.insert(command.end(), args.begin(), args.end());
+        return runProgram(command, {{"QUORVANE_ROOT", folder}});
+    }
+
+    const fs::path folder = makeFolder();
+};
+
+TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
+        {{}, "subcommand"},
+        {{"transmit"}, "subcommand"},
+        {{"send", "1"}, "type"},
+        {{"send", "65536", "1"}, "category"},
+        {{"send", "1", "2", "--count", "0"}, "--count"},
+        {{"send", "1", "2", "colour"}, "colour: KEY=VALUE is expected"},
+        {{"send", "1", "2", "=red"}, "=red: KEY=VALUE is expected"},
+        {{"single", "1", "2", "--payload", "{\"a\":\n nul}"}, "--payload: line 2"},
+        {{"single", "1", "2", "--payload", "[1]"}, "a JSON object is expected"},
+        {{"states", "--client-type", "-1"}, "--client-type"},
+        {{"upload"}, "file"},
+        {{"listen"}, "--client-name or --service-name"}};
+    for (const auto& [args, reason] : wrong) {
+        const auto result = ctl(args);
+        EXPECT_EQ(result.status, 2) << reason;
+        EXPECT_EQ(result.output, "") << reason;
+        EXPECT_THAT(result.errors, HasSubstr(reason));
+    }
+}
+
+TEST_F(CtlUsage, TellsThatTheDaemonCannotBeReached) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"send", "1", "2", "a=1"},
+                                               {"single", "1", "2"},
+                                               {"flush"},
+                                               {"states", "--json"},
+                                               {"display-url"},
+                                               {"upload", "/etc/hostname"},
+                                               {"listen", "--client-name", "a"}}) {
+        const auto result = ctl(args);
+        EXPECT_EQ(result.status, 3) << args[0];
+        EXPECT_EQ(result.output, "") << args[0];
+        EXPECT_EQ(result.errors, "quorvanectl: cannot connect to " + folder.string() +
+                                     "/run/quorvane/com.velmora.quorvaned: No such file or directory\n");
+    }
+    const std::string other = folder / "other";
+    EXPECT_THAT(ctl({"states", "--socket", other}).errors, HasSubstr("cannot connect to " + other));
+}
+
+TEST_F(CtlUsage, TheInstalledProgramFindsItsLibrary) {
+    for (const char* component : {"tools", "libquorvane"}) {
+        const auto installed = runProgram({QUORVANE_CMAKE, "--install", QUORVANE_BUILD_FOLDER, "--component",
+                                           component, "--prefix", folder});
+        ASSERT_EQ(installed.status, 0) << installed.errors;
+    }
+    const auto result = runProgram({folder / "bin/quorvanectl", "--version"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    for (const char* program : {"quorvanectl", "quorvane-storebag"})
+        EXPECT_TRUE(fs::exists(folder / "share/bash-completion/completions" / program)) << program;
+}
+
+/// What bash would offer after the words, one blank between each.
+std::string offered(const std::vector<std::string>& words) {
+    std::vector<std::string> command{
+        "/bin/bash", "-c",
+        "source \"$COMPLETION\"; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); "
+        "_quorvane \"$1\" \"${COMP_WORDS[-1]}\" \"${COMP_WORDS[-2]}\"; echo \"${COMPREPLY[*]}\"",
+        "bash"};
+    command.insert(command.end(), words.begin(), words.end());
+    const auto result = runProgram(command, {{"COMPLETION", QUORVANE_COMPLETION}});
+    EXPECT_EQ(result.errors, "");
+    return result.output;
+}
+
+TEST(Completion, OffersCommandsOptionsAndChoices) {
+    EXPECT_EQ(offered({QUORVANECTL, ""}), "send single flush states display-url upload upload-log listen\n");
+    EXPECT_EQ(offered({QUORVANECTL, "up"}), "upload upload-log\n");
+    EXPECT_EQ(offered({QUORVANECTL, "send", "1", "2", "--client-"}),
+              "--client-type --client-version --client-name\n");
+    EXPECT_EQ(offered({QUORVANE_STOREBAG, "sign", "bag", "--format", ""}), "toml json plist\n");
+    EXPECT_EQ(offered({QUORVANE_STOREBAG, "sign", "-o", ""}), "\n") << "a file, which bash itself offers";
+    EXPECT_EQ(offered({"/nowhere/quorvanectl", ""}), "\n");
+}
+
+}  // namespace
+}  // namespace quorvane::test

@@ -1,0 +1,31 @@
+#include "tools/common/Output.h"
+#include "tools/ctl/Commands.h"
+#include "tools/ctl/OpenSession.h"
+#include "tools/ctl/PrintStates.h"
+
+#include <fmt/format.h>
+
+namespace quorvane::ctl {
+
+void printStates(bool json, const ReportingStates& states) {
+    const std::vector<std::string> names = states.value_or(std::vector<std::string>());
+    std::string text = fmt::format("reporting: {}", fmt::join(names, " "));
+    if (names.empty()) text += states ? "none" : "none, there is no storebag";
+    tools::printFact(
+        json, {{"storebag", states.has_value()}, {"reporting", Array(names.begin(), names.end())}}, text);
+}
+
+void run(const States& command) {
+    Client client = connect(command.session);
+    printStates(command.session.json, start(client, command.session));
+}
+
+void run(const DisplayURL& command) {
+    Client client = connect(command.session);
+    startWithStorebag(client, command.session);
+    const std::string url = orFail(client.displayURL(timeoutOf(command.session)));
+    if (url == "URL not available") throw tools::Failure(url);
+    tools::printFact(command.session.json, {{"displayURL", url}}, url);
+}
+
+}  // namespace quorvane::ctl
