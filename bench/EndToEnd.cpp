@@ -2,75 +2,71 @@
 // HTTPS server. Every claim is a ratio of two measurements of one run, so that the machine and what else it
 // does count in both.
 
-#include "bench/EchoServer.h"
-#include "bench/Load.h"
+#include "bench/Options.h"
 #include "bench/Report.h"
-#include "bench/Sending.h"
-#include "bench/Unavoidable.h"
-#include "platform/Json.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <functional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace quorvane::bench {
 namespace {
 
-struct Options {
-    std::uint64_t events = 200'000;
-    std::uint64_t waitingCalls = 20'000;
-};
+using Part = std::pair<std::string, std::function<void(const Options&)>>;
 
-std::vector<Data> messages() {
-    std::vector<Data> result;
-    for (std::uint64_t first = 0; first < 2000; first += 50) {
-        Array events;
-        for (std::uint64_t number = first; number < first + 50; ++number) events.emplace_back(record(number));
-        result.push_back(platform::compactJson(Value(Dictionary{{"events", std::move(events)}})).value());
-    }
-    return result;
+const std::vector<Part>& parts() {
+    static const std::vector<Part> all{
+        {"events", measureEventCost}, {"memory", measureMemory},       {"stall", measureStalledCollector},
+        {"idle", measureIdleness},    {"hierarchy", measureHierarchy}, {"datagrams", measureDatagrams},
+        {"uploads", measureUploads},
+    };
+    return all;
 }
 
-double microseconds(Nanoseconds time) {
-    return time.count() / 1000;
-}
-
-void latencyRow(const char* name, const Latencies& latencies) {
-    row(name, "{:.1f}, {:.1f}, {:.1f} us", microseconds(latencies.percentile(0.5)),
-        microseconds(latencies.percentile(0.99)), microseconds(latencies.percentile(0.999)));
-}
-
-void run(const Options& options) {
-    heading("Bare costs");
-    const EchoServer echo;
-    {
-        Client client = orDie(Client::connect({.socketPath = echo.socketPath()}), "connect");
-        const PipelinedCost bare = sendPipelined(client, echo.pid(), 0, options.events);
-        row("echo, events per second", "{:.0f}", bare.eventsPerSecond);
-        row("echo, CPU per event", "{:.2f} us",
-            microseconds(bare.serverCpu) / static_cast<double>(options.events));
-        latencyRow("waiting call, client library (50th, 99th, 99.9th)",
-                   sendWaiting(client, options.waitingCalls));
-    }
-    latencyRow("waiting call, sd_bus_call alone", callWaiting(echo.socketPath(), options.waitingCalls));
-    const UnavoidableWork work = measureUnavoidableWork(messages(), options.events);
-    row("JSON", "{:.2f} us ({:.0f} bytes)", microseconds(work.json), work.jsonBytes);
-    row("gzip", "{:.2f} us", microseconds(work.gzip));
-    row("SHA-256, two texts", "{:.2f} us", microseconds(work.sha256));
+std::vector<std::string> partNames() {
+    std::vector<std::string> names;
+    for (const Part& part : parts()) names.push_back(part.first);
+    return names;
 }
 
 }  // namespace
+
+void Options::shorten() {
+    for (std::uint64_t* amount :
+         {&events, &waitingCalls, &growthEvents, &sessions, &datagrams, &uploadMegabytes})
+        *amount = std::max<std::uint64_t>(*amount / 10, 1);
+    idle = std::max(idle / 2, std::chrono::seconds(1));
+}
+
 }  // namespace quorvane::bench
 
 int main(int argc, char** argv) try {
-    quorvane::bench::Options options;
-    CLI::App app("Measures the quorvaned daemon from end to end.");
+    using namespace quorvane::bench;
+    Options options;
+    bool quick = false;
+    std::vector<std::string> chosen = partNames();
+    CLI::App app(
+        "Measures the quorvaned daemon from end to end. The exit status tells whether all bounds were kept.");
+    app.add_option("part", chosen, "What to measure; everything by default")
+        ->check(CLI::IsMember(partNames()));
+    app.add_flag("--quick", quick, "A tenth of everything");
     app.add_option("--events", options.events, "Events of the load")->capture_default_str();
+    app.add_option("--growth-events", options.growthEvents, "Events to watch the memory over")
+        ->capture_default_str();
+    app.add_option("--sessions", options.sessions, "Sessions to measure the memory of one by")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
-    quorvane::bench::run(options);
-    return quorvane::bench::anyMissed() ? EXIT_FAILURE : EXIT_SUCCESS;
+
+    if (quick) options.shorten();
+    for (const Part& part : parts())
+        if (std::find(chosen.begin(), chosen.end(), part.first) != chosen.end()) part.second(options);
+    return anyMissed() ? EXIT_FAILURE : EXIT_SUCCESS;
 } catch (const std::exception& exception) {
     fmt::print(stderr, "quorvane-bench-end-to-end: {}\n", exception.what());
     return EXIT_FAILURE;

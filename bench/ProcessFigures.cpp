@@ -50,8 +50,4 @@ std::uint64_t contextSwitches(pid_t process) {
     return count;
 }
 
-std::size_t threadCount(pid_t process) {
-    return static_cast<std::size_t>(std::distance(threadsOf(process), {}));
-}
-
 }  // namespace quorvane::bench

@@ -9,6 +9,10 @@ namespace quorvane::bench {
 
 using Nanoseconds = std::chrono::duration<double, std::nano>;
 
+inline double inMicroseconds(Nanoseconds time) {
+    return time.count() / 1000;
+}
+
 /// User and system time that all threads of the process have used, ended ones included, to the nanosecond.
 Nanoseconds cpuTime(pid_t process);
 
@@ -17,8 +21,6 @@ std::uint64_t anonymousBytes(pid_t process);
 
 /// How often the process's living threads have left a CPU, of their own accord or not.
 std::uint64_t contextSwitches(pid_t process);
-
-std::size_t threadCount(pid_t process);
 
 /// CPU time that a process used from here on.
 class CpuMeter {

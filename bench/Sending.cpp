@@ -1,16 +1,10 @@
 #include "bench/Sending.h"
 
 #include "bench/Load.h"
-#include "framework/Keys.h"
-#include "platform/BusValue.h"
-
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <utility>
 
 #include <fmt/format.h>
@@ -20,36 +14,6 @@ namespace quorvane::bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { ::sd_bus_close_unref(bus); }
-    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
-using Bus = std::unique_ptr<sd_bus, BusDeleter>;
-using Message = std::unique_ptr<sd_bus_message, BusDeleter>;
-
-void check(int result, const char* what) {
-    if (result < 0) die(what, std::strerror(-result));
-}
-
-Bus connectBus(const std::string& socketPath) {
-    sd_bus* raw = nullptr;
-    check(::sd_bus_new(&raw), "bus");
-    Bus bus(raw);
-    check(::sd_bus_set_address(raw, ("unix:path=" + socketPath).c_str()), "bus address");
-    check(::sd_bus_start(raw), "bus connection");
-    return bus;
-}
-
-Message callWith(sd_bus* bus, std::uint64_t number) {
-    sd_bus_message* raw = nullptr;
-    check(::sd_bus_message_new_method_call(bus, &raw, nullptr, kQuorvaneObjectPath, kClientSessionInterface,
-                                           "SendMessageWithDictionary"),
-          "message");
-    Message call(raw);
-    check(platform::appendDictionary(raw, message(number)), "message");
-    return call;
-}
 
 template <typename Function>
 Latencies timeEach(std::uint64_t count, const Function& function) {
@@ -74,8 +38,7 @@ void die(const char* what, const std::string& message) {
     std::exit(EXIT_FAILURE);
 }
 
-PipelinedCost sendPipelined(Client& client, pid_t server, std::uint64_t first, std::uint64_t count) {
-    const CpuMeter cpu(server);
+double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count) {
     const auto start = Clock::now();
     for (std::uint64_t number = first; number < first + count - 1; ++number)
         orDie(client.sendAsync(event(number),
@@ -83,7 +46,7 @@ PipelinedCost sendPipelined(Client& client, pid_t server, std::uint64_t first, s
               "pipelined send");
     orDie(client.send(event(first + count - 1)), "last event");
     const std::chrono::duration<double> took = Clock::now() - start;
-    return {static_cast<double>(count) / took.count(), cpu.used()};
+    return static_cast<double>(count) / took.count();
 }
 
 Latencies::Latencies(std::vector<Nanoseconds> samples) : _sorted(std::move(samples)) {
@@ -97,16 +60,6 @@ Nanoseconds Latencies::percentile(double share) const {
 
 Latencies sendWaiting(Client& client, std::uint64_t count) {
     return timeEach(count, [&](std::uint64_t number) { orDie(client.send(event(number)), "waiting send"); });
-}
-
-Latencies callWaiting(const std::string& socketPath, std::uint64_t count) {
-    const Bus bus = connectBus(socketPath);
-    return timeEach(count, [&](std::uint64_t number) {
-        const Message call = callWith(bus.get(), number);
-        sd_bus_message* answer = nullptr;
-        check(::sd_bus_call(bus.get(), call.get(), 0, nullptr, &answer), "waiting call");
-        ::sd_bus_message_unref(answer);
-    });
 }
 
 }  // namespace quorvane::bench

@@ -13,25 +13,19 @@ namespace quorvane::bench {
 /// The number-th event of the load.
 Event event(std::uint64_t number);
 
-/// Ends the program when there is an error: a measurement with errors in it is none.
-template <typename T>
-T orDie(Result<T> result, const char* what);
+/// Ends the program: a measurement with errors in it is none.
 [[noreturn]] void die(const char* what, const std::string& message);
 
+/// The value; ends the program when there is an error.
 template <typename T>
 T orDie(Result<T> result, const char* what) {
     if (!result) die(what, result.error().message);
     return *std::move(result);
 }
 
-struct PipelinedCost {
-    double eventsPerSecond = 0;
-    Nanoseconds serverCpu{};  ///< Of all events together.
-};
-
 /// Sends events number `first` and on without waiting for each one's answer, as many unanswered at a time as
-/// the client allows, and waits for the last answer.
-PipelinedCost sendPipelined(Client& client, pid_t server, std::uint64_t first, std::uint64_t count);
+/// the client allows, and waits for the last answer. How many went through in a second.
+double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count);
 
 /// How long waiting calls took.
 class Latencies {
@@ -46,8 +40,5 @@ class Latencies {
 
 /// Sends events one after another, each when the one before is answered.
 Latencies sendWaiting(Client& client, std::uint64_t count);
-
-/// The same without the client library: sd_bus_call alone.
-Latencies callWaiting(const std::string& socketPath, std::uint64_t count);
 
 }  // namespace quorvane::bench

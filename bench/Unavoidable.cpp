@@ -67,6 +67,7 @@ void compress(const Data& message, Data& out) {
     stream.next_out = out.data();
     stream.avail_out = static_cast<uInt>(out.size());
     if (::deflate(&stream, Z_FINISH) != Z_STREAM_END) die("zlib", "not all compressed");
+    out.resize(stream.total_out);
     ::deflateEnd(&stream);
 }
 
@@ -132,6 +133,12 @@ UnavoidableWork measureUnavoidableWork(const std::vector<Data>& messages, std::u
         return batch.size();
     });
     return work;
+}
+
+Data compressAlone(const Data& bytes) {
+    Data compressed;
+    compress(bytes, compressed);
+    return compressed;
 }
 
 }  // namespace quorvane::bench

@@ -23,4 +23,7 @@ struct UnavoidableWork {
 /// events have gone through each step.
 UnavoidableWork measureUnavoidableWork(const std::vector<Data>& messages, std::uint64_t events);
 
+/// zlib's gzip form at level 6, with nothing around it.
+Data compressAlone(const Data& bytes);
+
 }  // namespace quorvane::bench

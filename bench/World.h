@@ -1,0 +1,69 @@
+#pragma once
+
+#include "bench/CountingServer.h"
+#include "tests/support/ChildProcess.h"
+
+#include <quorvane/Client.h>
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace quorvane::bench {
+
+/// Which storebag a session gets.
+enum class Profile : std::uint32_t {
+    Top = 5,     ///< HTTPS backend, level 0 of a hierarchy.
+    Child = 6,   ///< HTTPS backend, level 1.
+    Upload = 8,  ///< Upload backend.
+};
+
+struct SessionSetup {
+    Profile profile = Profile::Top;
+    bool batch = true;
+    std::string serviceName = "Sync";
+    AggregationBlock aggregationBlock = {};
+};
+
+/// Events of one batched session that make the daemon post; the event after them does so and is itself given
+/// up, which is how batching works.
+inline constexpr std::uint64_t kBatchSize = 50;
+
+/// How many of so many events sent to a new batched session arrive when it is flushed at the end.
+std::uint64_t arrivingEvents(std::uint64_t sent);
+
+/// A device with a running quorvaned: a folder of its own with signed storebags, and the server that they
+/// point at. Throws when something does not start.
+class World {
+  public:
+    World();
+    ~World();
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+
+    pid_t daemon() const { return _daemon->pid(); }
+    CountingServer& collector() { return *_collector; }
+    std::string socketPath() const;
+    const std::filesystem::path& root() const { return _root; }
+
+    /// A connection whose session is set up and reports.
+    Client openSession(const SessionSetup& setup = {});
+
+  private:
+    void install();
+    void publishStorebags();
+    void start();
+
+    std::filesystem::path _root;
+    std::unique_ptr<CountingServer> _collector;
+    std::unique_ptr<test::ChildProcess> _daemon;
+    std::uint32_t _nextSessionID = 1;
+};
+
+/// The user info of a session with that service name.
+UserInfo userInfo(const std::string& serviceName);
+
+}  // namespace quorvane::bench
