@@ -1,11 +1,9 @@
 #include "storebag/FetchStorebag.h"
 
-#include "platform/Crypto.h"
 #include "platform/PropertyList.h"
 #include "tests/storebag/StorebagFixture.h"
 #include "tools/storebag/SignStorebag.h"
 
-#include <span>
 #include <utility>
 
 namespace quorvane {
