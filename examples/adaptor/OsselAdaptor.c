@@ -14,7 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
-/* The file is begun anew when a session finds it larger. */
+/* Past it the file is begun anew. */
 #define MAXIMUM_BYTES (1 << 20)
 
 typedef struct Adaptor {
@@ -149,9 +149,6 @@ static void* init(void) {
         if (file >= 0) close(file);
         return NULL;
     }
-    struct stat status;
-    if (fstat(file, &status) == 0 && status.st_size > MAXIMUM_BYTES && ftruncate(file, 0) != 0)
-        perror("OsselAdaptor");
     adaptor->file = file;
     return adaptor;
 }
@@ -162,7 +159,14 @@ static void dealloc(void* object) {
     free(adaptor);
 }
 
-/* Writes the line as a whole, because several objects share the file. */
+/* In one write, because several objects share the file. */
+static void append(int file, const char* line, size_t size) {
+    struct stat status;
+    if (fstat(file, &status) == 0 && status.st_size > MAXIMUM_BYTES && ftruncate(file, 0) != 0)
+        perror("OsselAdaptor");
+    if (write(file, line, size) < 0) perror("OsselAdaptor");
+}
+
 static void sendMessage(void* object, uint16_t method, uint16_t respCode, const void* dictionary,
                         size_t length) {
     const Adaptor* adaptor = object;
@@ -173,7 +177,7 @@ static void sendMessage(void* object, uint16_t method, uint16_t respCode, const 
     fprintf(out, "%" PRId64 " method=%u respCode=%u ", (int64_t)time(NULL), method, respCode);
     printMessage(out, dictionary, length);
     fputc('\n', out);
-    if (fclose(out) == 0 && write(adaptor->file, line, size) < 0) perror("OsselAdaptor");
+    if (fclose(out) == 0) append(adaptor->file, line, size);
     free(line);
 }
 
