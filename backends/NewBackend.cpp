@@ -33,12 +33,9 @@ struct Maker {
 };
 
 constexpr Maker makers[] = {
-    {kQuorvaneBackendDashboard, make<DashboardBackend>},
-    {kQuorvaneBackendUploadServer, make<UploadBackend>},
-    {kQuorvaneBackendHTTPPost, make<HTTPSPostBackend>},
-    {kQuorvaneBackendHTTPPost2, make<HTTPSPostBackend>},
-    {kQuorvaneBackendJoulary, make<JoularyBackend>},
-    {kQuorvaneBackendOssel, makeOssel},
+    {kQuorvaneBackendDashboard, make<DashboardBackend>}, {kQuorvaneBackendUploadServer, make<UploadBackend>},
+    {kQuorvaneBackendHTTPPost, make<HTTPSPostBackend>},  {kQuorvaneBackendHTTPPost2, make<HTTPSPostBackend>},
+    {kQuorvaneBackendJoulary, make<JoularyBackend>},     {kQuorvaneBackendOssel, makeOssel},
 };
 
 /// One product has no diagnostics adaptor.
