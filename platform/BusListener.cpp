@@ -20,6 +20,9 @@ namespace {
 
 using Failure = std::string;
 
+/// Connections accepted before the loop's other handlers get their turn.
+constexpr int kAtATime = 64;
+
 /// After descriptors run out, accepting waits this long rather than spin.
 constexpr std::chrono::seconds kPause{1};
 
@@ -108,7 +111,7 @@ bool BusListener::resume(RunLoop& loop) {
 }
 
 void BusListener::acceptWaiting() {
-    while (_accepting) {
+    for (int taken = 0; _accepting && taken < kAtATime; ++taken) {
         UniqueDescriptor socket(::accept4(_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket) {
             if (errno == EINTR || errno == ECONNABORTED) continue;

@@ -1,0 +1,246 @@
+#include "framework/Keys.h"
+#include "platform/BusValue.h"
+#include "platform/UniqueDescriptor.h"
+#include "tests/support/BusClient.h"
+#include "tests/support/DaemonFixture.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <filesystem>
+#include <future>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace quorvane::test {
+namespace {
+
+using platform::UniqueDescriptor;
+
+constexpr const char* kInvalidArguments = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr std::uint16_t kOurs = 12;
+
+std::array<UniqueDescriptor, 2> socketPair() {
+    std::array<int, 2> ends{};
+    ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data());
+    return {UniqueDescriptor(ends[0]), UniqueDescriptor(ends[1])};
+}
+
+void sendUnanswered(const BusClient& client, const Message& message) {
+    ::sd_bus_message_set_expect_reply(message.get(), 0);
+    ASSERT_GE(::sd_bus_send(client.bus(), message.get(), nullptr), 0);
+    ASSERT_GE(::sd_bus_flush(client.bus()), 0);
+}
+
+/// What a client of the bus library writes to set a session up and to send an event, authentication first.
+std::string recordedBytes() {
+    auto [ours, theirs] = socketPair();
+    constexpr std::string_view welcome = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n";
+    EXPECT_GT(::send(ours.get(), welcome.data(), welcome.size(), 0), 0);
+    const BusClient client(std::move(theirs));
+    const Message info = client.newCall(kClientSessionInterface, "SetSessionInfo");
+    platform::appendDictionary(info.get(), {{"SessionID", 4711}, {"ClientType", 5}, {"BatchEvent", true}});
+    const Dictionary user{{"ClientName", "Mail"}, {"ServiceName", "Sync"}};
+    platform::appendOptionalDictionary(info.get(), &user);
+    ::sd_bus_message_append(info.get(), "asb", 2, "One", "Two", 1);
+    sendUnanswered(client, info);
+    const Message event = client.newCall(kClientSessionInterface, "SendMessageWithDictionary");
+    platform::appendDictionary(
+        event.get(),
+        {{"Category", 12},
+         {"Type", 1},
+         {"Payload", Dictionary{{"list", Array{1, "two", 3.0, Value(Dictionary{{"deep", Date{5}}})}},
+                                {"data", Data{1, 2, 3}},
+                                {"text", "some text"}}}});
+    sendUnanswered(client, event);
+
+    std::string bytes(65536, '\0');
+    const ssize_t size = ::recv(ours.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+    EXPECT_GT(size, 500);
+    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    return bytes;
+}
+
+class BadInputTest : public testing::Test {
+  protected:
+    /// Writes the bytes on a connection of their own and waits until the daemon has closed it.
+    void offer(std::string_view bytes) const {
+        const UniqueDescriptor socket = connectSocket(_device.socketPath());
+        ASSERT_TRUE(socket);
+        ::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        ::shutdown(socket.get(), SHUT_WR);
+        std::array<char, 4096> ignored{};
+        ssize_t size = 0;
+        do {
+            pollfd readable{socket.get(), POLLIN, 0};
+            ASSERT_EQ(::poll(&readable, 1, 30'000), 1) << "the daemon keeps the connection";
+            size = ::recv(socket.get(), ignored.data(), ignored.size(), 0);
+        } while (size > 0);
+    }
+
+    void expectService(const BusClient& client) const {
+        EXPECT_EQ(client.call(kClientSessionInterface, "FlushMessages").error, "");
+    }
+
+    std::size_t openDescriptors() {
+        const std::filesystem::directory_iterator all("/proc/" + std::to_string(_device.daemon().pid()) +
+                                                      "/fd");
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    }
+
+    DaemonFixture _device;
+};
+
+TEST_F(BadInputTest, TruncatedAndChangedBytesCostTheirConnectionOnly) {
+    _device.start();
+    const BusClient bystander(_device.socketPath());
+    expectService(bystander);
+    const std::string valid = recordedBytes();
+    offer(valid);
+    ASSERT_TRUE(_device.logs("setSessionInfo: Configuring session 4711")) << "unchanged it is served";
+
+    for (std::size_t size = 0; size < valid.size(); size += 7) offer(valid.substr(0, size));
+    std::minstd_rand random(1);  // The same bytes every time.
+    const std::size_t afterAuthentication = valid.find("BEGIN\r\n") + 7;
+    for (int round = 0; round < 400; ++round) {
+        std::string changed = valid;
+        const std::size_t from = round % 4 == 0 ? 0 : afterAuthentication;
+        for (int change = 0; change <= round % 5; ++change)
+            changed[from + random() % (changed.size() - from)] = static_cast<char>(random());
+        offer(changed);
+    }
+    for (int round = 0; round < 50; ++round) {
+        std::string noise = valid.substr(0, afterAuthentication);
+        for (int i = 0; i < 300; ++i) noise += static_cast<char>(random());
+        offer(noise);
+    }
+    expectService(bystander);
+    EXPECT_TRUE(_device.daemon().running());
+}
+
+TEST_F(BadInputTest, AMalformedCallGetsTheStandardErrorAndCostsNothingElse) {
+    _device.start();
+    const BusClient client(_device.socketPath());
+    const auto error = [&](const char* member, auto... arguments) {
+        return client.call(kClientSessionInterface, member, arguments...).error;
+    };
+    EXPECT_EQ(error("SendMessageWithCategory", "ss", "1", "2"), kInvalidArguments);
+    EXPECT_EQ(error("SendMessageWithCategory"), kInvalidArguments);
+    EXPECT_EQ(error("SetSessionInfo", "a{sv}", 0), kInvalidArguments);
+    EXPECT_EQ(error("SendMessageWithDictionary", "a{ss}", 1, "Category", "12"), kInvalidArguments);
+    EXPECT_EQ(error("UploadFileAtPath", "s", "file:///etc/passwd"), kInvalidArguments);
+    EXPECT_EQ(error("NoSuchMethod"), "org.freedesktop.DBus.Error.UnknownMethod");
+    EXPECT_EQ(client.call("com.velmora.NoSuchInterface", "FlushMessages").error,
+              "org.freedesktop.DBus.Error.UnknownMethod");
+    // Arguments of the right types that no value can hold: more than one where one may be, and too deep.
+    EXPECT_EQ(error("FetchStatesWithUserInfo", "aa{sv}", 2, 0, 0), kInvalidArguments);
+    const Message deep = client.newCall(kClientSessionInterface, "UploadLogData");
+    for (int level = 0; level < 40; ++level) {
+        ::sd_bus_message_open_container(deep.get(), 'a', "v");
+        ::sd_bus_message_open_container(deep.get(), 'v', "av");
+    }
+    ::sd_bus_message_append(deep.get(), "av", 0);
+    for (int level = 0; level < 80; ++level) ::sd_bus_message_close_container(deep.get());
+    client.call(deep);
+    expectService(client);
+    EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
+}
+
+TEST_F(BadInputTest, ExtremeValuesAreServed) {
+    _device.serveStorebag(_device.httpPostSection());
+    _device.start();
+    Client client = _device.startedClient({.sessionID = 1, .clientType = 5});
+    Dictionary payload{{"largest", std::numeric_limits<std::uint64_t>::max()},
+                       {"least", std::numeric_limits<std::int64_t>::min()},
+                       {"early", Date{std::numeric_limits<std::int64_t>::min() + 1'000'000}},
+                       {"late", Date{std::numeric_limits<std::int64_t>::max()}},
+                       {"text", std::string(2'000'000, 'x')},
+                       {"line\r\nbreak", "a\r\nb"},
+                       {"", ""},
+                       {"data", Data(100'000, 7)}};
+    for (int key = 0; key < 5'000; ++key) payload.set("key" + std::to_string(key), key);
+    EXPECT_TRUE(*client.send({.category = kOurs, .type = 65535, .payload = payload}));
+    EXPECT_TRUE(client.send({.category = kOurs + 1, .payload = {{{"number", std::nan("")}}}}));
+    ASSERT_TRUE(_device.waitForEvents(kOurs, 1));
+    const Dictionary record = _device.postedEvents(kOurs)[0];
+    EXPECT_EQ(record.unsignedInteger("largest"), std::numeric_limits<std::uint64_t>::max());
+    EXPECT_EQ(record.integer("least"), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(record.string("text")->size(), 2'000'000u);
+    EXPECT_EQ(record.integer("key4999"), 4999);
+    EXPECT_FALSE(record.contains("data"));
+}
+
+TEST_F(BadInputTest, LentFilesAreBoundedAndGivenBackWithTheConnection) {
+    _device.start();
+    const BusClient bystander(_device.socketPath());
+    expectService(bystander);
+    const std::size_t before = openDescriptors();
+    {
+        const BusClient client(_device.socketPath());
+        expectService(client);
+        const UniqueDescriptor writable(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+        EXPECT_EQ(client.call(kSandboxExtensionInterface, "Issue", "h", writable.get()).error,
+                  "org.freedesktop.DBus.Error.Failed");
+        const UniqueDescriptor readable(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        int lent = 0;
+        while (lent < 1000 &&
+               client.call(kSandboxExtensionInterface, "Issue", "h", readable.get()).error.empty())
+            ++lent;
+        EXPECT_EQ(lent, 64);
+        EXPECT_GE(openDescriptors(), before + 64);
+        expectService(client);
+    }
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }));
+}
+
+TEST_F(BadInputTest, ASenderThatTheServersCannotKeepUpWithIsSlowedAndLosesNothing) {
+    constexpr int kEvents = 300;
+    std::promise<void> recovered;
+    const auto hasRecovered = recovered.get_future().share();
+    _device.serveStorebag(_device.httpPostSection());
+    _device.answerPosts([hasRecovered](const ServerRequest&) {
+        hasRecovered.wait();
+        return ServerAnswer();
+    });
+    _device.start();
+
+    std::atomic<int> sent = 0;
+    std::thread sender([&] {
+        Client client = _device.startedClient({.sessionID = 1, .clientType = 5});
+        std::minstd_rand random(1);
+        for (; sent < kEvents; ++sent) {
+            std::string noise(100'000, ' ');  // Compression leaves most of it.
+            for (char& byte : noise) byte = static_cast<char>(' ' + random() % 90);
+            EXPECT_TRUE(client.sendAndForget(
+                {.category = kOurs, .payload = {{{"noise", noise}, {"n", sent.load()}}}}));
+        }
+        // The client's end waits for the daemon no longer than some seconds.
+        EXPECT_TRUE(client.flush());
+    });
+    int seen = 0;
+    do {
+        seen = sent;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    } while (sent > seen || seen == 0);
+    EXPECT_LT(sent, kEvents) << "the sender waits";
+    Client other = _device.connect();
+    EXPECT_EQ(*other.displayURL(), "URL not available") << "and nobody else does";
+    recovered.set_value();
+    sender.join();
+    EXPECT_TRUE(_device.waitForEvents(kOurs, kEvents));
+}
+
+}  // namespace
+}  // namespace quorvane::test
