@@ -5,65 +5,125 @@
 #include "bench/Unavoidable.h"
 #include "bench/World.h"
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include <fmt/format.h>
 
 namespace quorvane::bench {
 
 namespace {
 
+/// Everything is measured in turns, so that a machine which is busy for a while is so for all of it.
+constexpr std::uint64_t kRounds = 20;
 /// Enough for caches, connections and allocators to settle.
 constexpr std::uint64_t kWarmUpEvents = 10'000;
 constexpr std::size_t kKeptMessages = 40;
 constexpr double kMostTimesUnavoidable = 1.5;
 
-struct Daemon {
-    double eventsPerSecond = 0;
-    Nanoseconds cpuPerEvent{};
-    std::vector<Data> messages;
+struct Round {
+    double daemonPerSecond = 0;
+    double echoPerSecond = 0;
+    Nanoseconds daemon{};
+    Nanoseconds echo{};
+    UnavoidableWork work;
+
+    Nanoseconds unavoidable() const { return echo + work.sum(); }
+    double ratio() const { return daemon / unavoidable(); }
 };
 
-/// The load from the first event to the last post's arrival.
-Daemon measureDaemon(World& world, std::uint64_t count) {
-    Client client = world.openSession();
-    sendPipelined(client, 0, kWarmUpEvents);
-    orDie(client.flush(), "flush");
-    std::uint64_t expected = arrivingEvents(kWarmUpEvents);
-    if (!world.collector().waitForEvents(expected)) die("warm-up", "events are missing");
-
-    Daemon daemon;
-    world.collector().keepMessages(kKeptMessages);
-    const CpuMeter cpu(world.daemon());
-    daemon.eventsPerSecond = sendPipelined(client, kWarmUpEvents, count);
-    orDie(client.flush(), "flush");
-    expected += arrivingEvents(count);
-    world.collector().waitForEvents(expected);
-    daemon.cpuPerEvent = cpu.used() / static_cast<double>(count);
-    daemon.messages = world.collector().keptMessages();
-    countRow("events that arrived", world.collector().events(), expected);
-    return daemon;
+template <typename Function>
+auto median(const std::vector<Round>& rounds, const Function& of) {
+    std::vector<decltype(of(rounds.front()))> values;
+    for (const Round& round : rounds) values.push_back(of(round));
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
 }
 
-Nanoseconds measureEcho(const EchoServer& echo, std::uint64_t count) {
-    Client client = orDie(Client::connect({.socketPath = echo.socketPath()}), "connect");
-    sendPipelined(client, 0, kWarmUpEvents);
-    const CpuMeter cpu(echo.pid());
-    const double eventsPerSecond = sendPipelined(client, kWarmUpEvents, count);
-    const Nanoseconds perEvent = cpu.used() / static_cast<double>(count);
-    row("events per second, bare echo", "{:.0f}", eventsPerSecond);
-    return perEvent;
-}
+/// The daemon and the bare echo, fed the same events in turns.
+class EventCost {
+  public:
+    EventCost(World& world, const EchoServer& echo, Answers answers)
+        : _world(world),
+          _echo(echo),
+          _answers(answers),
+          _arrivedBefore(world.collector().events()),
+          _toDaemon(world.openSession()),
+          _toEcho(orDie(Client::connect({.socketPath = echo.socketPath()}), "connect")) {
+        _world.collector().keepMessages(kKeptMessages);
+        Round ignored;
+        measureDaemon(ignored, kWarmUpEvents);
+        measureEcho(ignored, kWarmUpEvents);
+        _messages = _world.collector().keptMessages();
+    }
 
-void reportCpu(Nanoseconds daemon, Nanoseconds echo, const UnavoidableWork& work) {
-    const auto cpuRow = [](const char* name, Nanoseconds time) {
-        row(name, "{:.2f} us", inMicroseconds(time));
+    Round measure(std::uint64_t events) {
+        Round round;
+        measureEcho(round, events);
+        measureDaemon(round, events);
+        round.work = measureUnavoidableWork(_messages, events);
+        return round;
+    }
+
+    void reportArrivals() const {
+        countRow("events that arrived", _world.collector().events() - _arrivedBefore, _expected);
+    }
+
+  private:
+    /// From the first event to the last post's arrival.
+    void measureDaemon(Round& round, std::uint64_t events) {
+        const CpuMeter cpu(_world.daemon());
+        round.daemonPerSecond = sendPipelined(_toDaemon, _sent, events, _answers);
+        orDie(_toDaemon.flush(), "flush");
+        _sent += events;
+        _expected += arrivingEvents(events);
+        _world.collector().waitForEvents(_arrivedBefore + _expected);
+        round.daemon = cpu.used() / static_cast<double>(events);
+    }
+
+    void measureEcho(Round& round, std::uint64_t events) {
+        const CpuMeter cpu(_echo.pid());
+        round.echoPerSecond = sendPipelined(_toEcho, _sent, events, _answers);
+        round.echo = cpu.used() / static_cast<double>(events);
+    }
+
+    World& _world;
+    const EchoServer& _echo;
+    const Answers _answers;
+    const std::uint64_t _arrivedBefore;
+    Client _toDaemon;
+    Client _toEcho;
+    std::uint64_t _sent = 0;
+    std::uint64_t _expected = 0;
+    std::vector<Data> _messages;
+};
+
+void report(const std::vector<Round>& rounds) {
+    const auto cpuRow = [&](const std::string& name, const auto& of) {
+        row(name, "{:.2f} us", inMicroseconds(median(rounds, of)));
     };
-    cpuRow("CPU per event, daemon", daemon);
-    cpuRow("  bare D-Bus echo", echo);
-    cpuRow(fmt::format("  RapidJSON ({:.0f} bytes an event)", work.jsonBytes).c_str(), work.json);
-    cpuRow("  zlib", work.gzip);
-    cpuRow("  SHA-256 of two texts", work.sha256);
-    cpuRow("  sum of what cannot be avoided", echo + work.sum());
-    boundedRow("daemon / sum", daemon / (echo + work.sum()), kMostTimesUnavoidable);
+    row("events per second, daemon", "{:.0f}", median(rounds, [](auto& r) { return r.daemonPerSecond; }));
+    row("events per second, bare echo", "{:.0f}", median(rounds, [](auto& r) { return r.echoPerSecond; }));
+    cpuRow("CPU per event, daemon", [](auto& r) { return r.daemon; });
+    cpuRow("  bare D-Bus echo", [](auto& r) { return r.echo; });
+    cpuRow(fmt::format("  RapidJSON, {:.0f} bytes an event", rounds.front().work.jsonBytes),
+           [](auto& r) { return r.work.json; });
+    cpuRow("  zlib", [](auto& r) { return r.work.gzip; });
+    cpuRow("  SHA-256 of two texts", [](auto& r) { return r.work.sha256; });
+    cpuRow("  sum of what cannot be avoided", [](auto& r) { return r.unavoidable(); });
+    boundedRow("daemon / sum", median(rounds, [](auto& r) { return r.ratio(); }), kMostTimesUnavoidable);
+}
+
+void measureLoad(World& world, const EchoServer& echo, std::uint64_t events, Answers answers) {
+    heading(fmt::format("{} events of one client, {}, posted in batches of {}; medians of {} rounds", events,
+                        answers == Answers::Wanted ? "answered" : "unanswered", kBatchSize, kRounds));
+    EventCost cost(world, echo, answers);
+    std::vector<Round> rounds;
+    for (std::uint64_t number = 0; number < kRounds; ++number)
+        rounds.push_back(cost.measure(std::max<std::uint64_t>(events / kRounds, 1)));
+    report(rounds);
+    cost.reportArrivals();
 }
 
 void latencyRow(const char* name, const Latencies& latencies) {
@@ -85,13 +145,10 @@ void measureLatency(World& world, const EchoServer& echo, std::uint64_t calls) {
 }  // namespace
 
 void measureEventCost(const Options& options) {
-    heading(fmt::format("{} events of one client, posted in batches of {}", options.events, kBatchSize));
     World world;
     const EchoServer echo;
-    const Nanoseconds echoCpu = measureEcho(echo, options.events);
-    const Daemon daemon = measureDaemon(world, options.events);
-    row("events per second, daemon", "{:.0f}", daemon.eventsPerSecond);
-    reportCpu(daemon.cpuPerEvent, echoCpu, measureUnavoidableWork(daemon.messages, options.events));
+    for (const Answers answers : {Answers::Wanted, Answers::Unwanted})
+        measureLoad(world, echo, options.events, answers);
     measureLatency(world, echo, options.waitingCalls);
 }
 

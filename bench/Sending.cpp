@@ -38,13 +38,18 @@ void die(const char* what, const std::string& message) {
     std::exit(EXIT_FAILURE);
 }
 
-double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count) {
+double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count, Answers answers) {
     const auto start = Clock::now();
-    for (std::uint64_t number = first; number < first + count - 1; ++number)
-        orDie(client.sendAsync(event(number),
-                               [](const Result<Answer>& answer) { orDie(answer, "pipelined event"); }),
-              "pipelined send");
-    orDie(client.send(event(first + count - 1)), "last event");
+    const std::uint64_t last = first + count - 1;
+    for (std::uint64_t number = first; number < last; ++number) {
+        if (answers == Answers::Unwanted)
+            orDie(client.sendAndForget(event(number)), "unanswered send");
+        else
+            orDie(client.sendAsync(event(number),
+                                   [](const Result<Answer>& answer) { orDie(answer, "pipelined event"); }),
+                  "pipelined send");
+    }
+    orDie(client.send(event(last)), "last event");
     const std::chrono::duration<double> took = Clock::now() - start;
     return static_cast<double>(count) / took.count();
 }

@@ -23,9 +23,13 @@ T orDie(Result<T> result, const char* what) {
     return *std::move(result);
 }
 
+/// Whether the client wants an answer to each event.
+enum class Answers { Wanted, Unwanted };
+
 /// Sends events number `first` and on without waiting for each one's answer, as many unanswered at a time as
-/// the client allows, and waits for the last answer. How many went through in a second.
-double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count);
+/// the client allows, and waits for an answer to the last. How many went through in a second.
+double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count,
+                     Answers answers = Answers::Wanted);
 
 /// How long waiting calls took.
 class Latencies {
