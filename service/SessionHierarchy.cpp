@@ -1,12 +1,10 @@
 #include "service/SessionHierarchy.h"
 
-#include "framework/Keys.h"
 #include "platform/Log.h"
-#include "platform/Text.h"
 #include "session/QuorvanedSession.h"
+#include "util/DeviceFacts.h"
 
-#include <algorithm>
-#include <string_view>
+#include <utility>
 
 namespace quorvane {
 
@@ -19,20 +17,11 @@ namespace {
 /// Keys of emptied groups past this many bytes are forgotten: clients choose them.
 constexpr std::size_t kEmptiedKeyBytes = 1u << 20;
 
-std::string lowercasedName(const Dictionary* userInfo, std::string_view key) {
-    const std::string* name = userInfo != nullptr ? userInfo->string(key) : nullptr;
-    return name != nullptr ? platform::lowercased(*name) : std::string();
+std::string keyOf(const QuorvanedSession& session) {
+    return userInfoKey(session.userInfo().get());
 }
 
 }  // namespace
-
-std::string userInfoKey(const QuorvanedSession& session) {
-    const auto userInfo = session.userInfo();
-    std::string key = lowercasedName(userInfo.get(), kQuorvaneUserInfoClientName);
-    key += ':';
-    key += lowercasedName(userInfo.get(), kQuorvaneUserInfoServiceName);
-    return key;
-}
 
 // Filing.
 
@@ -43,10 +32,10 @@ void SessionHierarchy::userInfoUpdatedForSession(QuorvanedSession& session) {
     }
     const std::scoped_lock lock(_lock);
     removeSession(session);
-    const auto group = groupForKey(userInfoKey(session));
+    const auto group = groupForKey(keyOf(session));
     logDebug("userInfoUpdatedForSession: Adding session {} to list for userInfoKey {}", session.sessionID(),
              group->first);
-    group->second.push_back(&session);
+    group->second.append(session);
     _filed.emplace(&session, group);
 }
 
@@ -64,7 +53,7 @@ void SessionHierarchy::removeSession(const QuorvanedSession& session) {
     if (filed == _filed.end()) return;
     const auto group = filed->second;
     _filed.erase(filed);
-    std::erase(group->second, &session);
+    group->second.remove(session);
     if (group->second.empty()) forgetEmptied(group);
 }
 
@@ -76,9 +65,14 @@ void SessionHierarchy::forgetEmptied(Groups::iterator group) {
         _emptiedKeyBytes += bytes;
 }
 
+void SessionHierarchy::takeLevel(const QuorvanedSession& session, std::int32_t level) {
+    const auto filed = _filed.find(&session);
+    if (filed != _filed.end()) filed->second->second.setLevel(session, level);
+}
+
 // Looking up.
 
-const SessionHierarchy::SessionList* SessionHierarchy::sessionsForKey(const std::string& key) const {
+const SessionList* SessionHierarchy::sessionsForKey(const std::string& key) const {
     const auto found = _correlatedSessions.find(key);
     return found != _correlatedSessions.end() && !found->second.empty() ? &found->second : nullptr;
 }
@@ -88,20 +82,11 @@ bool SessionHierarchy::holds(const SessionList& list, const QuorvanedSession& se
     return filed != _filed.end() && &filed->second->second == &list;
 }
 
-QuorvanedSession* SessionHierarchy::getFirstSessionWithHierarchy(std::int64_t level,
-                                                                 const SessionList* sessionList) {
-    if (sessionList == nullptr) return nullptr;
-    const auto found = std::find_if(
-        sessionList->begin(), sessionList->end(),
-        [=](const QuorvanedSession* session) { return session->getSessionHierarchy() == level; });
-    return found != sessionList->end() ? *found : nullptr;
-}
-
 std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(
     const QuorvanedSession& session) const {
     const std::int32_t hierarchy = session.getSessionHierarchy();
     if (hierarchy == 0) return std::nullopt;
-    const std::string key = userInfoKey(session);
+    const std::string key = keyOf(session);
     logDebug("parentSessionIDStringForSession: Checking userInfoKey '{}' for session {}", key,
              session.sessionID());
     const std::scoped_lock lock(_lock);
@@ -116,24 +101,24 @@ std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(
         return std::nullopt;
     }
     if (hierarchy < 0) return std::nullopt;
+    std::int32_t top = hierarchy;
+    while (top > 0 && sessions->getFirstSessionWithHierarchy(top - 1) != nullptr) --top;
     std::optional<std::string> parents;
-    for (std::int32_t level = hierarchy - 1; level >= 0; --level) {
-        const QuorvanedSession* parent = getFirstSessionWithHierarchy(level, sessions);
-        if (parent == nullptr) {
-            logInfo(
-                "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '{}'",
-                platform::orNull(parents));
-            break;
-        }
-        parents = parents ? parent->sessionIDString() + "." + *parents : parent->sessionIDString();
+    for (std::int32_t level = top; level < hierarchy; ++level) {
+        const std::string& parent = sessions->getFirstSessionWithHierarchy(level)->sessionIDString();
+        parents = parents ? *std::move(parents) + "." + parent : parent;
     }
+    if (top > 0)
+        logInfo(
+            "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '{}'",
+            platform::orNull(parents));
     return parents;
 }
 
 QuorvanedSession* SessionHierarchy::parentSessionForChild(const QuorvanedSession& session) const {
     const std::int32_t hierarchy = session.getSessionHierarchy();
     if (hierarchy == 0) return nullptr;
-    const std::string key = userInfoKey(session);
+    const std::string key = keyOf(session);
     logDebug("parentSessionForChild: Checking userInfoKey '{}' for session {}", key, session.sessionID());
     const SessionList* sessions = sessionsForKey(key);
     if (sessions == nullptr) {
@@ -146,7 +131,7 @@ QuorvanedSession* SessionHierarchy::parentSessionForChild(const QuorvanedSession
         return nullptr;
     }
     const std::int64_t level = std::int64_t{hierarchy} - 1;
-    QuorvanedSession* parent = getFirstSessionWithHierarchy(level, sessions);
+    QuorvanedSession* parent = sessions->getFirstSessionWithHierarchy(level);
     if (parent == nullptr)
         logInfo("parentSessionForChild: Unable to find session with hierarchy of {} for userInfoKey '{}'",
                 level, key);
@@ -162,19 +147,11 @@ QuorvanedSession* SessionHierarchy::getAncestorWithAggregatorForSession(
     }
     const std::int32_t hierarchy = session.getSessionHierarchy();
     if (hierarchy < 1) return nullptr;
-    const SessionList* sessions = sessionsForKey(userInfoKey(session));
+    const SessionList* sessions = sessionsForKey(keyOf(session));
     if (sessions == nullptr) return nullptr;
-    // One pass instead of one a level: levels come from a storebag and may be large, with large gaps.
-    QuorvanedSession* topmost = nullptr;
-    std::int32_t topmostLevel = hierarchy;
-    for (QuorvanedSession* candidate : *sessions) {
-        const std::int32_t level = candidate->getSessionHierarchy();
-        if (level < 0 || level >= topmostLevel || !candidate->hasAggregator()) continue;
-        if (getFirstSessionWithHierarchy(level, sessions) != candidate) continue;
-        topmost = candidate;
-        topmostLevel = level;
-    }
-    return topmost;
+    for (const auto& [level, ancestor] : sessions->firstOfEachLevel())
+        if (level >= 0 && level < hierarchy && ancestor->hasAggregator()) return ancestor;
+    return nullptr;
 }
 
 // What follows from a change.
@@ -184,9 +161,10 @@ void SessionHierarchy::updateDownstreamSessions(QuorvanedSession& session) {
         logInfo("updateDownstreamSessions: No user info found for session {}", session.sessionID());
         return;
     }
-    const std::string key = userInfoKey(session);
+    const std::string key = keyOf(session);
     const std::int32_t hierarchy = session.getSessionHierarchy();
     const std::scoped_lock lock(_lock);
+    takeLevel(session, hierarchy);
     session.updateCombinedSessionID();
     session.syncReportingStates();
     const bool ancestorAggregates = hierarchy >= 1 && getAncestorWithAggregatorForSession(session) != nullptr;
@@ -194,8 +172,8 @@ void SessionHierarchy::updateDownstreamSessions(QuorvanedSession& session) {
 
     const SessionList* sessions = sessionsForKey(key);
     if (sessions == nullptr) return;
-    for (QuorvanedSession* downstream : *sessions) {
-        if (downstream->getSessionHierarchy() <= hierarchy) continue;
+    for (const auto& [downstream, level] : sessions->members()) {
+        if (!level || *level <= hierarchy) continue;
         logDebug(
             "updateDownstreamSessions: Updating combined session ID and syncing reporting states for session {}",
             downstream->sessionID());

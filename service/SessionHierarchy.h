@@ -1,5 +1,7 @@
 #pragma once
 
+#include "service/SessionList.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -9,14 +11,10 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 namespace quorvane {
 
 class QuorvanedSession;
-
-/// "client:service", in small letters, of the session's user info; absent names are empty.
-std::string userInfoKey(const QuorvanedSession& session);
 
 /// Groups of sessions that report about one activity: those of the same client name and service name. In a
 /// group a session's level says where it stands; of several at one level the one filed first counts.
@@ -26,12 +24,10 @@ std::string userInfoKey(const QuorvanedSession& session);
 /// must be removed before they end.
 class SessionHierarchy {
   public:
-    /// In the order of filing.
-    using SessionList = std::vector<QuorvanedSession*>;
-
     explicit SessionHierarchy(std::recursive_mutex& lock) : _lock(lock) {}
 
-    /// Files the session under the key of its user info, and nowhere else.
+    /// Files the session under the key of its user info, and nowhere else. It is nobody's ancestor until
+    /// updateDownstreamSessions(), which takes its level.
     void userInfoUpdatedForSession(QuorvanedSession& session);
     /// The identifiers of the ancestors, from the top down, joined by "."; those above a gap are left out.
     /// Nothing for a session at the top or without a parent.
@@ -42,8 +38,6 @@ class SessionHierarchy {
     QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession& session) const;
     /// Corrects combined identifiers, states and aggregation of the session and of all below it.
     void updateDownstreamSessions(QuorvanedSession& session);
-    /// The first session of the level, or null; the list may be null. Locked.
-    static QuorvanedSession* getFirstSessionWithHierarchy(std::int64_t level, const SessionList* sessionList);
 
     /// Takes the session out of its group. Locked.
     void removeSession(const QuorvanedSession& session);
@@ -58,6 +52,7 @@ class SessionHierarchy {
     bool holds(const SessionList& list, const QuorvanedSession& session) const;
     Groups::iterator groupForKey(const std::string& key);
     void forgetEmptied(Groups::iterator group);
+    void takeLevel(const QuorvanedSession& session, std::int32_t level);
 
     std::recursive_mutex& _lock;
     Groups _correlatedSessions;  ///< By key. Emptied groups stay, so that they are not counted again.
