@@ -7,19 +7,13 @@ namespace quorvane {
 
 void QuorvanedSession::aggregateMessage(double timestamp, std::uint16_t category, std::uint16_t type,
                                         const Dictionary* payload) {
-    bool ownAggregator = false;
-    {
-        // Keeps the ancestor in its group until it has the event.
-        const std::scoped_lock lock(_sessionDelegate.lock());
-        if (QuorvanedSession* ancestor = _sessionDelegate.getAncestorWithAggregatorForSession(*this)) {
-            ancestor->sendToAggregator(_sessionInfo.own().get(), timestamp, category, type, payload);
-            return;
-        }
-        // Read here, so that an ancestor which starts to aggregate meanwhile cannot make the event reach
-        // nobody.
-        ownAggregator = hasAggregator();
-    }
-    if (ownAggregator) sendToAggregator(_sessionInfo.own().get(), timestamp, category, type, payload);
+    // The lock keeps the ancestor in its group until it has the event, and the end of this session's own
+    // aggregation from overtaking it.
+    const std::scoped_lock lock(_sessionDelegate.lock());
+    QuorvanedSession* aggregator = _sessionDelegate.getAncestorWithAggregatorForSession(*this);
+    if (aggregator == nullptr && hasAggregator()) aggregator = this;
+    if (aggregator != nullptr)
+        aggregator->sendToAggregator(_sessionInfo.own().get(), timestamp, category, type, payload);
 }
 
 /// An aggregating client always sees its own session info, whoever sent the event.
