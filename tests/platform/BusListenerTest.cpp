@@ -26,7 +26,8 @@ class BusListenerTest : public testing::Test {
         _listener = listenAtThePath();
         _listener->setDelegate([this](const std::shared_ptr<BusConnection>& connection) {
             if (_refuses) return false;
-            _peer = connection->peer();
+            _process = connection->peer().pid;
+            _user = connection->peer().uid;
             TestObject::exportOn(*connection, std::make_shared<TestObject>(*connection));
             return true;
         });
@@ -77,7 +78,9 @@ class BusListenerTest : public testing::Test {
     std::unique_ptr<BusListener> _listener;
     std::thread _thread;
     std::atomic<bool> _refuses = false;
-    BusConnection::Peer _peer;  ///< Of the last connection; read once that has answered.
+    // Of the last connection.
+    std::atomic<pid_t> _process = 0;
+    std::atomic<uid_t> _user = 0;
 };
 
 TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcess) {
@@ -87,8 +90,8 @@ TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcess) {
     EXPECT_EQ(status.st_mode & 07777, 0666u);
     const BusClient client(_path);
     ASSERT_TRUE(answers(client));
-    EXPECT_EQ(_peer.pid, ::getpid());
-    EXPECT_EQ(_peer.uid, ::getuid());
+    EXPECT_EQ(_process, ::getpid());
+    EXPECT_EQ(_user, ::getuid());
     EXPECT_EQ(listenAtThePath(), nullptr) << "someone listens here";
 }
 
