@@ -1,7 +1,11 @@
+#include "platform/SandboxExtension.h"
+#include "platform/UniqueDescriptor.h"
 #include "tests/session/SessionFixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 
 namespace quorvane {
 namespace {
@@ -11,9 +15,10 @@ using testing::HasSubstr;
 
 class UploadsTest : public SessionFixture {
   protected:
-    static std::vector<bool> upload(QuorvanedSession& session, const std::string& fileURL) {
+    static std::vector<bool> upload(QuorvanedSession& session, const std::string& fileURL,
+                                    const std::string& token = "token") {
         std::vector<bool> replies;
-        session.uploadFileAtPath(fileURL, "token", [&](bool success) { replies.push_back(success); });
+        session.uploadFileAtPath(fileURL, token, [&](bool success) { replies.push_back(success); });
         return replies;
     }
 
@@ -26,6 +31,33 @@ class UploadsTest : public SessionFixture {
         return replies;
     }
 };
+
+TEST_F(UploadsTest, OneBackendThatTakesTheUploadIsEnough) {
+    const Dictionary uploading{{"post_url", _server->url("/upload")}};
+    Dictionary dashboard{{"ip", "127.0.0.1"}, {"port", 9}, {"post_url", _server->url("/logdata")}};
+    _delegate.storebag =
+        storebagWith({{"dashboard", dashboard}, {"httppost", profile()}, {"uploadserver", uploading}});
+    const auto session = startedSession();
+    write("a b.log", "contents");
+    const std::string path = std::filesystem::canonical(_root) / "a b.log";
+    const std::string url = "file://" + (std::filesystem::canonical(_root) / "a%20b.log").string();
+    const auto owner = platform::newExtensionOwner();
+    platform::UniqueDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const std::string token = platform::issueSandboxExtension(owner, std::move(file), {}).value_or("");
+
+    EXPECT_THAT(upload(*session, url, token), ElementsAre(true));
+    EXPECT_EQ(logged("<7>uploadFileWithURL: File upload successful for " + path), 1u);
+    EXPECT_THAT(messageLog(), HasSubstr(") [uploadFileWithURL] Upload succeeded for file " + url + "\n"));
+    EXPECT_THAT(upload(*session, Array{"line"}), ElementsAre(true));
+    EXPECT_EQ(logged("<7>uploadLogData: Log data array upload successful"), 1u);
+    platform::revokeSandboxExtensions(owner);
+
+    const auto requests = _server->requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].target.find("/upload?"), 0u);
+    EXPECT_EQ(requests[0].body, "contents");
+    EXPECT_EQ(requests[1].target, "/logdata");
+}
 
 TEST_F(UploadsTest, BackendsThatTakeNoUploadsAnswerNo) {
     for (const auto& session : {makeSession(), startedSession()}) {
