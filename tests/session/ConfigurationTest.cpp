@@ -86,6 +86,7 @@ TEST_F(ConfigurationTest, StartMakesTheBackendsAndAnswersThoseThatReport) {
     flush(*session);
     const auto events = posted();
     ASSERT_EQ(events.size(), 1u);
+    ASSERT_TRUE(events[0].string("_sessionID"));
     EXPECT_EQ(*events[0].string("_sessionID"), session->sessionIDString());
     EXPECT_EQ(events[0].integer("_eventNumber"), 1);
 

@@ -59,6 +59,7 @@ TEST_F(SingleShotTest, SendsOneEventThroughBackendsOfItsOwn) {
 TEST_F(SingleShotTest, TakesTheUserInfoIntoTheSession) {
     const auto session = startedSession();
     EXPECT_THAT(shoot(*session, info(), names()), ElementsAre("finished"));
+    ASSERT_NE(session->userInfo(), nullptr);
     EXPECT_EQ(*session->userInfo(), names());
     EXPECT_THAT(_delegate.takeCalls(),
                 ElementsAre("userInfoUpdatedForSession", "updateDownstreamSessions", "storebagForSession"));
