@@ -5,8 +5,10 @@
 #include "tools/storebag/KeyRules.h"
 
 #include <algorithm>
-#include <map>
+#include <array>
+#include <span>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -37,6 +39,12 @@ constexpr std::array kDashboard{KeyRule{"display_url", Form::Url}, KeyRule{"ip",
                                 KeyRule{"port", Form::Port, true}, KeyRule{"post_url", Form::Url},
                                 KeyRule{"reliable", Form::Integer}};
 constexpr std::array kUploadServer{KeyRule{"display_url", Form::Url}, KeyRule{"post_url", Form::Url, true}};
+
+const KeyRule* ruleOf(std::string_view key, std::span<const KeyRule> rules) {
+    const auto rule =
+        std::find_if(rules.begin(), rules.end(), [&](const KeyRule& r) { return r.key == key; });
+    return rule != rules.end() ? &*rule : nullptr;
+}
 
 class Check {
   public:
@@ -110,9 +118,8 @@ class Check {
 
     void keys(const Dictionary& holder, std::span<const KeyRule> rules, const std::string& path) {
         for (const auto& [key, value] : holder) {
-            const auto rule =
-                std::find_if(rules.begin(), rules.end(), [&](const KeyRule& r) { return r.key == key; });
-            if (rule == rules.end())
+            const KeyRule* rule = ruleOf(key, rules);
+            if (rule == nullptr)
                 find(path, "no key of the name \"{}\" is read", key);
             else if (!hasForm(value, rule->form))
                 find(fmt::format("{}.{}", path, key), "{} is expected", nameOf(rule->form));
