@@ -1,136 +1,135 @@
 #include "platform/KeyedArchive.h"
 
-#include "platform/PropertyListNode.h"
-#include "platform/Text.h"
-
-#include <plist/plist.h>
+#include "platform/BinaryPropertyListWriter.h"
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <unordered_map>
+#include <vector>
 
 namespace quorvane::platform {
 
 namespace {
 
-constexpr std::uint64_t kVersion = 100'000;
+constexpr std::int64_t kVersion = 100'000;
 /// Archives count seconds since 2001.
 constexpr double kEpochSeconds = 978'307'200;
 
-using Node = PropertyListNode;
-/// An object's number; nothing for what an archive cannot hold.
-using Reference = std::optional<std::uint64_t>;
+using Reference = BinaryPropertyListWriter::Reference;
 
 double archiveTime(Date date) {
     return static_cast<double>(date.microseconds) / 1e6 - kEpochSeconds;
 }
 
-/// Collects the objects. The nodes under construction belong to the list of objects already.
+/// Writes the objects, inner ones first. All references are the property list's own; the functions that add
+/// an object to the archive give that of its UID.
 class Archiver {
   public:
-    Archiver() { append(Node(::plist_new_string("$null"))); }
-
     std::optional<Data> archive(const Array& root) {
-        const Reference reference = add(root);
+        addArchived(literal("$null"));
+        const auto reference = add(root);
         if (!reference) return std::nullopt;
-        const Node archive(::plist_new_dict());
-        plist_t top = ::plist_new_dict();
-        ::plist_dict_set_item(top, "root", ::plist_new_uid(*reference));
-        ::plist_dict_set_item(archive.get(), "$archiver", ::plist_new_string("KeyedArchiver"));
-        ::plist_dict_set_item(archive.get(), "$version", ::plist_new_uint(kVersion));
-        ::plist_dict_set_item(archive.get(), "$top", top);
-        ::plist_dict_set_item(archive.get(), "$objects", _objects.release());
-        return writtenNode(archive.get(), ::plist_to_bin);
+        return _list.finish(dictionary({{"$archiver", literal("KeyedArchiver")},
+                                        {"$version", _list.add(kVersion)},
+                                        {"$top", dictionary({{"root", *reference}})},
+                                        {"$objects", _list.addArray(_objects)}}));
     }
 
   private:
-    std::uint64_t append(Node object) {
-        ::plist_array_append_item(_objects.get(), object.release());
-        return _count++;
-    }
+    using MaybeReference = std::optional<Reference>;
+    struct Field {
+        std::string_view key;
+        Reference value;
+    };
 
-    Reference add(const Value& value) {
+    MaybeReference add(const Value& value) {
         return value.visit([this](const auto& held) { return add(held); });
     }
 
-    Reference add(bool flag) { return append(Node(::plist_new_bool(flag ? 1 : 0))); }
-    Reference add(std::int64_t number) { return append(signedNode(number)); }
-    Reference add(std::uint64_t number) { return append(unsignedNode(number)); }
-    Reference add(double number) { return append(Node(::plist_new_real(number))); }
-    Reference add(const Data& data) { return append(dataNode(data)); }
+    MaybeReference add(bool flag) { return addArchived(_list.add(flag)); }
+    MaybeReference add(std::int64_t number) { return addArchived(_list.add(number)); }
+    MaybeReference add(std::uint64_t number) { return addArchived(_list.add(number)); }
+    MaybeReference add(double number) { return addArchived(_list.add(number)); }
+    MaybeReference add(const Data& data) { return addArchived(_list.add(data)); }
 
-    Reference add(const std::string& text) {
-        const auto known = _texts.find(text);
-        if (known != _texts.end()) return known->second;
-        if (!isUtf8(text) || text.find('\0') != std::string::npos) return std::nullopt;
-        return _texts[text] = append(Node(::plist_new_string(text.c_str())));
+    MaybeReference add(const std::string& text) {
+        const auto [known, isNew] = _texts.try_emplace(text);
+        if (!isNew) return known->second;
+        const MaybeReference added = _list.add(std::string_view(text));
+        if (!added) return std::nullopt;
+        return known->second = addArchived(*added);
     }
 
-    Reference add(Date date) {
-        const auto [object, reference] = appendObject("Date");
-        ::plist_dict_set_item(object, "time", ::plist_new_real(archiveTime(date)));
-        return reference;
-    }
+    MaybeReference add(Date date) { return addObject("Date", {{"time", _list.add(archiveTime(date))}}); }
 
-    Reference add(const Array& array) {
-        const auto [object, reference] = appendObject("Array");
-        plist_t objects = setArray(object, "objects");
+    MaybeReference add(const Array& array) {
+        std::vector<Reference> objects;
+        objects.reserve(array.size());
         for (const Value& element : array)
-            if (!appendReference(objects, add(element))) return std::nullopt;
-        return reference;
+            if (!append(objects, add(element))) return std::nullopt;
+        return addObject("Array", {{"objects", _list.addArray(objects)}});
     }
 
-    Reference add(const Dictionary& dictionary) {
-        const auto [object, reference] = appendObject("Dictionary");
-        plist_t keys = setArray(object, "keys");
-        plist_t objects = setArray(object, "objects");
+    MaybeReference add(const Dictionary& dictionary) {
+        std::vector<Reference> keys;
+        std::vector<Reference> objects;
+        keys.reserve(dictionary.size());
+        objects.reserve(dictionary.size());
         for (const auto& [key, value] : dictionary)
-            if (!appendReference(keys, add(key)) || !appendReference(objects, add(value)))
-                return std::nullopt;
-        return reference;
+            if (!append(keys, add(key)) || !append(objects, add(value))) return std::nullopt;
+        return addObject("Dictionary",
+                         {{"keys", _list.addArray(keys)}, {"objects", _list.addArray(objects)}});
     }
 
-    struct Object {
-        plist_t node;
-        std::uint64_t reference;
-    };
-
-    Object appendObject(const char* className) {
-        plist_t node = ::plist_new_dict();
-        const std::uint64_t reference = append(Node(node));
-        ::plist_dict_set_item(node, "$class", ::plist_new_uid(classReference(className)));
-        return {node, reference};
-    }
-
-    std::uint64_t classReference(const char* name) {
-        const auto known = _classes.find(name);
-        if (known != _classes.end()) return known->second;
-        plist_t node = ::plist_new_dict();
-        ::plist_dict_set_item(node, "$classname", ::plist_new_string(name));
-        plist_t classes = setArray(node, "$classes");
-        ::plist_array_append_item(classes, ::plist_new_string(name));
-        ::plist_array_append_item(classes, ::plist_new_string("Object"));
-        return _classes[name] = append(Node(node));
-    }
-
-    static plist_t setArray(plist_t object, const char* key) {
-        plist_t array = ::plist_new_array();
-        ::plist_dict_set_item(object, key, array);
-        return array;
-    }
-
-    static bool appendReference(plist_t array, const Reference& reference) {
-        if (reference) ::plist_array_append_item(array, ::plist_new_uid(*reference));
+    static bool append(std::vector<Reference>& references, MaybeReference reference) {
+        if (reference) references.push_back(*reference);
         return reference.has_value();
     }
 
-    Node _objects{::plist_new_array()};
-    std::uint64_t _count = 0;
+    Reference addObject(std::string_view className, std::initializer_list<Field> fields) {
+        std::vector<Field> all{{"$class", classNamed(className)}};
+        all.insert(all.end(), fields.begin(), fields.end());
+        return addArchived(dictionary(all));
+    }
+
+    Reference classNamed(std::string_view name) {
+        const auto [known, isNew] = _classes.try_emplace(name);
+        if (!isNew) return known->second;
+        const Reference names[] = {literal(name), literal("Object")};
+        return known->second = addArchived(
+                   dictionary({{"$classname", literal(name)}, {"$classes", _list.addArray(names)}}));
+    }
+
+    Reference addArchived(Reference object) {
+        _objects.push_back(object);
+        return _list.addUid(static_cast<std::uint32_t>(_objects.size() - 1));
+    }
+
+    Reference dictionary(const std::vector<Field>& fields) {
+        std::vector<Reference> keys;
+        std::vector<Reference> values;
+        for (const auto& [key, value] : fields) {
+            keys.push_back(literal(key));
+            values.push_back(value);
+        }
+        return _list.addDictionary(keys, values);
+    }
+
+    /// One of the layout's own texts, which are ASCII.
+    Reference literal(std::string_view text) {
+        const auto [known, isNew] = _literals.try_emplace(text);
+        if (isNew) known->second = _list.add(text).value();
+        return known->second;
+    }
+
+    BinaryPropertyListWriter _list;
+    std::vector<Reference> _objects;
     /// The texts stand in the archived value.
-    std::unordered_map<std::string_view, std::uint64_t> _texts;
-    std::unordered_map<std::string_view, std::uint64_t> _classes;
+    std::unordered_map<std::string_view, Reference> _texts;
+    std::unordered_map<std::string_view, Reference> _classes;
+    std::unordered_map<std::string_view, Reference> _literals;
 };
 
 }  // namespace

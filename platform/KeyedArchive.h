@@ -18,7 +18,7 @@ namespace quorvane::platform {
 ///   Dictionary   "keys" and "objects": UIDs, in the same order
 ///   Date         "time": seconds since 2001, a real number
 ///
-/// Nothing when a text in it is not UTF-8 or holds a NUL. Thread-safe.
+/// Nothing when a text in it is not UTF-8. Thread-safe.
 std::optional<Data> keyedArchive(const Array& root);
 
 }  // namespace quorvane::platform

@@ -1,17 +1,21 @@
 #include "platform/PropertyList.h"
 
 #include "platform/BinaryPropertyList.h"
-#include "platform/PropertyListNode.h"
 #include "platform/Text.h"
 #include "platform/XmlPropertyListBounds.h"
 
 #include <plist/plist.h>
 
+#include <cstdlib>
+
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <string_view>
 #include <type_traits>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace quorvane::platform {
 
@@ -21,8 +25,14 @@ constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 /// Property lists count seconds since 2001.
 constexpr std::int64_t kEpoch = std::int64_t{978'307'200} * kMicrosecondsPerSecond;
 
-using Node = PropertyListNode;
-using Memory = PropertyListMemory;
+struct FreeNode {
+    void operator()(void* node) const { ::plist_free(node); }
+};
+struct FreeMemory {
+    void operator()(char* memory) const { std::free(memory); }
+};
+using Node = std::unique_ptr<void, FreeNode>;
+using Memory = std::unique_ptr<char, FreeMemory>;
 
 std::optional<Value> valueOf(plist_t node);
 
@@ -134,6 +144,15 @@ bool isXmlText(const std::string& text) {
 
 Node nodeOf(const Value& value);
 
+Node unsignedNode(std::uint64_t number) {
+    if (number <= std::numeric_limits<std::int64_t>::max()) return Node(::plist_new_uint(number));
+    // plist_new_uint makes a negative number of it; the parser does not.
+    const std::string xml = fmt::format("<plist><integer>{}</integer></plist>", number);
+    plist_t node = nullptr;
+    ::plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
+    return Node(node);
+}
+
 Node dateNode(Date date) {
     const std::int64_t since = date.microseconds - kEpoch;
     std::int64_t seconds = since / kMicrosecondsPerSecond;
@@ -172,7 +191,7 @@ Node nodeOf(const Value& value) {
         else if constexpr (std::is_same_v<Held, bool>)
             return Node(::plist_new_bool(held ? 1 : 0));
         else if constexpr (std::is_same_v<Held, std::int64_t>)
-            return signedNode(held);
+            return Node(::plist_new_uint(static_cast<std::uint64_t>(held)));
         else if constexpr (std::is_same_v<Held, std::uint64_t>)
             return unsignedNode(held);
         else if constexpr (std::is_same_v<Held, double>)
@@ -180,7 +199,7 @@ Node nodeOf(const Value& value) {
         else if constexpr (std::is_same_v<Held, Date>)
             return dateNode(held);
         else if constexpr (std::is_same_v<Held, Data>)
-            return dataNode(held);
+            return Node(::plist_new_data(reinterpret_cast<const char*>(held.data()), held.size()));
         else if constexpr (std::is_same_v<Held, Array>)
             return arrayNode(held);
         else
@@ -191,7 +210,12 @@ Node nodeOf(const Value& value) {
 std::optional<Data> written(const Value& value, void (*write)(plist_t, char**, std::uint32_t*)) {
     const Node node = nodeOf(value);
     if (!node) return std::nullopt;
-    return writtenNode(node.get(), write);
+    char* start = nullptr;
+    std::uint32_t size = 0;
+    write(node.get(), &start, &size);
+    const Memory owned(start);
+    if (start == nullptr) return std::nullopt;
+    return Data(start, start + size);
 }
 
 }  // namespace

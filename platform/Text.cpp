@@ -157,6 +157,18 @@ std::optional<std::string> utf8FromUtf16(std::u16string_view text) {
     return out;
 }
 
+std::optional<std::u16string> utf16FromUtf8(std::string_view text) {
+    std::u16string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const char32_t point = takeCodePoint(text);
+        if (point >= kRawByte) return std::nullopt;
+        if (point >= 0x10000) out += static_cast<char16_t>(0xd7c0 + (point >> 10));
+        out += static_cast<char16_t>(point >= 0x10000 ? 0xdc00 + (point & 0x3ff) : point);
+    }
+    return out;
+}
+
 std::string escapedControls(std::string_view text, std::string_view kept) {
     std::string out;
     out.reserve(text.size() + 8);

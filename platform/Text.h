@@ -19,6 +19,8 @@ bool containsIgnoringCase(std::string_view text, std::string_view part);
 bool isUtf8(std::string_view text);
 /// The text in UTF-8; nothing when half of a surrogate pair stands alone in it.
 std::optional<std::string> utf8FromUtf16(std::u16string_view text);
+/// The text in UTF-16; nothing when it is not UTF-8.
+std::optional<std::u16string> utf16FromUtf8(std::string_view text);
 
 /// The text with its ASCII control characters written as \n, \r or \xNN, all but the kept ones.
 std::string escapedControls(std::string_view text, std::string_view kept);

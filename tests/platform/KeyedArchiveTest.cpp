@@ -22,13 +22,16 @@ std::string archivedJson(const Array& array) {
 
 TEST(KeyedArchive, AnotherReaderFindsEveryKindOfValue) {
     EXPECT_EQ(archivedJson({}), "[]");
+    const std::string fifteen(15, 'x');
+    EXPECT_EQ(archivedJson({"a \xc3\xbc", "", "\xf0\x9f\x93\x84", "$null", "\x1b[1m\t", "", fifteen}),
+              R"(["a \u00fc", "", "\ud83d\udcc4", "$null", "\u001b[1m\t", "", "xxxxxxxxxxxxxxx"])");
+    using Signed = std::numeric_limits<std::int64_t>;
+    using Unsigned = std::numeric_limits<std::uint64_t>;
+    EXPECT_EQ(archivedJson({true, false, 1, 0, -5, 255, 256, 65'536, 0.5, Signed::min(), Unsigned::max()}),
+              "[true, false, 1, 0, -5, 255, 256, 65536, 0.5, -9223372036854775808, 18446744073709551615]");
     EXPECT_EQ(
-        archivedJson({"a \xc3\xbc", "", "$null", "\x1b[1m\t", "a \xc3\xbc", true, false, 1, 0, -5, 0.5,
-                      std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::uint64_t>::max(),
-                      Data{}, Data{0, 1, 255}, Date{1'763'280'000'250'000}, Date{-4'000'000'000'000'000}}),
-        R"(["a \u00fc", "", "$null", "\u001b[1m\t", "a \u00fc", true, false, 1, 0, -5, 0.5, )"
-        R"(-9223372036854775808, 18446744073709551615, {"data": ""}, {"data": "0001ff"}, )"
-        R"({"date": 1763280000.25}, {"date": -4000000000.0}])");
+        archivedJson({Data{}, Data{0, 1, 255}, Date{1'763'280'000'250'000}, Date{-4'000'000'000'000'000}}),
+        R"([{"data": ""}, {"data": "0001ff"}, {"date": 1763280000.25}, {"date": -4000000000.0}])");
 }
 
 TEST(KeyedArchive, ContainersKeepTheirShape) {
@@ -51,10 +54,8 @@ TEST(KeyedArchive, ReferencesOfEveryWidthLead) {
 }
 
 TEST(KeyedArchive, ATextThatItCannotHoldYieldsNothing) {
-    const Value wrong(std::string("a\0b", 3));
-    EXPECT_EQ(keyedArchive({wrong}), std::nullopt);
     EXPECT_EQ(keyedArchive({"\xff"}), std::nullopt);
-    EXPECT_EQ(keyedArchive({Dictionary{{"key", Array{1, wrong}}}}), std::nullopt);
+    EXPECT_EQ(keyedArchive({Dictionary{{"key", Array{1, "a\xed\xa0\x80"}}}}), std::nullopt);
     EXPECT_EQ(keyedArchive({Dictionary{{"\xc3", 1}}}), std::nullopt);
 }
 
