@@ -186,8 +186,11 @@ TEST_F(SessionHierarchyTest, NamesThatDifferInCaseShareAGroupAndOthersDoNot) {
     child.session->fetchStatesWithUserInfo(names("Mail2"), {});
     EXPECT_EQ(parentOf(child), nullptr) << "it has moved to the other group";
     EXPECT_EQ(_family.hierarchy.groupCount(), 2u);
-    EXPECT_EQ(userInfoKey(*configured(0, std::nullopt).session), ":");
-    EXPECT_EQ(userInfoKey(*configured(0, Dictionary{{"ServiceName", "X"}, {"ClientName", 5}}).session), ":x");
+    EXPECT_EQ(userInfoKey(configured(0, std::nullopt).session->userInfo().get()), ":");
+    EXPECT_EQ(
+        userInfoKey(
+            configured(0, Dictionary{{"ServiceName", "X"}, {"ClientName", 5}}).session->userInfo().get()),
+        ":x");
 }
 
 TEST_F(SessionHierarchyTest, ASessionThatIsNotFiledHasNoParents) {
