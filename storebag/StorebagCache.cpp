@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::int32_t kSecondsBetweenAttempts = 900;
 
+constexpr std::string_view kFetchSuccessful = "Fetch Successful";
+constexpr std::string_view kFetchFailure = "Fetch Failure";
+
 /// The seconds between the time and now; a clock that went back counts as elapsed time too.
 double secondsSince(const platform::TimeValue& then) {
     const platform::TimeValue now = platform::timeOfDay();
@@ -38,12 +41,13 @@ std::shared_ptr<const Dictionary> StorebagCache::storebagForSession(std::uint32_
     const auto [found, isNew] = _cachedStorebags.try_emplace(*name);
     Entry& entry = found->second;
     if (!isNew) {
+        const bool successful = entry.fetchState == kFetchSuccessful;
         const double age = secondsSince(entry.fetchTime);
-        if (entry.fetchSuccessful && age < entry.maxAge) {
+        if (successful && age < entry.maxAge) {
             logDebug("storebagForSession: Cached storebag found for client type {}", clientType);
             return entry.storebagData;
         }
-        if (!entry.fetchSuccessful && age < kSecondsBetweenAttempts) {
+        if (!successful && age < kSecondsBetweenAttempts) {
             logInfo(
                 "storebagForSession: Not fetching storebag for client type {} - must wait {} seconds between attempts",
                 clientType, kSecondsBetweenAttempts);
@@ -78,8 +82,9 @@ void StorebagCache::fetchAndCacheStorebag(std::int32_t clientType, Entry& entry)
         logError("fetchAndCacheStorebag: Unable to fetch storebag for client type {}", clientType);
     }
     entry.fetchTime = platform::timeOfDay();
-    entry.fetchSuccessful = received || notModified;
-    entry.maxAge = entry.fetchSuccessful ? maxAge : 0;
+    const bool successful = received || notModified;
+    entry.fetchState = successful ? kFetchSuccessful : kFetchFailure;
+    entry.maxAge = successful ? maxAge : 0;
 }
 
 }  // namespace quorvane

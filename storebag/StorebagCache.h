@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace quorvane {
 
@@ -31,8 +32,8 @@ class StorebagCache {
         std::shared_ptr<const Dictionary> storebagData;
         std::optional<std::string> storebagVersion;
         platform::TimeValue fetchTime;
-        bool fetchSuccessful = false;
-        std::int32_t maxAge = 0;  ///< Seconds.
+        std::string_view fetchState;  ///< How the last attempt ended.
+        std::int32_t maxAge = 0;      ///< Seconds.
         std::optional<std::string> lastModified;
     };
 
