@@ -124,18 +124,19 @@ TEST_F(UploadTest, ATokenIsGoodOnceOnItsOwnConnectionForItsOwnFile) {
     std::filesystem::create_symlink("file.log", _device.root() / "home/link.log");
 
     const std::string token = owner.lend(file());
-    EXPECT_FALSE(other.upload(file(), token));
     for (const char* guess : {"", "token", "00000000-0000-0000-0000-000000000000"})
         EXPECT_FALSE(owner.upload(file(), guess)) << guess;
-    for (const char* wrong : {"home/other.log", "home/link.log", "home", "etc/quorvane/device.toml"})
-        EXPECT_FALSE(owner.upload(_device.root() / wrong, owner.lend(file()))) << wrong;
-    EXPECT_FALSE(owner.upload("/etc/passwd", token));
-    EXPECT_FALSE(owner.upload(file(), token)) << "the wrong path used it up";
+    EXPECT_FALSE(other.upload(file(), token));
     EXPECT_THAT(received("/upload"), IsEmpty());
+    EXPECT_TRUE(owner.upload(file(), token)) << "the attempts did not use it up";
+    EXPECT_FALSE(owner.upload(file(), token)) << "replayed";
 
-    const std::string second = owner.lend(file());
-    EXPECT_TRUE(owner.upload(file(), second));
-    EXPECT_FALSE(owner.upload(file(), second)) << "replayed";
+    for (const char* wrong : {"home/other.log", "home/link.log", "home", "etc/quorvane/consent.toml"}) {
+        const std::string lent = owner.lend(file());
+        EXPECT_FALSE(owner.upload(_device.root() / wrong, lent)) << wrong;
+        EXPECT_FALSE(owner.upload(file(), lent)) << "the wrong path used it up";
+    }
+    EXPECT_FALSE(owner.upload("/etc/passwd", owner.lend(file())));
     EXPECT_EQ(received("/upload").size(), 1u);
     EXPECT_TRUE(std::filesystem::exists(file())) << "only the client removes it";
 }
