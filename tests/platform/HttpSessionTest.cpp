@@ -1,8 +1,10 @@
 #include "platform/HttpSession.h"
 #include "platform/Text.h"
 #include "platform/UniqueDescriptor.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RootFixture.h"
+#include "tests/support/TestCertificate.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -178,6 +180,48 @@ TEST_F(HttpSessionTest, KeepsConnectionsAliveAndFollowsNoRedirect) {
     }
     EXPECT_EQ(server.requestCount(), 5u);
     EXPECT_EQ(ports.size(), 1u);
+}
+
+/// A port that was free a moment ago.
+int freePort() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    const UniqueDescriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ::bind(probe.get(), reinterpret_cast<sockaddr*>(&address), size);
+    ::getsockname(probe.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+}
+
+TEST_F(HttpSessionTest, PostsOverOneConnectionWhereTheServerOffersHttp2) {
+    const test::TestCertificate certificate = test::makeTestCertificate();
+    test::trustCertificate(certificate, _root, "http2");
+    write("certificate.pem", certificate.certificate);
+    write("key.pem", certificate.key);
+    const int port = freePort();
+    const auto server = test::ChildProcess::start(
+        {QUORVANE_NGHTTPD, "--address=127.0.0.1", "--echo-upload", "--verbose", std::to_string(port),
+         (_root / "key.pem").string(), (_root / "certificate.pem").string()});
+    ASSERT_NE(server, nullptr);
+    ASSERT_TRUE(server->waitForOutput("listen 127.0.0.1"));
+
+    std::atomic<int> echoed = 0;
+    for (int i = 0; i < 20; ++i) {
+        HttpRequest request;
+        request.url = fmt::format("https://127.0.0.1:{}/events", port);
+        request.method = "POST";
+        request.headers = {{"X-QVN-Sender", "ABC"}};
+        request.body = bytes("body " + std::to_string(i));
+        const Data sent = request.body;
+        startDataTask(std::move(request), [&echoed, sent](const HttpResult& result) {
+            echoed += result.response && result.response->body == sent;
+        });
+    }
+    EXPECT_TRUE(drainHttpSession(30s));
+    EXPECT_EQ(echoed, 20);
+    EXPECT_TRUE(server->waitForOutput("x-qvn-sender: ABC"));
+    EXPECT_EQ(server->output().find("[id=2]"), std::string::npos) << "a second connection";
 }
 
 TEST_F(HttpSessionTest, ServersThatAnswerNoHttpAreErrors) {
