@@ -11,7 +11,6 @@
 
 #include <condition_variable>
 #include <limits>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -59,9 +58,6 @@ struct CountingServer::Held {
         server.set_keep_alive_timeout(60);
         server.set_tcp_nodelay(true);
         server.set_payload_max_length(std::numeric_limits<std::size_t>::max());
-        server.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
-            answerGet(request.path, response);
-        });
         server.Post("/upload.*", [](const httplib::Request&, httplib::Response& response,
                                     const httplib::ContentReader& content) {
             content([](const char*, std::size_t) { return true; });
@@ -78,16 +74,6 @@ struct CountingServer::Held {
         setStalled(false);
         server.stop();
         thread.join();
-    }
-
-    void answerGet(const std::string& path, httplib::Response& response) {
-        const std::lock_guard lock(mutex);
-        const auto file = files.find(path);
-        if (file == files.end())
-            response.status = 404;
-        else
-            response.set_content(reinterpret_cast<const char*>(file->second.data()), file->second.size(),
-                                 "application/octet-stream");
     }
 
     void countPost(const std::string& body) {
@@ -113,7 +99,6 @@ struct CountingServer::Held {
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     // Guarded by the mutex.
-    std::map<std::string, Data> files;
     std::uint64_t events = 0;
     std::uint64_t posts = 0;
     bool stalled = false;
@@ -131,11 +116,6 @@ CountingServer::~CountingServer() = default;
 
 std::string CountingServer::url(std::string_view path) const {
     return fmt::format("https://127.0.0.1:{}{}", _held->port, path);
-}
-
-void CountingServer::serve(const std::string& path, const Data& body) {
-    const std::lock_guard lock(_held->mutex);
-    _held->files[path] = body;
 }
 
 std::uint64_t CountingServer::events() const {

@@ -13,8 +13,8 @@
 
 namespace quorvane::bench {
 
-/// An HTTPS server that stands in for storebag server, collector and upload server. It counts what is posted
-/// and forgets it. Everything is thread-safe.
+/// An HTTPS server that stands in for collector and upload server. It counts what is posted and forgets it.
+/// Everything is thread-safe.
 class CountingServer {
   public:
     /// Trusted in the root: its certificate is put there.
@@ -25,9 +25,6 @@ class CountingServer {
 
     /// "https://127.0.0.1:PORT" and the path, which starts with a slash.
     std::string url(std::string_view path) const;
-
-    /// What a GET of the path is answered with; other paths give 404.
-    void serve(const std::string& path, const Data& body);
 
     /// Posted events of the load; the daemon's own do not count.
     std::uint64_t events() const;

@@ -1,9 +1,9 @@
 #include "backends/DashboardBackend.h"
+#include "bench/Die.h"
 #include "bench/Load.h"
 #include "bench/Options.h"
 #include "bench/ProcessFigures.h"
 #include "bench/Report.h"
-#include "bench/Sending.h"
 #include "platform/UniqueDescriptor.h"
 
 #include <arpa/inet.h>

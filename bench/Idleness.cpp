@@ -1,3 +1,4 @@
+#include "bench/Die.h"
 #include "bench/Options.h"
 #include "bench/Report.h"
 #include "bench/Sending.h"
@@ -13,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t kEventsBefore = 1000;
 
-void measureIdleSeconds(const World& world, std::chrono::seconds idle, const char* title) {
+void measureIdleSeconds(World& world, std::chrono::seconds idle, const char* title) {
     const CpuMeter cpu(world.daemon());
     const std::uint64_t switches = contextSwitches(world.daemon());
     std::this_thread::sleep_for(idle);

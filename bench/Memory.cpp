@@ -1,3 +1,4 @@
+#include "bench/Die.h"
 #include "bench/Options.h"
 #include "bench/Report.h"
 #include "bench/Sending.h"
@@ -23,7 +24,7 @@ constexpr double kMostSessionKiB = 64;
 /// What waits to be sent, by default, and as much again for what stands around it.
 constexpr double kMostStalledMiB = 32;
 
-double anonymousMiB(const World& world) {
+double anonymousMiB(World& world) {
     return static_cast<double>(anonymousBytes(world.daemon())) / kMiB;
 }
 

@@ -1,13 +1,11 @@
 #include "bench/Sending.h"
 
+#include "bench/Die.h"
 #include "bench/Load.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <utility>
-
-#include <fmt/format.h>
 
 namespace quorvane::bench {
 
@@ -31,11 +29,6 @@ Latencies timeEach(std::uint64_t count, const Function& function) {
 
 Event event(std::uint64_t number) {
     return {.category = kCategory, .type = kType, .payload = payload(number), .flag = 0};
-}
-
-void die(const char* what, const std::string& message) {
-    fmt::print(stderr, "{}: {}\n", what, message);
-    std::exit(EXIT_FAILURE);
 }
 
 double sendPipelined(Client& client, std::uint64_t first, std::uint64_t count, Answers answers) {

@@ -13,16 +13,6 @@ namespace quorvane::bench {
 /// The number-th event of the load.
 Event event(std::uint64_t number);
 
-/// Ends the program: a measurement with errors in it is none.
-[[noreturn]] void die(const char* what, const std::string& message);
-
-/// The value; ends the program when there is an error.
-template <typename T>
-T orDie(Result<T> result, const char* what) {
-    if (!result) die(what, result.error().message);
-    return *std::move(result);
-}
-
 /// Whether the client wants an answer to each event.
 enum class Answers { Wanted, Unwanted };
 

@@ -1,7 +1,8 @@
 #include "bench/Unavoidable.h"
 
+#include "bench/BusMessage.h"
+#include "bench/Die.h"
 #include "bench/Load.h"
-#include "bench/Sending.h"
 #include "platform/Json.h"
 
 #include <openssl/evp.h>
@@ -97,6 +98,17 @@ Nanoseconds perEvent(const std::vector<Batch>& batches, std::uint64_t events, co
     return cpu.used() / static_cast<double>(done);
 }
 
+Nanoseconds readingPerEvent(std::uint64_t events) {
+    const Bus bus = makeBus();
+    std::vector<BusMessage> calls;
+    for (std::uint64_t number = 0; number < 500; ++number)
+        calls.push_back(makeCall(bus.get(), message(number)));
+    return perEvent(calls, events, [](const BusMessage& call, std::size_t) {
+        readAllValues(call.get());
+        return 1;
+    });
+}
+
 }  // namespace
 
 UnavoidableWork measureUnavoidableWork(const std::vector<Data>& messages, std::uint64_t events) {
@@ -111,6 +123,7 @@ UnavoidableWork measureUnavoidableWork(const std::vector<Data>& messages, std::u
 
     UnavoidableWork work;
     work.jsonBytes = bytes / records;
+    work.reading = readingPerEvent(events);
     rapidjson::StringBuffer buffer;
     work.json = perEvent(batches, events, [&](const Array& batch, std::size_t) {
         buffer.Clear();

@@ -1,7 +1,7 @@
+#include "bench/Die.h"
 #include "bench/Load.h"
 #include "bench/Options.h"
 #include "bench/Report.h"
-#include "bench/Sending.h"
 #include "bench/Unavoidable.h"
 #include "bench/World.h"
 

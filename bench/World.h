@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bench/CountingServer.h"
-#include "tests/support/ChildProcess.h"
+#include "tests/support/DaemonFixture.h"
 
 #include <quorvane/Client.h>
 
@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <string>
 
 namespace quorvane::bench {
@@ -35,31 +34,23 @@ inline constexpr std::uint64_t kBatchSize = 50;
 /// How many of so many events sent to a new batched session arrive when it is flushed at the end.
 std::uint64_t arrivingEvents(std::uint64_t sent);
 
-/// A device with a running quorvaned: a folder of its own with signed storebags, and the server that they
-/// point at. Throws when something does not start.
+/// A device with a running quorvaned, whose storebags point at a collector that only counts. Throws when
+/// something does not start.
 class World {
   public:
     World();
-    ~World();
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
 
-    pid_t daemon() const { return _daemon->pid(); }
-    CountingServer& collector() { return *_collector; }
-    std::string socketPath() const;
-    const std::filesystem::path& root() const { return _root; }
+    pid_t daemon() { return _device.daemon().pid(); }
+    CountingServer& collector() { return _collector; }
+    std::string socketPath() const { return _device.socketPath(); }
+    const std::filesystem::path& root() const { return _device.root(); }
 
     /// A connection whose session is set up and reports.
     Client openSession(const SessionSetup& setup = {});
 
   private:
-    void install();
-    void publishStorebags();
-    void start();
-
-    std::filesystem::path _root;
-    std::unique_ptr<CountingServer> _collector;
-    std::unique_ptr<test::ChildProcess> _daemon;
+    test::DaemonFixture _device;
+    CountingServer _collector;
     std::uint32_t _nextSessionID = 1;
 };
 
