@@ -29,7 +29,10 @@ TEST_F(AggregationRelayTest, AnAggregatingClientGetsItsOwnEventsBeforeTheBackend
     _client->takeEvents();
     const std::size_t sent = logged("<7>HTTPSPostBackend(sendMessage): Sending");
     std::size_t sentAtRelay = 0;
-    _client->onEvent = [&] { sentAtRelay = logged("<7>HTTPSPostBackend(sendMessage): Sending"); };
+    _client->onEvent = [&] {
+        sentAtRelay = logged("<7>HTTPSPostBackend(sendMessage): Sending");
+        EXPECT_TRUE(_delegate.locked()) << "or the end of aggregation could come before the event";
+    };
     const Dictionary payload{{"count", 1}};
     send(*session, 5, 6, &payload);
     EXPECT_EQ(sentAtRelay, sent);
@@ -42,6 +45,7 @@ TEST_F(AggregationRelayTest, AnAggregatingClientGetsItsOwnEventsBeforeTheBackend
     EXPECT_EQ(events[0].category, 5);
     EXPECT_EQ(events[0].type, 6);
     EXPECT_EQ(events[0].payload, payload);
+    _client->onEvent = nullptr;
 
     send(*session, 5, 6, nullptr);
     EXPECT_EQ(_client->takeEvents().at(0).payload, std::nullopt);
