@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -54,6 +55,7 @@ class Family final : public QuorvanedSessionDelegate {
     std::optional<std::string> storebagVersionForSession(const QuorvanedSession&) override { return "1"; }
     void userInfoUpdatedForSession(QuorvanedSession& session) override {
         hierarchy.userInfoUpdatedForSession(session);
+        if (whenFiled) std::exchange(whenFiled, nullptr)();
     }
     void updateDownstreamSessions(QuorvanedSession& session) override {
         hierarchy.updateDownstreamSessions(session);
@@ -74,6 +76,8 @@ class Family final : public QuorvanedSessionDelegate {
 
   public:
     SessionHierarchy hierarchy{_lock};
+    /// Runs once, when the next session has been filed and its backends are not set up yet.
+    std::function<void()> whenFiled;
 };
 
 /// The session is removed from the hierarchy when the last share of it goes, as the agent does it.
@@ -240,6 +244,17 @@ TEST_F(SessionHierarchyTest, AChildFollowsTheStatesOfItsParent) {
     top.session->startConfigWithCompletionHandler({});
     EXPECT_THAT(top.session->fetchReportingStates(), Optional(testing::IsEmpty()));
     EXPECT_THAT(child.session->fetchReportingStates(), Optional(testing::IsEmpty()));
+}
+
+TEST_F(SessionHierarchyTest, ASessionThatIsBeingSetUpIsNobodysParent) {
+    // Until its backends know their level they stand at the top and do not report.
+    Member child;
+    _family.whenFiled = [&] { child = started(1); };
+    const Member lower = started(2);
+    EXPECT_EQ(parentsOf(child), std::nullopt);
+    EXPECT_THAT(child.session->fetchReportingStates(), Optional(ElementsAre("httppost")));
+    EXPECT_EQ(parentOf(lower), child.session.get());
+    EXPECT_EQ(parentsOf(lower), child.session->sessionIDString());
 }
 
 TEST_F(SessionHierarchyTest, OnlyTheTopmostAggregatorKeepsAggregating) {
