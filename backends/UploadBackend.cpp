@@ -96,10 +96,10 @@ std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& na
         logError("UploadBackend(initWithName): can't resolve upload post URL.");
         return nullptr;
     }
-    return std::shared_ptr<UploadBackend>(new UploadBackend(name, std::move(profile), productFamily));
+    return std::shared_ptr<UploadBackend>(new UploadBackend(name, profile, productFamily));
 }
 
-UploadBackend::UploadBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
+UploadBackend::UploadBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
                              const Text& productFamily)
     : QuorvaneBackend(name, profile, productFamily), _uploadURL(textIn(*profile, "post_url")) {
     setDisplayURL(textIn(*profile, "display_url"));

@@ -32,7 +32,7 @@ class UploadBackend final : public QuorvaneBackend {
     void setUploadURL(Text uploadURL) { _uploadURL = std::move(uploadURL); }
 
   private:
-    UploadBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
+    UploadBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
                   const Text& productFamily);
     std::string requestURL(std::string_view path) const;
     /// Whether the server says that it has the file.

@@ -4,6 +4,7 @@
 #include "platform/Log.h"
 #include "platform/Root.h"
 
+#include <fmt/format.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -46,7 +47,7 @@ void trustConfiguredCertificates(SSL_CTX& context) {
     std::error_code absent;
     for (const std::string& name : listDirectory(folder, absent)) {
         if (!name.ends_with(".pem")) continue;
-        const std::string path = folder + "/" + name;
+        const std::string path = fmt::format("{}/{}", folder, name);
         const std::optional<Data> pem = readFile(path, kMaximumFileBytes);
         ERR_clear_error();
         if (!pem || !addCertificates(*store, *pem))
