@@ -39,13 +39,15 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     if (state() == BackendState::Enabled && !batchEvents() && holdsEvents()) {
         logDebug(
             "HTTPSPostBackend(sendMessage): Backend has changed its state to 'Enabled', batching is not requested and some events have already been batched. Forcing Flush here to keep events in order.");
-        flushMessages();
+        flush(nullptr);
     }
     logDebug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", static_cast<int>(state()),
              batchEvents(), requireUserInfo());
     Array events;
     events.emplace_back(std::move(event));
-    return post(std::move(events), flag, method, respCode);
+    Answer prettyJson;
+    post(std::move(events), flag, method, respCode, &prettyJson);
+    return prettyJson;
 }
 
 bool HTTPSPostBackend::mustHold(MessageFlag flag) const {
@@ -67,7 +69,7 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
         logDebug(
             "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
             method);
-        flushMessages();
+        flush(nullptr);
         count = 0;
     }
     hold(std::move(event), method, count + 1);
@@ -104,11 +106,17 @@ void HTTPSPostBackend::hold(Dictionary event, std::int64_t method, std::int32_t 
 }
 
 QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
-    if (!holdsEvents() || state() != BackendState::Enabled || awaitsUserInfo()) return std::nullopt;
+    Answer prettyJson;
+    flush(&prettyJson);
+    return prettyJson;
+}
+
+void HTTPSPostBackend::flush(Answer* prettyJson) {
+    if (!holdsEvents() || state() != BackendState::Enabled || awaitsUserInfo()) return;
     logDebug("HTTPSPostBackend(flushMessages): called");
     Array events = takeBatch();
     addUserInfo(events);
-    return post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt);
+    post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson);
 }
 
 Array HTTPSPostBackend::takeBatch() {
@@ -130,7 +138,7 @@ void HTTPSPostBackend::addUserInfo(Array& events) const {
     for (Value& event : events) {
         Dictionary& record = *event.dictionary();
         if (record.contains(tested)) continue;
-        for (const auto& [key, value] : userInfo) record.set(key, value);
+        record.merge(userInfo);
     }
 }
 
@@ -141,14 +149,10 @@ void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSession
     for (Value& event : *_batchedEvents) event.dictionary()->set("_sessionID", combinedSessionID);
 }
 
-QuorvaneBackend::Answer HTTPSPostBackend::post(Array events, MessageFlag flag,
-                                               std::optional<std::uint16_t> method,
-                                               std::optional<std::uint16_t> responseCode) {
-    Answer prettyJson;
-    std::optional<Data> message = createMessageForPostAndLogging(std::move(events), &prettyJson);
-    if (!message) return std::nullopt;
-    postJSONMessage(*std::move(message), flag, method, responseCode);
-    return prettyJson;
+void HTTPSPostBackend::post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
+                            std::optional<std::uint16_t> responseCode, Answer* prettyJson) {
+    std::optional<Data> message = createMessageForPostAndLogging(std::move(events), prettyJson);
+    if (message) postJSONMessage(*std::move(message), flag, method, responseCode);
 }
 
 }  // namespace quorvane

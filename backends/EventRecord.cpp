@@ -89,8 +89,7 @@ std::optional<Value> HTTPSPostBackend::recordedSessionID() const {
 }
 
 void HTTPSPostBackend::prepareEventForMessage(Dictionary& event) const {
-    if (userInfoDict() != nullptr)
-        for (const auto& [key, value] : *userInfoDict()) event.set(key, value);
+    if (userInfoDict() != nullptr) event.merge(*userInfoDict());
     _filters.filterEvent(event);
 }
 

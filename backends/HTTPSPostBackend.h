@@ -89,8 +89,10 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     void hold(Dictionary event, std::int64_t method, std::int32_t count);
     Array takeBatch();
     void addUserInfo(Array& events) const;
-    Answer post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
-                std::optional<std::uint16_t> responseCode);
+    /// Both write the posted text where it is asked for: it costs as much as the message itself.
+    void flush(Answer* prettyJson);
+    void post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
+              std::optional<std::uint16_t> responseCode, Answer* prettyJson);
 
     // Messages and posts: JSONPosting.cpp.
     std::optional<Data> createMessageForPostAndLogging(Array events, Text* prettyJsonString) const;

@@ -50,11 +50,11 @@ std::string QuorvaneBackend::convertIntoSHA256(std::string_view text) {
     // so.
     const std::string_view hashed = text.substr(0, utf16Length(text));
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(hashed.data());
-    std::string hex;
-    hex.reserve(64);
-    for (const std::uint8_t byte : platform::sha256(std::span(bytes, hashed.size()))) {
-        hex += digits[byte >> 4];
-        hex += digits[byte & 0xf];
+    const platform::Sha256Digest digest = platform::sha256(std::span(bytes, hashed.size()));
+    std::string hex(2 * digest.size(), '0');
+    for (std::size_t at = 0; at < digest.size(); ++at) {
+        hex[2 * at] = digits[digest[at] >> 4];
+        hex[2 * at + 1] = digits[digest[at] & 0xf];
     }
     return hex;
 }

@@ -4,6 +4,7 @@
 #include "platform/Thread.h"
 
 #include <curl/curl.h>
+#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <climits>
@@ -24,6 +25,10 @@ namespace {
 /// than they hold, and a server that stalls keeps no other waiting.
 constexpr std::size_t kTransfersPerServer = 8;
 constexpr long kIdleConnections = 16;
+/// About what a waiting request takes beside its body.
+constexpr std::size_t kRequestBytes = 1024;
+/// A backlog of this many bytes is worth giving back to the system when it is gone.
+constexpr std::size_t kLargeBacklogBytes = 4u << 20;
 
 struct Task {
     HttpRequest request;
@@ -49,10 +54,16 @@ class Backlog {
     }
 
     void leave(std::size_t bytes) {
-        const std::lock_guard lock(_mutex);
-        _bytes -= bytes;
-        --_unfinished;
-        _changed.notify_all();
+        bool largeOneIsGone = false;
+        {
+            const std::lock_guard lock(_mutex);
+            _wasLarge = _wasLarge || _bytes >= kLargeBacklogBytes;
+            _bytes -= bytes;
+            --_unfinished;
+            if (_bytes == 0) largeOneIsGone = std::exchange(_wasLarge, false);
+            _changed.notify_all();
+        }
+        if (largeOneIsGone) ::malloc_trim(0);
     }
 
     void setBound(std::size_t bytes) {
@@ -71,6 +82,7 @@ class Backlog {
     std::condition_variable _changed;
     // Guarded by the mutex.
     std::size_t _bytes = 0;
+    bool _wasLarge = false;
     std::size_t _unfinished = 0;
     std::size_t _bound = 16u << 20;
 };
@@ -224,7 +236,7 @@ void start(HttpRequest request, HttpCompletion completion, std::size_t bytes) {
 }  // namespace
 
 void startDataTask(HttpRequest request, HttpCompletion completion) {
-    const std::size_t bytes = request.body.size();
+    const std::size_t bytes = kRequestBytes + request.body.size();
     start(std::move(request), std::move(completion), bytes);
 }
 

@@ -46,8 +46,8 @@ using HttpCompletion = std::function<void(HttpResult)>;
 
 /// Starts a request on the process's shared HTTP session: one thread, kept-alive connections, HTTP/2 where
 /// offered, TLS verified against the system's roots and /etc/quorvane/trust/*.pem, redirects not followed.
-/// The completion runs once, on the session's thread, and must not block. While more than the bound of body
-/// bytes wait to be sent, the caller waits here, so call it with no lock held and not from a completion.
+/// The completion runs once, on the session's thread, and must not block. While more than the bound waits to
+/// be sent, the caller waits here, so call it with no lock held and not from a completion.
 /// Thread-safe.
 void startDataTask(HttpRequest request, HttpCompletion completion);
 
@@ -55,7 +55,8 @@ void startDataTask(HttpRequest request, HttpCompletion completion);
 /// bound: a large one that takes long holds up nobody else.
 HttpResult performDataTask(HttpRequest request);
 
-/// The bound of waiting body bytes, 16 MiB by default. A single larger body still goes when nothing waits.
+/// The bound of what waits, 16 MiB by default; each request counts its body and 1 KiB. A single larger one
+/// still goes when nothing waits.
 void setHttpWaitingBytesBound(std::size_t bytes);
 
 /// Waits until every started request has completed, at most so long; whether it got there.

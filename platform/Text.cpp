@@ -116,6 +116,12 @@ std::string lowercased(std::string_view text) {
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    // Most keys differ in their first letters.
+    while (!a.empty() && !b.empty() && isAscii(a.front()) && isAscii(b.front())) {
+        if (loweredAscii(a.front()) != loweredAscii(b.front())) return false;
+        a.remove_prefix(1);
+        b.remove_prefix(1);
+    }
     while (!a.empty() && !b.empty())
         if (takeLowered(a) != takeLowered(b)) return false;
     return a.empty() && b.empty();

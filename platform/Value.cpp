@@ -180,6 +180,30 @@ void Dictionary::setOwned(std::string key, Value value) {
     insertOrAssign(_entries, std::move(key), std::move(value));
 }
 
+void Dictionary::merge(const Dictionary& other) {
+    const auto fresh =
+        std::count_if(other.begin(), other.end(), [&](const Entry& entry) { return !contains(entry.key); });
+    std::size_t mine = _entries.size();
+    std::size_t theirs = other._entries.size();
+    _entries.resize(mine + static_cast<std::size_t>(fresh));
+    // From the back into the room made there, so that each entry moves once.
+    for (std::size_t to = _entries.size(); theirs > 0;) {
+        const Entry& next = other._entries[theirs - 1];
+        if (mine > 0 && _entries[mine - 1].key >= next.key) {
+            if (_entries[mine - 1].key == next.key) {
+                --theirs;
+                _entries[mine - 1].value = next.value;
+            }
+            --mine;
+            --to;
+            if (to != mine) _entries[to] = std::move(_entries[mine]);
+        } else {
+            _entries[--to] = next;
+            --theirs;
+        }
+    }
+}
+
 void Dictionary::remove(std::string_view key) {
     const auto at = lowerBound(_entries, key);
     if (at != _entries.end() && at->key == key) _entries.erase(at);

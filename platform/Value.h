@@ -56,6 +56,8 @@ class Dictionary {
     /// Stores the value under the key, in place of an earlier one.
     void set(std::string_view key, Value value);
     void setOwned(std::string key, Value value);
+    /// Stores every entry of the other dictionary, in place of earlier ones.
+    void merge(const Dictionary& other);
     void remove(std::string_view key);
     void clear();
     void reserve(std::size_t entries);

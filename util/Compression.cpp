@@ -100,6 +100,7 @@ std::optional<Data> deflateWhole(z_stream& stream, std::size_t inputSize) {
         return std::nullopt;
     }
     output.resize(stream.total_out);
+    output.shrink_to_fit();  // It may wait for long.
     logSuccess(inputSize, output.size());
     return output;
 }

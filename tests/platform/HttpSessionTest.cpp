@@ -284,7 +284,7 @@ TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
     HttpsServer stalled(_root);
     HttpsServer other(_root);
     stalled.setHandler([&](const ServerRequest& request) { return gate.pass(request); });
-    setHttpWaitingBytesBound(10'000);
+    setHttpWaitingBytesBound(10 * (1000 + 1024));
     std::atomic<int> started = 0;
     std::atomic<int> answered = 0;
     std::thread sender([&] {

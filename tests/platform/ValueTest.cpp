@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <random>
 
 namespace quorvane::platform {
 namespace {
@@ -18,6 +19,20 @@ TEST(Dictionary, KeepsSortedOrderWhateverTheOrderOfInsertion) {
     EXPECT_EQ(dictionary.description(), "{a = 2; aa = 4; b = 5;}");
     EXPECT_EQ(dictionary.integer("b"), 5);
     EXPECT_FALSE(dictionary.contains("c"));
+}
+
+TEST(Dictionary, MergingIsSettingEveryEntry) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 200; ++round) {
+        Dictionary merged;
+        Dictionary other;
+        for (int i = random() % 8; i > 0; --i) merged.set(std::to_string(random() % 12), 1);
+        for (int i = random() % 8; i > 0; --i) other.set(std::to_string(random() % 12), 2);
+        Dictionary expected = merged;
+        for (const auto& [key, value] : other) expected.set(key, value);
+        merged.merge(other);
+        EXPECT_EQ(merged, expected);
+    }
 }
 
 TEST(Dictionary, AGetterOfAnotherTypeReadsAsNothing) {
