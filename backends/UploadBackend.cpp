@@ -90,7 +90,7 @@ std::optional<std::string> textIn(const Dictionary& profile, std::string_view ke
 }  // namespace
 
 std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& name,
-                                                           std::shared_ptr<const Dictionary> profile,
+                                                           const std::shared_ptr<const Dictionary>& profile,
                                                            const Text& productFamily) {
     if (profile == nullptr || profile->string("post_url") == nullptr) {
         logError("UploadBackend(initWithName): can't resolve upload post URL.");

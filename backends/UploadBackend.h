@@ -16,7 +16,7 @@ class UploadBackend final : public QuorvaneBackend {
   public:
     /// Reads "post_url" and "display_url" from the profile. Null, and an error line, without the former.
     static std::shared_ptr<UploadBackend> initWithName(const std::string& name,
-                                                       std::shared_ptr<const Dictionary> profile,
+                                                       const std::shared_ptr<const Dictionary>& profile,
                                                        const Text& productFamily);
 
     /// Sends the file that the token was issued for, when the path names it, and waits for the answer. True
