@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -22,9 +23,19 @@ int answer(sd_bus_message* call, void*, sd_bus_error*) {
     return ::sd_bus_reply_method_return(call, "as", 0);
 }
 
+int echo(sd_bus_message* call, void*, sd_bus_error*) {
+    sd_bus_message* reply = nullptr;
+    int result = ::sd_bus_message_new_method_return(call, &reply);
+    if (result >= 0) result = ::sd_bus_message_copy(reply, call, 1);
+    if (result >= 0) result = ::sd_bus_send(nullptr, reply, nullptr);
+    ::sd_bus_message_unref(reply);
+    return result < 0 ? result : 1;
+}
+
 constexpr sd_bus_vtable kVtable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("SendMessageWithDictionary", "a{sv}", "as", answer, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Echo", "a{sv}", "a{sv}", echo, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 
@@ -68,6 +79,6 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     for (;;) {
         const int socket = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (socket >= 0) serve(socket);
+        if (socket >= 0) std::thread(serve, socket).detach();
     }
 }

@@ -102,7 +102,7 @@ Nanoseconds readingPerEvent(std::uint64_t events) {
     const Bus bus = makeBus();
     std::vector<BusMessage> calls;
     for (std::uint64_t number = 0; number < 500; ++number)
-        calls.push_back(makeCall(bus.get(), message(number)));
+        calls.push_back(makeReadableCall(bus.get(), message(number)));
     return perEvent(calls, events, [](const BusMessage& call, std::size_t) {
         readAllValues(call.get());
         return 1;
