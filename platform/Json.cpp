@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <limits>
 #include <system_error>
 #include <type_traits>
 #include <utility>
@@ -34,6 +37,13 @@ class BufferStream {
         putUnsafe(c);
     }
     void Flush() {}
+    void putQuoted(std::string_view text) {
+        reserve(text.size() + 2);
+        putUnsafe('"');
+        std::copy(text.begin(), text.end(), _buffer.begin() + static_cast<std::ptrdiff_t>(_size));
+        _size += text.size();
+        putUnsafe('"');
+    }
 
     void finish() {
         _buffer.resize(_size);
@@ -54,11 +64,53 @@ class BufferStream {
     std::size_t _size = 0;
 };
 
+/// Whether the text is ASCII that JSON takes as it stands (RFC 8259, section 7). Word by word: 0x80 is left
+/// in each byte of a word that is not.
+bool isPlain(std::string_view text) {
+    constexpr std::uint64_t each = 0x0101'0101'0101'0101;
+    const auto zeroBytes = [](std::uint64_t word) { return (word - each) & ~word; };
+    const auto special = [&](std::uint64_t word) {
+        return (word | (word - each * 0x20) | zeroBytes(word ^ (each * '"')) |
+                zeroBytes(word ^ (each * '\\'))) &
+               (each * 0x80);
+    };
+    std::uint64_t found = 0;
+    for (; text.size() >= sizeof found; text.remove_prefix(sizeof found)) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, text.data(), sizeof word);
+        found |= special(word);
+    }
+    std::uint64_t rest = each * ' ';
+    std::memcpy(&rest, text.data(), text.size());
+    return (found | special(rest)) == 0;
+}
+
+/// Puts out a plain text in one piece, where RapidJSON goes by the character.
+template <typename Stream, typename Pool>
+class CompactWriter : public rapidjson::Writer<Stream, rapidjson::UTF8<>, rapidjson::UTF8<>, Pool> {
+  public:
+    using Base = rapidjson::Writer<Stream, rapidjson::UTF8<>, rapidjson::UTF8<>, Pool>;
+    using Base::Base;
+
+    void plainString(std::string_view text) {
+        Base::Prefix(rapidjson::kStringType);
+        Base::os_->putQuoted(text);
+    }
+};
+
+template <typename Stream, typename Pool>
+using PrettyWriter = rapidjson::PrettyWriter<Stream, rapidjson::UTF8<>, rapidjson::UTF8<>, Pool>;
+
 template <typename Writer>
 bool write(const Value& value, Writer& writer);
 
 template <typename Writer>
 bool write(const std::string& text, Writer& writer) {
+    if constexpr (requires { writer.plainString(text); })
+        if (isPlain(text)) {
+            writer.plainString(text);
+            return true;
+        }
     // RapidJSON 1.1's pretty writer cannot be told to check the encoding.
     return isUtf8(text) && text.size() <= std::numeric_limits<rapidjson::SizeType>::max() &&
            writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
@@ -101,9 +153,8 @@ bool write(const Value& value, Writer& writer) {
     });
 }
 
-template <template <typename, typename, typename, typename, unsigned> class Writer, typename Buffer>
+template <template <typename, typename> class Writer, typename Buffer>
 std::optional<Buffer> serialised(const Value& value) {
-    using Encoding = rapidjson::UTF8<>;
     using Pool = rapidjson::MemoryPoolAllocator<>;
     using Stream = BufferStream<Buffer>;
     // Room for the usual number of levels, so that the writer allocates none.
@@ -112,7 +163,7 @@ std::optional<Buffer> serialised(const Value& value) {
     Pool pool(levels, sizeof levels);
     Buffer buffer;
     Stream stream(buffer);
-    Writer<Stream, Encoding, Encoding, Pool, rapidjson::kWriteDefaultFlags> writer(stream, &pool, usualDepth);
+    Writer<Stream, Pool> writer(stream, &pool, usualDepth);
     if constexpr (requires { writer.SetIndent(' ', 2); }) writer.SetIndent(' ', 2);
     if (!write(value, writer)) return std::nullopt;
     stream.finish();
@@ -194,11 +245,11 @@ class ValueBuilder {
 }  // namespace
 
 std::optional<Data> compactJson(const Value& value) {
-    return serialised<rapidjson::Writer, Data>(value);
+    return serialised<CompactWriter, Data>(value);
 }
 
 std::optional<std::string> prettyJson(const Value& value) {
-    return serialised<rapidjson::PrettyWriter, std::string>(value);
+    return serialised<PrettyWriter, std::string>(value);
 }
 
 std::optional<Value> parseJson(std::string_view text) {
