@@ -4,6 +4,7 @@
 
 #include <zlib.h>
 
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <new>
@@ -66,15 +67,31 @@ bool isCountable(std::size_t inputSize) {
     return countable;
 }
 
-/// An error line when it fails.
-bool initialise(z_stream& stream, bool gzip) {
-    const int result =
-        ::deflateInit2_(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, gzip ? kGzipWindowBits : kZlibWindowBits,
-                        kMemoryLevel, Z_DEFAULT_STRATEGY, kZlibVersion, sizeof stream);
-    if (result != Z_OK)
-        logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
-                 initializationMessage(result), ownMessage(stream));
-    return result == Z_OK;
+using Stream = std::unique_ptr<z_stream, EndDeflate>;
+
+/// Null after an error line.
+Stream newStream(bool gzip) {
+    auto stream = std::make_unique<z_stream>();
+    const int result = ::deflateInit2_(stream.get(), Z_DEFAULT_COMPRESSION, Z_DEFLATED,
+                                       gzip ? kGzipWindowBits : kZlibWindowBits, kMemoryLevel,
+                                       Z_DEFAULT_STRATEGY, kZlibVersion, sizeof *stream);
+    if (result == Z_OK) return Stream(stream.release());
+    logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
+             initializationMessage(result), ownMessage(*stream));
+    return nullptr;
+}
+
+/// What the last compression into the gzip form left for the next: a stream takes and clears a quarter of a
+/// megabyte when it is set up, more work than a short text is.
+std::atomic<z_stream*> spareGzipStream = nullptr;
+
+Stream takeStream(bool gzip) {
+    if (z_stream* const spare = gzip ? spareGzipStream.exchange(nullptr) : nullptr) return Stream(spare);
+    return newStream(gzip);
+}
+
+void keepStream(Stream stream) {
+    if (::deflateReset(stream.get()) == Z_OK) stream.reset(spareGzipStream.exchange(stream.release()));
 }
 
 void logFailure(int result, std::string_view ownMessage) {
@@ -112,12 +129,13 @@ std::optional<Data> compressDataWithZlibOrGzip(bool gzip, std::span<const std::u
         logError("compressDataWithZlibOrGzip: Cannot compress empty NSData");
         return std::nullopt;
     }
-    z_stream stream{};
-    if (!isCountable(input.size()) || !initialise(stream, gzip)) return std::nullopt;
-    stream.next_in = const_cast<Bytef*>(input.data());
-    stream.avail_in = static_cast<uInt>(input.size());
-    std::optional<Data> output = deflateWhole(stream, input.size());
-    ::deflateEnd(&stream);
+    if (!isCountable(input.size())) return std::nullopt;
+    Stream stream = takeStream(gzip);
+    if (stream == nullptr) return std::nullopt;
+    stream->next_in = const_cast<Bytef*>(input.data());
+    stream->avail_in = static_cast<uInt>(input.size());
+    std::optional<Data> output = deflateWhole(*stream, input.size());
+    if (gzip) keepStream(std::move(stream));
     return output;
 }
 
@@ -125,15 +143,14 @@ std::optional<Data> gzipDeflate(std::span<const std::uint8_t> input) {
     return compressDataWithZlibOrGzip(true, input);
 }
 
-void GzipDeflater::EndStream::operator()(z_stream_s* stream) const {
+void EndDeflate::operator()(z_stream_s* stream) const {
     ::deflateEnd(stream);
     delete stream;
 }
 
 GzipDeflater::GzipDeflater(std::size_t expectedInput) {
-    auto stream = std::make_unique<z_stream>();
-    if (!isCountable(expectedInput) || !initialise(*stream, true)) return;
-    _stream.reset(stream.release());
+    if (isCountable(expectedInput)) _stream = newStream(true);
+    if (_stream == nullptr) return;
     try {
         // Pages that the stream does not reach are never touched.
         _output.reserve(::deflateBound(_stream.get(), static_cast<uLong>(expectedInput)) + kOutputStep);

@@ -11,6 +11,10 @@ struct z_stream_s;
 
 namespace quorvane {
 
+struct EndDeflate {
+    void operator()(z_stream_s* stream) const;
+};
+
 /// One deflate stream of the whole input at zlib's default level, with the gzip (RFC 1952) or the zlib
 /// (RFC 1950) wrapper. Nothing, and an error line, when the input is empty, larger than 2 GiB, or zlib fails.
 std::optional<Data> compressDataWithZlibOrGzip(bool gzip, std::span<const std::uint8_t> input);
@@ -38,11 +42,8 @@ class GzipDeflater {
     bool fail(int result);
     bool deflate(int flush);
 
-    struct EndStream {
-        void operator()(z_stream_s* stream) const;
-    };
     /// Null after a failure.
-    std::unique_ptr<z_stream_s, EndStream> _stream;
+    std::unique_ptr<z_stream_s, EndDeflate> _stream;
     Data _output;
 };
 
