@@ -33,6 +33,7 @@ struct Round {
     UnavoidableWork work;
 
     Nanoseconds sum(Nanoseconds bus) const { return bus + work.json + work.gzip + work.sha256; }
+    Nanoseconds unavoidable() const { return sum(answer + work.reading); }
 };
 
 template <typename Function>
@@ -121,18 +122,18 @@ void report(const std::vector<Round>& rounds) {
     rateRow("events per second, bare D-Bus server", [](auto& r) { return r.answersPerSecond; });
     cpuRow("CPU per event, daemon", [](auto& r) { return r.daemon; });
     cpuRow("  bare D-Bus answer to the unread message", [](auto& r) { return r.answer; });
+    cpuRow("  sd-bus reads the message's values", [](auto& r) { return r.work.reading; });
     cpuRow(fmt::format("  RapidJSON, {:.0f} bytes an event", rounds.front().work.jsonBytes),
            [](auto& r) { return r.work.json; });
     cpuRow("  zlib", [](auto& r) { return r.work.gzip; });
     cpuRow("  SHA-256 of two texts", [](auto& r) { return r.work.sha256; });
-    cpuRow("  sum of what cannot be avoided", [](auto& r) { return r.sum(r.answer); });
-    boundedRow("daemon / sum", median(rounds, [](auto& r) { return r.daemon / r.sum(r.answer); }),
+    cpuRow("  sum of what cannot be avoided", [](auto& r) { return r.unavoidable(); });
+    boundedRow("daemon / sum", median(rounds, [](auto& r) { return r.daemon / r.unavoidable(); }),
                kMostTimesUnavoidable);
 
-    // A daemon that is told events has to read them; an echo reads them and writes them, too.
-    cpuRow("  sd-bus reads the message's values", [](auto& r) { return r.work.reading; });
-    row("daemon / sum and reading", "{:.2f}",
-        median(rounds, [](auto& r) { return r.daemon / r.sum(r.answer + r.work.reading); }));
+    // How the ratio moves with what is taken for the bare server's part.
+    row("daemon / sum without the reading", "{:.2f}",
+        median(rounds, [](auto& r) { return r.daemon / r.sum(r.answer); }));
     cpuRow("  D-Bus echo that sends the message back", [](auto& r) { return r.echo; });
     row("daemon / sum with this echo", "{:.2f}",
         median(rounds, [](auto& r) { return r.daemon / r.sum(r.echo); }));
