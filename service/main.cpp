@@ -10,7 +10,6 @@
 #include "service/QuorvanedAgent.h"
 #include "service/Termination.h"
 
-#include <malloc.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 
@@ -31,14 +30,6 @@ void allowAllDescriptors() {
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-/// Every post takes and frees a third of a megabyte; giving it back to the system each time costs page
-/// faults.
-void keepFreedMemory() {
-    constexpr int keptBytes = 2 << 20;
-    ::mallopt(M_TRIM_THRESHOLD, keptBytes);
-    ::mallopt(M_MMAP_THRESHOLD, keptBytes / 2);
 }
 
 std::unique_ptr<platform::BusListener> newListener() {
@@ -85,7 +76,6 @@ int main() {
     platform::setQualityOfServiceUtility();
     startLogging("quorvaned", "Daemon");
     allowAllDescriptors();
-    keepFreedMemory();
     // A peer or server that closes is told by the error of the write.
     std::signal(SIGPIPE, SIG_IGN);
     return serve();
