@@ -32,6 +32,8 @@ constexpr std::size_t kHandedOverAtMost = 256;
 constexpr std::size_t kIdentifierAt = 20;
 constexpr std::size_t kIdentifierBytes = 40;
 constexpr std::size_t kLengthAt = 14;
+/// Room is left for the NUL that ends a text.
+constexpr std::size_t kMaximumText = DashboardBackend::kDatagramBytes - DashboardBackend::kHeaderBytes - 1;
 
 void put(Data& bytes, std::size_t at, std::uint16_t number) {
     bytes[at] = static_cast<std::uint8_t>(number >> 8);
@@ -80,19 +82,16 @@ std::vector<Rendering> renderings(const Dictionary& message) {
     return result;
 }
 
-void appendText(Data& datagram, std::string_view text) {
-    const std::size_t room = DashboardBackend::kDatagramBytes - 1 - datagram.size();
-    text = text.substr(0, room);
-    datagram.insert(datagram.end(), text.begin(), text.end());
-}
-
-void appendMessage(Data& datagram, const Dictionary& message) {
+/// Stops where the datagram is full.
+std::string textOf(const Dictionary& message) {
+    std::string text;
     for (const auto& [key, value] : renderings(message)) {
-        appendText(datagram, " ");
-        appendText(datagram, untilZero(key));
-        appendText(datagram, "=");
-        appendText(datagram, untilZero(DashboardBackend::sanitize(value)));
+        text = fmt::format("{} {}={}", text, untilZero(key), untilZero(DashboardBackend::sanitize(value)));
+        if (text.size() < kMaximumText) continue;
+        text.resize(kMaximumText);
+        break;
     }
+    return text;
 }
 
 QuorvaneBackend::Text copyOf(const std::string* text) {
@@ -220,7 +219,8 @@ QuorvaneBackend::Answer DashboardBackend::sendMessage(const Dictionary* message,
                                                       EventID eventID) {
     try {
         Data datagram = datagramWithoutLength(timestamp, method, respCode, eventID);
-        if (message != nullptr) appendMessage(datagram, *message);
+        const std::string text = message != nullptr ? textOf(*message) : "";
+        datagram.insert(datagram.end(), text.begin(), text.end());
         put(datagram, kLengthAt, complement(datagram.size()));
         std::string line = writeLocalLog(datagram);
         handOver(std::move(datagram), eventID);
