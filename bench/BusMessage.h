@@ -1,10 +1,10 @@
 #pragma once
 
+#include "platform/Owned.h"
 #include "platform/Value.h"
 
 #include <systemd/sd-bus.h>
 
-#include <memory>
 #include <string>
 
 namespace quorvane::bench {
@@ -12,12 +12,8 @@ namespace quorvane::bench {
 /// Ends the program when the bus library's result is an error.
 int checkBus(int result, const char* what);
 
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { ::sd_bus_close_unref(bus); }
-    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
-using Bus = std::unique_ptr<sd_bus, BusDeleter>;
-using BusMessage = std::unique_ptr<sd_bus_message, BusDeleter>;
+using Bus = platform::Owned<sd_bus, ::sd_bus_close_unref>;
+using BusMessage = platform::Owned<sd_bus_message, ::sd_bus_message_unref>;
 
 /// A bus that goes nowhere; messages can be made for it.
 Bus makeBus();

@@ -4,6 +4,7 @@
 #include "bench/Die.h"
 #include "bench/Load.h"
 #include "platform/Json.h"
+#include "platform/Owned.h"
 
 #include <openssl/evp.h>
 #include <rapidjson/stringbuffer.h>
@@ -12,7 +13,6 @@
 #include <zlib.h>
 
 #include <array>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -83,9 +83,8 @@ class Hasher {
     }
 
   private:
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> _context{EVP_MD_CTX_new(), EVP_MD_CTX_free};
-    const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> _sha256{EVP_MD_fetch(nullptr, "SHA256", nullptr),
-                                                                  EVP_MD_free};
+    const platform::Owned<EVP_MD_CTX, EVP_MD_CTX_free> _context{EVP_MD_CTX_new()};
+    const platform::Owned<EVP_MD, EVP_MD_free> _sha256{EVP_MD_fetch(nullptr, "SHA256", nullptr)};
 };
 
 /// CPU time per event of a function that is called with batches, round and round, and tells how many events

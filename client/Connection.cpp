@@ -2,6 +2,7 @@
 
 #include "client/Deadline.h"
 #include "framework/Keys.h"
+#include "platform/Owned.h"
 #include "platform/Thread.h"
 
 #include <fcntl.h>
@@ -50,10 +51,7 @@ Error encodingError(int error) {
     return {ErrorCode::InvalidArgument, std::string("the values cannot be sent: ") + std::strerror(-error)};
 }
 
-struct MessageDeleter {
-    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+using Message = platform::Owned<sd_bus_message, ::sd_bus_message_unref>;
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 
 #include "collector/StartError.h"
 #include "platform/FileManager.h"
+#include "platform/Owned.h"
 
 #include <arpa/inet.h>
 #include <openssl/bio.h>
@@ -15,7 +16,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <memory>
 
 #include <fmt/format.h>
 
@@ -23,23 +23,17 @@ namespace quorvane::collector {
 
 namespace {
 
+using platform::Owned;
+
 // A device's clock may be behind when it meets the collector for the first time.
 constexpr long kBackdatedSeconds = 24L * 60 * 60;
 constexpr long kValidSeconds = 365L * 24 * 60 * 60;
 constexpr std::size_t kMaximumPemBytes = 1u << 20;
 
-template <auto function>
-struct Freer {
-    template <typename Held>
-    void operator()(Held* held) const {
-        function(held);
-    }
-};
-
-using Key = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
-using X509Certificate = std::unique_ptr<X509, Freer<X509_free>>;
-using Extension = std::unique_ptr<X509_EXTENSION, Freer<X509_EXTENSION_free>>;
-using Bio = std::unique_ptr<BIO, Freer<BIO_free_all>>;
+using Key = Owned<EVP_PKEY, EVP_PKEY_free>;
+using X509Certificate = Owned<X509, X509_free>;
+using Extension = Owned<X509_EXTENSION, X509_EXTENSION_free>;
+using Bio = Owned<BIO, BIO_free_all>;
 
 void require(bool done) {
     if (!done) throw StartError("cannot make a certificate");
@@ -79,8 +73,7 @@ void setSerialNumber(X509& certificate) {
     std::array<unsigned char, 16> random{};
     require(RAND_bytes(random.data(), static_cast<int>(random.size())) == 1);
     random[0] &= 0x7f;
-    const std::unique_ptr<BIGNUM, Freer<BN_free>> number(
-        BN_bin2bn(random.data(), static_cast<int>(random.size()), nullptr));
+    const Owned<BIGNUM, BN_free> number(BN_bin2bn(random.data(), static_cast<int>(random.size()), nullptr));
     require(number && BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(&certificate)) != nullptr);
 }
 

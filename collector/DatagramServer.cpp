@@ -5,6 +5,7 @@
 #include "collector/StartError.h"
 #include "platform/Json.h"
 #include "platform/Log.h"
+#include "platform/Owned.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -12,7 +13,6 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -31,17 +31,13 @@ constexpr int kBurst = 64;
 /// Bursts wait here while a line is written.
 constexpr int kReceiveBufferBytes = 4 << 20;
 
-struct AddressFreer {
-    void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
-};
-
 UniqueDescriptor boundSocket(const std::string& address, int port) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* found = nullptr;
     if (::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return {};
-    const std::unique_ptr<addrinfo, AddressFreer> list(found);
+    const platform::Owned<addrinfo, ::freeaddrinfo> list(found);
     UniqueDescriptor socket(::socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket || ::bind(socket.get(), found->ai_addr, found->ai_addrlen) != 0) return {};
     ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes, sizeof kReceiveBufferBytes);

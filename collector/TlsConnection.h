@@ -1,6 +1,7 @@
 #pragma once
 
 #include "collector/StopSignal.h"
+#include "platform/Owned.h"
 #include "platform/UniqueDescriptor.h"
 
 #include <httplib.h>
@@ -8,7 +9,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 namespace quorvane::collector {
@@ -55,13 +55,9 @@ class TlsConnection final : public httplib::Stream {
     template <typename Operation>
     int perform(Operation operation, TimePoint deadline, bool stoppable);
 
-    struct SslFreer {
-        void operator()(SSL* ssl) const { SSL_free(ssl); }
-    };
-
     platform::UniqueDescriptor _socket;
     const StopSignal& _stop;
-    std::unique_ptr<SSL, SslFreer> _ssl;
+    platform::Owned<SSL, SSL_free> _ssl;
     std::uint64_t _allowance = 0;
     TimePoint _deadline;
     bool _readingEnded = false;

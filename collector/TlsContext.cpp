@@ -1,6 +1,7 @@
 #include "collector/TlsContext.h"
 
 #include "collector/StartError.h"
+#include "platform/Owned.h"
 
 #include <openssl/bio.h>
 #include <openssl/pem.h>
@@ -12,10 +13,7 @@ namespace quorvane::collector {
 
 namespace {
 
-struct BioFreer {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-using Bio = std::unique_ptr<BIO, BioFreer>;
+using Bio = platform::Owned<BIO, BIO_free>;
 
 Bio memoryOf(const std::string& text) {
     return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));

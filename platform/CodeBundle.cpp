@@ -1,6 +1,7 @@
 #include "platform/CodeBundle.h"
 
 #include "platform/Log.h"
+#include "platform/Owned.h"
 #include "platform/ThreadAnnotations.h"
 #include "platform/UniqueDescriptor.h"
 
@@ -29,10 +30,7 @@ namespace {
 
 using Failure = std::optional<std::string>;
 
-struct CloseLibrary {
-    void operator()(void* library) const { ::dlclose(library); }
-};
-using Library = std::unique_ptr<void, CloseLibrary>;
+using Library = Owned<void, ::dlclose>;
 
 constexpr const char* kSymbol = "quorvaneCodeBundle";
 constexpr unsigned char kNativeClass = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;

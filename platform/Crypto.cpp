@@ -1,5 +1,7 @@
 #include "platform/Crypto.h"
 
+#include "platform/Owned.h"
+
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
@@ -12,18 +14,10 @@ namespace quorvane::platform {
 
 namespace {
 
-template <auto Free>
-struct Freer {
-    template <typename Object>
-    void operator()(Object* object) const {
-        Free(object);
-    }
-};
-
-using DigestMethod = std::unique_ptr<EVP_MD, Freer<EVP_MD_free>>;
-using DigestContext = std::unique_ptr<EVP_MD_CTX, Freer<EVP_MD_CTX_free>>;
-using Key = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
-using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Freer<EVP_PKEY_CTX_free>>;
+using DigestMethod = Owned<EVP_MD, EVP_MD_free>;
+using DigestContext = Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
+using Key = Owned<EVP_PKEY, EVP_PKEY_free>;
+using KeyContext = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 
 /// All zeros when the library has no memory or no such digest: no signature fits that, and it tells nothing
 /// of the bytes.

@@ -1,6 +1,7 @@
 #include "platform/PropertyList.h"
 
 #include "platform/BinaryPropertyList.h"
+#include "platform/Owned.h"
 #include "platform/Text.h"
 #include "platform/XmlPropertyListBounds.h"
 
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <memory>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -25,14 +25,8 @@ constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 /// Property lists count seconds since 2001.
 constexpr std::int64_t kEpoch = std::int64_t{978'307'200} * kMicrosecondsPerSecond;
 
-struct FreeNode {
-    void operator()(void* node) const { ::plist_free(node); }
-};
-struct FreeMemory {
-    void operator()(char* memory) const { std::free(memory); }
-};
-using Node = std::unique_ptr<void, FreeNode>;
-using Memory = std::unique_ptr<char, FreeMemory>;
+using Node = Owned<void, ::plist_free>;
+using Memory = Owned<char, ::free>;
 
 std::optional<Value> valueOf(plist_t node);
 

@@ -1,5 +1,6 @@
 #include "platform/Sandbox.h"
 
+#include "platform/Owned.h"
 #include "platform/Root.h"
 #include "platform/SandboxProfile.h"
 #include "platform/UniqueDescriptor.h"
@@ -21,7 +22,6 @@
 #include <exception>
 #include <filesystem>
 #include <iterator>
-#include <memory>
 #include <system_error>
 #include <type_traits>
 #include <utility>
@@ -33,7 +33,7 @@ namespace quorvane::platform {
 namespace {
 
 using Failure = std::optional<std::string>;
-using Filter = std::unique_ptr<std::remove_pointer_t<scmp_filter_ctx>, decltype(&::seccomp_release)>;
+using Filter = Owned<std::remove_pointer_t<scmp_filter_ctx>, ::seccomp_release>;
 
 // Rights that kernels later than the build's headers know.
 constexpr std::uint64_t kTruncate = 1u << 14;
@@ -178,7 +178,7 @@ int refuseSystemCall(const Filter& filter, const SandboxRefusal& refusal) {
 }
 
 std::variant<Filter, std::string> prepareFilter(const SandboxProfile& profile) {
-    Filter filter(::seccomp_init(SCMP_ACT_ALLOW), &::seccomp_release);
+    Filter filter(::seccomp_init(SCMP_ACT_ALLOW));
     if (filter == nullptr) return failure("make a system-call filter", ENOMEM);
     // System calls of another architecture have no business here.
     if (const int result = ::seccomp_attr_set(filter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS))

@@ -2,6 +2,7 @@
 
 #include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/Owned.h"
 #include "platform/Root.h"
 
 #include <fmt/format.h>
@@ -10,7 +11,6 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -21,15 +21,15 @@ namespace {
 
 constexpr std::size_t kMaximumFileBytes = 1u << 20;
 
-using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
-using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
+using Memory = Owned<BIO, BIO_free>;
+using Certificate = Owned<X509, X509_free>;
 
 /// Whether the bytes hold certificates and nothing that is damaged.
 bool addCertificates(X509_STORE& store, const Data& pem) {
-    const Memory source(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+    const Memory source(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
     std::size_t found = 0;
     while (source != nullptr) {
-        const Certificate certificate(PEM_read_bio_X509(source.get(), nullptr, nullptr, nullptr), X509_free);
+        const Certificate certificate(PEM_read_bio_X509(source.get(), nullptr, nullptr, nullptr));
         if (certificate == nullptr) break;
         if (X509_STORE_add_cert(&store, certificate.get()) != 1) return false;
         ++found;

@@ -3,6 +3,7 @@
 #include "framework/Keys.h"
 #include "platform/BusValue.h"
 #include "platform/Log.h"
+#include "platform/Owned.h"
 #include "platform/UniqueDescriptor.h"
 
 #include <fcntl.h>
@@ -21,10 +22,6 @@ namespace {
 
 /// About what a message takes beside its contents.
 constexpr std::size_t kMessageBytes = 128;
-
-struct MessageDeleter {
-    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
 
 const Dictionary* orNone(const std::optional<Dictionary>& dictionary) {
     return dictionary ? &*dictionary : nullptr;
@@ -231,7 +228,7 @@ void ClientSessionEndpoint::answer(sd_bus_message* call, std::size_t bytes, cons
     if (::sd_bus_message_get_expect_reply(call) <= 0) return;
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_return(call, &raw);
-    const std::unique_ptr<sd_bus_message, MessageDeleter> reply(raw);
+    const platform::Owned<sd_bus_message, ::sd_bus_message_unref> reply(raw);
     if (result >= 0) result = append(raw);
     if (result >= 0) {
         _connection.noteQueuedBytes(kMessageBytes + bytes);

@@ -1,5 +1,7 @@
 #include "tools/storebag/SigningKey.h"
 
+#include "platform/Owned.h"
+
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -12,17 +14,9 @@ namespace quorvane::tools {
 
 namespace {
 
-template <auto Free>
-struct Freer {
-    template <typename Object>
-    void operator()(Object* object) const {
-        Free(object);
-    }
-};
-
-using Key = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
-using Memory = std::unique_ptr<BIO, Freer<BIO_free>>;
-using DigestContext = std::unique_ptr<EVP_MD_CTX, Freer<EVP_MD_CTX_free>>;
+using Key = platform::Owned<EVP_PKEY, EVP_PKEY_free>;
+using Memory = platform::Owned<BIO, BIO_free>;
+using DigestContext = platform::Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
 
 /// An encrypted key is refused rather than asked for on the terminal.
 int noPassphrase(char*, int, int, void*) {
