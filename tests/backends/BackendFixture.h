@@ -3,6 +3,7 @@
 #include "backends/HTTPSPostBackend.h"
 #include "platform/Json.h"
 #include "platform/RandomDraw.h"
+#include "tests/support/HttpsServer.h"
 #include "tests/support/RootFixture.h"
 #include "util/Environment.h"
 
@@ -11,6 +12,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quorvane {
@@ -52,10 +55,27 @@ class BackendFixture : public RootFixture {
                 {"sampling_threshold", 1.0}};
     }
 
+    static Dictionary entryWith(std::string_view key, Value value) {
+        Dictionary entry = permissiveEntry();
+        entry.set(key, std::move(value));
+        return entry;
+    }
+
     static std::shared_ptr<const Dictionary> userInfo(const char* client = "Mail",
                                                       const char* service = "Sync") {
         return std::make_shared<const Dictionary>(
             Dictionary{{"ClientName", client}, {"ServiceName", service}});
+    }
+
+    /// A backend that requires user info and has it.
+    static std::shared_ptr<HTTPSPostBackend> personalBackend(
+        const Dictionary& entry, std::shared_ptr<const Dictionary> user = userInfo(), double draw = 0) {
+        auto backend = backendWithClients({Value(entry)});
+        backend->setRequireUserInfo(true);
+        backend->setUserInfoDict(std::move(user));
+        backend->setSamplingFactor(draw);
+        backend->updateState();
+        return backend;
     }
 
     static QuorvaneBackend::Answer send(QuorvaneBackend& backend, const Dictionary& payload,
@@ -77,6 +97,22 @@ class BackendFixture : public RootFixture {
         EXPECT_EQ(events.size(), 1u);
         return events.size() == 1 ? *events[0].dictionary() : Dictionary();
     }
+};
+
+/// With a server that backends can post to.
+class PostingFixture : public BackendFixture {
+  protected:
+    void SetUp() override {
+        BackendFixture::SetUp();
+        _server = std::make_unique<test::HttpsServer>(_root);
+    }
+
+    void TearDown() override {
+        _server.reset();
+        BackendFixture::TearDown();
+    }
+
+    std::unique_ptr<test::HttpsServer> _server;
 };
 
 }  // namespace quorvane

@@ -106,13 +106,6 @@ TEST_F(DashboardBackendTest, DropsTheSessionsOwnEvents) {
     EXPECT_EQ(_collector.receive(std::chrono::milliseconds(0)), std::nullopt);
 }
 
-TEST_F(DashboardBackendTest, TakesWhatTheProfileSays) {
-    const auto made = backend({{"display_url", "https://display.invalid/"}});
-    EXPECT_EQ(made->displayURL(), "https://display.invalid/");
-    EXPECT_EQ(made->name(), "dashboard");
-    EXPECT_EQ(made->productFamily(), "Fernlight");
-}
-
 TEST_F(DashboardBackendTest, RefusesAProfileWithoutACollector) {
     const auto refused = [&](const Dictionary& profile, const char* line) {
         EXPECT_EQ(

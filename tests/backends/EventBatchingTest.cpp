@@ -2,19 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 namespace quorvane {
 namespace {
 
-class EventBatchingTest : public BackendFixture {
-  protected:
-    static std::shared_ptr<HTTPSPostBackend> batchingBackend(const Dictionary& entry = {}) {
-        auto backend = enabledBackend(entry);
-        backend->setBatchEvents(true);
-        return backend;
-    }
-};
+using EventBatchingTest = BackendFixture;
 
 TEST_F(EventBatchingTest, ADisabledBackendDropsWhateverTheFlag) {
     auto backend = enabledBackend();
@@ -44,9 +35,7 @@ TEST_F(EventBatchingTest, FlagsDecideForASampledOutBackend) {
 }
 
 TEST_F(EventBatchingTest, HoldsUntilRequiredUserInfoComesAndThenAddsIt) {
-    auto backend = backendWithClients({Value(permissiveEntry())});
-    backend->setRequireUserInfo(true);
-    backend->updateState();
+    auto backend = personalBackend(permissiveEntry(), nullptr);
     EXPECT_FALSE(send(*backend, {{"n", 1}, {"kind", "mine"}}));
     EXPECT_FALSE(send(*backend, {{"n", 2}, {"ClientName", "mine"}}));
     backend->setState(BackendState::Enabled);
@@ -65,7 +54,8 @@ TEST_F(EventBatchingTest, HoldsUntilRequiredUserInfoComesAndThenAddsIt) {
 }
 
 TEST_F(EventBatchingTest, TheRecordThatReachesTheThresholdIsLostWithThePostedBatch) {
-    auto backend = batchingBackend();
+    auto backend = enabledBackend();
+    backend->setBatchEvents(true);
     for (int n = 0; n < 50; ++n) send(*backend, {{"n", n}}, 5);
     send(*backend, {{"n", 100}}, 6);
     EXPECT_EQ(logged("<7>HTTPSPostBackend(flushMessages): called"), 0u);
@@ -85,37 +75,12 @@ TEST_F(EventBatchingTest, TheRecordThatReachesTheThresholdIsLostWithThePostedBat
 }
 
 TEST_F(EventBatchingTest, AThresholdReachedWithoutReportingKeepsTheBatchAndStartsCountingAnew) {
-    auto backend = backendWithClients({Value(permissiveEntry())});
-    backend->setRequireUserInfo(true);
-    backend->updateState();
-    for (int n = 0; n < 120; ++n) send(*backend, {{"n", n}}, 5);
-    EXPECT_EQ(logged("we reached event threshold for method 5"), 2u);
+    auto backend = personalBackend(entryWith("event_threshold", 2));
+    backend->setUserInfoDict(nullptr);
+    for (int n = 0; n < 8; ++n) send(*backend, {{"n", n}}, 5);
+    EXPECT_EQ(logged("we reached event threshold for method 5"), 2u) << "from the entry";
     backend->setUserInfoDict(userInfo());
-    backend->updateState();
-    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 120u);
-}
-
-TEST_F(EventBatchingTest, ThresholdComesFromTheEntry) {
-    Dictionary entry = permissiveEntry();
-    entry.set("event_threshold", 2);
-    auto backend = backendWithClients({Value(entry)});
-    backend->setRequireUserInfo(true);
-    backend->setBatchEvents(true);
-    backend->setUserInfoDict(userInfo());
-    backend->updateState();
-    for (int n = 0; n < 4; ++n) send(*backend, {}, 5);
-    EXPECT_EQ(logged("(flushMessages): called"), 1u);
-}
-
-TEST_F(EventBatchingTest, ANewCorrelatedIdentifierReachesHeldRecords) {
-    auto backend = batchingBackend({{"extras_on_internal", 1}, {"post_url", "ftp://nowhere.invalid"}});
-    backend->setUdid("device");
-    backend->setCompType(7);
-    backend->setIsInternal(true);
-    send(*backend, {});
-    backend->setCorrelatedSessionID("a.b");
-    EXPECT_EQ(backend->combinedSessionIDString(), "a.b");
-    EXPECT_EQ(*onlyEventIn(backend->flushMessages()).string("_sessionID"), "a.b");
+    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 8u);
 }
 
 TEST_F(EventBatchingTest, BoundsWhatItHolds) {
@@ -132,34 +97,6 @@ TEST_F(EventBatchingTest, BoundsWhatItHolds) {
     send(*backend, payload);
     EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 1u);
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 1u);
-}
-
-TEST_F(EventBatchingTest, OtherThreadsMayTouchItMeanwhile) {
-    auto backend = batchingBackend();
-    backend->setCombinedSessionIDString("a");
-    std::atomic<bool> done{false};
-    std::thread correlating([&] {
-        while (!done) {
-            backend->setCorrelatedSessionID("a.rather.long.identifier.of.a.child.session");
-            backend->setSamplingThreshold(Value(0.5));
-        }
-    });
-    std::thread synchronising([&] {
-        while (!done) {
-            if (backend->state() != BackendState::SampledOut) backend->setState(BackendState::Enabled);
-            static_cast<void>(backend->samplingThreshold());
-            static_cast<void>(backend->hierarchy());
-        }
-    });
-    std::size_t flushed = 0;
-    for (int n = 1; n <= 2'000; ++n) {
-        send(*backend, {{"n", n}}, 5, n % 7 == 0 ? 1 : 0);
-        if (n % 40 == 0) flushed += eventsIn(backend->flushMessages()).size();
-    }
-    done = true;
-    correlating.join();
-    synchronising.join();
-    EXPECT_EQ(flushed, 2'000u);
 }
 
 }  // namespace

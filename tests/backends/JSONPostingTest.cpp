@@ -1,26 +1,19 @@
 #include "platform/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
-#include "tests/support/HttpsServer.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <set>
 #include <thread>
 
 namespace quorvane {
 namespace {
 
-class JSONPostingTest : public BackendFixture {
+class JSONPostingTest : public PostingFixture {
   protected:
-    void SetUp() override {
-        BackendFixture::SetUp();
-        _server = std::make_unique<test::HttpsServer>(_root);
-    }
-
     std::shared_ptr<HTTPSPostBackend> postingBackend() {
-        return enabledBackend(
-            {{"post_url", _server->url("/post")}, {"realtime_post_url", _server->url("/realtime")}});
+        return enabledBackend({{"post_url", _server->url("/post")}});
     }
 
     /// What was posted since the last call, once every started post has completed.
@@ -37,7 +30,9 @@ class JSONPostingTest : public BackendFixture {
         return requests.empty() ? test::ServerRequest() : requests[0];
     }
 
-    std::unique_ptr<test::HttpsServer> _server;
+    static std::string clientIn(const std::string& json) {
+        return *platform::parseJson(json)->dictionary()->string("clientId");
+    }
 };
 
 TEST_F(JSONPostingTest, PostsTheEnvelopeWithItsHeaders) {
@@ -87,8 +82,7 @@ TEST_F(JSONPostingTest, CompressesOnlyWhatGetsShorter) {
     EXPECT_EQ(eventsIn(request.body).size(), 1u) << "any gzip reader expands it";
 
     // Without events the message is too short to gain.
-    Dictionary internal{{"extras_on_internal", 1}, {"post_url", _server->url("/post")}};
-    backend = enabledBackend(internal);
+    backend = enabledBackend({{"extras_on_internal", 1}, {"post_url", _server->url("/post")}});
     backend->setIsInternal(true);
     send(*backend, {});
     request = takeOnlyRequest();
@@ -97,33 +91,19 @@ TEST_F(JSONPostingTest, CompressesOnlyWhatGetsShorter) {
     EXPECT_TRUE(platform::parseJson(request.body));
 }
 
-TEST_F(JSONPostingTest, TheFlagPicksTheUrl) {
-    auto backend = postingBackend();
-    for (const auto& [flag, path] :
-         {std::pair{0u, "/post"}, {1u, "/realtime"}, {2u, "/post"}, {3u, "/realtime"}}) {
-        send(*backend, {}, 5, 0, flag);
-        EXPECT_EQ(takeOnlyRequest().target, path) << flag;
-    }
-}
-
 TEST_F(JSONPostingTest, AServerErrorDisablesUntilTheStateIsWorkedOutAnew) {
     auto backend = postingBackend();
-    for (const int status : {200, 404, 499, 600}) {
+    for (const int status : {200, 404, 499, 500, 599, 600}) {
+        SCOPED_TRACE(status);
+        const bool disables = status == 500 || status == 599;
+        backend->updateState();
         _server->answerWith({status, {}, {}});
         send(*backend, {});
         EXPECT_EQ(takeRequests().size(), 1u);
-        EXPECT_EQ(backend->state(), BackendState::Enabled) << status;
-    }
-    for (const int status : {500, 599}) {
-        _server->answerWith({status, {}, {}});
-        send(*backend, {});
-        EXPECT_EQ(takeRequests().size(), 1u);
-        EXPECT_EQ(backend->state(), BackendState::Disabled) << status;
+        EXPECT_EQ(backend->state(), disables ? BackendState::Disabled : BackendState::Enabled);
         EXPECT_EQ(logged(fmt::format("<6>postJSONMessage: backend httppost disabled by server {} return code",
                                      status)),
-                  1u);
-        backend->updateState();
-        EXPECT_EQ(backend->state(), BackendState::Enabled);
+                  disables ? 1u : 0u);
     }
     EXPECT_EQ(logged("post error"), 0u);
 }
@@ -140,49 +120,25 @@ TEST_F(JSONPostingTest, AFailedPostIsLoggedAndOutlivesItsBackend) {
 }
 
 TEST_F(JSONPostingTest, TellsThePrettyTextOnlyWithPlainConsent) {
-    const auto sentBy = [&](int override) {
-        Dictionary entry = permissiveEntry();
-        entry.set("post_url", _server->url("/post"));
+    std::vector<std::string> clients;
+    for (const auto& [consents, override, answers, opt] :
+         {std::tuple(true, 0, true, 0), {true, 1, false, 2}, {false, 1, false, 1}}) {
+        SCOPED_TRACE(fmt::format("consent {}, override {}", consents, override));
+        write("etc/quorvane/consent.toml", fmt::format("diagnostics_submission = {}\n", consents));
+        Dictionary entry = entryWith("post_url", _server->url("/post"));
         entry.set("override_dnu", override);
-        auto backend = backendWithClients({Value(entry)});
-        backend->setRequireUserInfo(true);
-        backend->setUserInfoDict(userInfo());
-        backend->updateState();
-        const auto answer = send(*backend, {}, 0, 1);
+        auto backend = personalBackend(entry);
+        EXPECT_EQ(send(*backend, {}, 0, 1).has_value(), answers);
         const std::string body = takeOnlyRequest().body;
-        const Array events = eventsIn(body);
-        const auto opt = events.empty() ? -1 : events[0].dictionary()->integer("Opt");
-        const std::string client = *platform::parseJson(body)->dictionary()->string("clientId");
-        return std::tuple(answer.has_value(), opt, client);
-    };
-    const auto [plainAnswer, plainOpt, plainClient] = sentBy(0);
-    const auto [overriddenAnswer, overriddenOpt, overriddenClient] = sentBy(1);
-    EXPECT_TRUE(plainAnswer);
-    EXPECT_EQ(plainOpt, 0);
-    EXPECT_FALSE(overriddenAnswer);
-    EXPECT_EQ(overriddenOpt, 2);
-
-    write("etc/quorvane/consent.toml", "diagnostics_submission = false\n");
-    const auto [answer, opt, client] = sentBy(1);
-    EXPECT_FALSE(answer);
-    EXPECT_EQ(opt, 1);
-    EXPECT_EQ(client, overriddenClient);
-
+        EXPECT_EQ(onlyEventIn(body).integer("Opt"), opt);
+        clients.push_back(clientIn(body));
+    }
     auto withoutUserInfo = postingBackend();
     EXPECT_FALSE(send(*withoutUserInfo, {}));
-    EXPECT_EQ(eventsIn(takeOnlyRequest().body).size(), 1u);
-}
-
-TEST_F(JSONPostingTest, PostsInOrderWhenHeldRecordsGoOutFirst) {
-    auto backend = postingBackend();
-    backend->setState(BackendState::SampledOut);
-    send(*backend, {{"n", 1}});
-    backend->setState(BackendState::Enabled);
-    send(*backend, {{"n", 2}});
-    std::multiset<std::int64_t> posted;
-    for (const test::ServerRequest& request : takeRequests())
-        for (const Value& event : eventsIn(request.body)) posted.insert(event.dictionary()->integer("n"));
-    EXPECT_EQ(posted, (std::multiset<std::int64_t>{1, 2}));
+    const std::string body = takeOnlyRequest().body;
+    onlyEventIn(body);
+    EXPECT_THAT(clients, testing::Each(clients[0])) << "the device's own";
+    EXPECT_NE(clientIn(body), clients[0]) << "consent is respected";
 }
 
 }  // namespace

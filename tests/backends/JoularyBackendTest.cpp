@@ -40,12 +40,5 @@ TEST_F(JoularyBackendTest, DropsMethodZeroAndEmptyMessages) {
     EXPECT_EQ(logged("<"), 0u);
 }
 
-TEST_F(JoularyBackendTest, EventsOfSessionsDoNotReachThePowerLog) {
-    const auto made = QuorvaneBackend::newBackendWithName("joulary", nullptr, std::nullopt, 5);
-    ASSERT_NE(std::dynamic_pointer_cast<JoularyBackend>(made), nullptr);
-    EXPECT_EQ(send(*made, {{"level", 80u}}), std::nullopt);
-    EXPECT_EQ(powerLog(), "");
-}
-
 }  // namespace
 }  // namespace quorvane

@@ -75,8 +75,4 @@ class UdpCollector {
     sockaddr_in _sender{};
 };
 
-inline std::uint16_t eventNumberOf(const Data& datagram) {
-    return static_cast<std::uint16_t>(datagram.at(60) << 8 | datagram.at(61));
-}
-
 }  // namespace quorvane

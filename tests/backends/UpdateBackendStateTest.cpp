@@ -7,24 +7,8 @@ namespace {
 
 class UpdateBackendStateTest : public BackendFixture {
   protected:
-    /// A backend that requires user info and has it.
-    static std::shared_ptr<HTTPSPostBackend> backendFor(Array clients) {
-        auto backend = backendWithClients(std::move(clients));
-        backend->setRequireUserInfo(true);
-        backend->setUserInfoDict(userInfo());
-        return backend;
-    }
-
     static BackendState stateFor(const Dictionary& entry, double draw = 0) {
-        auto backend = backendFor({Value(entry)});
-        backend->setSamplingFactor(draw);
-        return backend->updateBackendState();
-    }
-
-    static Dictionary entryWith(std::string_view key, Value value) {
-        Dictionary entry = permissiveEntry();
-        entry.set(key, std::move(value));
-        return entry;
+        return personalBackend(entry, userInfo(), draw)->state();
     }
 
     static Dictionary entryWithout(std::string_view key) {
@@ -40,14 +24,12 @@ TEST_F(UpdateBackendStateTest, WithoutRequiredUserInfoNoRuleApplies) {
     EXPECT_EQ(backend->state(), BackendState::WaitingForUserInfo);
     backend->updateState();
     EXPECT_EQ(backend->state(), BackendState::Enabled);
-    EXPECT_FALSE(backend->postURL());
-    EXPECT_EQ(backend->displayURL(), "https://display.invalid/");
 }
 
 TEST_F(UpdateBackendStateTest, RequiredUserInfoMustComeAndMatch) {
-    auto backend = backendFor({Value(entryWith("client", "Mail,Maps")), Value("no entry")});
-    EXPECT_EQ(backend->updateBackendState(), BackendState::Enabled);
-    for (const auto& [client, state] : {std::pair{"mApS", BackendState::Enabled},
+    auto backend = personalBackend(entryWith("client", "Mail,Maps"));
+    for (const auto& [client, state] : {std::pair{"Mail", BackendState::Enabled},
+                                        {"mApS", BackendState::Enabled},
                                         {"Mail2", BackendState::Disabled},
                                         {"Mail,Maps", BackendState::Disabled},
                                         {"", BackendState::Disabled}}) {
@@ -110,13 +92,13 @@ TEST_F(UpdateBackendStateTest, SamplingComparesTheDrawWithBothThresholds) {
 }
 
 TEST_F(UpdateBackendStateTest, TheMatchingEntrySetsTheBackendUp) {
-    Dictionary first = permissiveEntry(), second = permissiveEntry();
-    first.set("client", "Maps");
+    Dictionary first = entryWith("client", "Maps"), second = entryWith("client", "Mail");
     first.set("expedite", 0);
-    second.set("client", "Mail");
     second.set("expedite", 1);
     second.set("hierarchy", 2);
-    auto backend = backendFor({Value(first), Value(second), Value(first)});
+    auto backend = backendWithClients({Value("no entry"), Value(first), Value(second), Value(first)});
+    backend->setRequireUserInfo(true);
+    backend->setUserInfoDict(userInfo());
     backend->setBatchEvents(true);
     backend->updateState();
     EXPECT_FALSE(backend->batchEvents());
