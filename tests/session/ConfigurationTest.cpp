@@ -34,32 +34,21 @@ class ConfigurationTest : public SessionFixture {
     }
 };
 
-TEST_F(ConfigurationTest, EverySessionHasARandomIdentifierOfItsOwn) {
-    const auto first = makeSession(), second = makeSession();
-    EXPECT_THAT(first->sessionIDString(), MatchesRegex("[A-Za-z0-9+/]{22}=="));
-    EXPECT_NE(first->sessionIDString(), second->sessionIDString());
-    EXPECT_EQ(first->sessionID(), 0u);
-    EXPECT_EQ(logged("<7>initWithSessionDelegate: QuorvanedSession initWithSessionDelegate:<the agent>"), 2u);
-    EXPECT_EQ(logged("<7>initWithSessionDelegate: Initialized session with UUID " + first->sessionIDString()),
-              1u);
-}
-
-TEST_F(ConfigurationTest, KeepsWhatTheClientTellsAndDoesNothingElse) {
+TEST_F(ConfigurationTest, ASessionKeepsWhatItsClientTellsUnderAnIdentifierOfItsOwn) {
     const auto session = makeSession();
+    EXPECT_THAT(session->sessionIDString(), MatchesRegex("[A-Za-z0-9+/]{22}=="));
+    EXPECT_NE(session->sessionIDString(), makeSession()->sessionIDString());
     const std::string warning =
         "<4>setSessionInfo: Configure session: user info provided without requiring it";
     session->setSessionInfo({{"SessionID", 4'294'967'300}}, names("Mail", "Sync"), {"Quorvane"}, true);
     EXPECT_EQ(session->sessionID(), 4u) << "cut to 32 bits";
-    EXPECT_EQ(logged("<7>setSessionInfo: Configuring session 4"), 1u);
-    EXPECT_EQ(logged(warning), 1u);
     EXPECT_EQ(*session->userInfo(), names("Mail", "Sync"));
-    EXPECT_TRUE(session->hasAggregator());
+    EXPECT_EQ(logged(warning), 1u);
 
     const Dictionary requiring{{"SessionID", "no number"}, {"RequireUserInfo", true}};
     session->setSessionInfo(requiring, names("Mail", "Sync"), {}, false);
     session->setSessionInfo(requiring, std::nullopt, {}, false);
     EXPECT_EQ(session->sessionID(), 0u);
-    EXPECT_EQ(*session->sessionInfo(), requiring);
     EXPECT_EQ(session->userInfo(), nullptr);
     EXPECT_FALSE(session->hasAggregator());
     EXPECT_EQ(logged(warning), 1u);
@@ -86,37 +75,15 @@ TEST_F(ConfigurationTest, StartMakesTheBackendsAndAnswersThoseThatReport) {
     flush(*session);
     const auto events = posted();
     ASSERT_EQ(events.size(), 1u);
-    ASSERT_TRUE(events[0].string("_sessionID"));
     EXPECT_EQ(*events[0].string("_sessionID"), session->sessionIDString());
-    EXPECT_EQ(events[0].integer("_eventNumber"), 1);
 
     session->startConfigWithCompletionHandler({});
     session->fetchStatesWithUserInfo({}, {});
     session->fetchDisplayURL({});
 }
 
-TEST_F(ConfigurationTest, WithoutAStorebagThereAreNoBackends) {
-    _delegate.storebag = nullptr;
-    const auto session = configuredSession();
-    EXPECT_EQ(start(*session), std::nullopt);
-    EXPECT_THAT(_delegate.takeCalls(), ElementsAre("storebagForSession"));
-
-    EXPECT_EQ(send(*session, {{"Category", 1}, {"Type", 2}}), std::nullopt);
-    EXPECT_EQ(logged("<7>sendMessageWithDictionary: No backends available to send message"), 1u);
-    EXPECT_EQ(send(*session, 1, 2, nullptr), std::nullopt);
-    EXPECT_EQ(logged("<7>sendMessageWithDictionary: No backends available to send message"), 2u);
-    EXPECT_EQ(flush(*session), std::nullopt);
-    EXPECT_EQ(logged("<7>flushMessages: No backends available to send message"), 1u);
-    EXPECT_EQ(fetchStates(*session, names("Mail", "Sync")), std::nullopt);
-    EXPECT_EQ(fetchDisplayURL(*session), "URL not available");
-    EXPECT_EQ(session->getSessionHierarchy(), 0);
-    EXPECT_EQ(session->samplingThresholdWithBackendName("httppost"), std::nullopt);
-    EXPECT_THAT(_delegate.takeCalls(), resynchronised());
-}
-
 TEST_F(ConfigurationTest, StatesFollowTheUserInfoThatArrivesAndChanges) {
-    Dictionary entry = permissiveEntry();
-    entry.set("client", "Mail");
+    Dictionary entry = entryWith("client", "Mail");
     entry.set("hierarchy", 2);
     _delegate.storebag = storebagWith({{"httppost", profile("post", entry)}});
     const auto session = configuredSession({{"RequireUserInfo", true}});
@@ -125,8 +92,6 @@ TEST_F(ConfigurationTest, StatesFollowTheUserInfoThatArrivesAndChanges) {
     _delegate.takeCalls();
 
     EXPECT_THAT(fetchStates(*session, names("Mail", "Sync")).value(), ElementsAre("httppost"));
-    EXPECT_EQ(logged("<7>fetchStatesWithUserInfo: Fetching states for session 7"), 1u);
-    EXPECT_EQ(logged("<7>receivedUserInfo: Received new user info for session 7"), 1u);
     EXPECT_THAT(_delegate.takeCalls(), resynchronised());
     EXPECT_EQ(session->getSessionHierarchy(), 2);
 
@@ -140,40 +105,34 @@ TEST_F(ConfigurationTest, StatesFollowTheUserInfoThatArrivesAndChanges) {
     EXPECT_THAT(fetchStates(*session, names("Mail", "Push")).value(), ElementsAre("httppost"));
     _delegate.takeCalls();
     EXPECT_THAT(fetchStates(*session, std::nullopt).value(), IsEmpty());
-    EXPECT_EQ(session->userInfo(), nullptr);
     EXPECT_THAT(_delegate.takeCalls(), resynchronised());
-    EXPECT_THAT(fetchStates(*session, std::nullopt).value(), IsEmpty());
+    fetchStates(*session, std::nullopt);
     EXPECT_THAT(_delegate.takeCalls(), IsEmpty());
 
-    fetchStates(*session, Dictionary{{"ClientName", "Mail"}});
-    _delegate.takeCalls();
-    fetchStates(*session, Dictionary{{"ClientName", "Mail"}});
+    for (int times = 0; times < 2; ++times) {
+        _delegate.takeCalls();
+        fetchStates(*session, Dictionary{{"ClientName", "Mail"}});
+    }
     EXPECT_THAT(_delegate.takeCalls(), resynchronised()) << "absent names are never equal";
 }
 
 TEST_F(ConfigurationTest, TheDisplayUrlIsTheFirstBackendsThatHasOne) {
-    const auto withURL = [](Dictionary profile, const char* url) {
-        profile.set("display_url", url);
-        return profile;
-    };
-    const Dictionary collector{{"ip", "127.0.0.1"}, {"port", 9}};
-    Dictionary section{{"dashboard", withURL(collector, "https://c.invalid")},
-                       {"httppost", withURL(profile(), "https://a.invalid")},
-                       {"httppost2", withURL(profile(), "https://b.invalid")}};
+    Dictionary section{{"dashboard", Dictionary{{"ip", "127.0.0.1"}, {"port", 9}}},
+                       {"httppost", profile()},
+                       {"httppost2", profile()}};
     const auto session = configuredSession({{"SessionID", 3'000'000'000u}});
     const auto displayURL = [&] {
         _delegate.storebag = storebagWith(section);
         start(*session);
         return fetchDisplayURL(*session);
     };
-    EXPECT_EQ(displayURL(), "https://a.invalid?sequences=3000000000&override=yes");
-    EXPECT_EQ(logged("<7>fetchDisplayURL: Fetching display URL for session 3000000000"), 1u);
-    section.set("httppost", profile());
-    EXPECT_EQ(displayURL(), "https://b.invalid?sequences=3000000000&override=yes");
-    section.remove("httppost2");
-    EXPECT_EQ(displayURL(), "https://c.invalid?sequences=3000000000&override=yes");
-    section.set("dashboard", collector);
     EXPECT_EQ(displayURL(), "URL not available");
+    for (const std::string name : {"dashboard", "httppost2", "httppost"}) {
+        Dictionary profile = *section.dictionary(name);
+        profile.set("display_url", "https://" + name + ".invalid");
+        section.set(name, profile);
+        EXPECT_EQ(displayURL(), "https://" + name + ".invalid?sequences=3000000000&override=yes");
+    }
 }
 
 TEST_F(ConfigurationTest, ARestartReplacesTheBackendsAndTheVersion) {
@@ -229,23 +188,17 @@ TEST_F(ConfigurationTest, TearDownSendsAFinalEventFlushesAndEndsAggregation) {
 
     EXPECT_EQ(logged("<7>dealloc: QuorvanedSession dealloc: 7"), 1u);
     EXPECT_EQ(logged("<7>internalSendMessage: Sent internal message (method:0 respCode:1)"), 1u);
-    const auto reported = posted();
-    ASSERT_EQ(reported.size(), 2u);
-    EXPECT_EQ(reported[1].integer("_method"), 0);
-    EXPECT_EQ(reported[1].integer("_status"), 1);
-    EXPECT_EQ(*reported[1].string("StorebagVersion"), "12");
+    EXPECT_EQ(posted().at(1).integer("_status"), 1);
     const auto relayed = _client->takeEvents();
     ASSERT_EQ(relayed.size(), 2u);
     EXPECT_EQ(relayed[0].type, 1);
     EXPECT_EQ(relayed[0].payload, (Dictionary{{"StorebagVersion", "12"}}));
     EXPECT_TRUE(relayed[1].endsAggregation());
-}
 
-TEST_F(ConfigurationTest, TheFinalEventIsEmptyWithoutAVersion) {
+    _client->onEvent = nullptr;
+    _delegate.storebagVersion = std::nullopt;
     startedSession({}, {}, true);
-    const auto relayed = _client->takeEvents();
-    ASSERT_EQ(relayed.size(), 3u);
-    EXPECT_EQ(relayed[1].payload, Dictionary());
+    EXPECT_EQ(_client->takeEvents().at(1).payload, Dictionary());
 }
 
 }  // namespace

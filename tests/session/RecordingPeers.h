@@ -91,8 +91,6 @@ class RecordingClient final : public ClientSessionReplyInterface {
         bool endsAggregation() const { return timestamp == 0 && category == 0 && type == 0 && !payload; }
     };
 
-    /// Why the client cannot be reached, if it cannot.
-    std::optional<std::string> unreachable;
     /// Runs as an event comes.
     std::function<void()> onEvent;
 
@@ -104,7 +102,6 @@ class RecordingClient final : public ClientSessionReplyInterface {
     std::optional<std::string> sendMessageToClient(const Dictionary& sessionInfo, double timestamp,
                                                    std::uint16_t category, std::uint16_t type,
                                                    const Dictionary* payload) override {
-        if (unreachable) return unreachable;
         if (onEvent) onEvent();
         const std::scoped_lock lock(_mutex);
         _events.push_back({sessionInfo, timestamp, category, type,

@@ -17,8 +17,7 @@ class ReportingStatesTest : public SessionFixture {
     }
 
     static Dictionary entryWithThreshold(double threshold) {
-        Dictionary entry = permissiveEntry();
-        entry.set("sampling_threshold", threshold);
+        Dictionary entry = entryWith("sampling_threshold", threshold);
         entry.set("hierarchy", 1);
         return entry;
     }
@@ -60,32 +59,14 @@ TEST_F(ReportingStatesTest, AChildFollowsItsParentExceptWhereItIsSampledOut) {
     EXPECT_EQ(posted("/s1").size(), 2u) << "with the event held until then";
 }
 
-TEST_F(ReportingStatesTest, AChildOfASilentParentFallsSilent) {
-    const auto silent = sessionWith({{"httppost", disabled("p")}});
+TEST_F(ReportingStatesTest, AChildOfAParentWithoutBackendsFallsSilent) {
+    const auto child = sessionWith({{"httppost", reporting("c")}});
     _delegate.storebag = nullptr;
-    const auto withoutBackends = startedSession();
-    for (const auto& parent : {silent, withoutBackends}) {
-        const auto child = sessionWith({{"httppost", reporting("c")}});
-        _delegate.parent = parent.get();
-        child->syncReportingStates();
-        _delegate.parent = nullptr;
-        EXPECT_THAT(child->fetchReportingStates().value(), IsEmpty());
-        EXPECT_EQ(send(*child, 5, 6, nullptr), std::nullopt);
-    }
-}
-
-TEST_F(ReportingStatesTest, AChildWithoutAParentSaysSoAndGoesOn) {
-    const auto child = sessionWith({{"httppost", reporting("c")},
-                                    {"httppost2", sampledOut("c2")},
-                                    {"dashboard", Dictionary{{"ip", "127.0.0.1"}, {"port", 9}}}});
-    EXPECT_EQ(child->getSessionHierarchy(), 1);
+    const auto parent = startedSession();
+    _delegate.parent = parent.get();
     child->syncReportingStates();
-    for (const char* name : {"httppost", "httppost2"})
-        EXPECT_EQ(logged(fmt::format(
-                      "<6>syncReportingStates: child session 7 (backend {}) is missing its parent", name)),
-                  1u);
-    EXPECT_EQ(logged("is missing its parent"), 2u) << "the dashboard is at the top";
-    EXPECT_THAT(child->fetchReportingStates().value(), ElementsAre("dashboard", "httppost"));
+    EXPECT_THAT(child->fetchReportingStates().value(), IsEmpty());
+    EXPECT_EQ(send(*child, 5, 6, nullptr), std::nullopt);
 }
 
 TEST_F(ReportingStatesTest, TheCombinedIdentifierReachesHeldAndLaterEvents) {

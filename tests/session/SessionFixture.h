@@ -3,7 +3,6 @@
 #include "session/QuorvanedSession.h"
 #include "tests/backends/BackendFixture.h"
 #include "tests/session/RecordingPeers.h"
-#include "tests/support/HttpsServer.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -16,17 +15,16 @@
 namespace quorvane {
 
 /// Sessions with real backends that post to a server of their own.
-class SessionFixture : public BackendFixture {
+class SessionFixture : public PostingFixture {
   protected:
     void SetUp() override {
-        BackendFixture::SetUp();
-        _server = std::make_unique<test::HttpsServer>(_root);
+        PostingFixture::SetUp();
         _delegate.storebag = storebagWith({{"httppost", profile()}});
     }
 
     void TearDown() override {
         drain();
-        BackendFixture::TearDown();
+        PostingFixture::TearDown();
     }
 
     static std::shared_ptr<const Dictionary> storebagWith(const Dictionary& section) {
@@ -116,7 +114,6 @@ class SessionFixture : public BackendFixture {
         return text;
     }
 
-    std::unique_ptr<test::HttpsServer> _server;
     RecordingDelegate _delegate;
     std::shared_ptr<RecordingClient> _client = std::make_shared<RecordingClient>();
 
