@@ -1,15 +1,16 @@
 #pragma once
 
-#include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonFixture.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quorvane::test {
@@ -20,71 +21,162 @@ inline constexpr std::uint16_t kOurs = 12;
 /// Client types by what their sessions are in a chain.
 enum class Place : std::uint32_t { Top = 5, Middle = 6, Bottom = 8, SilentTop = 9, SampledOutTop = 10 };
 
-/// A client in a process of its own, ChainClient.cpp, which does what it is told.
-class ChainProcess {
+/// A client that keeps what its aggregation block gets, if it has one.
+class ChainClient {
   public:
     struct Options {
         bool aggregates = false;
         bool batches = false;
     };
 
-    ChainProcess(const DaemonFixture& device, Place place, std::uint32_t sessionID, Options options);
-    ~ChainProcess();
-    ChainProcess(const ChainProcess&) = delete;
-    ChainProcess& operator=(const ChainProcess&) = delete;
+    ChainClient(DaemonFixture& device, Place place, std::uint32_t sessionID, Options options)
+        : _device(device),
+          _sessionInfo{.sessionID = sessionID,
+                       .clientType = static_cast<std::uint32_t>(place),
+                       .batchEvent = options.batches,
+                       .requireUserInfo = true},
+          _aggregates(options.aggregates) {}
 
-    std::uint32_t sessionID() const { return _sessionID; }
+    std::uint32_t sessionID() const { return _sessionInfo.sessionID.value_or(0); }
 
-    /// Has the client run the command and waits for its answer; empty when none comes in time.
-    std::string tell(const std::string& command);
+    /// Starts a session under the client name on a connection of its own, where the one before ends; whether
+    /// the session reports.
+    bool start(const std::string& name) {
+        _client.reset();
+        _client = _device.connect();
+        EXPECT_TRUE(_client->setSessionInfo(_sessionInfo, names(name), {},
+                                            _aggregates ? block() : AggregationBlock()));
+        return reports(_client->start());
+    }
+
+    bool rename(const std::string& name) { return reports(_client->fetchStates(names(name))); }
+
+    /// Whether the event was posted at once.
+    bool send(std::int64_t number, const std::string& fill = "") {
+        return _client->send({.category = kOurs, .type = 3, .payload = {{{"n", number}, {"fill", fill}}}})
+            ->has_value();
+    }
+
+    bool flush() { return _client->flush()->has_value(); }
+
     /// Ends the session and waits until the daemon has forgotten it.
-    void leave(DaemonFixture& device);
+    void leave() {
+        _client.reset();
+        EXPECT_TRUE(_device.logs("dealloc: QuorvanedSession dealloc: " + std::to_string(sessionID()) + "\n"));
+    }
 
-    /// The numbers of the events that the aggregation block has got, in order.
-    std::vector<std::int64_t> received() const;
+    /// The numbers of the events received so far, in order.
+    std::vector<std::int64_t> received() const {
+        const std::scoped_lock lock(_mutex);
+        return _received;
+    }
     /// Waits for so many of them; what has come in the end.
-    std::vector<std::int64_t> waitForReceived(std::size_t count) const;
-    /// Waits until the client has written the line.
-    bool says(const std::string& line) const;
+    std::vector<std::int64_t> waitForReceived(std::size_t count) const {
+        eventually([&] { return received().size() >= count; });
+        return received();
+    }
 
-    void signal(int number) { _process->signal(number); }
+    /// Waits until its aggregation has ended.
+    bool ends() const {
+        return eventually([this] { return locked(_ended); });
+    }
+    /// Waits until it has been told the end of another session.
+    bool hearsOfAnEnd() const {
+        return eventually([this] { return locked(_heardOfAnEnd); });
+    }
+
+    /// While a test holds it, the client's aggregation block does not return.
+    std::mutex stalls;
 
   private:
-    std::vector<std::string> lines() const;
+    static UserInfo names(const std::string& name) { return {.clientName = name, .serviceName = "Chain"}; }
 
-    const std::uint32_t _sessionID;
-    const std::filesystem::path _commandFile;
-    int _commands = -1;
-    int _told = 0;
-    std::unique_ptr<ChildProcess> _process;
+    static bool reports(const Result<ReportingStates>& states) { return !states->value().empty(); }
+
+    bool locked(const bool& flag) const {
+        const std::scoped_lock lock(_mutex);
+        return flag;
+    }
+
+    AggregationBlock block() {
+        return {.event =
+                    [this](const AggregatedEvent& event) {
+                        const std::scoped_lock lock(stalls, _mutex);
+                        EXPECT_EQ(event.sessionInfo.sessionID, sessionID()) << "its own, whoever sent";
+                        if (event.category == kOurs) _received.push_back(event.payload->integer("n"));
+                        if (event.category == 0 && event.type == 1) _heardOfAnEnd = true;
+                    },
+                .ended =
+                    [this](const SessionInfo& sessionInfo) {
+                        const std::scoped_lock lock(_mutex);
+                        EXPECT_EQ(sessionInfo.sessionID, sessionID());
+                        _ended = true;
+                    }};
+    }
+
+    DaemonFixture& _device;
+    const SessionInfo _sessionInfo;
+    const bool _aggregates;
+    mutable std::mutex _mutex;
+    std::vector<std::int64_t> _received;
+    bool _heardOfAnEnd = false;
+    bool _ended = false;
+    std::optional<Client> _client;
 };
 
 /// A daemon whose storebags set up chains of three levels.
 class ChainFixture : public testing::Test {
   protected:
-    void SetUp() override;
+    using Options = ChainClient::Options;
 
-    using Options = ChainProcess::Options;
+    void SetUp() override {
+        const auto serve = [this](const char* storebag, Dictionary clientEntry) {
+            // What fills events up is for aggregators only.
+            clientEntry.set("filters", Array{Value(Dictionary{{"key", "fill"}, {"action", "remove"}})});
+            _device.serveStorebag(_device.httpPostSection(clientEntry), storebag);
+        };
+        serve("pelmark", {{"hierarchy", 0}});
+        serve("stremcore", {{"hierarchy", 1}});
+        serve("vistabox", {{"hierarchy", 2}});
+        serve("tunewave", {{"locale_whitelist", Array{}}});  // No country at all.
+        serve("hintry", {{"sampling_threshold", -1.0}});     // Below every draw.
+        _device.start();
+    }
 
     /// A client that has done nothing yet; every one has another session ID.
-    std::unique_ptr<ChainProcess> process(Place place, Options options = {});
-    /// A client whose session has been started under the client name.
-    std::unique_ptr<ChainProcess> started(Place place, const std::string& name, Options options = {});
+    std::unique_ptr<ChainClient> client(Place place, Options options = {}) {
+        return std::make_unique<ChainClient>(_device, place, ++_lastSessionID, options);
+    }
+
+    std::unique_ptr<ChainClient> started(Place place, const std::string& name, Options options = {}) {
+        auto made = client(place, options);
+        made->start(name);
+        return made;
+    }
 
     /// The identifier under which the event of that number was posted; empty when it is not in time.
-    std::string postedUnder(std::int64_t number) const;
+    std::string postedUnder(std::int64_t number) const {
+        std::string identifier;
+        eventually([&] {
+            for (const Dictionary& record : _device.postedEvents(kOurs))
+                if (record.integer("n") == number) identifier = *record.string("_sessionID");
+            return !identifier.empty();
+        });
+        return identifier;
+    }
+
     /// How often the daemon has logged the text so far.
-    std::size_t logged(std::string_view text);
+    std::size_t logged(std::string_view text) {
+        const std::string log = _device.daemon().errors();
+        std::size_t count = 0;
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+        return count;
+    }
 
     DaemonFixture _device;
 
   private:
     std::uint32_t _lastSessionID = 100;
 };
-
-/// A command of ChainProcess.
-std::string startAs(const std::string& name);
-std::string renameTo(const std::string& name);
-std::string send(std::int64_t number);
 
 }  // namespace quorvane::test

