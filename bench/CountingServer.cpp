@@ -5,10 +5,6 @@
 
 #include <httplib.h>
 
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/ssl.h>
-
 #include <condition_variable>
 #include <limits>
 #include <mutex>
@@ -20,21 +16,6 @@
 namespace quorvane::bench {
 
 namespace {
-
-using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
-
-Memory memoryOf(const std::string& text) {
-    return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free};
-}
-
-bool useCertificate(SSL_CTX& context, const test::TestCertificate& certificate) {
-    const std::unique_ptr<X509, decltype(&X509_free)> shown(
-        PEM_read_bio_X509(memoryOf(certificate.certificate).get(), nullptr, nullptr, nullptr), X509_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        PEM_read_bio_PrivateKey(memoryOf(certificate.key).get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-    return SSL_CTX_use_certificate(&context, shown.get()) == 1 &&
-           SSL_CTX_use_PrivateKey(&context, key.get()) == 1;
-}
 
 std::uint64_t occurrences(std::string_view text, std::string_view sought) {
     std::uint64_t count = 0;
@@ -51,7 +32,7 @@ constexpr std::size_t kThreads = 32;
 
 struct CountingServer::Held {
     explicit Held(const test::TestCertificate& certificate)
-        : server([&](SSL_CTX& context) { return useCertificate(context, certificate); }) {
+        : server([&](SSL_CTX& context) { return test::useCertificate(context, certificate); }) {
         if (!server.is_valid()) throw std::runtime_error("the collector's certificate was not taken");
         server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
         server.set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());

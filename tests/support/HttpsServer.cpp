@@ -5,9 +5,6 @@
 #include <httplib.h>
 
 #include <netinet/in.h>
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/ssl.h>
 #include <strings.h>
 #include <sys/socket.h>
 
@@ -20,21 +17,6 @@
 namespace quorvane::test {
 
 namespace {
-
-using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
-
-Memory memoryOf(const std::string& text) {
-    return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free};
-}
-
-bool useCertificate(SSL_CTX& context, const TestCertificate& certificate) {
-    const std::unique_ptr<X509, decltype(&X509_free)> shown(
-        PEM_read_bio_X509(memoryOf(certificate.certificate).get(), nullptr, nullptr, nullptr), X509_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        PEM_read_bio_PrivateKey(memoryOf(certificate.key).get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-    return SSL_CTX_use_certificate(&context, shown.get()) == 1 &&
-           SSL_CTX_use_PrivateKey(&context, key.get()) == 1;
-}
 
 ServerRequest received(const httplib::Request& request) {
     return {request.method,

@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
@@ -18,6 +19,7 @@ namespace {
 
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
 
 void require(bool holds, const char* what) {
     if (!holds) throw std::runtime_error(std::string("TestCertificate: ") + what);
@@ -56,11 +58,15 @@ Certificate selfSigned(EVP_PKEY* key) {
 }
 
 std::string pem(const std::function<bool(BIO*)>& write) {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> memory(BIO_new(BIO_s_mem()), BIO_free);
+    const Memory memory(BIO_new(BIO_s_mem()), BIO_free);
     require(memory && write(memory.get()), "PEM");
     char* text = nullptr;
     const long size = BIO_get_mem_data(memory.get(), &text);
     return {text, static_cast<std::size_t>(size)};
+}
+
+Memory memoryOf(const std::string& text) {
+    return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free};
 }
 
 }  // namespace
@@ -73,6 +79,15 @@ TestCertificate makeTestCertificate() {
             pem([&](BIO* out) {
                 return PEM_write_bio_PrivateKey(out, key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1;
             })};
+}
+
+bool useCertificate(SSL_CTX& context, const TestCertificate& certificate) {
+    const Certificate shown(
+        PEM_read_bio_X509(memoryOf(certificate.certificate).get(), nullptr, nullptr, nullptr), X509_free);
+    const Key key(PEM_read_bio_PrivateKey(memoryOf(certificate.key).get(), nullptr, nullptr, nullptr),
+                  EVP_PKEY_free);
+    return SSL_CTX_use_certificate(&context, shown.get()) == 1 &&
+           SSL_CTX_use_PrivateKey(&context, key.get()) == 1;
 }
 
 void trustCertificate(const TestCertificate& certificate, const std::filesystem::path& root,
