@@ -12,19 +12,28 @@ constexpr std::uint64_t kMaximumValues = 1'000'000;
 
 constexpr const char* kTooDeep = "is nested deeper than 128 levels";
 constexpr const char* kTooLarge = "has more than a million elements";
+constexpr const char* kOpenQuote = "has a tag with an open quote";
+constexpr const char* kOwnDocumentType = "declares a document type of its own";
 
 using Failure = std::optional<std::string>;
 
-/// Walks over the tags of an XML list.
+/// Walks over the tags of an XML list. The parser behind it looks for the end of a tag outside of quotes;
+/// where quotes are closed at the first end, both see the same tags.
 class XmlBounds {
   public:
     explicit XmlBounds(std::string_view text) : _rest(text) {}
 
     Failure check() {
         while (skipPast("<")) {
-            if (skipWhole("!--", "-->") || skipWhole("![CDATA[", "]]>") || skipWhole("?", "?>") ||
-                skipDocumentType())
+            if (skipWhole("!--", "-->") || skipWhole("![CDATA[", "]]>")) continue;
+            const std::string_view tag = thisTag();
+            if (std::count(tag.begin(), tag.end(), '"') % 2 != 0) return kOpenQuote;
+            if (tag.starts_with('!') && tag.find_first_of("[<") != std::string_view::npos)
+                return kOwnDocumentType;
+            if (tag.starts_with('?') || tag.starts_with('!')) {
+                _rest.remove_prefix(tag.size());
                 continue;
+            }
             const bool closing = _rest.starts_with('/');
             if (closing) _rest.remove_prefix(1);
             if (Failure failure = count(closing)) return failure;
@@ -46,11 +55,11 @@ class XmlBounds {
         return true;
     }
 
-    bool skipDocumentType() {
-        if (!_rest.starts_with("!DOCTYPE")) return false;
-        _rest.remove_prefix(std::min(_rest.find_first_of("[>"), _rest.size()));
-        skipPast(_rest.starts_with('[') ? "]>" : ">");
-        return true;
+    std::string_view thisTag() const {
+        const std::size_t end = _rest.starts_with('?')   ? _rest.find("?>")
+                                : _rest.starts_with('!') ? _rest.find('>')
+                                                         : _rest.find_first_of("<>");
+        return _rest.substr(0, end);
     }
 
     Failure count(bool closing) {

@@ -113,9 +113,13 @@ TEST(PropertyList, DeepXmlIsRefusedHoweverItIsDisguised) {
     EXPECT_TRUE(parsed(xml(repeated("<array>", 128) + repeated("</array>", 128))));
     EXPECT_FALSE(parsed(xml(repeated("<array>", 129) + repeated("</array>", 129))));
     constexpr int deep = 300'000;
-    for (const char* level : {"<array>", "<dict><key>a</key>", "<array ><!--</array>-->",
-                              "<array><string><![CDATA[</array>]]></string>", "<array><?x </array>?>"})
+    for (const char* level :
+         {"<array>", "<dict><key>a</key>", "<array ><!--</array>-->",
+          "<array><string><![CDATA[</array>]]></string>", "<array><?x </array>?>", "<array a=\"</array>\">",
+          "<array><!DOCTYPE </array>", "<array><?x \"?></array>\" ?>"})
         EXPECT_FALSE(parsed(xml(repeated(level, deep)))) << level;
+    for (const char* documentType : {"<!DOCTYPE plist \"[\">", "<!DOCTYPE plist [", "<!DOCTYPE plist \">\">"})
+        EXPECT_FALSE(parsed(documentType + xml(repeated("<array>", deep)))) << documentType;
     EXPECT_FALSE(parsed(xml("<array>" + repeated("<true/>", 1'000'000) + "</array>")));
 }
 
