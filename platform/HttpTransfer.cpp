@@ -16,6 +16,7 @@ constexpr long kSecondsWithoutProgress = 60;
 constexpr std::size_t kMaximumHeaderBytes = 256u << 10;
 /// OpenSSL looks trusted roots up here one by one, by the hash of their names (openssl-rehash(1ssl)).
 constexpr const char* kSystemRoots = "/etc/ssl/certs";
+constexpr std::string_view kLineBreakers("\r\n\0", 3);
 
 bool isTokenCharacter(char c) {
     // RFC 9110, section 5.6.2.
@@ -28,8 +29,7 @@ bool isToken(std::string_view text) {
 }
 
 bool canStandInHeader(const HttpHeader& header) {
-    constexpr std::string_view lineBreakers("\r\n\0", 3);
-    return isToken(header.name) && header.value.find_first_of(lineBreakers) == std::string::npos;
+    return isToken(header.name) && header.value.find_first_of(kLineBreakers) == std::string::npos;
 }
 
 /// Why the request cannot be sent; empty when it can.
@@ -46,6 +46,14 @@ std::string_view trimmed(std::string_view text) {
     const std::size_t first = text.find_first_not_of(blanks);
     if (first == std::string_view::npos) return {};
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+/// RFC 9110, section 5.5, has a recipient put blanks for these.
+std::string withoutBreaks(std::string_view value) {
+    std::string result(value);
+    const auto breaks = [](char c) { return kLineBreakers.find(c) != std::string_view::npos; };
+    std::replace_if(result.begin(), result.end(), breaks, ' ');
+    return result;
 }
 
 bool sameName(std::string_view a, std::string_view b) {
@@ -163,7 +171,7 @@ std::size_t HttpTransfer::receiveHeader(const char* bytes, std::size_t one, std:
         self._response.headers.clear();
     else if (colon != std::string_view::npos)
         self._response.headers.push_back(
-            {std::string(trimmed(line.substr(0, colon))), std::string(trimmed(line.substr(colon + 1)))});
+            {std::string(trimmed(line.substr(0, colon))), withoutBreaks(trimmed(line.substr(colon + 1)))});
     return size;
 }
 
