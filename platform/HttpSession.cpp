@@ -34,6 +34,7 @@ struct Task {
     HttpRequest request;
     HttpCompletion completion;
     std::size_t bytes = 0;
+    bool isAwaited = false;  ///< A thread does nothing else until the request is done.
 };
 
 /// Scheme, host and port as they stand in the URL.
@@ -145,7 +146,11 @@ class SessionThread {
         }
         for (Task& task : submitted) {
             const ServerEntry server = _servers.try_emplace(serverOf(task.request.url)).first;
-            server->second.waiting.push_back(std::move(task));
+            // The time limit of what someone waits for counts from its start, so it does not queue.
+            if (task.isAwaited)
+                startTransfer(std::move(task), server);
+            else
+                server->second.waiting.push_back(std::move(task));
             startWaiting(server);
         }
     }
@@ -223,21 +228,21 @@ SessionThread* sessionThread() {
 }
 
 /// Waits until there is room for so many bytes more.
-void start(HttpRequest request, HttpCompletion completion, std::size_t bytes) {
+void start(HttpRequest request, HttpCompletion completion, std::size_t bytes, bool isAwaited) {
     SessionThread* const thread = sessionThread();
     if (thread == nullptr) {
         if (completion) completion({std::nullopt, "the HTTP session could not be started"});
         return;
     }
     backlog().enter(bytes);
-    thread->submit({std::move(request), std::move(completion), bytes});
+    thread->submit({std::move(request), std::move(completion), bytes, isAwaited});
 }
 
 }  // namespace
 
 void startDataTask(HttpRequest request, HttpCompletion completion) {
     const std::size_t bytes = kRequestBytes + request.body.size();
-    start(std::move(request), std::move(completion), bytes);
+    start(std::move(request), std::move(completion), bytes, false);
 }
 
 HttpResult performDataTask(HttpRequest request) {
@@ -247,7 +252,7 @@ HttpResult performDataTask(HttpRequest request) {
         result = std::move(received);
         completed.release();
     };
-    start(std::move(request), keep, 0);
+    start(std::move(request), keep, 0, true);
     completed.acquire();
     return result;
 }
