@@ -194,7 +194,8 @@ void BusConnection::invalidate() {
 bool BusConnection::queueCall(std::size_t bytes, std::function<void(sd_bus*)> call) {
     {
         const MutexLock lock(_mutex);
-        if (_over || _callBytes + bytes > kQueuedCallBytes) return false;
+        // One call always finds room, however large it is.
+        if (_over || (!_calls.empty() && _callBytes + bytes > kQueuedCallBytes)) return false;
         _callBytes += bytes;
         _calls.push_back({bytes, std::move(call)});
         if (_calls.size() > 1) return true;  // The thread was woken for the first.
