@@ -1,15 +1,14 @@
 #include "tests/collector/CollectorFixture.h"
 
 #include "platform/Json.h"
+#include "util/Compression.h"
 
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <stdlib.h>
-#include <zlib.h>
 #include <csignal>
 
-#include <charconv>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -34,34 +33,42 @@ CollectorTest::~CollectorTest() {
     fs::remove_all(_folder);
 }
 
-std::vector<std::string> CollectorTest::commandLine(const std::vector<std::string>& further) const {
+void CollectorTest::start(const std::vector<std::string>& further) {
     std::vector<std::string> args{QUORVANE_COLLECTOR, "--port", "0", "--bags", bags(),
                                   "--trust-out",      trust()};
     if (std::find(further.begin(), further.end(), "--events") == further.end())
         args.insert(args.end(), {"--events", events()});
     args.insert(args.end(), further.begin(), further.end());
-    return args;
-}
-
-void CollectorTest::start(const std::vector<std::string>& further) {
-    _collector = ChildProcess::start(commandLine(further));
+    _collector = ChildProcess::start(args);
     ASSERT_TRUE(_collector);
-    ASSERT_TRUE(_collector->waitForOutput("Listening on https://127.0.0.1:") &&
-                _collector->waitForOutput("\n"))
-        << _collector->errors();
-    const std::string output = _collector->output();
-    const std::size_t colon = output.find(':', output.find("127.0.0.1"));
-    std::from_chars(output.data() + colon + 1, output.data() + output.size(), _port);
+    // It is told in one piece.
+    ASSERT_TRUE(_collector->waitForOutput("\n")) << _collector->errors();
+    _port = portAfter("Listening on https://127.0.0.1:");
     ASSERT_GT(_port, 0);
 }
 
-std::unique_ptr<httplib::SSLClient> CollectorTest::client(const std::string& host) const {
-    auto client = std::make_unique<httplib::SSLClient>(host, _port);
+int CollectorTest::portAfter(const std::string& text) const {
+    const std::string output = _collector->output();
+    const std::size_t found = output.find(text);
+    return found == std::string::npos ? 0 : std::atoi(output.c_str() + found + text.size());
+}
+
+std::unique_ptr<httplib::SSLClient> CollectorTest::client() const {
+    auto client = std::make_unique<httplib::SSLClient>("127.0.0.1", _port);
     client->set_ca_cert_path(trust().c_str());
     client->enable_server_certificate_verification(true);
     client->set_tcp_nodelay(true);
     client->set_read_timeout(std::chrono::seconds(20));
     return client;
+}
+
+httplib::Response CollectorTest::post(const std::string& body, const httplib::Headers& headers,
+                                      const std::string& type, const std::string& path) const {
+    return answered(client()->Post(path, headers, body, type));
+}
+
+httplib::Response CollectorTest::get(const std::string& path, const httplib::Headers& headers) const {
+    return answered(client()->Get(path, headers));
 }
 
 std::string CollectorTest::exchange(std::string_view bytes) const {
@@ -81,6 +88,18 @@ std::vector<Dictionary> CollectorTest::lines() const {
             ADD_FAILURE() << "no JSON object: " << line;
     }
     return result;
+}
+
+std::string CollectorTest::withoutReceipt(Dictionary line) {
+    EXPECT_TRUE(line.string("peer")->starts_with("127.0.0.1:"));
+    EXPECT_GT(line.find("receivedTime")->real(), 1e9);
+    line.remove("peer");
+    line.remove("receivedTime");
+    return json(line);
+}
+
+httplib::Response answered(const httplib::Result& result) {
+    return result ? result.value() : httplib::Response();
 }
 
 RawConnection::RawConnection(int port)
@@ -124,37 +143,20 @@ std::string readFile(const fs::path& path) {
 }
 
 std::string gzip(std::string_view bytes) {
-    z_stream state{};
-    deflateInit2(&state, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
-    std::string packed(deflateBound(&state, bytes.size()), '\0');
-    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
-    state.avail_in = static_cast<uInt>(bytes.size());
-    state.next_out = reinterpret_cast<Bytef*>(packed.data());
-    state.avail_out = static_cast<uInt>(packed.size());
-    deflate(&state, Z_FINISH);
-    packed.resize(state.total_out);
-    deflateEnd(&state);
-    return packed;
+    const auto packed =
+        gzipDeflate(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+    return {packed.value().begin(), packed.value().end()};
 }
 
 Dictionary eventRecord(int number) {
-    return {{"_startTS", 1'763'280'000},
-            {"_sender", "CFX"},
-            {"_clientVersion", 3},
-            {"_sessionID", "abc.def"},
-            {"_eventNumber", number},
-            {"_method", 12},
-            {"_status", 3},
-            {"_clientTS", 1'763'280'004.6},
-            {"eventTime", 1'763'280'004.6},
-            {"_productFamily", "Board"},
-            {"_productModel", "B1"},
-            {"_osVersion", "12"},
-            {"_build", "12.1"},
-            {"_internal", 0},
-            {"_reportVers", "7.0"},
-            {"_timezoneOffset", -3600},
-            {"note", "lüge"}};
+    Dictionary record =
+        *platform::parseJson(R"({"_startTS": 1763280000, "_sender": "CFX", "_clientVersion": 3,
+        "_sessionID": "abc.def", "_method": 12, "_status": 3, "_clientTS": 1763280004.6,
+        "eventTime": 1763280004.6, "_productFamily": "Board", "_productModel": "B1", "_osVersion": "12",
+        "_build": "12.1", "_internal": 0, "_reportVers": "7.0", "_timezoneOffset": -3600, "note": "lüge"})")
+             ->dictionary();
+    record.set("_eventNumber", number);
+    return record;
 }
 
 std::string json(const Value& value) {

@@ -30,25 +30,35 @@ class CollectorTest : public ::testing::Test {
     /// Starts the collector on a free port with the folder's bags, events and trust, and waits until it
     /// listens.
     void start(const std::vector<std::string>& further = {});
-    /// The command line of start().
-    std::vector<std::string> commandLine(const std::vector<std::string>& further = {}) const;
     ChildProcess& collector() { return *_collector; }
     int port() const { return _port; }
+    /// The number behind the text in what the collector has printed; 0 for none.
+    int portAfter(const std::string& text) const;
 
     /// A client that trusts the collector's certificate and no other.
-    std::unique_ptr<httplib::SSLClient> client(const std::string& host = "127.0.0.1") const;
+    std::unique_ptr<httplib::SSLClient> client() const;
+
+    /// The answer to a post or a get; one of status -1 when none came.
+    httplib::Response post(const std::string& body, const httplib::Headers& headers = {},
+                           const std::string& type = "application/json",
+                           const std::string& path = "/events") const;
+    httplib::Response get(const std::string& path, const httplib::Headers& headers = {}) const;
 
     /// Sends the bytes and tells what comes back until the collector ends the connection.
     std::string exchange(std::string_view bytes) const;
 
     /// The lines written so far, parsed; a line that is not JSON fails the test.
     std::vector<Dictionary> lines() const;
+    /// The line as JSON, without its peer and time of receipt, which must be plausible.
+    static std::string withoutReceipt(Dictionary line);
 
   private:
     std::filesystem::path _folder;
     std::unique_ptr<ChildProcess> _collector;
     int _port = 0;
 };
+
+httplib::Response answered(const httplib::Result& result);
 
 /// A TLS connection to the port of 127.0.0.1 that sends what it is told, HTTP or not.
 class RawConnection {
@@ -71,8 +81,9 @@ class RawConnection {
 void writeFile(const std::filesystem::path& path, std::string_view text);
 std::string readFile(const std::filesystem::path& path);
 
-/// The bytes as a gzip stream.
+/// The bytes as a gzip stream, and the header that tells of it.
 std::string gzip(std::string_view bytes);
+inline const httplib::Headers kPacked{{"Content-Encoding", "gzip"}};
 
 /// A record as a device writes it, with the event number.
 Dictionary eventRecord(int number);

@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <charconv>
 #include <chrono>
 #include <set>
 #include <thread>
@@ -52,6 +51,12 @@ class Device {
         EXPECT_EQ(::send(_socket.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
     }
 
+    /// Sends a datagram that is answered when it is stored, and tells the answer.
+    std::string ask(const std::string& text, int eventNumber, std::uint16_t flags = 0) {
+        send(datagram(text, eventNumber, flags | kReliable));
+        return answer();
+    }
+
     /// The next answer; empty when none comes in the time.
     std::string answer(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
         pollfd waited{_socket.get(), POLLIN, 0};
@@ -70,58 +75,31 @@ class DatagramsTest : public CollectorTest {
     void startTaking(std::vector<std::string> further = {}) {
         further.insert(further.end(), {"--udp-port", "0"});
         start(further);
-        ASSERT_TRUE(collector().waitForOutput("Taking datagrams on 127.0.0.1 port "));
-        ASSERT_TRUE(collector().waitForOutput("\nTaking"));
-        const std::string output = collector().output();
-        const std::size_t digits = output.rfind("port ") + 5;
-        std::from_chars(output.data() + digits, output.data() + output.size(), _udpPort);
+        _udpPort = portAfter("\nTaking datagrams on 127.0.0.1 port ");
         ASSERT_GT(_udpPort, 0);
     }
 
-    int udpPort() const { return _udpPort; }
-
-    /// The lines, as soon as there are so many.
-    std::vector<Dictionary> waitForLines(std::size_t count) const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        const auto written = [&] {
-            const std::string text = readFile(events());
-            return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-        };
-        while (written() < count && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        return lines();
-    }
-
-  private:
     int _udpPort = 0;
 };
 
 }  // namespace
 
-TEST_F(DatagramsTest, TellsEveryFieldWithItsComplementUndone) {
+TEST_F(DatagramsTest, TellsEveryFieldWithItsComplementUndoneAndAcknowledgesToThoseWhoWait) {
     startTaking();
-    Device(udpPort()).send(datagram(" key=value", 65535, kExplicitAddress));
-    const auto kept = waitForLines(1);
-    ASSERT_EQ(kept.size(), 1u);
-    Dictionary line = kept[0];
-    EXPECT_TRUE(line.string("peer")->starts_with("127.0.0.1:"));
-    EXPECT_GT(line.find("receivedTime")->real(), 1e9);
-    line.remove("peer");
-    line.remove("receivedTime");
-    EXPECT_EQ(json(line), json(Dictionary{{"kind", "datagram"},
-                                          {"versionMajor", 7},
-                                          {"clientType", 6},
-                                          {"clientVersion", 300},
-                                          {"eventTime", 1'763'280'000.676},
-                                          {"sessionID", 4'000'000'001u},
-                                          {"method", 12},
-                                          {"status", 3},
-                                          {"deviceID", "0123456789abcdef0123456789abcdef01234567"},
-                                          {"eventNumber", 65535},
-                                          {"reliable", false},
-                                          {"explicitAddress", true},
-                                          {"cut", false},
-                                          {"values", Dictionary{{"key", "value"}}}}));
+    Device device(_udpPort);
+    device.send(datagram(" plain=1", 1));
+    EXPECT_EQ(device.ask(" key=value", 65535, kExplicitAddress),
+              datagram(" key=value", 65535, kReliable | kExplicitAddress).substr(0, 64));
+    EXPECT_EQ(device.answer(std::chrono::milliseconds(50)), "") << "the other does not wait";
+    const auto kept = lines();
+    ASSERT_EQ(kept.size(), 2u);
+    EXPECT_EQ(*kept[0].find("reliable"), Value(false));
+    EXPECT_EQ(
+        withoutReceipt(kept[1]),
+        R"({"clientType":6,"clientVersion":300,"cut":false,)"
+        R"("deviceID":"0123456789abcdef0123456789abcdef01234567","eventNumber":65535,)"
+        R"("eventTime":1763280000.676,"explicitAddress":true,"kind":"datagram","method":12,)"
+        R"("reliable":true,"sessionID":4000000001,"status":3,"values":{"key":"value"},"versionMajor":7})");
 }
 
 TEST_F(DatagramsTest, FindsKeysAndValuesWhateverIsInTheValues) {
@@ -137,9 +115,10 @@ TEST_F(DatagramsTest, FindsKeysAndValuesWhateverIsInTheValues) {
         {" no pair", {}},
         {"===", {{"", ""}}},
         {cut, {{"a", "1"}, {"b", std::string(1023 - 7 - 2, 'x')}}}};
-    Device device(udpPort());
-    for (std::size_t i = 0; i < texts.size(); ++i) device.send(datagram(texts[i].first, static_cast<int>(i)));
-    const auto kept = waitForLines(texts.size());
+    Device device(_udpPort);
+    for (int number = 0; const auto& [text, values] : texts)
+        EXPECT_EQ(device.ask(text, number++).size(), 64u);
+    const auto kept = lines();
     ASSERT_EQ(kept.size(), texts.size());
     for (std::size_t i = 0; i < texts.size(); ++i) {
         EXPECT_EQ(json(*kept[i].dictionary("values")), json(texts[i].second)) << texts[i].first;
@@ -147,29 +126,14 @@ TEST_F(DatagramsTest, FindsKeysAndValuesWhateverIsInTheValues) {
     }
 }
 
-TEST_F(DatagramsTest, AcknowledgesToThoseWhoWaitForIt) {
-    startTaking();
-    Device device(udpPort());
-    device.send(datagram(" plain=1", 1));
-    device.send(datagram(" reliable=1", 0x1234, kReliable));
-    // One answer, and it is the second datagram's.
-    EXPECT_EQ(device.answer(), datagram(" reliable=1", 0x1234, kReliable).substr(0, 64));
-    EXPECT_EQ(device.answer(std::chrono::milliseconds(50)), "");
-}
-
 TEST_F(DatagramsTest, ADatagramThatIsSentAgainCountsOnce) {
     startTaking();
-    Device device(udpPort());
-    Device other(udpPort());
-    for (int i = 0; i < 3; ++i) {
-        device.send(datagram(" a=1", 5, kReliable));
-        EXPECT_EQ(device.answer().size(), 64u);
-    }
+    Device device(_udpPort);
+    Device other(_udpPort);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(device.ask(" a=1", 5).size(), 64u);
     // Another sender's is another one, and so is a later event whose number came round again.
-    other.send(datagram(" a=1", 5, kReliable));
-    EXPECT_EQ(other.answer().size(), 64u);
-    device.send(datagram(" a=2", 5, kReliable));
-    EXPECT_EQ(device.answer().size(), 64u);
+    EXPECT_EQ(other.ask(" a=1", 5).size(), 64u);
+    EXPECT_EQ(device.ask(" a=2", 5).size(), 64u);
     EXPECT_EQ(lines().size(), 3u);
     EXPECT_EQ(collector().terminate(), 0);
     EXPECT_NE(collector().errors().find("3 datagrams, 2 more that were sent again, 0 malformed"),
@@ -179,17 +143,15 @@ TEST_F(DatagramsTest, ADatagramThatIsSentAgainCountsOnce) {
 
 TEST_F(DatagramsTest, DropsWhatIsMalformed) {
     startTaking();
-    Device device(udpPort());
+    Device device(_udpPort);
     std::string otherFormat = datagram(" a=1", 1, kReliable);
     otherFormat[2] = 2;
-    std::string otherLength = datagram(" a=1", 1, kReliable) + "x";
-    const std::string notUtf8 = datagram(" a=\xff", 1, kReliable);
     for (const std::string& bytes :
-         {std::string(), std::string("x"), datagram("", 1, kReliable).substr(0, 63), otherFormat, otherLength,
-          notUtf8, datagram(" a=" + std::string(1021, 'x'), 1, kReliable), std::string(60'000, '\xff')})
+         {std::string(), std::string("x"), datagram("", 1, kReliable).substr(0, 63), otherFormat,
+          datagram(" a=1", 1, kReliable) + "x", datagram(" a=\xff", 1, kReliable),
+          datagram(" a=" + std::string(1021, 'x'), 1, kReliable), std::string(60'000, '\xff')})
         device.send(bytes);
-    device.send(datagram(" good=1", 77, kReliable));
-    EXPECT_EQ(device.answer().substr(60, 2), bigEndian(77, 2));
+    EXPECT_EQ(device.ask(" good=1", 77).substr(60, 2), bigEndian(77, 2));
     EXPECT_EQ(lines().size(), 1u);
     EXPECT_TRUE(collector().waitForErrors("A malformed datagram from 127.0.0.1:"));
     EXPECT_EQ(collector().terminate(), 0);
@@ -198,30 +160,46 @@ TEST_F(DatagramsTest, DropsWhatIsMalformed) {
 
 TEST_F(DatagramsTest, WhatCannotBeStoredIsNotAcknowledged) {
     startTaking({"--events", "/dev/full"});
-    Device device(udpPort());
+    Device device(_udpPort);
     device.send(datagram(" a=1", 1, kReliable));
     ASSERT_TRUE(collector().waitForErrors("Cannot write"));
     device.send(datagram(" a=1", 1, kReliable));
     EXPECT_EQ(device.answer(std::chrono::milliseconds(50)), "");
 }
 
-TEST_F(DatagramsTest, TakesManyAtOnceAlongWithPosts) {
+TEST_F(DatagramsTest, LinesOfConcurrentDatagramsAndPostsStayWhole) {
     startTaking();
-    constexpr int kDevices = 4;
-    constexpr int kEach = 200;
-    std::vector<std::jthread> devices;
-    for (int number = 0; number < kDevices; ++number)
-        devices.emplace_back([this] {
-            Device device(udpPort());
-            for (int event = 0; event < kEach; ++event) {
-                device.send(datagram(" n=" + std::to_string(event), event, kReliable));
-                EXPECT_EQ(device.answer().size(), 64u);
-            }
-        });
-    for (int number = 0; number < 20; ++number)
-        EXPECT_EQ(client()->Post("/events", message(10), "application/json")->status, 200);
-    devices.clear();
-    EXPECT_EQ(lines().size(), std::size_t{kDevices * kEach + 200});
+    constexpr int kSenders = 6;
+    constexpr int kDatagrams = 200;
+    constexpr int kPosts = 10;
+    constexpr int kEvents = 40;
+    {
+        std::vector<std::jthread> senders;
+        for (int sender = 0; sender < kSenders; ++sender) {
+            senders.emplace_back([this] {
+                Device device(_udpPort);
+                for (int number = 0; number < kDatagrams; ++number)
+                    EXPECT_EQ(device.ask(" n=" + std::to_string(number), number).size(), 64u);
+            });
+            senders.emplace_back([this, sender] {
+                const auto connection = client();
+                connection->set_keep_alive(true);
+                for (int number = 0; number < kPosts; ++number) {
+                    const int first = (sender * kPosts + number) * kEvents;
+                    const auto answer =
+                        connection->Post("/events", message(kEvents, first), "application/json");
+                    EXPECT_EQ(answered(answer).status, 200);
+                }
+            });
+        }
+    }
+    const auto kept = lines();
+    EXPECT_EQ(kept.size(), std::size_t{kSenders * (kDatagrams + kPosts * kEvents)});
+    std::set<std::int64_t> numbers;
+    for (const Dictionary& line : kept)
+        if (const Dictionary* event = line.dictionary("event"))
+            numbers.insert(event->integer("_eventNumber"));
+    EXPECT_EQ(numbers.size(), std::size_t{kSenders * kPosts * kEvents});
 }
 
 }  // namespace quorvane::test

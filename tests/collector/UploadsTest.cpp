@@ -9,6 +9,8 @@ namespace quorvane::test {
 
 namespace {
 
+const char* const kBytes = "application/octet-stream";
+
 class UploadsTest : public CollectorTest {
   protected:
     std::filesystem::path stored() const { return folder() / "stored"; }
@@ -26,16 +28,16 @@ class UploadsTest : public CollectorTest {
         return result;
     }
 
-    httplib::Result upload(const std::string& body, const std::string& fileName = "trace.log.gz",
-                           const httplib::Headers& headers = {{"Content-Encoding", "gzip"}}) const {
-        return client()->Post(
-            "/upload?uuid=device&sequence=42&description=Some%20log&filename=" + fileName + "&raw=true",
-            headers, body, "application/octet-stream");
+    httplib::Response upload(const std::string& body, const std::string& fileName = "trace.log.gz",
+                             const httplib::Headers& headers = kPacked) const {
+        return post(
+            body, headers, kBytes,
+            "/upload?uuid=device&sequence=42&description=Some%20log&filename=" + fileName + "&raw=true");
     }
 };
 
-bool saysSuccess(const httplib::Result& answer) {
-    return answer && answer->body.find("success") != std::string::npos;
+bool saysSuccess(const httplib::Response& answer) {
+    return answer.body.find("success") != std::string::npos;
 }
 
 /// The most memory the process has had resident, in KiB.
@@ -52,19 +54,15 @@ TEST_F(UploadsTest, StoresAFileUnpackedAndTellsOfIt) {
     startStoring();
     std::string contents(300'000, '\0');
     for (std::size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<char>(i * i >> 7);
-    const auto answer = upload(gzip(contents));
-    EXPECT_TRUE(saysSuccess(answer));
+    EXPECT_TRUE(saysSuccess(upload(gzip(contents))));
 
     const auto kept = lines();
     ASSERT_EQ(kept.size(), 1u);
-    EXPECT_EQ(*kept[0].string("kind"), "upload");
-    EXPECT_EQ(*kept[0].string("uuid"), "device");
-    EXPECT_EQ(*kept[0].string("sequence"), "42");
-    EXPECT_EQ(*kept[0].string("description"), "Some log");
-    EXPECT_EQ(*kept[0].string("fileName"), "trace.log.gz");
-    EXPECT_EQ(*kept[0].find("raw"), Value(true));
-    EXPECT_EQ(kept[0].integer("bytes"), 300'000);
     ASSERT_EQ(names(), std::vector<std::string>{*kept[0].string("file")});
+    EXPECT_EQ(
+        withoutReceipt(kept[0]),
+        R"({"bytes":300000,"description":"Some log","file":")" + names()[0] +
+            R"(","fileName":"trace.log.gz","kind":"upload","raw":true,"sequence":"42","uuid":"device"})");
     EXPECT_EQ(readFile(stored() / names()[0]), contents);
 
     EXPECT_TRUE(saysSuccess(upload("plain", "plain.log", {})));
@@ -74,9 +72,8 @@ TEST_F(UploadsTest, StoresAFileUnpackedAndTellsOfIt) {
 TEST_F(UploadsTest, NamesFilesItself) {
     startStoring();
     for (const std::string& name :
-         {std::string("..%2f..%2fescaped"), std::string("%2ftmp%2fescaped"), std::string("../escaped"),
-          std::string("a%00b"), std::string("%0d%0aX-Injected:%201"), std::string("success"),
-          std::string(3000, 'n')})
+         std::vector<std::string>{"..%2f..%2fescaped", "%2ftmp%2fescaped", "../escaped", "a%00b",
+                                  "%0d%0aX-Injected:%201", "success", std::string(3000, 'n')})
         EXPECT_TRUE(saysSuccess(upload(gzip("x"), name))) << name;
     EXPECT_EQ(names().size(), 7u);
     for (const std::string& name : names()) EXPECT_TRUE(name.starts_with("upload-")) << name;
@@ -88,31 +85,22 @@ TEST_F(UploadsTest, NamesFilesItself) {
 TEST_F(UploadsTest, SaysSuccessForNothingThatItDidNotStoreWhole) {
     startStoring({"--max-upload", "100000"});
     const std::string packed = gzip(std::string(50'000, 'x') + "end");
-    const auto headers = httplib::Headers{{"Content-Encoding", "gzip"}};
-    const char* type = "application/octet-stream";
-    const std::vector<std::pair<httplib::Result, int>> answers = [&] {
-        std::vector<std::pair<httplib::Result, int>> result;
-        result.emplace_back(upload(packed.substr(0, packed.size() - 1), "success"), 400);
-        result.emplace_back(upload("success", "success"), 400);
-        result.emplace_back(upload("", "success"), 400);
-        result.emplace_back(upload(gzip(std::string(100'001, 'x')), "success"), 413);
-        result.emplace_back(upload(std::string(100'001, 'x'), "success", {}), 413);
-        result.emplace_back(upload(packed, "success%ff"), 400);
-        result.emplace_back(client()->Post("/upload?uuid=success&sequence=1", headers, packed, type), 400);
-        result.emplace_back(
-            client()->Post("/upload?uuid=d&sequence=success&filename=f", headers, packed, type), 400);
-        result.emplace_back(client()->Post("/upload?uuid=d&sequence=1&filename=success", headers, packed,
-                                           "multipart/form-data; boundary=success"),
-                            415);
-        result.emplace_back(client()->Get("/upload?uuid=d&sequence=1&filename=success"), 405);
-        result.emplace_back(client()->Post("/uploads/success", headers, packed, type), 404);
-        return result;
-    }();
-    for (std::size_t i = 0; i < answers.size(); ++i) {
-        ASSERT_TRUE(answers[i].first) << i;
-        EXPECT_EQ(answers[i].first->status, answers[i].second) << i;
-        EXPECT_FALSE(saysSuccess(answers[i].first)) << i;
-    }
+    const auto refused = [](int number, const httplib::Response& answer, int status) {
+        EXPECT_EQ(answer.status, status) << number;
+        EXPECT_FALSE(saysSuccess(answer)) << number;
+    };
+    refused(1, upload(packed.substr(0, packed.size() - 1), "success"), 400);
+    refused(2, upload("success", "success"), 400);
+    refused(3, upload("", "success"), 400);
+    refused(4, upload(gzip(std::string(100'001, 'x')), "success"), 413);
+    refused(5, upload(std::string(100'001, 'x'), "success", {}), 413);
+    refused(6, upload(packed, "success%ff"), 400);
+    refused(7, post(packed, kPacked, kBytes, "/upload?uuid=success&sequence=1"), 400);
+    refused(8, post(packed, kPacked, kBytes, "/upload?uuid=d&sequence=success&filename=f"), 400);
+    const std::string path = "/upload?uuid=d&sequence=1&filename=success";
+    refused(9, post(packed, kPacked, "multipart/form-data; boundary=success", path), 415);
+    refused(10, get(path), 405);
+    refused(11, post(packed, kPacked, kBytes, "/uploads/success"), 404);
     EXPECT_TRUE(lines().empty());
     EXPECT_TRUE(names().empty());
     EXPECT_TRUE(saysSuccess(upload(packed)));
@@ -139,17 +127,15 @@ TEST_F(UploadsTest, LeavesNothingOfAnUploadThatBreaksOff) {
 TEST_F(UploadsTest, StoresArchivesOfLogDataAndTellsWhere) {
     startStoring();
     const std::string archive = "bplist00" + std::string(100, '\x01');
-    const auto answer = client()->Post("/logdata", archive, "application/octet-stream");
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->status, 200);
-    ASSERT_EQ(names(), std::vector<std::string>{answer->body});
-    EXPECT_TRUE(answer->body.starts_with("logdata-") && answer->body.ends_with(".plist"));
-    EXPECT_EQ(readFile(stored() / answer->body), archive);
-    EXPECT_EQ(*lines()[0].string("kind"), "logdata");
-    EXPECT_EQ(*lines()[0].string("file"), answer->body);
-
+    const auto answer = post(archive, {}, kBytes, "/logdata");
+    EXPECT_EQ(answer.status, 200);
+    ASSERT_EQ(names(), std::vector<std::string>{answer.body});
+    EXPECT_TRUE(answer.body.starts_with("logdata-") && answer.body.ends_with(".plist"));
+    EXPECT_EQ(readFile(stored() / answer.body), archive);
+    EXPECT_EQ(withoutReceipt(lines()[0]),
+              R"({"bytes":108,"file":")" + answer.body + R"(","kind":"logdata"})");
     for (const char* body : {"", "bplist0", "<plist/>"})
-        EXPECT_EQ(client()->Post("/logdata", body, "application/octet-stream")->status, 400) << body;
+        EXPECT_EQ(post(body, {}, kBytes, "/logdata").status, 400) << body;
     EXPECT_EQ(names().size(), 1u);
 }
 
@@ -165,10 +151,10 @@ TEST_F(UploadsTest, MemoryDoesNotGrowWithTheFile) {
 
 TEST_F(UploadsTest, TakesNothingWithoutAFolderOrAPlaceToTellOfIt) {
     start();
-    EXPECT_EQ(upload(gzip("x"))->status, 404);
-    EXPECT_EQ(client()->Post("/logdata", "bplist00", "application/octet-stream")->status, 404);
+    EXPECT_EQ(upload(gzip("x")).status, 404);
+    EXPECT_EQ(post("bplist00", {}, kBytes, "/logdata").status, 404);
     startStoring({"--events", "/dev/full"});
-    EXPECT_EQ(upload(gzip("x"))->status, 503);
+    EXPECT_EQ(upload(gzip("x")).status, 503);
     EXPECT_TRUE(names().empty());
 }
 

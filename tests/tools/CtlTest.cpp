@@ -1,6 +1,7 @@
 #include "platform/Json.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonFixture.h"
+#include "tests/tools/Words.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,50 +26,49 @@ using testing::SizeIs;
 /// The program and a whole daemon, which posts to a server of the test's.
 class Ctl : public testing::Test {
   protected:
-    std::vector<std::string> command(const std::vector<std::string>& args) const {
-        std::vector<std::string> whole{QUORVANECTL};
-        whole.insert(whole.end(), args.begin(), args.end());
-        return whole;
+    /// Starts the daemon with a bag for each kind of client, or for one alone.
+    void start(const Dictionary& clientEntry = {}, const std::string& name = "") {
+        device.serveStorebag(device.httpPostSection(clientEntry), name);
+        device.start();
     }
+    /// Sessions of type 6 stand below those of type 5.
+    void startWithHierarchy() {
+        device.serveStorebag(device.httpPostSection({{"hierarchy", 0}}), "pelmark");
+        start({{"hierarchy", 1}}, "stremcore");
+    }
+
     std::map<std::string, std::optional<std::string>> environment() const {
         return {{"QUORVANE_ROOT", device.root()}, {"TZ", "UTC"}};
     }
-
-    ProgramResult ctl(const std::vector<std::string>& args) const {
-        return runProgram(command(args), environment());
+    ProgramResult ctl(const std::string& words) const {
+        return runProgram(commandLine(QUORVANECTL, words), environment());
     }
-
-    std::unique_ptr<ChildProcess> listen(const std::vector<std::string>& further) const {
-        std::vector<std::string> args{"listen", "--client-name", "a", "--require-user-info"};
-        args.insert(args.end(), further.begin(), further.end());
-        auto program = ChildProcess::start(command(args), environment());
+    std::vector<Dictionary> ctlJson(const std::string& words) const {
+        return jsonLines(ctl(words + " --json").output);
+    }
+    std::unique_ptr<ChildProcess> listen(const std::string& words = "") const {
+        auto program = ChildProcess::start(
+            commandLine(QUORVANECTL, "listen --client-name a --require-user-info" + words), environment());
         EXPECT_TRUE(program && program->waitForErrors("listening"));
         return program;
     }
 
-    /// Sessions of type 6 stand below those of type 5.
-    void startWithHierarchy() {
-        device.serveStorebag(device.httpPostSection({{"hierarchy", 0}}), "pelmark");
-        device.serveStorebag(device.httpPostSection({{"hierarchy", 1}}), "stremcore");
-        device.start();
+    static std::vector<Dictionary> jsonLines(const std::string& text) {
+        std::vector<Dictionary> facts;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            const auto value = platform::parseJson(line);
+            const bool isFact = value && value->dictionary() != nullptr;
+            EXPECT_TRUE(isFact) << line;
+            if (isFact) facts.push_back(*value->dictionary());
+        }
+        return facts;
     }
-    const std::vector<std::string> sendFromBelow{
-        "send",          "3", "200",           "path=/b", "took=0.25",
-        "--client-type", "6", "--client-name", "A",       "--require-user-info"};
 
+    const std::string sendFromBelow =
+        "send 3 200 path=/b took=0.25 --client-type 6 --client-name A --require-user-info";
     DaemonFixture device;
 };
-
-std::vector<Dictionary> jsonLines(const std::string& text) {
-    std::vector<Dictionary> facts;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        const auto value = platform::parseJson(line);
-        EXPECT_TRUE(value && value->dictionary() != nullptr) << line;
-        if (value && value->dictionary() != nullptr) facts.push_back(*value->dictionary());
-    }
-    return facts;
-}
 
 /// The events in an answer.
 std::size_t eventsIn(const Dictionary& fact) {
@@ -80,28 +80,11 @@ std::size_t eventsIn(const Dictionary& fact) {
 }
 
 TEST_F(Ctl, SendsTypedPayloadsAndPrintsTheAnswers) {
-    device.serveStorebag(device.httpPostSection());
-    device.start();
-    const auto result = ctl({"send",
-                             "3",
-                             "200",
-                             "n=-1",
-                             "f=1.50",
-                             "ok=true",
-                             "url=https://x/?a=b",
-                             "empty=",
-                             "version=1.2.3",
-                             "year=007",
-                             "serial=123456789012345678901",
-                             "long=18446744073709551615",
-                             "--payload",
-                             R"({"n": 5, "from": "JSON"})",
-                             "--count",
-                             "2",
-                             "--session-id",
-                             "77",
-                             "--client-type",
-                             "6"});
+    start();
+    const auto result =
+        ctl("send 3 200 n=-1 f=1.50 ok=true url=https://x/?a=b empty= version=1.2.3 year=007 "
+            "serial=123456789012345678901 long=18446744073709551615 --payload {\"n\":5,\"from\":\"JSON\"} "
+            "--count 2 --session-id 77 --client-type 6");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.errors, "");
     EXPECT_TRUE(result.output.starts_with("reporting: httppost\nevent 1: {\n"));
@@ -109,27 +92,18 @@ TEST_F(Ctl, SendsTypedPayloadsAndPrintsTheAnswers) {
 
     ASSERT_TRUE(device.waitForEvents(3, 2));
     const Dictionary event = device.postedEvents(3)[1];
-    const Dictionary expected{{"n", -1},
-                              {"f", 1.5},
-                              {"ok", true},
-                              {"url", "https://x/?a=b"},
-                              {"empty", ""},
-                              {"version", "1.2.3"},
-                              {"year", "007"},
-                              {"serial", "123456789012345678901"},
-                              {"long", 18446744073709551615u},
-                              {"from", "JSON"}};
-    for (const auto& [key, value] : expected) {
+    const auto expected = platform::parseJson(
+        R"({"n": -1, "f": 1.5, "ok": true, "url": "https://x/?a=b", "empty": "", "version": "1.2.3",
+            "year": "007", "serial": "123456789012345678901", "long": 18446744073709551615, "from": "JSON"})");
+    for (const auto& [key, value] : *expected->dictionary()) {
         ASSERT_TRUE(event.contains(key)) << key;
         EXPECT_EQ(*event.find(key), value) << key << event.description();
     }
 }
 
-TEST_F(Ctl, HoldsABatchUntilItIsFlushed) {
-    device.serveStorebag(device.httpPostSection());
-    device.start();
-    const auto facts =
-        jsonLines(ctl({"send", "3", "200", "--batch", "--count", "2", "--flush", "--json"}).output);
+TEST_F(Ctl, HoldsABatchUntilItIsFlushedExceptWhatIsUrgent) {
+    start();
+    const auto facts = ctlJson("send 3 200 --batch --count 2 --flush");
     ASSERT_THAT(facts, SizeIs(4));
     EXPECT_EQ(facts[0], (Dictionary{{"storebag", true}, {"reporting", Array{"httppost"}}}));
     EXPECT_EQ(facts[1], (Dictionary{{"event", 1}}));
@@ -138,73 +112,56 @@ TEST_F(Ctl, HoldsABatchUntilItIsFlushed) {
     EXPECT_EQ(eventsIn(facts[3]), 3u) << "with the session's own first event";
 
     // What a session of its own holds is its first event.
-    const auto flushed = jsonLines(ctl({"flush", "--batch", "--json"}).output);
+    const auto flushed = ctlJson("flush --batch");
     ASSERT_THAT(flushed, SizeIs(1));
     EXPECT_EQ(eventsIn(flushed[0]), 1u);
-}
 
-TEST_F(Ctl, SendsRealTimeEventsUnbatched) {
-    device.serveStorebag(device.httpPostSection());
-    device.start();
-    const auto facts = jsonLines(ctl({"send", "3", "200", "--batch", "--now", "--json"}).output);
-    ASSERT_THAT(facts, SizeIs(2));
-    EXPECT_EQ(eventsIn(facts[1]), 1u);
-    ASSERT_TRUE(device.waitForEvents(3, 1));
-    const auto requests = device.server().requests();
-    EXPECT_TRUE(std::any_of(requests.begin(), requests.end(),
-                            [](const ServerRequest& request) { return request.target == "/realtime"; }));
+    const auto urgent = ctlJson("send 3 200 --batch --now");
+    ASSERT_THAT(urgent, SizeIs(2));
+    EXPECT_EQ(eventsIn(urgent[1]), 1u);
+    EXPECT_TRUE(eventually([&] {
+        const auto requests = device.server().requests();
+        return std::any_of(requests.begin(), requests.end(),
+                           [](const ServerRequest& request) { return request.target == "/realtime"; });
+    }));
 }
 
 TEST_F(Ctl, PromotesASampledOutSession) {
-    device.serveStorebag(device.httpPostSection({{"sampling_threshold", -1.0}, {"override_sampling", 1.0}}));
-    device.start();
-    const std::vector<std::string> send{"send", "3", "200", "--client-name", "a", "--require-user-info"};
+    start({{"sampling_threshold", -1.0}, {"override_sampling", 1.0}});
+    const std::string send = "send 3 200 --client-name a --require-user-info";
     EXPECT_THAT(ctl(send).output, HasSubstr("reporting: none\nevent 1: (no answer)"));
-    auto promoting = send;
-    promoting.insert(promoting.end(), {"--promote", "--json"});
-    const auto facts = jsonLines(ctl(promoting).output);
+    const auto facts = ctlJson(send + " --promote");
     ASSERT_THAT(facts, SizeIs(2));
     EXPECT_EQ(eventsIn(facts[1]), 1u);
 }
 
-TEST_F(Ctl, SendsASingleShot) {
-    device.serveStorebag(device.httpPostSection(), "pelmark");
-    device.start();
-    EXPECT_EQ(ctl({"single", "3", "200", "a=b"}).output, "finished\n");
-    EXPECT_TRUE(device.waitForEvents(3, 1));
-    EXPECT_EQ(jsonLines(ctl({"single", "3", "200", "--json"}).output).at(0),
-              (Dictionary{{"answer", "finished"}}));
-    const auto none = ctl({"single", "3", "200", "--client-type", "6"});
-    EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.output, "");
-    EXPECT_EQ(none.errors, "quorvanectl: storebag not available\n");
-}
+TEST_F(Ctl, TellsAndSendsWhatItsKindOfClientHas) {
+    start({{"client", "Alpha"}}, "pelmark");
+    const std::vector<std::pair<std::string, std::string>> answers{
+        {"single 3 200 a=b", "finished\n"},
+        {"single 3 200 --json", "{\"answer\":\"finished\"}\n"},
+        {"states", "reporting: httppost\n"},
+        {"states --require-user-info", "reporting: none\n"},
+        {"states --require-user-info --client-name beta", "reporting: none\n"},
+        {"states --require-user-info --client-name alpha --service-name s", "reporting: httppost\n"},
+        {"states --client-type 6 --json", "{\"reporting\":[],\"storebag\":false}\n"},
+        {"display-url --session-id 7", "https://display.example/show?sequences=7&override=yes\n"}};
+    for (const auto& [words, output] : answers) {
+        const auto result = ctl(words);
+        EXPECT_EQ(result.status, 0) << words << result.errors;
+        EXPECT_EQ(result.output, output) << words;
+    }
+    EXPECT_TRUE(device.waitForEvents(3, 2));
 
-TEST_F(Ctl, TellsTheStates) {
-    device.serveStorebag(device.httpPostSection({{"client", "Alpha"}}), "pelmark");
-    device.start();
-    EXPECT_EQ(ctl({"states"}).output, "reporting: httppost\n");
-    EXPECT_EQ(ctl({"states", "--require-user-info"}).output, "reporting: none\n");
-    EXPECT_EQ(ctl({"states", "--require-user-info", "--client-name", "beta"}).output, "reporting: none\n");
-    EXPECT_EQ(ctl({"states", "--require-user-info", "--client-name", "alpha", "--service-name", "s"}).output,
-              "reporting: httppost\n");
-    const auto none = ctl({"states", "--client-type", "6", "--json"});
-    EXPECT_EQ(none.status, 0);
-    EXPECT_EQ(jsonLines(none.output).at(0), (Dictionary{{"storebag", false}, {"reporting", Array{}}}));
-    const auto nowhere = ctl({"send", "1", "2", "--client-type", "6"});
-    EXPECT_EQ(nowhere.status, 1);
-    EXPECT_EQ(nowhere.errors, "quorvanectl: the daemon has no storebag for client type 6\n");
-}
-
-TEST_F(Ctl, TellsTheDisplayURL) {
-    device.serveStorebag(device.httpPostSection(), "pelmark");
-    device.serveStorebag(Dictionary{{"joulary", Dictionary{}}}, "stremcore");
-    device.start();
-    EXPECT_EQ(ctl({"display-url", "--session-id", "7"}).output,
-              "https://display.example/show?sequences=7&override=yes\n");
-    const auto none = ctl({"display-url", "--client-type", "6"});
-    EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.errors, "quorvanectl: URL not available\n");
+    const std::vector<std::pair<std::string, std::string>> failures{
+        {"single 3 200", "storebag not available"},
+        {"send 1 2", "the daemon has no storebag for client type 6"},
+        {"display-url", "URL not available"}};
+    for (const auto& [words, reason] : failures) {
+        const auto result = ctl(words + " --client-type 6");
+        EXPECT_EQ(result.status, 1) << words;
+        EXPECT_EQ(result.errors, "quorvanectl: " + reason + "\n");
+    }
 }
 
 TEST_F(Ctl, UploadsFilesAndLogData) {
@@ -213,39 +170,37 @@ TEST_F(Ctl, UploadsFilesAndLogData) {
          {"dashboard",
           Dictionary{{"ip", "127.0.0.1"}, {"port", 9}, {"post_url", device.server().url("/logdata")}}}},
         "pelmark");
-    device.serveStorebag(device.httpPostSection(), "stremcore");
     device.answerPosts([](const ServerRequest&) { return ServerAnswer{200, {}, "success"}; });
-    device.start();
+    start({}, "stremcore");
 
     const std::string file = device.root() / "crash.log";
     device.write("crash.log", "what happened");
-    const auto refused = ctl({"upload", file, "--client-type", "6"});
+    const auto refused = ctl("upload " + file + " --client-type 6");
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.errors, HasSubstr(file + ": not uploaded"));
     EXPECT_TRUE(fs::exists(file));
 
-    const auto uploaded = ctl({"upload", file});
+    const auto uploaded = ctl("upload " + file);
     EXPECT_EQ(uploaded.status, 0) << uploaded.errors;
     EXPECT_EQ(uploaded.output, "uploaded: " + file + "\n");
     EXPECT_FALSE(fs::exists(file)) << "the server asked for its removal";
-    EXPECT_THAT(ctl({"upload", file}).errors, HasSubstr("No such file"));
+    EXPECT_THAT(ctl("upload " + file).errors, HasSubstr("No such file"));
 
+    const std::string log = device.root() / "log.json";
     device.write("log.json", R"([{"line": 1}, "two"])");
-    EXPECT_EQ(ctl({"upload-log", device.root() / "log.json", "--json"}).output,
-              "{\"uploaded\":\"" + (device.root() / "log.json").string() + "\"}\n");
+    EXPECT_EQ(ctl("upload-log --json " + log).output, "{\"uploaded\":\"" + log + "\"}\n");
     std::vector<std::string> bodies;
     for (const ServerRequest& request : device.server().requests())
         if (request.method == "POST" && !request.target.starts_with("/post")) bodies.push_back(request.body);
     EXPECT_THAT(bodies, ElementsAre("what happened", testing::StartsWith("bplist00")));
 
     device.write("log.json", R"({"line": 1})");
-    EXPECT_THAT(ctl({"upload-log", device.root() / "log.json"}).errors,
-                HasSubstr("log.json: a JSON array is expected"));
+    EXPECT_THAT(ctl("upload-log " + log).errors, HasSubstr("log.json: a JSON array is expected"));
 }
 
 TEST_F(Ctl, ListensToTheSessionsBelowUntilInterrupted) {
     startWithHierarchy();
-    const auto listener = listen({});
+    const auto listener = listen();
     ASSERT_EQ(ctl(sendFromBelow).status, 0);
     EXPECT_TRUE(listener->waitForOutput("category 3 type 200  {\"path\":\"/b\",\"took\":0.25}\n"));
     listener->signal(SIGINT);
@@ -256,10 +211,8 @@ TEST_F(Ctl, ListensToTheSessionsBelowUntilInterrupted) {
 TEST_F(Ctl, EndsListeningAfterSoManyEvents) {
     startWithHierarchy();
     // The listener's own first event comes too.
-    const auto listener = listen({"--count", "2", "--json"});
-    auto send = sendFromBelow;
-    send.insert(send.end(), {"--payload", R"({"list": [1, "two"]})"});
-    ASSERT_EQ(ctl(send).status, 0);
+    const auto listener = listen(" --count 2 --json");
+    ASSERT_EQ(ctl(sendFromBelow + " --payload {\"list\":[1,\"two\"]}").status, 0);
     EXPECT_EQ(listener->wait(), 0);
     const auto facts = jsonLines(listener->output());
     ASSERT_THAT(facts, SizeIs(2));
@@ -273,8 +226,8 @@ TEST_F(Ctl, EndsListeningAfterSoManyEvents) {
 
 TEST_F(Ctl, TellsWhyListeningEnds) {
     startWithHierarchy();
-    const auto lower = listen({"--client-type", "6"});
-    const auto upper = listen({});
+    const auto lower = listen(" --client-type 6");
+    const auto upper = listen();
     EXPECT_EQ(lower->wait(), 1);
     EXPECT_THAT(lower->errors(), HasSubstr("another client aggregates"));
     device.daemon().signal(SIGKILL);
@@ -283,33 +236,26 @@ TEST_F(Ctl, TellsWhyListeningEnds) {
 }
 
 TEST_F(Ctl, GivesUpOnADaemonThatDoesNotAnswer) {
-    device.serveStorebag(device.httpPostSection());
-    device.start();
+    start();
     device.daemon().signal(SIGSTOP);
-    const auto result = ctl({"states", "--timeout", "1"});
+    const auto result = ctl("states --timeout 1");
     device.daemon().signal(SIGCONT);
     EXPECT_EQ(result.status, 3);
     EXPECT_THAT(result.errors, HasSubstr("quorvanectl: "));
 }
 
 TEST_F(Ctl, TheDaemonTakesWhatQuorvaneStorebagSigned) {
-    const std::string key = device.root() / "key.pem";
-    const std::string source = device.root() / "bag.toml";
-    const std::string signedBag = device.root() / "bag";
+    const std::string root = device.root();
     device.write("bag.toml", "version = \"1\"\n[release.joulary]\n[release.httppost]\nclients = []\n");
-    ASSERT_EQ(runProgram({QUORVANE_STOREBAG, "keygen", "--force", "--private-key", key, "--public-key",
-                          device.root() / "usr/share/quorvane/framework/publicKey.der"})
-                  .status,
-              0);
-    ASSERT_EQ(runProgram({QUORVANE_STOREBAG, "sign", source, "--private-key", key, "--output", signedBag,
-                          "--strict"})
-                  .status,
-              0);
-    std::ifstream file(signedBag, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    device.server().answerWith({200, {}, bytes});
+    for (const std::string& words :
+         {"keygen --force --private-key " + root + "/key.pem --public-key " + root +
+              "/usr/share/quorvane/framework/publicKey.der",
+          "sign " + root + "/bag.toml --private-key " + root + "/key.pem --strict --output " + root + "/bag"})
+        ASSERT_EQ(runProgram(commandLine(QUORVANE_STOREBAG, words)).status, 0);
+    std::ifstream file(root + "/bag", std::ios::binary);
+    device.server().answerWith({200, {}, {std::istreambuf_iterator<char>(file), {}}});
     device.start();
-    EXPECT_EQ(ctl({"states"}).output, "reporting: httppost joulary\n");
+    EXPECT_EQ(ctl("states").output, "reporting: httppost joulary\n");
 }
 
 }  // namespace

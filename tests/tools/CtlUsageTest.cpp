@@ -1,4 +1,5 @@
 #include "tests/support/ChildProcess.h"
+#include "tests/tools/Words.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,31 +24,29 @@ class CtlUsage : public testing::Test {
   protected:
     ~CtlUsage() override { fs::remove_all(folder); }
 
-    ProgramResult ctl(const std::vector<std::string>& args) const {
-        std::vector<std::string> command{QUORVANECTL};
-        command.insert(command.end(), args.begin(), args.end());
-        return runProgram(command, {{"QUORVANE_ROOT", folder}});
+    ProgramResult ctl(const std::string& words) const {
+        return runProgram(commandLine(QUORVANECTL, words), {{"QUORVANE_ROOT", folder}});
     }
 
     const fs::path folder = makeFolder();
 };
 
 TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
-    const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
-        {{}, "subcommand"},
-        {{"transmit"}, "subcommand"},
-        {{"send", "1"}, "type"},
-        {{"send", "65536", "1"}, "category"},
-        {{"send", "1", "2", "--count", "0"}, "--count"},
-        {{"send", "1", "2", "colour"}, "colour: KEY=VALUE is expected"},
-        {{"send", "1", "2", "=red"}, "=red: KEY=VALUE is expected"},
-        {{"single", "1", "2", "--payload", "{\"a\":\n nul}"}, "--payload: line 2"},
-        {{"single", "1", "2", "--payload", "[1]"}, "a JSON object is expected"},
-        {{"states", "--client-type", "-1"}, "--client-type"},
-        {{"upload"}, "file"},
-        {{"listen"}, "--client-name or --service-name"}};
-    for (const auto& [args, reason] : wrong) {
-        const auto result = ctl(args);
+    const std::vector<std::pair<std::string, std::string>> wrong{
+        {"", "subcommand"},
+        {"transmit", "subcommand"},
+        {"send 1", "type"},
+        {"send 65536 1", "category"},
+        {"send 1 2 --count 0", "--count"},
+        {"send 1 2 colour", "colour: KEY=VALUE is expected"},
+        {"send 1 2 =red", "=red: KEY=VALUE is expected"},
+        {"single 1 2 --payload {\"a\":\nnul}", "--payload: line 2"},
+        {"single 1 2 --payload [1]", "a JSON object is expected"},
+        {"states --client-type -1", "--client-type"},
+        {"upload", "file"},
+        {"listen", "--client-name or --service-name"}};
+    for (const auto& [words, reason] : wrong) {
+        const auto result = ctl(words);
         EXPECT_EQ(result.status, 2) << reason;
         EXPECT_EQ(result.output, "") << reason;
         EXPECT_THAT(result.errors, HasSubstr(reason));
@@ -55,22 +54,15 @@ TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
 }
 
 TEST_F(CtlUsage, TellsThatTheDaemonCannotBeReached) {
-    for (const std::vector<std::string>& args :
-         std::vector<std::vector<std::string>>{{"send", "1", "2", "a=1"},
-                                               {"single", "1", "2"},
-                                               {"flush"},
-                                               {"states", "--json"},
-                                               {"display-url"},
-                                               {"upload", "/etc/hostname"},
-                                               {"listen", "--client-name", "a"}}) {
-        const auto result = ctl(args);
-        EXPECT_EQ(result.status, 3) << args[0];
-        EXPECT_EQ(result.output, "") << args[0];
+    for (const char* words : {"send 1 2 a=1", "single 1 2", "flush", "states --json", "display-url",
+                              "upload /etc/hostname", "listen --client-name a"}) {
+        const auto result = ctl(words);
+        EXPECT_EQ(result.status, 3) << words;
+        EXPECT_EQ(result.output, "") << words;
         EXPECT_EQ(result.errors, "quorvanectl: cannot connect to " + folder.string() +
                                      "/run/quorvane/com.velmora.quorvaned: No such file or directory\n");
     }
-    const std::string other = folder / "other";
-    EXPECT_THAT(ctl({"states", "--socket", other}).errors, HasSubstr("cannot connect to " + other));
+    EXPECT_THAT(ctl("states --socket /nowhere").errors, HasSubstr("cannot connect to /nowhere"));
 }
 
 TEST_F(CtlUsage, TheInstalledProgramFindsItsLibrary) {
