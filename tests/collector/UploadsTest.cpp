@@ -84,7 +84,9 @@ TEST_F(UploadsTest, NamesFilesItself) {
 
 TEST_F(UploadsTest, SaysSuccessForNothingThatItDidNotStoreWhole) {
     startStoring({"--max-upload", "100000"});
-    const std::string packed = gzip(std::string(50'000, 'x') + "end");
+    std::string text(50'000, 'x');
+    text += "end";
+    const std::string packed = gzip(text);
     const auto refused = [](int number, const httplib::Response& answer, int status) {
         EXPECT_EQ(answer.status, status) << number;
         EXPECT_FALSE(saysSuccess(answer)) << number;

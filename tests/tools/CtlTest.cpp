@@ -137,6 +137,7 @@ TEST_F(Ctl, PromotesASampledOutSession) {
 
 TEST_F(Ctl, TellsAndSendsWhatItsKindOfClientHas) {
     start({{"client", "Alpha"}}, "pelmark");
+    device.serveStorebag(Dictionary{{"joulary", Dictionary{}}}, "vistabox");
     const std::vector<std::pair<std::string, std::string>> answers{
         {"single 3 200 a=b", "finished\n"},
         {"single 3 200 --json", "{\"answer\":\"finished\"}\n"},
@@ -154,11 +155,11 @@ TEST_F(Ctl, TellsAndSendsWhatItsKindOfClientHas) {
     EXPECT_TRUE(device.waitForEvents(3, 2));
 
     const std::vector<std::pair<std::string, std::string>> failures{
-        {"single 3 200", "storebag not available"},
-        {"send 1 2", "the daemon has no storebag for client type 6"},
-        {"display-url", "URL not available"}};
+        {"single 3 200 --client-type 6", "storebag not available"},
+        {"send 1 2 --client-type 6", "the daemon has no storebag for client type 6"},
+        {"display-url --client-type 8", "URL not available"}};
     for (const auto& [words, reason] : failures) {
-        const auto result = ctl(words + " --client-type 6");
+        const auto result = ctl(words);
         EXPECT_EQ(result.status, 1) << words;
         EXPECT_EQ(result.errors, "quorvanectl: " + reason + "\n");
     }
