@@ -11,16 +11,10 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 namespace quorvane::platform {
 

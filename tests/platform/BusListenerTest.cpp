@@ -1,13 +1,11 @@
 #include "platform/BusListener.h"
 #include "platform/RunLoop.h"
 #include "tests/platform/BusFixture.h"
+#include "tests/support/RootFixture.h"
 
 #include <poll.h>
 #include <sys/stat.h>
 
-#include <gmock/gmock.h>
-
-#include <filesystem>
 #include <variant>
 
 namespace quorvane::platform {
@@ -16,12 +14,10 @@ namespace {
 using test::BusClient;
 
 /// A listener whose loop runs on a thread of its own.
-class BusListenerTest : public testing::Test {
+class BusListenerTest : public RootFixture {
   protected:
     void SetUp() override {
-        std::string folder = (std::filesystem::temp_directory_path() / "quorvane-bus-XXXXXX").string();
-        _folder = ::mkdtemp(folder.data());
-        _path = (_folder / "sub/socket").string();
+        RootFixture::SetUp();
         _loop = RunLoop::init();
         _listener = listenAtThePath();
         _listener->setDelegate([this](const std::shared_ptr<BusConnection>& connection) {
@@ -39,7 +35,7 @@ class BusListenerTest : public testing::Test {
         _thread.join();
         _listener.reset();
         _loop.reset();
-        std::filesystem::remove_all(_folder);
+        RootFixture::TearDown();
     }
 
     std::unique_ptr<BusListener> listenAtThePath() {
@@ -72,8 +68,7 @@ class BusListenerTest : public testing::Test {
         return ::poll(&readable, 1, 30'000) == 1 && ::recv(socket.get(), &byte, 1, 0) <= 0;
     }
 
-    std::filesystem::path _folder;
-    std::string _path;
+    const std::string _path = (_root / "sub/socket").string();
     std::unique_ptr<RunLoop> _loop;
     std::unique_ptr<BusListener> _listener;
     std::thread _thread;
@@ -83,7 +78,7 @@ class BusListenerTest : public testing::Test {
     std::atomic<uid_t> _user = 0;
 };
 
-TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcess) {
+TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcessUntilAllAreEnded) {
     start();
     struct stat status {};
     ASSERT_EQ(::stat(_path.c_str(), &status), 0);
@@ -93,11 +88,19 @@ TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcess) {
     EXPECT_EQ(_process, ::getpid());
     EXPECT_EQ(_user, ::getuid());
     EXPECT_EQ(listenAtThePath(), nullptr) << "someone listens here";
+    const BusClient second(_path);
+    ASSERT_TRUE(answers(second));
+    endAll();
+    EXPECT_FALSE(answers(client));
+    EXPECT_FALSE(answers(second));
 }
 
-TEST_F(BusListenerTest, ClosesConnectionsPastAUsersShareUntilOneEnds) {
+TEST_F(BusListenerTest, ClosesConnectionsThatTheDelegateRefusesAndThosePastAUsersShareUntilOneEnds) {
     _listener->setConnectionsPerUser(2);
+    _refuses = true;
     start();
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(isClosed(test::connectSocket(_path)));
+    _refuses = false;  // The refused ones do not count.
     const BusClient first(_path);
     auto second = std::make_unique<BusClient>(_path);
     ASSERT_TRUE(answers(first));
@@ -105,31 +108,8 @@ TEST_F(BusListenerTest, ClosesConnectionsPastAUsersShareUntilOneEnds) {
     EXPECT_TRUE(isClosed(test::connectSocket(_path)));
     EXPECT_TRUE(answers(first)) << "those that are served go on";
     second.reset();
-    for (;;) {
-        const BusClient third(_path);
-        if (answers(third)) break;
-    }
+    while (!answers(BusClient(_path))) continue;
     EXPECT_TRUE(answers(first));
-}
-
-TEST_F(BusListenerTest, AConnectionThatTheDelegateRefusesIsClosedAndNotCounted) {
-    _listener->setConnectionsPerUser(1);
-    _refuses = true;
-    start();
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(isClosed(test::connectSocket(_path)));
-    _refuses = false;
-    EXPECT_TRUE(answers(BusClient(_path)));
-}
-
-TEST_F(BusListenerTest, EndsAllConnectionsAndTakesNoMore) {
-    start();
-    const BusClient first(_path);
-    const BusClient second(_path);
-    ASSERT_TRUE(answers(first));
-    ASSERT_TRUE(answers(second));
-    endAll();
-    EXPECT_FALSE(answers(first));
-    EXPECT_FALSE(answers(second));
 }
 
 }  // namespace

@@ -5,13 +5,7 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <string>
-#include <string_view>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 namespace {
@@ -43,9 +37,10 @@ class CodeBundleTest : public RootFixture {
 };
 
 TEST_F(CodeBundleTest, ABundleIsLoadedOnceAndKept) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back([] { loadCodeBundle(QUORVANE_BUNDLE_GOOD); });
-    for (std::thread& thread : threads) thread.join();
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 4; ++i) threads.emplace_back([] { loadCodeBundle(QUORVANE_BUNDLE_GOOD); });
+    }
 
     const std::string copy = _root / "copy.so";
     fs::copy_file(QUORVANE_BUNDLE_GOOD, copy);
@@ -57,7 +52,7 @@ TEST_F(CodeBundleTest, ABundleIsLoadedOnceAndKept) {
     EXPECT_EQ(logged("<"), 0u);
 }
 
-TEST_F(CodeBundleTest, AFileThatIsNoBundleCostsALogLine) {
+TEST_F(CodeBundleTest, WhatIsNoBundleCostsALogLine) {
     const std::string absent = _root / "absent.so";
     EXPECT_TRUE(isRefused(absent, "No such file or directory"));
     EXPECT_TRUE(isRefused(_root, "it is no file"));
@@ -69,6 +64,12 @@ TEST_F(CodeBundleTest, AFileThatIsNoBundleCostsALogLine) {
         EXPECT_TRUE(isRefused(absent, absent));
     }
     EXPECT_TRUE(isRefused("/proc/self/exe", "")) << "a program is no shared object";
+
+    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_WITHOUT_BUNDLE, "it exports no quorvaneCodeBundle"));
+    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_FUNCTION, "its quorvaneCodeBundle is no bundle"));
+    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_TOO_SMALL, "its quorvaneCodeBundle is no bundle"));
+    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_OTHER_VERSION, "its version is 2, not 1"));
+    EXPECT_EQ(classNamed(nullptr, "Keeping"), nullptr);
 }
 
 TEST_F(CodeBundleTest, AFileCutShortIsRefusedUntilAllThatIsLoadedIsThere) {
@@ -86,54 +87,36 @@ TEST_F(CodeBundleTest, AFileCutShortIsRefusedUntilAllThatIsLoadedIsThere) {
     EXPECT_NE(loadCodeBundle(path), nullptr);
 }
 
-TEST_F(CodeBundleTest, ALibraryThatExportsAnythingElseIsRefused) {
-    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_WITHOUT_BUNDLE, "it exports no quorvaneCodeBundle"));
-    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_FUNCTION, "its quorvaneCodeBundle is no bundle"));
-    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_TOO_SMALL, "its quorvaneCodeBundle is no bundle"));
-    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_OTHER_VERSION, "its version is 2, not 1"));
-    EXPECT_EQ(classNamed(nullptr, "Keeping"), nullptr);
-}
-
-TEST_F(CodeBundleTest, AnObjectAnswersTheOperationsOfItsClass) {
-    const auto object = CodeObject::init(classOfGoodBundle("Keeping"));
+TEST_F(CodeBundleTest, AnObjectAnswersTheOperationsOfItsClassAndIsGivenBack) {
+    auto object = CodeObject::init(classOfGoodBundle("Keeping"));
     ASSERT_NE(object, nullptr);
     EXPECT_EQ(object->description(), "<Keeping>");
     EXPECT_EQ(object->operationWithSelector("sendMessage"), nullptr);
     EXPECT_EQ(object->operationWithSelector("absent:"), nullptr);
     const QuorvaneOperation* operation = object->operationWithSelector(kSelector);
     ASSERT_NE(operation, nullptr);
-    const std::vector<std::uint8_t> bytes{'b', 'y', 't', 'e', 's'};
-    object->invoke(*operation, 65535, 200, bytes);
+    object->invoke(*operation, 65535, 200, Data{'b', 'y', 't', 'e', 's'});
     EXPECT_EQ(whatHappened(), "65535 200 bytes (5)");
-}
-
-TEST_F(CodeBundleTest, AnEmptyDictionaryIsNullAndTheObjectIsGivenBack) {
-    {
-        const auto object = CodeObject::init(classOfGoodBundle("Keeping"));
-        object->invoke(*object->operationWithSelector(kSelector), 1, 2, {});
-        EXPECT_EQ(whatHappened(), "1 2 null (0)");
-    }
+    object->invoke(*operation, 1, 2, {});
+    EXPECT_EQ(whatHappened(), "1 2 null (0)");
+    object.reset();
     EXPECT_EQ(whatHappened(), "dealloc");
 }
 
-TEST_F(CodeBundleTest, AClassMayMakeNothingAndAnswerNothing) {
+TEST_F(CodeBundleTest, AClassMayMakeNothingAndAnswerNothingAndThrow) {
     for (const char* name : {"keeping", "", "Barren", "Uninitialisable"})
         EXPECT_EQ(CodeObject::init(classOfGoodBundle(name)), nullptr) << name;
-    EXPECT_EQ(logged("<"), 0u);
-
     const auto mute = CodeObject::init(classOfGoodBundle("Mute"));
     ASSERT_NE(mute, nullptr);
     EXPECT_EQ(mute->operationWithSelector(kSelector), nullptr);
-}
+    EXPECT_EQ(logged("<"), 0u);
 
-TEST_F(CodeBundleTest, WhatTheBundleThrowsEndsInALogLine) {
     EXPECT_EQ(CodeObject::init(classOfGoodBundle("Unmakeable")), nullptr);
     EXPECT_EQ(logged("<3>CodeObject(init): <Unmakeable> threw: no room"), 1u);
-    {
-        const auto object = CodeObject::init(classOfGoodBundle("OsselAdaptor"));
-        object->invoke(*object->operationWithSelector(kSelector), 1, 2, {});
-        EXPECT_EQ(logged("<3>CodeObject(sendMessageWithMethod:respCode:dict:): <OsselAdaptor> threw: "), 1u);
-    }
+    auto object = CodeObject::init(classOfGoodBundle("OsselAdaptor"));
+    object->invoke(*object->operationWithSelector(kSelector), 1, 2, {});
+    EXPECT_EQ(logged("<3>CodeObject(sendMessageWithMethod:respCode:dict:): <OsselAdaptor> threw: "), 1u);
+    object.reset();
     EXPECT_EQ(logged("<3>CodeObject(dealloc): <OsselAdaptor> threw something"), 1u);
 }
 

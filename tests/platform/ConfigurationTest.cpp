@@ -4,16 +4,12 @@
 #include "platform/UserDefaults.h"
 #include "tests/support/RootFixture.h"
 
-#include <gmock/gmock.h>
-
 #include <cmath>
 #include <limits>
 #include <map>
 
 namespace quorvane::platform {
 namespace {
-
-using testing::HasSubstr;
 
 std::string errorOf(const TomlResult& result) {
     const auto* error = std::get_if<TomlError>(&result);
@@ -42,8 +38,6 @@ n = 2
 )",
                                         "bag.toml");
     ASSERT_TRUE(std::holds_alternative<Dictionary>(result)) << errorOf(result);
-    const auto& values = std::get<Dictionary>(result);
-    EXPECT_TRUE(std::isinf(values.find("not_finite")->real()));
     const Dictionary expected{
         {"text", "a\nä"},
         {"integer", std::numeric_limits<std::int64_t>::min()},
@@ -59,15 +53,17 @@ n = 2
         {"table", Dictionary{{"with blank", Dictionary{{"inner", Dictionary{{"a", 1}}}}}}},
         {"tables", Array{Dictionary{{"n", 1}}, Dictionary{{"n", 2}}}},
     };
-    EXPECT_EQ(values, expected) << values.description();
+    EXPECT_EQ(std::get<Dictionary>(result), expected) << std::get<Dictionary>(result).description();
 }
 
 TEST(TomlFileTest, AFaultIsNamedByFileLineAndKey) {
-    const std::string error = errorOf(parseToml("a = 1\n\n  server.port = 80x\n", "bag.toml"));
-    EXPECT_THAT(error, testing::StartsWith("bag.toml: line 3: server.port: "));
-    EXPECT_THAT(errorOf(parseToml("a = 1\na = 2\n", "x")), testing::StartsWith("x: line 2: a: "));
-    EXPECT_THAT(errorOf(parseToml("[a", "x")), testing::StartsWith("x: line 1: "));
-    EXPECT_THAT(errorOf(parseToml("a = \"\xff\"", "x")), testing::StartsWith("x: line 1: a: "));
+    const std::pair<const char*, const char*> faults[] = {
+        {"a = 1\n\n  server.port = 80x\n", "x: line 3: server.port: "},
+        {"a = 1\na = 2\n", "x: line 2: a: "},
+        {"[a", "x: line 1: "},
+        {"a = \"\xff\"", "x: line 1: a: "}};
+    for (const auto& [text, error] : faults)
+        EXPECT_THAT(errorOf(parseToml(text, "x")), testing::StartsWith(error)) << text;
     EXPECT_NE(errorOf(parseToml("a = " + std::string(100'000, '['), "x")), "no error");
     EXPECT_EQ(errorOf(readTomlFile("/nonexistent.toml")), "/nonexistent.toml: No such file or directory");
 }

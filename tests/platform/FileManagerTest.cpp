@@ -1,12 +1,12 @@
 #include "platform/FileManager.h"
 
+#include "platform/Clock.h"
 #include "tests/support/RootFixture.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <chrono>
 
 namespace quorvane::platform {
 namespace {
@@ -41,7 +41,7 @@ TEST_F(FileManagerTest, ListsADirectoryAndTellsWhyItCannot) {
 }
 
 TEST_F(FileManagerTest, AFileIsBornOnceAndGrowsByAppending) {
-    const auto before = std::chrono::system_clock::now() - std::chrono::seconds(1);
+    const std::int64_t before = timeOfDay().seconds - 1;
     ASSERT_TRUE(createFile(path("log")));
     EXPECT_EQ(mode("log") & perms::others_all, perms::none);
     const std::optional<Date> born = fileCreationDate(path("log"));
@@ -51,10 +51,8 @@ TEST_F(FileManagerTest, AFileIsBornOnceAndGrowsByAppending) {
     EXPECT_EQ(read("log"), "one\ntwo\n");
     EXPECT_EQ(fileCreationDate(path("log")), born) << "writing does not change the time of birth";
     if (born) {
-        const std::chrono::sys_time<std::chrono::microseconds> at(
-            std::chrono::microseconds{born->microseconds});
-        EXPECT_GE(at, before);
-        EXPECT_LE(at, std::chrono::system_clock::now());
+        EXPECT_GE(born->microseconds / 1'000'000, before);
+        EXPECT_LE(born->microseconds / 1'000'000, timeOfDay().seconds);
     }
     EXPECT_TRUE(removeFile(path("log")));
     EXPECT_FALSE(fileExists(path("log")));
@@ -77,12 +75,9 @@ TEST_F(FileManagerTest, WritingFollowsNoLinkAndWaitsForNoPipe) {
 
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
     EXPECT_EQ(appendToFile(path("pipe"), "x"), AppendResult::OpenFailed);
-}
-
-TEST_F(FileManagerTest, AFileThatTakesNothingIsReportedAsSuch) {
-    std::error_code error;
-    if (!std::filesystem::exists("/dev/full", error)) GTEST_SKIP() << "no device that is always full";
-    EXPECT_EQ(appendToFile("/dev/full", "x"), AppendResult::WriteFailed);
+    if (fileExists("/dev/full")) {
+        EXPECT_EQ(appendToFile("/dev/full", "x"), AppendResult::WriteFailed);
+    }
 }
 
 TEST_F(FileManagerTest, ReadsWholeFilesUpToTheLimit) {

@@ -11,7 +11,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
 #include <set>
 #include <thread>
@@ -28,34 +27,41 @@ Data bytes(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
+/// A socket bound to a free port of 127.0.0.1.
+struct LocalSocket {
+    LocalSocket() {
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), size);
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    }
+    int port() const { return ntohs(address.sin_port); }
+
+    UniqueDescriptor socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+};
+
 /// A server that answers every connection on 127.0.0.1 with the same bytes, whatever it is asked, and then
 /// closes it, or goes on sending the bytes without an end.
 class RawServer {
   public:
     explicit RawServer(std::string answer, bool endless = false) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        _listener = UniqueDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::bind(_listener.get(), reinterpret_cast<sockaddr*>(&address), size);
-        ::listen(_listener.get(), 8);
-        ::getsockname(_listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        _port = ntohs(address.sin_port);
+        ::listen(_listener.socket.get(), 8);
         _thread = std::thread([this, answer = std::move(answer), endless] { serve(answer, endless); });
     }
 
     ~RawServer() {
-        ::shutdown(_listener.get(), SHUT_RDWR);
+        ::shutdown(_listener.socket.get(), SHUT_RDWR);
         _thread.join();
     }
 
-    std::string url() const { return fmt::format("http://127.0.0.1:{}/", _port); }
+    std::string url() const { return fmt::format("http://127.0.0.1:{}/", _listener.port()); }
 
   private:
     void serve(const std::string& answer, bool endless) const {
         while (true) {
-            const UniqueDescriptor client(::accept(_listener.get(), nullptr, nullptr));
+            const UniqueDescriptor client(::accept(_listener.socket.get(), nullptr, nullptr));
             if (!client) return;
             char request[4096];
             if (::recv(client.get(), request, sizeof request, 0) <= 0) continue;
@@ -63,43 +69,48 @@ class RawServer {
         }
     }
 
-    UniqueDescriptor _listener;
-    int _port = 0;
+    LocalSocket _listener;
     std::thread _thread;
+};
+
+/// A server that holds every request until it is opened.
+class StalledServer : public HttpsServer {
+  public:
+    explicit StalledServer(const std::filesystem::path& root) : HttpsServer(root) {
+        setHandler([opened = _gate.get_future().share()](const ServerRequest&) {
+            opened.wait();
+            return ServerAnswer();
+        });
+    }
+    void open() { _gate.set_value(); }
+
+  private:
+    std::promise<void> _gate;
 };
 
 class HttpSessionTest : public RootFixture {
   protected:
-    /// The session reads the root's name once, on first use, so all tests here share one.
-    static void SetUpTestSuite() {
-        std::string pattern = "/tmp/quorvane-http-XXXXXX";
-        shared = ::mkdtemp(pattern.data());
-    }
-    static void TearDownTestSuite() { std::filesystem::remove_all(shared); }
-
-    void SetUp() override {
-        RootFixture::SetUp();
-        std::filesystem::remove_all(_root);
-        _root = shared;
-        std::filesystem::create_directories(_root);
-        ::setenv("QUORVANE_ROOT", _root.c_str(), 1);
+    void TearDown() override {
+        setHttpWaitingBytesBound(16u << 20);
+        RootFixture::TearDown();
     }
 
-    static std::string errorOf(const std::string& url) {
-        HttpRequest request;
-        request.url = url;
+    static HttpRequest get(std::string url, std::vector<HttpHeader> headers = {}) {
+        return {std::move(url), "GET", std::move(headers), {}};
+    }
+    static HttpRequest post(std::string url, Data body) {
+        return {std::move(url), "POST", {}, std::move(body)};
+    }
+    static std::string errorOf(HttpRequest request) {
         return performDataTask(std::move(request)).error.value_or("no error");
     }
-
-  private:
-    static inline std::filesystem::path shared;
+    static std::string errorOf(const std::string& url) { return errorOf(get(url)); }
 };
 
-TEST_F(HttpSessionTest, SendsWhatItIsGivenAndReturnsWhatItGets) {
+TEST_F(HttpSessionTest, SendsWhatItIsGivenAndNothingMoreAndReturnsWhatItGets) {
     HttpsServer server(_root);
     server.answerWith({404, {{"X-Twice", "1"}, {"x-twice", "2"}}, "not here"});
-    HttpRequest request;
-    request.url = server.url("/path?q=1");
+    HttpRequest request = get(server.url("/path?q=1"));
     request.method = "PUT";
     request.headers = {{"X-Text", "a: b"}, {"Content-Type", "text/plain"}};
     request.body = bytes(std::string_view("a\0b", 3));
@@ -118,42 +129,26 @@ TEST_F(HttpSessionTest, SendsWhatItIsGivenAndReturnsWhatItGets) {
     EXPECT_EQ(got.header("Content-Type"), "text/plain");
     EXPECT_EQ(got.header("Content-Length"), "3");
     EXPECT_EQ(got.body, std::string("a\0b", 3));
-}
 
-TEST_F(HttpSessionTest, AddsNothingToABodyThatTheCallerDidNotAskFor) {
-    HttpsServer server(_root);
-    HttpRequest request;
-    request.url = server.url("/");
-    request.method = "POST";
-    request.body = Data(2u << 20, 'x');
-    ASSERT_TRUE(performDataTask(request).response);
-    request.body.clear();
-    ASSERT_TRUE(performDataTask(request).response);
-    EXPECT_EQ(server.requests().at(0).header("Expect"), "absent");
-    EXPECT_EQ(server.requests().at(0).header("Content-Type"), "absent");
-    EXPECT_EQ(server.requests().at(0).body.size(), 2u << 20);
-    EXPECT_EQ(server.requests().at(1).header("Content-Length"), "0");
+    EXPECT_EQ(errorOf(post(server.url("/"), Data(2u << 20, 'x'))), "no error");
+    EXPECT_EQ(errorOf(post(server.url("/"), {})), "no error");
+    const ServerRequest large = server.requests().at(1);
+    EXPECT_EQ(large.header("Expect"), "absent");
+    EXPECT_EQ(large.header("Content-Type"), "absent");
+    EXPECT_EQ(large.body.size(), 2u << 20);
+    EXPECT_EQ(server.requests().at(2).header("Content-Length"), "0");
 }
 
 TEST_F(HttpSessionTest, WhatWouldBreakTheRequestApartIsNeverSent) {
     HttpsServer server(_root);
+    const std::string url = server.url("/");
     for (const std::string& value :
-         {std::string("a\r\nX-Evil: 1"), std::string("a\nb"), std::string("a\0b", 3)}) {
-        HttpRequest request;
-        request.url = server.url("/");
-        request.headers = {{"X-Text", value}};
-        EXPECT_TRUE(performDataTask(request).error) << value;
-        request.headers = {{"X" + value, "1"}};
-        EXPECT_TRUE(performDataTask(request).error) << value;
-        request.headers = {};
-        request.method = "GET" + value;
-        EXPECT_TRUE(performDataTask(request).error) << value;
-        request.method = "GET";
-        request.url += value;
-        EXPECT_TRUE(performDataTask(request).error) << value;
-    }
-    for (const char* url : {"", "nothing", "file:///etc/passwd", "ftp://127.0.0.1/", "https://"})
-        EXPECT_NE(errorOf(url), "no error") << url;
+         {std::string("a\r\nX-Evil: 1"), std::string("a\nb"), std::string("a\0b", 3)})
+        for (const HttpRequest& request : {get(url, {{"X-Text", value}}), get(url, {{"X" + value, "1"}}),
+                                           HttpRequest{url, "GET" + value, {}, {}}, get(url + value)})
+            EXPECT_NE(errorOf(request), "no error") << value;
+    for (const char* bad : {"", "nothing", "file:///etc/passwd", "ftp://127.0.0.1/", "https://"})
+        EXPECT_NE(errorOf(bad), "no error") << bad;
     EXPECT_EQ(server.requestCount(), 0u);
 }
 
@@ -182,24 +177,12 @@ TEST_F(HttpSessionTest, KeepsConnectionsAliveAndFollowsNoRedirect) {
     EXPECT_EQ(ports.size(), 1u);
 }
 
-/// A port that was free a moment ago.
-int freePort() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const UniqueDescriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ::bind(probe.get(), reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(probe.get(), reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
-}
-
 TEST_F(HttpSessionTest, PostsOverOneConnectionWhereTheServerOffersHttp2) {
     const test::TestCertificate certificate = test::makeTestCertificate();
     test::trustCertificate(certificate, _root, "http2");
     write("certificate.pem", certificate.certificate);
     write("key.pem", certificate.key);
-    const int port = freePort();
+    const int port = LocalSocket().port();
     const auto server = test::ChildProcess::start(
         {QUORVANE_NGHTTPD, "--address=127.0.0.1", "--echo-upload", "--verbose", std::to_string(port),
          (_root / "key.pem").string(), (_root / "certificate.pem").string()});
@@ -208,12 +191,9 @@ TEST_F(HttpSessionTest, PostsOverOneConnectionWhereTheServerOffersHttp2) {
 
     std::atomic<int> echoed = 0;
     for (int i = 0; i < 20; ++i) {
-        HttpRequest request;
-        request.url = fmt::format("https://127.0.0.1:{}/events", port);
-        request.method = "POST";
+        const Data sent = bytes("body " + std::to_string(i));
+        HttpRequest request = post(fmt::format("https://127.0.0.1:{}/events", port), sent);
         request.headers = {{"X-QVN-Sender", "ABC"}};
-        request.body = bytes("body " + std::to_string(i));
-        const Data sent = request.body;
         startDataTask(std::move(request), [&echoed, sent](const HttpResult& result) {
             echoed += result.response && result.response->body == sent;
         });
@@ -228,7 +208,6 @@ TEST_F(HttpSessionTest, ServersThatAnswerNoHttpAreErrors) {
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
     for (const std::string& answer : {std::string(), std::string("\xff\x00garbage\n", 10), head + "half"})
         EXPECT_NE(errorOf(RawServer(answer).url()), "no error") << escapedControls(answer, "");
-    const RawServer gone("");
     EXPECT_NE(errorOf("http://127.0.0.1:1/"), "no error");
 }
 
@@ -240,61 +219,23 @@ TEST_F(HttpSessionTest, EndlessAnswersAreCutAtTheBound) {
 
     HttpsServer server(_root);
     server.answerWith({200, {}, "12345"});
-    HttpRequest request;
-    request.url = server.url("/");
+    HttpRequest request = get(server.url("/"));
     request.maximumResponseBytes = 5;
-    EXPECT_TRUE(performDataTask(request).response);
+    EXPECT_EQ(errorOf(request), "no error");
     request.maximumResponseBytes = 4;
-    EXPECT_EQ(performDataTask(request).error, "the answer is larger than 4 bytes");
-}
-
-/// Holds every request until it is opened.
-class Gate {
-  public:
-    void open() {
-        const std::lock_guard lock(_mutex);
-        _open = true;
-        _changed.notify_all();
-    }
-    ServerAnswer pass(const ServerRequest&) {
-        std::unique_lock lock(_mutex);
-        _changed.wait(lock, [this] { return _open; });
-        return {};
-    }
-
-  private:
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    bool _open = false;
-};
-
-TEST_F(HttpSessionTest, ARequestEndsWhenItsTimeIsUp) {
-    Gate gate;
-    HttpsServer server(_root);
-    server.setHandler([&](const ServerRequest& request) { return gate.pass(request); });
-    HttpRequest request;
-    request.url = server.url("/");
-    request.timeout = 1s;
-    EXPECT_TRUE(performDataTask(request).error);
-    gate.open();
+    EXPECT_EQ(errorOf(request), "the answer is larger than 4 bytes");
 }
 
 TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
-    Gate gate;
-    HttpsServer stalled(_root);
+    StalledServer stalled(_root);
     HttpsServer other(_root);
-    stalled.setHandler([&](const ServerRequest& request) { return gate.pass(request); });
     setHttpWaitingBytesBound(10 * (1000 + 1024));
     std::atomic<int> started = 0;
     std::atomic<int> answered = 0;
+    const auto count = [&](const HttpResult& result) { answered += !!result.response; };
     std::thread sender([&] {
         for (int i = 0; i < 40; ++i) {
-            HttpRequest request;
-            request.url = stalled.url("/");
-            request.method = "POST";
-            request.body = Data(1000, 'x');
-            startDataTask(std::move(request),
-                          [&](const HttpResult& result) { answered += !!result.response; });
+            startDataTask(post(stalled.url("/"), Data(1000, 'x')), count);
             ++started;
         }
     });
@@ -303,43 +244,34 @@ TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
     EXPECT_EQ(errorOf(other.url("/")), "no error");
     EXPECT_FALSE(drainHttpSession(50ms));
     EXPECT_EQ(started, 10);
-    gate.open();
+    stalled.open();
     sender.join();
     EXPECT_TRUE(drainHttpSession(30s));
     EXPECT_EQ(answered, 40);
     EXPECT_EQ(stalled.requestCount(), 40u);
 
-    HttpRequest large;
-    large.url = other.url("/");
-    large.method = "POST";
-    large.body = Data(20'000, 'x');
-    startDataTask(std::move(large), [&](const HttpResult& result) { answered += !!result.response; });
+    startDataTask(post(other.url("/"), Data(20'000, 'x')), count);
     EXPECT_TRUE(drainHttpSession(30s));
-    EXPECT_EQ(answered, 41);
-    setHttpWaitingBytesBound(16u << 20);
+    EXPECT_EQ(answered, 41) << "a body above the bound goes when nothing waits";
 }
 
-TEST_F(HttpSessionTest, ALargeBodyOfAWaitingCallerHoldsUpNobodyElse) {
-    Gate gate;
-    HttpsServer stalled(_root);
+TEST_F(HttpSessionTest, AStalledRequestEndsWhenItsTimeIsUpAndALargeOneHoldsUpNobodyElse) {
+    StalledServer stalled(_root);
     HttpsServer other(_root);
-    stalled.setHandler([&](const ServerRequest& request) { return gate.pass(request); });
+    HttpRequest request = get(stalled.url("/"));
+    request.timeout = 1s;
+    EXPECT_NE(errorOf(request), "no error");
+
     setHttpWaitingBytesBound(10'000);
-    HttpRequest large;
-    large.url = stalled.url("/");
-    large.method = "POST";
-    large.body = Data(20'000, 'x');
-    HttpRequest small = large;
-    small.url = other.url("/");
-    small.body.resize(1'000);
-    auto waiting = std::async(std::launch::async, [&] { return performDataTask(large); });
-    EXPECT_TRUE(stalled.waitForRequests(1));
+    auto waiting = std::async(std::launch::async,
+                              [large = post(stalled.url("/"), Data(20'000, 'x'))] { return errorOf(large); });
+    EXPECT_TRUE(stalled.waitForRequests(2));
+    const HttpRequest small = post(other.url("/"), Data(1'000, 'x'));
     startDataTask(small, nullptr);
     EXPECT_TRUE(other.waitForRequests(1));
-    EXPECT_TRUE(performDataTask(small).response);
-    gate.open();
-    EXPECT_TRUE(waiting.get().response);
-    setHttpWaitingBytesBound(16u << 20);
+    EXPECT_EQ(errorOf(small), "no error");
+    stalled.open();
+    EXPECT_EQ(waiting.get(), "no error");
 }
 
 }  // namespace

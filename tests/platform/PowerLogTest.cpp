@@ -2,7 +2,9 @@
 
 #include "platform/Clock.h"
 #include "platform/Json.h"
+#include "platform/Owned.h"
 #include "platform/UniqueDescriptor.h"
+#include "tests/support/InChild.h"
 #include "tests/support/RootFixture.h"
 
 #include <sched.h>
@@ -10,22 +12,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <systemd/sd-journal.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <cstdint>
-#include <filesystem>
-#include <limits>
-#include <memory>
-#include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 namespace {
@@ -38,49 +28,43 @@ class PowerLogTest : public RootFixture {
     void SetUp() override {
         RootFixture::SetUp();
         fs::create_directories(_root / "var/lib/quorvane");
+        replaceClock([] { return TimeValue{1'700'000'000, 250'000}; });
     }
     void TearDown() override {
         replaceClock(nullptr);
         RootFixture::TearDown();
     }
 
-    std::vector<std::string> linesOf(const std::string& name) const {
-        std::istringstream text(read("var/lib/quorvane/" + name));
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(text, line);) lines.push_back(line);
-        return lines;
-    }
+    const std::string kFile = "var/lib/quorvane/power-log.jsonl";
+    const std::string kEarlierFile = "var/lib/quorvane/power-log.1.jsonl";
 };
 
 TEST_F(PowerLogTest, AnEventInARootOfItsOwnBecomesALineOfJson) {
-    replaceClock([] { return TimeValue{1'700'000'000, 250'000}; });
     writeRegisteredEvent(28, "Strevad-QVN", {{"level", 80u}, {"charging", true}, {"state", "full\n"}});
-    EXPECT_EQ(
-        read("var/lib/quorvane/power-log.jsonl"),
-        "{\"agent\":28,\"event\":\"Strevad-QVN\",\"time\":1700000000.25,\"values\":{\"charging\":true,\"level\":80,\"state\":\"full\\n\"}}\n");
+    const std::string line = R"({"agent":28,"event":"Strevad-QVN","time":1700000000.25,)"
+                             R"("values":{"charging":true,"level":80,"state":"full\n"}})";
+    EXPECT_EQ(read(kFile), line + "\n");
     struct stat status {};
-    ASSERT_EQ(::stat((_root / "var/lib/quorvane/power-log.jsonl").c_str(), &status), 0);
+    ASSERT_EQ(::stat((_root / kFile).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777u, 0640u);
     EXPECT_EQ(logged("<"), 0u);
-}
 
-TEST_F(PowerLogTest, ValuesThatJsonHasNoFormForBecomeTexts) {
+    // What JSON has no form for becomes a text.
     const Dictionary inner{{"at", Date{1'763'280'000'000'000}}, {"bytes", Data{0, 255}}};
-    const Dictionary event{{"list", Array{Value(inner), Value(-1)}},
-                           {"none", std::numeric_limits<double>::quiet_NaN()}};
-    EXPECT_TRUE(appendEventToPowerLogFile(1, "e", event));
-    EXPECT_THAT(
-        read("var/lib/quorvane/power-log.jsonl"),
-        HasSubstr(
-            "{\"list\":[{\"at\":\"2025-11-16 08:00:00 +0000\",\"bytes\":\"AP8=\"},-1],\"none\":\"nan\"}"));
+    EXPECT_TRUE(appendEventToPowerLogFile(1, "e", {{"list", Array{inner, -1}}, {"none", std::nan("")}}));
+    EXPECT_THAT(read(kFile),
+                HasSubstr(R"({"list":[{"at":"2025-11-16 08:00:00 +0000","bytes":"AP8="},-1],"none":"nan"})"));
 }
 
 TEST_F(PowerLogTest, TheFileIsPutAsideWhenItIsFullAndOnlyOneEarlierIsKept) {
     const Dictionary event{{"text", std::string(100'000, 'x')}};
     for (int i = 0; i < 30; ++i) writeRegisteredEvent(1, "e", event);
-    EXPECT_EQ(linesOf("power-log.1.jsonl").size(), 11u);
-    EXPECT_EQ(linesOf("power-log.jsonl").size(), 8u);
-    for (const std::string& line : linesOf("power-log.1.jsonl")) EXPECT_TRUE(parseJson(line));
+    const std::string kept = read(kFile);
+    EXPECT_EQ(std::ranges::count(kept, '\n'), 8);
+    std::istringstream earlier(read(kEarlierFile));
+    int lines = 0;
+    for (std::string line; std::getline(earlier, line); ++lines) EXPECT_TRUE(parseJson(line));
+    EXPECT_EQ(lines, 11);
     EXPECT_EQ(std::distance(fs::directory_iterator(_root / "var/lib/quorvane"), {}), 2);
 }
 
@@ -94,86 +78,57 @@ TEST_F(PowerLogTest, WhatCannotBeWrittenCostsALogLine) {
 
     writeRegisteredEvent(28, "raw", {{"text", "\xff"}});
     EXPECT_EQ(logged("<3>writeRegisteredEvent: Cannot write event raw of agent 28 to the power log"), 1u);
-    EXPECT_EQ(read("var/lib/quorvane/power-log.jsonl"), "");
+    EXPECT_EQ(read(kFile), "");
     fs::remove_all(_root / "var/lib/quorvane");
     writeRegisteredEvent(28, "nowhere", {{"a", 1}});
     EXPECT_EQ(logged("<3>writeRegisteredEvent: Cannot write event nowhere of agent 28 to the power log"), 1u);
 }
 
-/// Runs the function in a process that has a /run of its own, and answers its text; nothing where the system
-/// lets nobody have one.
-template <typename Function>
-std::optional<std::string> withARunOfItsOwn(Function&& function) {
-    int ends[2];
-    if (::pipe(ends) != 0) return std::nullopt;
-    const UniqueDescriptor in(ends[0]);
-    UniqueDescriptor out(ends[1]);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int privately = ::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS;
-        if (::unshare(privately) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("none", "/run", "tmpfs", 0, nullptr) != 0)
-            ::_exit(1);
-        const std::string text = function();
-        ::_exit(::write(out.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 2);
-    }
-    out.reset();
-    std::string text;
-    char buffer[512];
-    for (ssize_t got; (got = ::read(in.get(), buffer, sizeof buffer)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(got));
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 1) return std::nullopt;
-    EXPECT_EQ(status, 0);
-    return text;
-}
+constexpr const char* kNoRun = "no private /run can be had here";
 
-/// The datagram that the function sends to the journal.
-template <typename Function>
-std::string sentToJournal(Function&& function) {
-    fs::create_directories("/run/systemd/journal");
-    const UniqueDescriptor journal(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
-    const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
-    if (::bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return "";
-    function();
-    std::string datagram(1u << 16, 0);
-    datagram.resize(static_cast<std::size_t>(
-        std::max<ssize_t>(0, ::recv(journal.get(), datagram.data(), datagram.size(), 0))));
-    return datagram;
+/// Gives this process a /run of its own; whether the system lets it have one.
+bool getPrivateRun() {
+    const int privately = ::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS;
+    return ::unshare(privately) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount("none", "/run", "tmpfs", 0, nullptr) == 0;
 }
 
 TEST_F(PowerLogTest, TheJournalIsSentAFieldForEveryEntry) {
-    const auto sent = withARunOfItsOwn([] {
-        return sentToJournal([] {
-            writeEventToJournal(28, "Strevad-QVN",
-                                {{"MESSAGE", "mine"},
-                                 {"Battery level-\xc3\xa9", 80u},
-                                 {"two", "a\nMESSAGE=b"},
-                                 {"raw", Data{0, '\n', 1}},
-                                 {std::string(100, 'k'), -1}});
-        });
+    const std::string sent = test::inChild([]() -> std::string {
+        if (!getPrivateRun()) return kNoRun;
+        fs::create_directories("/run/systemd/journal");
+        const UniqueDescriptor journal(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+        const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+        if (::bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            return "no socket";
+        writeEventToJournal(28, "Strevad-QVN",
+                            {{"MESSAGE", "mine"},
+                             {"Battery level-\xc3\xa9", 80u},
+                             {"two", "a\nMESSAGE=b"},
+                             {"raw", Data{0, '\n', 1}},
+                             {std::string(100, 'k'), -1}});
+        std::string datagram(1u << 16, 0);
+        const ssize_t size = ::recv(journal.get(), datagram.data(), datagram.size(), 0);
+        return datagram.substr(0, static_cast<std::size_t>(std::max<ssize_t>(0, size)));
     });
-    if (!sent) GTEST_SKIP() << "no private /run can be had here";
-    const std::string text = "\n" + *sent;
+    if (sent == kNoRun) GTEST_SKIP() << kNoRun;
     for (const std::string& line :
          {std::string("POWERLOG_AGENT=28"), std::string("POWERLOG_EVENT=Strevad-QVN"),
           std::string("POWERLOG_VALUE_MESSAGE=mine"), std::string("POWERLOG_VALUE_BATTERY_LEVEL___=80"),
           "POWERLOG_VALUE_" + std::string(49, 'K') + "=-1",
-          std::string("MESSAGE_ID=909de68d00f643b896df1a26793e5518")})
-        EXPECT_THAT(text, HasSubstr("\n" + line + "\n"));
-    // A value with a line feed goes by its length: 64 bits, little-endian.
-    EXPECT_THAT(
-        text, HasSubstr("\nPOWERLOG_VALUE_TWO\n" + std::string("\x0b\0\0\0\0\0\0\0", 8) + "a\nMESSAGE=b\n"));
-    EXPECT_THAT(text, HasSubstr("\nPOWERLOG_VALUE_RAW\n" + std::string("\x03\0\0\0\0\0\0\0\0\n\x01\n", 12)));
-    EXPECT_THAT(text, HasSubstr("\nMESSAGE=Strevad-QVN: {"));
+          std::string("MESSAGE_ID=909de68d00f643b896df1a26793e5518"),
+          // A value with a line feed goes by its length: 64 bits, little-endian.
+          "POWERLOG_VALUE_TWO\n" + std::string("\x0b\0\0\0\0\0\0\0", 8) + "a\nMESSAGE=b",
+          "POWERLOG_VALUE_RAW\n" + std::string("\x03\0\0\0\0\0\0\0\0\n\x01", 11)})
+        EXPECT_THAT("\n" + sent, HasSubstr("\n" + line + "\n"));
+    EXPECT_THAT("\n" + sent, HasSubstr("\nMESSAGE=Strevad-QVN: {"));
 }
 
 TEST_F(PowerLogTest, AnEventCanBeReadBackFromTheJournal) {
     if (!fs::exists("/run/systemd/journal/socket")) GTEST_SKIP() << "no journal runs here";
     sd_journal* opened = nullptr;
     ASSERT_GE(::sd_journal_open(&opened, SD_JOURNAL_LOCAL_ONLY), 0);
-    const std::unique_ptr<sd_journal, decltype(&::sd_journal_close)> journal(opened, &::sd_journal_close);
+    const Owned<sd_journal, ::sd_journal_close> journal(opened);
     const std::string marker = "POWERLOG_VALUE_MARKER=" + _root.string();
     ::sd_journal_add_match(opened, marker.data(), marker.size());
     ::sd_journal_seek_tail(opened);

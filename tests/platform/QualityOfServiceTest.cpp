@@ -12,11 +12,7 @@
 namespace quorvane::platform {
 namespace {
 
-struct Priorities {
-    int nice = 0;
-    long io = 0;
-    bool operator==(const Priorities&) const = default;
-};
+using Priorities = std::pair<int, long>;  // Of the processor, which is the nice value, and of I/O.
 
 Priorities ofThisThread() {
     const auto thread = static_cast<id_t>(::syscall(SYS_gettid));
@@ -25,7 +21,7 @@ Priorities ofThisThread() {
 
 TEST(QualityOfServiceTest, UtilityIsTheThreadsOwnAndInherited) {
     const Priorities before = ofThisThread();
-    if (before.nice > 5) GTEST_SKIP() << "nice " << before.nice << " cannot be taken back";
+    if (before.first > 5) GTEST_SKIP() << "nice " << before.first << " cannot be taken back";
     Priorities own, inherited;
     std::thread([&] {
         setQualityOfServiceUtility();

@@ -1,55 +1,44 @@
 #include "platform/SandboxExtension.h"
 
+#include "tests/support/RootFixture.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 namespace {
 
 namespace fs = std::filesystem;
 
-class SandboxExtensionTest : public testing::Test {
+class SandboxExtensionTest : public RootFixture {
   protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quorvane-extension-XXXXXX").string();
-        _folder = fs::canonical(::mkdtemp(pattern.data()));
+        RootFixture::SetUp();
         write("file", "content");
     }
 
     void TearDown() override {
         revokeSandboxExtensions(_owner);
-        fs::remove_all(_folder);
+        RootFixture::TearDown();
     }
 
-    std::string at(const std::string& name) const { return (_folder / name).string(); }
-    void write(const std::string& name, const std::string& text) const { std::ofstream(at(name)) << text; }
+    std::string at(const std::string& name) const { return (fs::canonical(_root) / name).string(); }
 
-    std::string issue(const std::string& name, int flags = O_RDONLY) const {
+    std::string issue(const std::string& name, int flags = O_RDONLY, RemoveFileRequest removal = {}) const {
         return issueSandboxExtension(_owner, UniqueDescriptor(::open(at(name).c_str(), flags | O_CLOEXEC)),
-                                     nullptr)
+                                     std::move(removal))
             .value_or("refused");
     }
 
     const ExtensionOwner _owner = newExtensionOwner();
-    fs::path _folder;
 };
 
 TEST_F(SandboxExtensionTest, ATokenIsGoodOnceForItsOwnFileAndItsOwnOwner) {
     std::vector<std::string> removed;
     const std::string token =
-        issueSandboxExtension(_owner, UniqueDescriptor(::open(at("file").c_str(), O_RDONLY)),
-                              [&](const std::string& which) { removed.push_back(which); })
-            .value_or("");
+        issue("file", O_RDONLY, [&](const std::string& which) { removed.push_back(which); });
     EXPECT_GE(token.size(), 32u);
     EXPECT_TRUE(ownsSandboxExtension(_owner, token));
     EXPECT_FALSE(ownsSandboxExtension(newExtensionOwner(), token));
@@ -66,6 +55,11 @@ TEST_F(SandboxExtensionTest, ATokenIsGoodOnceForItsOwnFileAndItsOwnOwner) {
 
     EXPECT_FALSE(ownsSandboxExtension(_owner, token));
     EXPECT_FALSE(SandboxExtension::consume(token, at("file")));
+
+    EXPECT_EQ(issue("file", O_WRONLY), "refused") << "what cannot be read gets no token";
+    EXPECT_EQ(issue("file", O_PATH), "refused");
+    EXPECT_EQ(issue("absent"), "refused");
+    EXPECT_NE(issue("file", O_RDWR), "refused");
 }
 
 TEST_F(SandboxExtensionTest, APathThatDoesNotNameThePassedFileGivesNothing) {
@@ -79,25 +73,20 @@ TEST_F(SandboxExtensionTest, APathThatDoesNotNameThePassedFileGivesNothing) {
     for (const char* right : {"file", "second", "folder/file"})
         EXPECT_TRUE(SandboxExtension::consume(issue("file"), at(right))) << right;
 
-    const std::string token = issue("file");
+    std::string token = issue("file");
     EXPECT_FALSE(SandboxExtension::consume(token, at("other")));
     EXPECT_FALSE(SandboxExtension::consume(token, at("file"))) << "the wrong path used it up";
-}
 
-TEST_F(SandboxExtensionTest, AFileThatWasReplacedOrDeletedGivesNothing) {
-    std::string token = issue("file");
-    write("new", "other content");
-    fs::rename(at("new"), at("file"));
-    EXPECT_FALSE(SandboxExtension::consume(token, at("file")));
+    token = issue("file");
+    fs::rename(at("other"), at("file"));
+    EXPECT_FALSE(SandboxExtension::consume(token, at("file"))) << "the file was replaced";
     token = issue("file");
     fs::remove(at("file"));
-    EXPECT_FALSE(SandboxExtension::consume(token, at("file")));
-    EXPECT_FALSE(SandboxExtension::consume(token, at("file (deleted)")));
+    EXPECT_FALSE(SandboxExtension::consume(token, at("file"))) << "the file was deleted";
 }
 
 TEST_F(SandboxExtensionTest, AFileInAFolderThatOnlyItsClientMaySearchIsKnownByItsName) {
     if (::geteuid() != 0) GTEST_SKIP() << "cannot be two users";
-    fs::create_directory(at("private"));
     write("private/file", "content");
     ASSERT_EQ(::chmod(at("private").c_str(), 0700), 0);
     const std::string token = issue("private/file");
@@ -108,13 +97,6 @@ TEST_F(SandboxExtensionTest, AFileInAFolderThatOnlyItsClientMaySearchIsKnownByIt
     ASSERT_EQ(::seteuid(0), 0);
     EXPECT_TRUE(taken);
     EXPECT_FALSE(wrong);
-}
-
-TEST_F(SandboxExtensionTest, WhatCannotBeReadGetsNoToken) {
-    EXPECT_EQ(issue("file", O_WRONLY), "refused");
-    EXPECT_EQ(issue("file", O_PATH), "refused");
-    EXPECT_EQ(issue("absent"), "refused");
-    EXPECT_NE(issue("file", O_RDWR), "refused");
 }
 
 TEST_F(SandboxExtensionTest, OutstandingTokensAreBoundedAndEndWithTheirOwner) {

@@ -18,6 +18,7 @@ TEST(Dictionary, KeepsSortedOrderWhateverTheOrderOfInsertion) {
     dictionary.remove("absent");
     EXPECT_EQ(dictionary.description(), "{a = 2; aa = 4; b = 5;}");
     EXPECT_EQ(dictionary.integer("b"), 5);
+    EXPECT_EQ(dictionary.string("b"), nullptr) << "of another type";
     EXPECT_FALSE(dictionary.contains("c"));
 }
 
@@ -33,15 +34,6 @@ TEST(Dictionary, MergingIsSettingEveryEntry) {
         merged.merge(other);
         EXPECT_EQ(merged, expected);
     }
-}
-
-TEST(Dictionary, AGetterOfAnotherTypeReadsAsNothing) {
-    const Dictionary dictionary{{"text", "12"}, {"number", 7}, {"flag", true}};
-    EXPECT_EQ(dictionary.integer("text"), 0);
-    EXPECT_FALSE(dictionary.boolean("text"));
-    EXPECT_EQ(dictionary.string("number"), nullptr);
-    EXPECT_EQ(dictionary.dictionary("absent"), nullptr);
-    EXPECT_EQ(dictionary.integer("flag"), 1);
 }
 
 TEST(Value, NumbersConvertWithoutUndefinedBehaviour) {

@@ -1,10 +1,7 @@
 #include "storebag/FetchStorebag.h"
 
-#include "platform/PropertyList.h"
 #include "tests/storebag/StorebagFixture.h"
-#include "tools/storebag/SignStorebag.h"
-
-#include <utility>
+#include "tests/support/InChild.h"
 
 namespace quorvane {
 namespace {
@@ -15,6 +12,7 @@ using testing::StartsWith;
 
 const std::string kMonday = "Mon, 03 Nov 2025 10:00:00 GMT";
 const std::string kFriday = "Fri, 07 Nov 2025 10:00:00 GMT";
+const std::string kParseError = "<3>fetchStorebagWithName: propertyListWithData error ";
 const std::string kMissing = "<3>fetchStorebagWithName: Signature is missing";
 
 struct Fetched {
@@ -24,61 +22,75 @@ struct Fetched {
     std::optional<std::string> lastModified;
 };
 
+Fetched fetch(const std::optional<std::string>& name = "stremcore",
+              std::optional<std::string> lastModified = std::nullopt) {
+    Fetched fetched;
+    fetched.lastModified = std::move(lastModified);
+    fetched.bag = fetchStorebagWithName(name, fetched.maxAge, fetched.notModified, &fetched.lastModified);
+    return fetched;
+}
+
 class FetchStorebagTest : public StorebagFixture {
   protected:
-    static Fetched fetch(const std::optional<std::string>& name = "stremcore",
-                         std::optional<std::string> lastModified = std::nullopt) {
-        Fetched fetched;
-        fetched.lastModified = std::move(lastModified);
-        fetched.bag = fetchStorebagWithName(name, fetched.maxAge, fetched.notModified, &fetched.lastModified);
-        return fetched;
+    std::string urlLine() const {
+        return "<7>fetchStorebagWithName: Storebag Server URL: " + _server.url("/bags/stremcore?version=7.1");
     }
 
-    static std::string urlLine(const std::string& target) {
-        return "<7>fetchStorebagWithName: Storebag Server URL: " + server().url(target);
+    static std::string xml(const Value& value) { return text(*platform::xmlPropertyList(value)); }
+
+    std::string signedBytes(std::string_view bytes) const {
+        return text(*tools::signStorebagBytes(
+            {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()}, *_key));
     }
 
-    static std::string signedBytes(std::string_view bytes) {
-        const auto signedBag = tools::signStorebagBytes(
-            {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()}, key());
-        return {signedBag->begin(), signedBag->end()};
+    Dictionary goodEnvelope() const {
+        const auto parsed = platform::parsePropertyList(*tools::signStorebag(_bag, *_key));
+        return *std::get<Value>(parsed).dictionary();
     }
 
     /// The good envelope with one entry changed, or taken away by an absent text.
-    static std::string changedEnvelope(const std::string& entry, const std::optional<std::string>& text) {
-        Dictionary entries = entriesOf(signedBag(_bag));
-        if (text)
-            entries.set(entry, *text);
+    std::string changedEnvelope(const std::string& entry, const std::optional<Value>& value) const {
+        Dictionary entries = goodEnvelope();
+        if (value)
+            entries.set(entry, *value);
         else
             entries.remove(entry);
-        return envelope(entries);
+        return xml(entries);
     }
 
-    inline static const Dictionary _bag{{"version", "12"},
-                                        {"release", Dictionary{{"ossel", Dictionary{{"active", false}}}}}};
+    const Dictionary _bag{{"version", "12"},
+                          {"release", Dictionary{{"ossel", Dictionary{{"active", false}}}}}};
 };
 
-TEST_F(FetchStorebagTest, AVerifiedBagComesWithItsAgeAndDate) {
+TEST_F(FetchStorebagTest, AVerifiedBagComesWithItsAgeAndDateWhateverTheStatus) {
     answer(signedBag(_bag), {{"Cache-Control", "public, max-age=600"}, {"Last-Modified", kMonday}});
     const Fetched fetched = fetch();
     EXPECT_EQ(fetched.bag, _bag);
     EXPECT_EQ(fetched.maxAge, 600);
     EXPECT_FALSE(fetched.notModified);
     EXPECT_EQ(fetched.lastModified, kMonday);
-    EXPECT_THAT(allLines(),
-                ElementsAre(urlLine("/bags/stremcore?version=7.1"),
-                            "<7>fetchStorebagWithName: New 'Last-Modified: " + kMonday + "' received"));
+    EXPECT_THAT(
+        logLines(),
+        ElementsAre(urlLine(), "<7>fetchStorebagWithName: New 'Last-Modified: " + kMonday + "' received"));
+
+    for (const int status : {200, 404, 500}) {
+        answer(signedBag(_bag), {{"Last-Modified", kFriday}}, status);
+        const Fetched changed = fetch("stremcore", kMonday);
+        EXPECT_EQ(changed.bag, _bag) << status;
+        EXPECT_FALSE(changed.notModified);
+        EXPECT_EQ(changed.lastModified, kFriday);
+    }
 }
 
 TEST_F(FetchStorebagTest, TheRequestNamesBagAndVersion) {
     fetch("pelmark");
     fetch(std::nullopt);
-    removeFile("usr/share/quorvane/framework/Info.plist");
+    std::filesystem::remove(_root / kInfo);
     fetch("pelmark");
     installBundleVersion("8 b\r\nX-Forged: 1");
     fetch("pelmark");
 
-    const auto requests = server().requests();
+    const auto requests = _server.requests();
     ASSERT_EQ(requests.size(), 4u);
     EXPECT_EQ(requests[0].method, "GET");
     EXPECT_EQ(requests[0].target, "/bags/pelmark?version=7.1");
@@ -96,20 +108,12 @@ TEST_F(FetchStorebagTest, AnUnchangedBagIsReportedAsSuch) {
     EXPECT_TRUE(fetched.notModified);
     EXPECT_EQ(fetched.maxAge, 120);
     EXPECT_EQ(fetched.lastModified, kMonday);
-    EXPECT_EQ(server().requests().front().header("If-Modified-Since"), kMonday);
+    EXPECT_EQ(_server.requests().front().header("If-Modified-Since"), kMonday);
     EXPECT_THAT(
-        allLines(),
-        ElementsAre(urlLine("/bags/stremcore?version=7.1"),
+        logLines(),
+        ElementsAre(urlLine(),
                     "<7>fetchStorebagWithName: Adding 'Last-Modified: " + kMonday + "' to the header",
                     "<7>fetchStorebagWithName: storebag content has not changed. using its cached version"));
-}
-
-TEST_F(FetchStorebagTest, AChangedBagReplacesTheDate) {
-    answer(signedBag(_bag), {{"Last-Modified", kFriday}});
-    const Fetched fetched = fetch("stremcore", kMonday);
-    EXPECT_EQ(fetched.bag, _bag);
-    EXPECT_FALSE(fetched.notModified);
-    EXPECT_EQ(fetched.lastModified, kFriday);
 }
 
 TEST_F(FetchStorebagTest, AnEmptyAnswerIsUnchangedOnlyWithBothDates) {
@@ -128,15 +132,8 @@ TEST_F(FetchStorebagTest, AnEmptyAnswerIsUnchangedOnlyWithBothDates) {
     EXPECT_FALSE(withoutNewDate.notModified);
     EXPECT_EQ(withoutNewDate.lastModified, kMonday);
 
-    const auto parseError = StartsWith("<3>fetchStorebagWithName: propertyListWithData error ");
+    const auto parseError = StartsWith(kParseError);
     EXPECT_THAT(lines(), ElementsAre(parseError, kMissing, parseError, kMissing, parseError, kMissing));
-}
-
-TEST_F(FetchStorebagTest, TheStatusCountsForNothing) {
-    for (const int status : {404, 500}) {
-        answer(signedBag(_bag), {}, status);
-        EXPECT_EQ(fetch().bag, _bag) << status;
-    }
 }
 
 TEST_F(FetchStorebagTest, MaxAgeIsTheNumberAfterItsName) {
@@ -158,112 +155,114 @@ TEST_F(FetchStorebagTest, MaxAgeIsTheNumberAfterItsName) {
         {"public,max-age=600", 86400},
         {"no-cache", 86400},
     };
+    EXPECT_EQ(fetch().maxAge, 86400);
     for (const auto& [header, seconds] : forms) {
         answer("", {{"Cache-Control", header}});
         EXPECT_EQ(fetch().maxAge, seconds) << header;
     }
-    answer("");
-    EXPECT_EQ(fetch().maxAge, 86400);
 }
 
 TEST_F(FetchStorebagTest, Base64MayBeBrokenIntoLines) {
-    Dictionary entries = entriesOf(signedBag(_bag));
+    Dictionary entries = goodEnvelope();
     for (const char* entry : {"bag", "signature"}) {
-        std::string broken;
-        for (const char c : *entries.string(entry)) {
-            if (broken.size() % 40 == 0) broken += "\n\t";
-            broken += c;
-        }
-        entries.set(entry, broken + "\n");
+        std::string broken = *entries.string(entry);
+        for (std::size_t at = broken.size() / 40 * 40; at > 0; at -= 40) broken.insert(at, "\n\t");
+        entries.set(entry, "\n" + broken + "\n");
     }
-    answer(envelope(entries));
+    answer(xml(entries));
     EXPECT_EQ(fetch().bag, _bag);
 }
 
-TEST_F(FetchStorebagTest, WithoutASignatureNothingIsTaken) {
-    answer("<html>no property list</html>");
-    EXPECT_EQ(fetch().bag, std::nullopt);
-    EXPECT_THAT(lines(),
-                ElementsAre(StartsWith("<3>fetchStorebagWithName: propertyListWithData error "), kMissing));
-
-    Dictionary signedByNumber = entriesOf(signedBag(_bag));
-    signedByNumber.set("signature", 7);
-    const Data list = *platform::xmlPropertyList(Array{"signature"});
-    for (const std::string& body : {changedEnvelope("signature", std::nullopt), envelope(signedByNumber),
-                                    std::string(list.begin(), list.end())}) {
-        forgetLines();
-        answer(body);
-        EXPECT_EQ(fetch().bag, std::nullopt);
-        EXPECT_THAT(lines(), ElementsAre(kMissing));
-    }
-}
-
-TEST_F(FetchStorebagTest, ASignatureOverOtherBytesDoesNotVerify) {
-    const std::string other = *entriesOf(signedBag({{"version", "13"}})).string("bag");
+TEST_F(FetchStorebagTest, WhatIsNotSignedOrCannotBeReadIsNotTaken) {
     const auto stranger = tools::SigningKey::generate();
-    const Data byStranger = *tools::signStorebag(_bag, *stranger);
-    for (const std::string& body :
-         {changedEnvelope("bag", other), changedEnvelope("bag", ""), changedEnvelope("signature", "AAAA"),
-          std::string(byStranger.begin(), byStranger.end())}) {
+    const Dictionary otherBag{{"version", "13"}};
+    const auto other = platform::parsePropertyList(*tools::signStorebag(otherBag, *_key));
+    const Value otherBytes = *std::get<Value>(other).dictionary()->find("bag");
+    const std::string unverified = "<3>fetchStorebagWithName: Signature can not be verified, 0x";
+    const struct {
+        std::string body;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"<html>no property list</html>", {kParseError, kMissing}},
+        {changedEnvelope("signature", std::nullopt), {kMissing}},
+        {changedEnvelope("signature", 7), {kMissing}},
+        {xml(Array{"signature"}), {kMissing}},
+        {changedEnvelope("bag", otherBytes), {unverified}},
+        {changedEnvelope("bag", ""), {unverified}},
+        {changedEnvelope("signature", "AAAA"), {unverified}},
+        {text(*tools::signStorebag(_bag, *stranger)), {unverified}},
+        {changedEnvelope("signature", "A"), {}},
+        {changedEnvelope("bag", "A"), {}},
+        {changedEnvelope("bag", std::nullopt), {}},
+        {signedBytes("<plist><dict><key>version</key>"), {}},
+        {signedBytes(""), {}},
+        {signedBytes(xml(Array{1, 2})), {}},
+    };
+    for (const auto& [body, expected] : cases) {
         forgetLines();
-        answer(body);
-        EXPECT_EQ(fetch().bag, std::nullopt);
-        EXPECT_THAT(lines(),
-                    ElementsAre(StartsWith("<3>fetchStorebagWithName: Signature can not be verified, 0x")));
-    }
-}
-
-TEST_F(FetchStorebagTest, WhatCannotBeReadIsDroppedWithoutALine) {
-    const Data list = *platform::xmlPropertyList(Array{1, 2});
-    for (const std::string& body :
-         {changedEnvelope("signature", "A"), changedEnvelope("bag", "A"),
-          changedEnvelope("bag", std::nullopt), signedBytes("<plist><dict><key>version</key>"),
-          signedBytes(""), signedBytes({reinterpret_cast<const char*>(list.data()), list.size()})}) {
         answer(body);
         EXPECT_EQ(fetch().bag, std::nullopt) << body;
+        const auto logged = lines();
+        ASSERT_EQ(logged.size(), expected.size()) << body;
+        for (std::size_t i = 0; i < logged.size(); ++i) EXPECT_THAT(logged[i], StartsWith(expected[i]));
     }
-    EXPECT_THAT(lines(), IsEmpty());
 }
 
 TEST_F(FetchStorebagTest, TheKeyIsReadAtEveryVerification) {
     answer(signedBag(_bag));
     EXPECT_EQ(fetch().bag, _bag);
-    installPublicKey("no key");
+    write(kPublicKey, "no key");
     EXPECT_EQ(fetch().bag, std::nullopt);
-    removeFile("usr/share/quorvane/framework/publicKey.der");
+    std::filesystem::remove(_root / kPublicKey);
     EXPECT_EQ(fetch().bag, std::nullopt);
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(FetchStorebagTest, ABagThatIsTooLargeIsATransportError) {
+TEST_F(FetchStorebagTest, ABagThatIsTooLargeIsATransportErrorAndConfluxaHasOneToFallBackOn) {
+    const auto error =
+        StartsWith("<6>fetchStorebagWithName: Error resolving with lookup server " + _server.url("/bags/"));
     answerTooMuch();
     const Fetched fetched = fetch("stremcore", kMonday);
     EXPECT_EQ(fetched.bag, std::nullopt);
     EXPECT_EQ(fetched.maxAge, -1);
     EXPECT_FALSE(fetched.notModified);
     EXPECT_EQ(fetched.lastModified, kMonday);
-    EXPECT_THAT(lines(),
-                ElementsAre(StartsWith("<6>fetchStorebagWithName: Error resolving with lookup server " +
-                                       server().url("/bags/stremcore?version=7.1") +
-                                       ", sendSynchronousRequest error ")));
-}
+    EXPECT_THAT(lines(), ElementsAre(error));
+    EXPECT_EQ(logged("/bags/stremcore?version=7.1, sendSynchronousRequest error "), 1u);
 
-TEST_F(FetchStorebagTest, ConfluxaHasABagToFallBackOnWhenTheServerIsNotReached) {
-    answerTooMuch();
-    const Fetched fetched = fetch("confluxa");
+    forgetLines();
+    const Fetched fallback = fetch("confluxa");
     const Dictionary section{{"ossel", Dictionary{{"active", true}}}};
-    EXPECT_EQ(fetched.bag, (Dictionary{{"velmora_internal", section},
-                                       {"development", section},
-                                       {"release", section},
-                                       {"version", "1.0.0-Confluxa-Fallback"},
-                                       {"refresh_cycle", 3600}}));
-    EXPECT_EQ(fetched.maxAge, -1);
-    EXPECT_THAT(lines(),
-                ElementsAre(StartsWith("<6>fetchStorebagWithName: Error resolving with lookup server "),
-                            "<6>fetchStorebagWithName: Loading default storebag 'confluxa'"));
+    EXPECT_EQ(fallback.bag, (Dictionary{{"velmora_internal", section},
+                                        {"development", section},
+                                        {"release", section},
+                                        {"version", "1.0.0-Confluxa-Fallback"},
+                                        {"refresh_cycle", 3600}}));
+    EXPECT_EQ(fallback.maxAge, -1);
+    EXPECT_THAT(lines(), ElementsAre(error, "<6>fetchStorebagWithName: Loading default storebag 'confluxa'"));
 
     answer("reached");
     EXPECT_EQ(fetch("confluxa").bag, std::nullopt);
+}
+
+class BuiltInServersTest : public RootFixture {};
+
+TEST_F(BuiltInServersTest, TheBuildDecidesWithoutASetting) {
+    // Nothing is sent to the server.
+    ::setenv("https_proxy", "http://127.0.0.1:1", 1);
+    const auto fetchOnDevice = [this](const std::string& facts) {
+        write("etc/quorvane/device.toml", facts);
+        return test::inChild([] {
+            fetch("tunewave");
+            return logLines().front();
+        });
+    };
+    EXPECT_EQ(fetchOnDevice(""),
+              "<7>fetchStorebagWithName: Storebag Server URL: https://" QUORVANE_STOREBAG_HOST
+              "/bags/tamsel/tunewave?version=7.0");
+    EXPECT_EQ(fetchOnDevice("ReleaseType = \"Internal\"\n"),
+              "<7>fetchStorebagWithName: Storebag Server URL: https://" QUORVANE_INTERNAL_STOREBAG_HOST
+              "/storebags/tamsel/tunewave?version=7.0");
 }
 
 }  // namespace

@@ -2,17 +2,14 @@
 
 #include "storebag/StorebagNames.h"
 #include "tests/storebag/StorebagFixture.h"
-#include "util/Environment.h"
-
-#include <fmt/format.h>
 
 #include <limits>
-#include <utility>
 
 namespace quorvane {
 namespace {
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 const std::string kTag = "fetchStorebagForEnvironmentAndClientType: ";
@@ -42,10 +39,6 @@ class SelectStorebagTest : public StorebagFixture {
         return bag;
     }
 
-    static std::string sectionMissing(int clientType, const std::string& key) {
-        return fmt::format("<3>{}Could not find storebag for client type {} with {} environment", kTag,
-                           clientType, key);
-    }
     static std::string fetchFailed(int clientType) {
         return fmt::format("<3>{}Could not fetch storebag for client type {}", kTag, clientType);
     }
@@ -59,63 +52,54 @@ TEST_F(SelectStorebagTest, ClientTypesAreConfiguredFromTheirOwnBags) {
     for (const std::int32_t type :
          {std::numeric_limits<std::int32_t>::min(), -1, 0, 4, 12, std::numeric_limits<std::int32_t>::max()})
         EXPECT_EQ(storebagNameForClientType(type), std::nullopt) << type;
-}
 
-TEST_F(SelectStorebagTest, TypeZeroIsRefusedUnasked) {
     EXPECT_EQ(select(0).section, std::nullopt);
-    EXPECT_EQ(server().requestCount(), 0u);
-    EXPECT_THAT(allLines(), ElementsAre("<3>" + kTag + "Could not find storebag name for client type 0"));
-}
-
-TEST_F(SelectStorebagTest, OtherTypesWithoutANameAreAskedFor) {
-    EXPECT_EQ(select(3).section, std::nullopt);
-    EXPECT_EQ(server().requests().front().target, "/bags/(null)?version=7.1");
+    EXPECT_EQ(_server.requestCount(), 0u);
+    EXPECT_THAT(logLines(), ElementsAre("<3>" + kTag + "Could not find storebag name for client type 0"));
+    EXPECT_EQ(select(3).section, std::nullopt) << "only type zero is refused unasked";
+    EXPECT_EQ(_server.requests().front().target, "/bags/(null)?version=7.1");
     EXPECT_EQ(lines().back(), fetchFailed(3));
 }
 
-TEST_F(SelectStorebagTest, TheEnvironmentPicksTheSection) {
-    answer(signedBag(bagWith({"development", "velmora_internal", "seed", "release"})));
-    for (const auto& [type, name] :
-         {std::pair(EnvironmentType::Development, "development"),
-          std::pair(EnvironmentType::Internal, "velmora_internal"), std::pair(EnvironmentType::Seed, "seed"),
-          std::pair(EnvironmentType::Release, "release")}) {
-        replaceEnvironmentType(type);
-        const Selected selected = select(6);
-        EXPECT_EQ(selected.section, section(name));
-        EXPECT_EQ(selected.version, "3.1");
-        EXPECT_EQ(selected.maxAge, 86400);
-    }
-    EXPECT_THAT(lines(), IsEmpty());
-}
-
-TEST_F(SelectStorebagTest, SeedFallsBackToRelease) {
+TEST_F(SelectStorebagTest, TheEnvironmentPicksTheSectionAndSeedFallsBackToRelease) {
+    using enum EnvironmentType;
+    const std::vector<std::string> all{"", "development", "velmora_internal", "seed", "release"};
     const std::string warning = "<4>" + kTag + "Seed section is missing in the storebag.";
-    replaceEnvironmentType(EnvironmentType::Seed);
-    answer(signedBag(bagWith({"development", "release"})));
-    EXPECT_EQ(select(8).section, section("release"));
-    EXPECT_THAT(lines(), ElementsAre(warning));
-
-    forgetLines();
-    answer(signedBag(bagWith({"development"})));
-    EXPECT_EQ(select(8).section, std::nullopt);
-    EXPECT_THAT(lines(), ElementsAre(warning, sectionMissing(8, "release")));
-}
-
-TEST_F(SelectStorebagTest, ABagWithoutTheSectionIsNoUse) {
-    Dictionary bag = bagWith({"release", ""});
-    bag.set("development", "no dictionary");
-    answer(signedBag(bag), {{"Cache-Control", "max-age=60"}});
-    for (const auto& [type, key] :
-         {std::pair(EnvironmentType::None, "(null)"), std::pair(EnvironmentType::Development, "development"),
-          std::pair(EnvironmentType::Internal, "velmora_internal")}) {
+    const auto missing = [](const std::string& key) {
+        return fmt::format("<3>{}Could not find storebag for client type 8 with {} environment", kTag, key);
+    };
+    const struct {
+        EnvironmentType environment;
+        std::vector<std::string> sections;
+        std::string picked;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {Development, all, "development", {}},
+        {Internal, all, "velmora_internal", {}},
+        {Seed, all, "seed", {}},
+        {Release, all, "release", {}},
+        {None, all, "", {missing("(null)")}},
+        {Seed, {"development", "release"}, "release", {warning}},
+        {Seed, {"development"}, "", {warning, missing("release")}},
+        {Internal, {"development", "release"}, "", {missing("velmora_internal")}},
+    };
+    for (const auto& [environment, sections, picked, expectedLines] : cases) {
+        SCOPED_TRACE(static_cast<unsigned>(environment));
         forgetLines();
-        replaceEnvironmentType(type);
-        const Selected selected = select(9);
-        EXPECT_EQ(selected.section, std::nullopt);
-        EXPECT_EQ(selected.version, std::nullopt);
+        replaceEnvironmentType(environment);
+        answer(signedBag(bagWith(sections)), {{"Cache-Control", "max-age=60"}});
+        const Selected selected = select(8);
+        EXPECT_EQ(selected.section, picked.empty() ? std::nullopt : std::optional(section(picked)));
+        EXPECT_EQ(selected.version, picked.empty() ? std::nullopt : std::optional<std::string>("3.1"));
         EXPECT_EQ(selected.maxAge, 60);
-        EXPECT_THAT(lines(), ElementsAre(sectionMissing(9, key)));
+        EXPECT_THAT(lines(), ElementsAreArray(expectedLines));
     }
+
+    Dictionary bag = bagWith({"release"});
+    bag.set("development", "no dictionary");
+    answer(signedBag(bag));
+    replaceEnvironmentType(Development);
+    EXPECT_EQ(select(8).section, std::nullopt);
 }
 
 TEST_F(SelectStorebagTest, TheRefreshCycleOverridesTheAnswersAge) {
@@ -133,24 +117,20 @@ TEST_F(SelectStorebagTest, TheRefreshCycleOverridesTheAnswersAge) {
     }
 }
 
-TEST_F(SelectStorebagTest, ABagWithoutAVersionCountsAsNotFetched) {
-    for (const Value& version : {Value(), Value(3)}) {
+TEST_F(SelectStorebagTest, AFailedFetchOrABagWithoutAVersionIsLoggedAnUnchangedBagIsNot) {
+    EXPECT_FALSE(select(6).notModified);
+    EXPECT_EQ(lines().back(), fetchFailed(6));
+
+    Dictionary bag{{"release", section("release")}, {"refresh_cycle", 300}};
+    for (const bool numbered : {false, true}) {
         forgetLines();
-        Dictionary bag = bagWith({"release"});
-        bag.set("version", version);
-        if (!version.isNumber()) bag.remove("version");
-        bag.set("refresh_cycle", 300);
+        if (numbered) bag.set("version", 3);
         answer(signedBag(bag), {{"Cache-Control", "max-age=60"}});
         const Selected selected = select(5);
         EXPECT_EQ(selected.section, std::nullopt);
         EXPECT_EQ(selected.maxAge, 60);
         EXPECT_THAT(lines(), ElementsAre(fetchFailed(5)));
     }
-}
-
-TEST_F(SelectStorebagTest, AFailedFetchIsLoggedAnUnchangedBagIsNot) {
-    EXPECT_FALSE(select(6).notModified);
-    EXPECT_EQ(lines().back(), fetchFailed(6));
 
     forgetLines();
     answer("", {{"Last-Modified", "today"}}, 304);

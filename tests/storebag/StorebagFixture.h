@@ -1,64 +1,75 @@
 #pragma once
 
-#include "platform/Log.h"
-#include "platform/Value.h"
+#include "platform/Clock.h"
+#include "platform/PropertyList.h"
 #include "tests/support/HttpsServer.h"
-#include "tools/storebag/SigningKey.h"
+#include "tests/support/RootFixture.h"
+#include "tools/storebag/SignStorebag.h"
+#include "util/Environment.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
+#include <atomic>
 #include <utility>
-#include <vector>
 
 namespace quorvane {
 
-/// A device with the release environment and bundle version 7.1, its storebag server and the server's key.
-/// All tests of a process share root and server, because both are settled once in a process; every test
-/// starts with a device in order, an empty server and a clock of its own, which stands still.
-class StorebagFixture : public testing::Test {
+/// A device with the release environment and bundle version 7.1, its storebag server, which answers with
+/// nothing at first, the server's key, and a clock that stands still. The server is settled once in a
+/// process, so each test needs a process of its own, as ctest gives it.
+class StorebagFixture : public RootFixture {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        RootFixture::SetUp();
+        write("etc/quorvane/defaults/com.velmora.quorvane.toml",
+              "quorvane_storebag_url = \"" + _server.url("/bags") + "\"\n");
+        write(kPublicKey, text(_key->publicDER()));
+        installBundleVersion("7.1");
+        replaceEnvironmentType(EnvironmentType::Release);
+        platform::replaceClock([] {
+            const std::int64_t at = now;
+            return platform::TimeValue{at / 1'000'000, static_cast<std::int32_t>(at % 1'000'000)};
+        });
+    }
 
-    static test::HttpsServer& server();
-    static const tools::SigningKey& key();
+    void TearDown() override {
+        platform::replaceClock(nullptr);
+        RootFixture::TearDown();
+    }
 
-    static void writeFile(const std::string& path, std::string_view text);
-    static void removeFile(const std::string& path);
-    static void installPublicKey(std::string_view der);
-    static void installBundleVersion(const std::string& version);
+    static std::string text(const Data& bytes) { return {bytes.begin(), bytes.end()}; }
 
-    /// The server's answers from now on. Connections are not kept, so that the server can end at once.
-    static void answer(std::string body, std::vector<std::pair<std::string, std::string>> headers = {},
-                       int status = 200);
+    void installBundleVersion(const std::string& version) const {
+        write(kInfo, text(*platform::binaryPropertyList(Dictionary{{"CFBundleVersion", version}})));
+    }
+
+    /// The server's answers from now on.
+    void answer(std::string body, std::vector<std::pair<std::string, std::string>> headers = {},
+                int status = 200) {
+        _server.answerWith({status, std::move(headers), std::move(body)});
+    }
     /// Answers that no client takes to their end, because they are larger than a storebag may be.
-    static void answerTooMuch();
+    void answerTooMuch() {
+        answer(std::string((16u << 20) + 1, ' '), {{"Cache-Control", "max-age=5"}, {"Last-Modified", "now"}});
+    }
 
     /// The envelope of the bag, signed with the server's key.
-    static std::string signedBag(const Dictionary& bag);
-    /// An envelope as given, signed or not.
-    static std::string envelope(const Dictionary& entries);
-    static Dictionary entriesOf(const std::string& envelope);
+    std::string signedBag(const Dictionary& bag) const { return text(*tools::signStorebag(bag, *_key)); }
 
-    static void advanceClock(std::chrono::microseconds by);
+    static void advanceClock(std::chrono::microseconds by) { now += by.count(); }
 
-    /// The lines written so far, each after its level as in "<6>", in order: those at info and above, and
-    /// all.
-    static std::vector<std::string> lines();
-    static std::vector<std::string> allLines();
-    static void forgetLines();
+    /// The lines at info and above.
+    static std::vector<std::string> lines() {
+        std::vector<std::string> kept = logLines();
+        std::erase_if(kept, [](const std::string& line) { return line.starts_with("<7>"); });
+        return kept;
+    }
+
+    const std::string kPublicKey = "usr/share/quorvane/framework/publicKey.der";
+    const std::string kInfo = "usr/share/quorvane/framework/Info.plist";
+    test::HttpsServer _server{_root};
+    const std::unique_ptr<tools::SigningKey> _key = tools::SigningKey::generate();
 
   private:
-    struct Device;
-    static Device& device();
+    static inline std::atomic<std::int64_t> now = 1'760'000'000'250'000;
 };
 
 }  // namespace quorvane

@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
 
-#include <condition_variable>
-#include <mutex>
+#include <thread>
 
 namespace quorvane::test {
 
@@ -33,122 +33,68 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     return result;
 }
 
-pid_t spawn(std::vector<std::string> args, const Environment& changes, int output, int errors) {
-    auto environment = merged(changes);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, args.front().c_str(), &actions, nullptr, pointers(args).data(),
-                                  pointers(environment).data());
-    posix_spawn_file_actions_destroy(&actions);
-    return error == 0 ? pid : -1;
+platform::UniqueDescriptor memoryFile() {
+    return platform::UniqueDescriptor(::memfd_create("output", MFD_CLOEXEC));
+}
+
+/// Waits until the condition holds; whether it does in time.
+template <typename Condition>
+bool within(std::chrono::milliseconds limit, Condition&& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 }  // namespace
 
-/// One stream of the program, read by a thread of its own until its end.
-class ChildProcess::Pipe {
-  public:
-    Pipe() {
-        if (::pipe2(_ends, O_CLOEXEC) != 0) _ends[0] = _ends[1] = -1;
-    }
-
-    ~Pipe() {
-        closeWriteEnd();
-        if (_reader.joinable()) _reader.join();
-        if (_ends[0] >= 0) ::close(_ends[0]);
-    }
-
-    int writeEnd() const { return _ends[1]; }
-
-    void startReading() {
-        closeWriteEnd();
-        _reader = std::thread([this] { readAll(); });
-    }
-
-    std::string text() const {
-        const std::lock_guard lock(_mutex);
-        return _text;
-    }
-
-    bool waitFor(std::string_view text, std::chrono::milliseconds limit) {
-        std::unique_lock lock(_mutex);
-        const auto holds = [&] { return _text.find(text) != std::string::npos; };
-        _changed.wait_for(lock, limit, [&] { return _ended || holds(); });
-        return holds();
-    }
-
-    void waitForEnd(std::chrono::milliseconds limit) {
-        std::unique_lock lock(_mutex);
-        _changed.wait_for(lock, limit, [&] { return _ended; });
-    }
-
-  private:
-    void closeWriteEnd() {
-        if (_ends[1] >= 0) ::close(_ends[1]);
-        _ends[1] = -1;
-    }
-
-    void readAll() {
-        char buffer[4096];
-        ssize_t count = 0;
-        while ((count = ::read(_ends[0], buffer, sizeof buffer)) > 0 || (count < 0 && errno == EINTR)) {
-            if (count < 0) continue;
-            const std::lock_guard lock(_mutex);
-            _text.append(buffer, static_cast<std::size_t>(count));
-            _changed.notify_all();
-        }
-        const std::lock_guard lock(_mutex);
-        _ended = true;
-        _changed.notify_all();
-    }
-
-    int _ends[2];
-    mutable std::mutex _mutex;
-    std::condition_variable _changed;
-    std::string _text;
-    bool _ended = false;
-    std::thread _reader;
-};
-
-std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>& args,
-                                                  const Environment& environment) {
-    auto output = std::make_unique<Pipe>();
-    auto errors = std::make_unique<Pipe>();
-    const pid_t pid = spawn(args, environment, output->writeEnd(), errors->writeEnd());
-    if (pid < 0) return nullptr;
-    output->startReading();
-    errors->startReading();
-    return std::unique_ptr<ChildProcess>(new ChildProcess(pid, std::move(output), std::move(errors)));
+const std::string& ChildProcess::Stream::text() {
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = ::pread(file.get(), buffer, sizeof buffer, static_cast<off_t>(held.size()))) > 0)
+        held.append(buffer, static_cast<std::size_t>(count));
+    return held;
 }
 
-ChildProcess::ChildProcess(pid_t pid, std::unique_ptr<Pipe> output, std::unique_ptr<Pipe> errors)
-    : _pid(pid), _output(std::move(output)), _errors(std::move(errors)) {}
+std::unique_ptr<ChildProcess> ChildProcess::start(std::vector<std::string> args,
+                                                  const Environment& environment) {
+    std::unique_ptr<ChildProcess> child(new ChildProcess({memoryFile(), ""}, {memoryFile(), ""}));
+    auto variables = merged(environment);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, child->_output.file.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, child->_errors.file.get(), STDERR_FILENO);
+    const int error = posix_spawn(&child->_pid, args.front().c_str(), &actions, nullptr,
+                                  pointers(args).data(), pointers(variables).data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) child->_status = -1;
+    return error == 0 ? std::move(child) : nullptr;
+}
 
 ChildProcess::~ChildProcess() {
-    if (running()) {
-        ::kill(_pid, SIGKILL);
-        wait();
-    }
+    signal(SIGKILL);
+    wait();
 }
 
-std::string ChildProcess::output() const {
-    return _output->text();
-}
-
-std::string ChildProcess::errors() const {
-    return _errors->text();
+bool ChildProcess::waitFor(Stream& stream, std::string_view text, std::chrono::milliseconds limit) {
+    bool found = false;
+    within(limit, [&] {
+        const bool ended = !running();
+        found = stream.text().find(text) != std::string::npos;
+        return found || ended;
+    });
+    return found;
 }
 
 bool ChildProcess::waitForOutput(std::string_view text, std::chrono::milliseconds limit) {
-    return _output->waitFor(text, limit);
+    return waitFor(_output, text, limit);
 }
 
 bool ChildProcess::waitForErrors(std::string_view text, std::chrono::milliseconds limit) {
-    return _errors->waitFor(text, limit);
+    return waitFor(_errors, text, limit);
 }
 
 void ChildProcess::signal(int number) {
@@ -156,13 +102,7 @@ void ChildProcess::signal(int number) {
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (running()) {
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    _output->waitForEnd(limit);
-    _errors->waitForEnd(limit);
+    within(limit, [this] { return !running(); });
     return _status;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/UniqueDescriptor.h"
+
 #include <sys/types.h>
 
 #include <chrono>
@@ -8,19 +10,18 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 namespace quorvane::test {
 
-/// A program started by a test. Its standard output and standard error are read all the time, so that it
-/// never waits for its reader. What still runs at the end of the object is killed. Not thread-safe.
+/// A program started by a test. Its standard output and standard error go into memory, so that it never waits
+/// for a reader. What still runs at the end of the object is killed. Not thread-safe.
 class ChildProcess {
   public:
     /// Starts the program, args[0] its path; the environment is this process's, changed by the given
     /// variables (a nullopt takes one away). Null when the program cannot be started.
     static std::unique_ptr<ChildProcess> start(
-        const std::vector<std::string>& args,
+        std::vector<std::string> args,
         const std::map<std::string, std::optional<std::string>>& environment = {});
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
@@ -29,8 +30,8 @@ class ChildProcess {
     pid_t pid() const { return _pid; }
 
     /// What the program has written so far.
-    std::string output() const;
-    std::string errors() const;
+    std::string output() { return _output.text(); }
+    std::string errors() { return _errors.text(); }
 
     /// Waits until the standard output or error holds the text; false when the program ended without it or
     /// time is up.
@@ -40,7 +41,7 @@ class ChildProcess {
     void signal(int number);
 
     /// Waits for the program's end: its exit status, or minus the number of the signal that ended it. Nothing
-    /// when time is up. Output is complete afterwards.
+    /// when time is up.
     std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(20));
 
     /// SIGTERM, then wait().
@@ -49,13 +50,19 @@ class ChildProcess {
     bool running();
 
   private:
-    class Pipe;
-    explicit ChildProcess(pid_t pid, std::unique_ptr<Pipe> output, std::unique_ptr<Pipe> errors);
+    struct Stream {
+        platform::UniqueDescriptor file;
+        std::string held;  ///< What text() has read so far.
 
-    pid_t _pid;
+        const std::string& text();
+    };
+    ChildProcess(Stream output, Stream errors) : _output(std::move(output)), _errors(std::move(errors)) {}
+    bool waitFor(Stream& stream, std::string_view text, std::chrono::milliseconds limit);
+
+    pid_t _pid = -1;
     std::optional<int> _status;
-    std::unique_ptr<Pipe> _output;
-    std::unique_ptr<Pipe> _errors;
+    Stream _output;
+    Stream _errors;
 };
 
 /// Runs a program to its end.

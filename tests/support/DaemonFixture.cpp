@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -40,36 +39,8 @@ std::string joined(const char* variable, const std::string& option) {
 
 }  // namespace
 
-/// What the server's threads answer.
-struct DaemonFixture::Answers {
-    std::mutex mutex;
-    std::map<std::string, std::string, std::less<>> storebags;  ///< By name.
-    HttpsServer::Handler posts = [](const ServerRequest&) { return ServerAnswer(); };
-
-    ServerAnswer answerTo(const ServerRequest& request) {
-        HttpsServer::Handler chosen;
-        {
-            const std::lock_guard lock(mutex);
-            if (request.target.starts_with(kBags)) return storebagAt(request.target);
-            chosen = posts;
-        }
-        return chosen(request);
-    }
-
-  private:
-    ServerAnswer storebagAt(std::string_view target) const {
-        target.remove_prefix(kBags.size());
-        auto found = storebags.find(target.substr(0, target.find('?')));
-        if (found == storebags.end()) found = storebags.find("");
-        return found != storebags.end() ? ServerAnswer{200, {}, found->second} : ServerAnswer{404, {}, {}};
-    }
-};
-
 DaemonFixture::DaemonFixture()
-    : _root(newFolder()),
-      _answers(std::make_shared<Answers>()),
-      _key(tools::SigningKey::generate()),
-      _server(std::make_unique<HttpsServer>(_root)) {
+    : _root(newFolder()), _key(tools::SigningKey::generate()), _server(std::make_unique<HttpsServer>(_root)) {
     const std::filesystem::path resources = _root / "usr/share/quorvane";
     copyInto(resources / "sandbox", kPackaging / "sandbox/com.velmora.quorvaned.toml");
     copyInto(resources / "framework", kPackaging / "framework/Info.plist");
@@ -77,8 +48,7 @@ DaemonFixture::DaemonFixture()
     write("etc/quorvane/consent.toml", "diagnostics_submission = true\n");
     write("etc/quorvane/defaults/com.velmora.quorvane.toml",
           "quorvane_storebag_url = \"" + _server->url("/bags") + "\"\nenvironmentType = 4\n");
-    _server->setHandler(
-        [answers = _answers](const ServerRequest& request) { return answers->answerTo(request); });
+    _server->setHandler([this](const ServerRequest& request) { return answerTo(request); });
 }
 
 DaemonFixture::~DaemonFixture() {
@@ -103,18 +73,30 @@ void DaemonFixture::serveStorebag(const Dictionary& section, const std::string& 
     const Dictionary bag{{"release", section}, {"version", "7-test"}, {"refresh_cycle", 3600}};
     const auto signedBag = tools::signStorebag(bag, *_key);
     if (!signedBag) throw std::runtime_error("the bag cannot be signed");
-    const std::lock_guard lock(_answers->mutex);
-    _answers->storebags[name] = asText(*signedBag);
-}
-
-void DaemonFixture::serveNoStorebag() {
-    const std::lock_guard lock(_answers->mutex);
-    _answers->storebags.clear();
+    const std::lock_guard lock(_mutex);
+    _storebags[name] = asText(*signedBag);
 }
 
 void DaemonFixture::answerPosts(HttpsServer::Handler answer) {
-    const std::lock_guard lock(_answers->mutex);
-    _answers->posts = std::move(answer);
+    const std::lock_guard lock(_mutex);
+    _posts = std::move(answer);
+}
+
+ServerAnswer DaemonFixture::answerTo(const ServerRequest& request) {
+    HttpsServer::Handler posts;
+    {
+        const std::lock_guard lock(_mutex);
+        std::string_view name = request.target;
+        if (name.starts_with(kBags)) {
+            name.remove_prefix(kBags.size());
+            auto found = _storebags.find(name.substr(0, name.find('?')));
+            if (found == _storebags.end()) found = _storebags.find("");
+            return found != _storebags.end() ? ServerAnswer{200, {}, found->second}
+                                             : ServerAnswer{404, {}, {}};
+        }
+        posts = _posts;
+    }
+    return posts(request);
 }
 
 Dictionary DaemonFixture::httpPostSection(const Dictionary& clientEntry) const {

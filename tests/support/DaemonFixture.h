@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,8 +45,6 @@ class DaemonFixture {
     /// What clients get from now on: the section, signed. The daemon keeps what it has fetched.
     ///   name  of the storebag that this is; empty for all that have none of their own
     void serveStorebag(const Dictionary& section, const std::string& name = "");
-    /// From now on storebags are refused.
-    void serveNoStorebag();
     /// How posts are answered from now on; with status 200 at first.
     void answerPosts(HttpsServer::Handler answer);
 
@@ -75,13 +74,16 @@ class DaemonFixture {
     bool logs(std::string_view text) { return _daemon->waitForErrors(text); }
 
   private:
-    struct Answers;
+    ServerAnswer answerTo(const ServerRequest& request);
 
     std::filesystem::path _root;
-    std::shared_ptr<Answers> _answers;
     std::unique_ptr<tools::SigningKey> _key;
     std::unique_ptr<HttpsServer> _server;
     std::unique_ptr<ChildProcess> _daemon;
+    std::mutex _mutex;
+    // Guarded by the mutex.
+    std::map<std::string, std::string, std::less<>> _storebags;  ///< By name.
+    HttpsServer::Handler _posts = [](const ServerRequest&) { return ServerAnswer(); };
 };
 
 /// How long a test waits for something that should happen soon; sanitizers on a busy machine are slow.

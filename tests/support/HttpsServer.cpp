@@ -135,8 +135,7 @@ std::vector<ServerRequest> HttpsServer::requests() const {
 }
 
 std::size_t HttpsServer::requestCount() const {
-    const std::lock_guard lock(_held->mutex);
-    return _held->requests.size();
+    return requests().size();
 }
 
 void HttpsServer::forgetRequests() {

@@ -17,17 +17,17 @@
 
 namespace quorvane {
 
-/// A device in a temporary folder, which QUORVANE_ROOT names; log lines are kept.
+/// A device in a temporary folder, which QUORVANE_ROOT names; log lines are kept. A process reads the name of
+/// the root once, so all tests of a process have the same one, which each finds empty.
 class RootFixture : public testing::Test {
   protected:
     void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "quorvane-root-XXXXXX").string();
-        _root = ::mkdtemp(pattern.data());
+        std::filesystem::create_directory(_root);
         ::setenv("QUORVANE_ROOT", _root.c_str(), 1);
-        lines().clear();
+        forgetLines();
         platform::setLogSink([](platform::LogLevel level, std::string_view line) {
-            const std::scoped_lock lock(linesGuard());
-            lines().push_back(fmt::format("<{}>{}", static_cast<int>(level), line));
+            const std::scoped_lock lock(linesGuard);
+            lines.push_back(fmt::format("<{}>{}", static_cast<int>(level), line));
         });
     }
 
@@ -46,25 +46,36 @@ class RootFixture : public testing::Test {
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    /// How many lines written so far hold the text; each starts with its level, as in "<4>".
-    static std::size_t logged(const std::string& text) {
-        const std::scoped_lock lock(linesGuard());
-        return static_cast<std::size_t>(std::count_if(lines().begin(), lines().end(), [&](const auto& line) {
-            return line.find(text) != std::string::npos;
-        }));
+    /// The lines written so far; each starts with its level, as in "<4>".
+    static std::vector<std::string> logLines() {
+        const std::scoped_lock lock(linesGuard);
+        return lines;
+    }
+    static void forgetLines() {
+        const std::scoped_lock lock(linesGuard);
+        lines.clear();
     }
 
-    std::filesystem::path _root;
+    /// How many of them hold the text.
+    static std::size_t logged(std::string_view text) {
+        const auto all = logLines();
+        return static_cast<std::size_t>(std::ranges::count_if(
+            all, [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+    }
+
+    const std::filesystem::path _root = processRoot();
 
   private:
-    static std::vector<std::string>& lines() {
-        static std::vector<std::string> kept;
-        return kept;
+    static std::filesystem::path processRoot() {
+        static const std::filesystem::path root = [] {
+            std::string pattern = (std::filesystem::temp_directory_path() / "quorvane-root-XXXXXX").string();
+            return std::filesystem::path(::mkdtemp(pattern.data()));
+        }();
+        return root;
     }
-    static std::mutex& linesGuard() {
-        static std::mutex guard;
-        return guard;
-    }
+
+    static inline std::mutex linesGuard;
+    static inline std::vector<std::string> lines;
 };
 
 }  // namespace quorvane

@@ -2,8 +2,9 @@
 
 #include "tests/support/RootFixture.h"
 
-#include <gmock/gmock.h>
 #include <zlib.h>
+
+#include <random>
 
 namespace quorvane {
 namespace {
@@ -26,37 +27,33 @@ Data expanded(const Data& stream, std::size_t size) {
 
 class CompressionTest : public RootFixture {};
 
-TEST_F(CompressionTest, AReaderGetsTheInputBack) {
-    Data noise(200'000);
-    std::uint32_t state = 1;
-    for (std::uint8_t& byte : noise)
-        byte = static_cast<std::uint8_t>((state = state * 1664525 + 1013904223) >> 24);
-    for (const Data& input : {Data{0}, Data(1'000'000, 'x'), noise})
-        for (const bool gzip : {true, false}) {
-            const std::optional<Data> stream = compressDataWithZlibOrGzip(gzip, input);
-            ASSERT_TRUE(stream);
-            EXPECT_EQ(expanded(*stream, input.size()), input);
-        }
+Data noise(std::size_t size) {
+    std::minstd_rand random(1);
+    Data bytes(size);
+    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random() >> 8);
+    return bytes;
 }
 
-TEST_F(CompressionTest, TheWrapperIsTheOneAskedFor) {
-    const Data input(3000, 'x');
-    const std::optional<Data> gzip = gzipDeflate(input);
-    ASSERT_TRUE(gzip && gzip->size() > 3);
-    EXPECT_THAT(std::span(*gzip).first(3), testing::ElementsAre(0x1f, 0x8b, 8));
-    EXPECT_EQ(
-        logged(fmt::format("<7>compressDataWithZlibOrGzip: Compressed file from 3000 to {}", gzip->size())),
-        1u);
-    const std::optional<Data> zlib = compressDataWithZlibOrGzip(false, input);
-    ASSERT_TRUE(zlib && zlib->size() > 2);
-    EXPECT_THAT(std::span(*zlib).first(2), testing::ElementsAre(0x78, 0x9c));
+TEST_F(CompressionTest, AReaderGetsTheInputBackFromTheWrapperAskedFor) {
+    for (const Data& input : {Data{0}, Data(1'000'000, 'x'), noise(200'000)})
+        for (const bool gzip : {true, false}) {
+            const std::optional<Data> stream = compressDataWithZlibOrGzip(gzip, input);
+            ASSERT_TRUE(stream && stream->size() > 2);
+            EXPECT_EQ(expanded(*stream, input.size()), input);
+            EXPECT_EQ(Data(stream->begin(), stream->begin() + 2),
+                      gzip ? (Data{0x1f, 0x8b}) : (Data{0x78, 0x9c}));
+            EXPECT_GE(logged(fmt::format("<7>compressDataWithZlibOrGzip: Compressed file from {} to {}",
+                                         input.size(), stream->size())),
+                      1u);
+        }
+    EXPECT_EQ(gzipDeflate({}), std::nullopt);
+    EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress empty NSData"), 1u);
 }
 
 TEST_F(CompressionTest, PiecesBecomeOneStream) {
-    Data input(3'000'000);
-    std::uint32_t state = 1;
-    for (std::size_t i = 0; i < input.size(); ++i)
-        input[i] = i < 1'000'000 ? 'x' : static_cast<std::uint8_t>((state = state * 69069 + 1) >> 24);
+    Data input(1'000'000, 'x');
+    const Data tail = noise(2'000'000);
+    input.insert(input.end(), tail.begin(), tail.end());
     for (const std::size_t expected : {input.size(), std::size_t{0}}) {
         GzipDeflater gzip(expected);
         std::span<const std::uint8_t> rest = input;
@@ -68,10 +65,8 @@ TEST_F(CompressionTest, PiecesBecomeOneStream) {
         const std::optional<Data> stream = gzip.finish();
         ASSERT_TRUE(stream);
         EXPECT_EQ(expanded(*stream, input.size()), input);
-        EXPECT_EQ(logged(fmt::format("<7>compressDataWithZlibOrGzip: Compressed file from 3000000 to {}",
-                                     stream->size())),
-                  expected != 0 ? 1u : 2u);
     }
+    EXPECT_EQ(logged("<7>compressDataWithZlibOrGzip: Compressed file from 3000000 to "), 2u);
 }
 
 TEST_F(CompressionTest, WhatCannotBeCountedIn32BitsIsRefused) {
@@ -79,11 +74,6 @@ TEST_F(CompressionTest, WhatCannotBeCountedIn32BitsIsRefused) {
     EXPECT_FALSE(gzip.append(Data{1}));
     EXPECT_EQ(gzip.finish(), std::nullopt);
     EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress 2147483648 bytes at once"), 1u);
-}
-
-TEST_F(CompressionTest, NothingCannotBeCompressed) {
-    EXPECT_EQ(gzipDeflate({}), std::nullopt);
-    EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress empty NSData"), 1u);
 }
 
 }  // namespace

@@ -66,10 +66,5 @@ TEST_F(DeviceFactsTest, TheUserInfoKeyIsTheTwoNamesInLowerCase) {
     EXPECT_EQ(userInfoKey(nullptr), ":");
 }
 
-TEST_F(DeviceFactsTest, TheProcessKeepsOneIdentifier) {
-    EXPECT_EQ(processIdentifier().size(), 36u);
-    EXPECT_EQ(processIdentifier(), processIdentifier());
-}
-
 }  // namespace
 }  // namespace quorvane

@@ -14,7 +14,8 @@ namespace {
 
 using platform::Date;
 using testing::ElementsAre;
-using testing::UnorderedElementsAre;
+
+using namespace std::string_view_literals;
 
 constexpr std::int64_t kDay = 86'400'000'000;
 
@@ -68,6 +69,10 @@ TEST_F(MessageLogTest, TheFirstMessageMakesFolderAndFile) {
               1u);
     EXPECT_EQ(logged("<6>writeToLogFile: Created new quorvaned log file " + path(kFirst) + " ("), 1u);
     EXPECT_EQ(logged("<6>writeToLogFile: Saved log message to " + path(kFirst)), 2u);
+
+    writeToLogFile("{\n\t\"a\": 1\n}\0\r\x1b[31m"sv);
+    EXPECT_THAT(text(kFirst), testing::EndsWith(") {\n\t\"a\": 1\n}\\x00\\r\\x1b[31m\n"))
+        << "only line ends and tabs pass raw";
 }
 
 TEST_F(MessageLogTest, AFileLivesForADayAndIsThenReplaced) {
@@ -119,22 +124,15 @@ TEST_F(MessageLogTest, ForeignFilesAreNeverTouched) {
     for (const std::string& name : foreign) EXPECT_EQ(text(name), "theirs") << name;
 }
 
-TEST_F(MessageLogTest, OnlyLineEndsAndTabsPassRaw) {
-    using namespace std::string_view_literals;
-    writeToLogFile("{\n\t\"a\": 1\n}\0\r\x1b[31m"sv);
-    EXPECT_THAT(text(kFirst), testing::EndsWith(") {\n\t\"a\": 1\n}\\x00\\r\\x1b[31m\n"));
-}
-
-TEST_F(MessageLogTest, AFolderThatCannotBeMadeCostsOnlyTheMessage) {
+TEST_F(MessageLogTest, AFolderOrAFileThatCannotBeHadCostsOnlyTheMessage) {
     write("var/mobile/Library/Logs", "a file where the folder should be");
     writeToLogFile("message");
     EXPECT_EQ(logged("<3>writeToLogFile: Error reading from log directory: Not a directory"), 1u);
     EXPECT_EQ(logged("<3>writeToLogFile: Failed to create new quorvaned log file " + path(kFirst)), 1u);
     EXPECT_EQ(logged("Saved log message"), 0u);
-}
 
-TEST_F(MessageLogTest, AFileThatCannotBeOpenedOnlyLosesTheMessage) {
     write("elsewhere", "theirs");
+    std::filesystem::remove(_root / "var/mobile/Library/Logs");
     std::filesystem::create_directories(_root / kFolder);
     std::filesystem::create_symlink(_root / "elsewhere", path("quorvaned_1_messageLog.diag"));
     writeToLogFile("message");
@@ -144,12 +142,13 @@ TEST_F(MessageLogTest, AFileThatCannotBeOpenedOnlyLosesTheMessage) {
 
 TEST_F(MessageLogTest, MessagesOfSeveralThreadsStayWholeLines) {
     writeToLogFile("first");
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 4; ++i)
-        writers.emplace_back([] {
-            for (int n = 0; n < 50; ++n) writeToLogFile("{}", std::string(300, 'x'));
-        });
-    for (std::thread& writer : writers) writer.join();
+    {
+        std::vector<std::jthread> writers;
+        for (int i = 0; i < 4; ++i)
+            writers.emplace_back([] {
+                for (int n = 0; n < 50; ++n) writeToLogFile("{}", std::string(300, 'x'));
+            });
+    }
     std::istringstream lines(text(kFirst));
     std::size_t count = 0;
     for (std::string line; std::getline(lines, line); ++count)
