@@ -26,17 +26,12 @@ class XmlBounds {
     Failure check() {
         while (skipPast("<")) {
             if (skipWhole("!--", "-->") || skipWhole("![CDATA[", "]]>")) continue;
-            const std::string_view tag = thisTag();
+            const std::string_view tag = takeTag();
             if (std::count(tag.begin(), tag.end(), '"') % 2 != 0) return kOpenQuote;
             if (tag.starts_with('!') && tag.find_first_of("[<") != std::string_view::npos)
                 return kOwnDocumentType;
-            if (tag.starts_with('?') || tag.starts_with('!')) {
-                _rest.remove_prefix(tag.size());
-                continue;
-            }
-            const bool closing = _rest.starts_with('/');
-            if (closing) _rest.remove_prefix(1);
-            if (Failure failure = count(closing)) return failure;
+            if (tag.starts_with('?') || tag.starts_with('!')) continue;
+            if (Failure failure = count(tag)) return failure;
         }
         return std::nullopt;
     }
@@ -55,25 +50,26 @@ class XmlBounds {
         return true;
     }
 
-    std::string_view thisTag() const {
+    std::string_view takeTag() {
         const std::size_t end = _rest.starts_with('?')   ? _rest.find("?>")
                                 : _rest.starts_with('!') ? _rest.find('>')
                                                          : _rest.find_first_of("<>");
-        return _rest.substr(0, end);
+        const std::string_view tag = _rest.substr(0, end);
+        _rest.remove_prefix(tag.size());
+        return tag;
     }
 
-    Failure count(bool closing) {
-        const std::string_view name = _rest.substr(0, _rest.find_first_of(" \t\r\n<>/"));
+    Failure count(std::string_view tag) {
+        const bool closing = tag.starts_with('/');
+        if (closing) tag.remove_prefix(1);
+        const std::string_view name = tag.substr(0, tag.find_first_of(" \t\r\n/"));
         const bool nests = name == "array" || name == "dict";
-        const std::size_t end = std::min(_rest.find_first_of("<>"), _rest.size());
-        const bool empty = end > 0 && _rest[end - 1] == '/';
-        _rest.remove_prefix(end);
         if (closing) {
             if (nests && _depth > 0) --_depth;
             return std::nullopt;
         }
         if (++_values > kMaximumValues) return kTooLarge;
-        if (nests && !empty && ++_depth > kMaximumDepth) return kTooDeep;
+        if (nests && !tag.ends_with('/') && ++_depth > kMaximumDepth) return kTooDeep;
         return std::nullopt;
     }
 
