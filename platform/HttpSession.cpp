@@ -227,22 +227,22 @@ SessionThread* sessionThread() {
     return shared;
 }
 
-/// Waits until there is room for so many bytes more.
-void start(HttpRequest request, HttpCompletion completion, std::size_t bytes, bool isAwaited) {
+/// Waits until there is room for the task's bytes.
+void start(Task task) {
     SessionThread* const thread = sessionThread();
     if (thread == nullptr) {
-        if (completion) completion({std::nullopt, "the HTTP session could not be started"});
+        if (task.completion) task.completion({std::nullopt, "the HTTP session could not be started"});
         return;
     }
-    backlog().enter(bytes);
-    thread->submit({std::move(request), std::move(completion), bytes, isAwaited});
+    backlog().enter(task.bytes);
+    thread->submit(std::move(task));
 }
 
 }  // namespace
 
 void startDataTask(HttpRequest request, HttpCompletion completion) {
     const std::size_t bytes = kRequestBytes + request.body.size();
-    start(std::move(request), std::move(completion), bytes, false);
+    start({.request = std::move(request), .completion = std::move(completion), .bytes = bytes});
 }
 
 HttpResult performDataTask(HttpRequest request) {
@@ -252,7 +252,7 @@ HttpResult performDataTask(HttpRequest request) {
         result = std::move(received);
         completed.release();
     };
-    start(std::move(request), keep, 0, true);
+    start({.request = std::move(request), .completion = keep, .isAwaited = true});
     completed.acquire();
     return result;
 }
