@@ -194,7 +194,6 @@ void BusConnection::invalidate() {
 bool BusConnection::queueCall(std::size_t bytes, std::function<void(sd_bus*)> call) {
     {
         const MutexLock lock(_mutex);
-        // One call always finds room, however large it is.
         if (_over || (!_calls.empty() && _callBytes + bytes > kQueuedCallBytes)) return false;
         _callBytes += bytes;
         _calls.push_back({bytes, std::move(call)});

@@ -49,8 +49,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void invalidate();
 
     /// Runs the function on the connection's thread soon, with the bus, so that it can send. From any thread;
-    /// never blocks. False when the connection has ended or `bytes` more would go past the bound of what
-    /// waits.
+    /// never blocks. False when the connection has ended or `bytes` more than wait already would go past the
+    /// bound; one alone, however large, does not.
     bool queueCall(std::size_t bytes, std::function<void(sd_bus*)> call);
 
     /// Counts bytes of a reply towards the bound of what waits for the client to read. Connection's thread
