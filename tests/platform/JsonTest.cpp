@@ -48,6 +48,15 @@ TEST(CompactJson, FailsOnWhatJsonCannotHoldWhereverItStands) {
     EXPECT_FALSE(compactJson(Dictionary{{"\xff", 1}}));
 }
 
+TEST(CompactJson, EveryAsciiCharacterIsReadBackWhereverItStands) {
+    for (int c = 0; c < 128; ++c)
+        for (std::size_t at = 0; at < 12; ++at) {
+            std::string text(12, 'x');
+            text[at] = static_cast<char>(c);
+            EXPECT_EQ(parseJson(compact(Array{text})), Value(Array{text})) << c << " at " << at;
+        }
+}
+
 TEST(CompactJson, LargeAndDeepValuesAreWrittenWhole) {
     const std::string text(1 << 20, '\x01');
     EXPECT_EQ(compact(text), '"' + repeated("\\u0001", 1 << 20) + '"');
