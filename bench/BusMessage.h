@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/BusMessage.h"
 #include "platform/Owned.h"
 #include "platform/Value.h"
 
@@ -13,7 +14,7 @@ namespace quorvane::bench {
 int checkBus(int result, const char* what);
 
 using Bus = platform::Owned<sd_bus, ::sd_bus_close_unref>;
-using BusMessage = platform::Owned<sd_bus_message, ::sd_bus_message_unref>;
+using platform::BusMessage;
 
 /// A bus that goes nowhere; messages can be made for it.
 Bus makeBus();

@@ -2,7 +2,7 @@
 
 #include "client/Deadline.h"
 #include "framework/Keys.h"
-#include "platform/Owned.h"
+#include "platform/BusMessage.h"
 #include "platform/Thread.h"
 
 #include <fcntl.h>
@@ -50,8 +50,6 @@ Error encodingError(int error) {
     if (error == -ENOMEM) return systemError("cannot encode the message", error);
     return {ErrorCode::InvalidArgument, std::string("the values cannot be sent: ") + std::strerror(-error)};
 }
-
-using Message = platform::Owned<sd_bus_message, ::sd_bus_message_unref>;
 
 }  // namespace
 
@@ -175,7 +173,7 @@ Status Connection::submit(const Method& method, const Encoder& encode, std::uniq
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_call(_bus, &raw, nullptr, kQuorvaneObjectPath, method.interface,
                                                   method.name);
-    const Message message(raw);
+    const platform::BusMessage message(raw);
     if (result < 0) return sendingError(result);
     if (result = encode(raw); result < 0) return encodingError(result);
     if (result = call != nullptr ? sendCall(raw, std::move(call)) : sendUnanswered(raw); result < 0)

@@ -1,9 +1,9 @@
 #include "service/ClientProxy.h"
 
 #include "framework/Keys.h"
+#include "platform/BusMessage.h"
 #include "platform/BusValue.h"
 #include "platform/Log.h"
-#include "platform/Owned.h"
 
 #include <systemd/sd-bus.h>
 
@@ -23,7 +23,7 @@ template <typename Append>
 void callClient(sd_bus* bus, const char* interface, const char* method, const Append& append) {
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_call(bus, &raw, nullptr, kQuorvaneObjectPath, interface, method);
-    const platform::Owned<sd_bus_message, ::sd_bus_message_unref> message(raw);
+    const platform::BusMessage message(raw);
     if (result >= 0) result = ::sd_bus_message_set_expect_reply(raw, 0);
     if (result >= 0) result = append(raw);
     if (result >= 0) result = ::sd_bus_send(bus, raw, nullptr);

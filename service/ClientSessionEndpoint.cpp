@@ -1,9 +1,9 @@
 #include "service/ClientSessionEndpoint.h"
 
 #include "framework/Keys.h"
+#include "platform/BusMessage.h"
 #include "platform/BusValue.h"
 #include "platform/Log.h"
-#include "platform/Owned.h"
 #include "platform/UniqueDescriptor.h"
 
 #include <fcntl.h>
@@ -230,7 +230,7 @@ void ClientSessionEndpoint::answer(sd_bus_message* call, std::size_t bytes, cons
     if (::sd_bus_message_get_expect_reply(call) <= 0) return;
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_return(call, &raw);
-    const platform::Owned<sd_bus_message, ::sd_bus_message_unref> reply(raw);
+    const platform::BusMessage reply(raw);
     if (result >= 0) result = append(raw);
     if (result >= 0) {
         _connection.noteQueuedBytes(kMessageBytes + bytes);

@@ -1,18 +1,15 @@
 #pragma once
 
+#include "platform/BusMessage.h"
 #include "platform/UniqueDescriptor.h"
 
 #include <systemd/sd-bus.h>
 
-#include <memory>
 #include <string>
 
 namespace quorvane::test {
 
-struct MessageDeleter {
-    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+using Message = platform::BusMessage;
 
 /// The answer to a call: a message, or the name of the error.
 struct BusReply {

@@ -1,5 +1,7 @@
 #include "tests/support/TestCertificate.h"
 
+#include "platform/Owned.h"
+
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -10,16 +12,15 @@
 
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <stdexcept>
 
 namespace quorvane::test {
 
 namespace {
 
-using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
+using Certificate = platform::Owned<X509, X509_free>;
+using Key = platform::Owned<EVP_PKEY, EVP_PKEY_free>;
+using Memory = platform::Owned<BIO, BIO_free>;
 
 void require(bool holds, const char* what) {
     if (!holds) throw std::runtime_error(std::string("TestCertificate: ") + what);
@@ -29,13 +30,13 @@ void addExtension(X509* certificate, int kind, const char* value) {
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
-    const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
-        X509V3_EXT_conf_nid(nullptr, &context, kind, value), X509_EXTENSION_free);
+    const platform::Owned<X509_EXTENSION, X509_EXTENSION_free> extension(
+        X509V3_EXT_conf_nid(nullptr, &context, kind, value));
     require(extension && X509_add_ext(certificate, extension.get(), -1) == 1, "extension");
 }
 
 Certificate selfSigned(EVP_PKEY* key) {
-    Certificate certificate(X509_new(), X509_free);
+    Certificate certificate(X509_new());
     X509_set_version(certificate.get(), X509_VERSION_3);
     // Two certificates of one issuer must differ in their number, or a verifier mixes them up.
     std::uint32_t serial = 0;
@@ -58,7 +59,7 @@ Certificate selfSigned(EVP_PKEY* key) {
 }
 
 std::string pem(const std::function<bool(BIO*)>& write) {
-    const Memory memory(BIO_new(BIO_s_mem()), BIO_free);
+    const Memory memory(BIO_new(BIO_s_mem()));
     require(memory && write(memory.get()), "PEM");
     char* text = nullptr;
     const long size = BIO_get_mem_data(memory.get(), &text);
@@ -66,13 +67,13 @@ std::string pem(const std::function<bool(BIO*)>& write) {
 }
 
 Memory memoryOf(const std::string& text) {
-    return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free};
+    return Memory(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
 }
 
 }  // namespace
 
 TestCertificate makeTestCertificate() {
-    const Key key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    const Key key(EVP_EC_gen("P-256"));
     require(key != nullptr, "key");
     const Certificate certificate = selfSigned(key.get());
     return {pem([&](BIO* out) { return PEM_write_bio_X509(out, certificate.get()) == 1; }),
@@ -83,9 +84,8 @@ TestCertificate makeTestCertificate() {
 
 bool useCertificate(SSL_CTX& context, const TestCertificate& certificate) {
     const Certificate shown(
-        PEM_read_bio_X509(memoryOf(certificate.certificate).get(), nullptr, nullptr, nullptr), X509_free);
-    const Key key(PEM_read_bio_PrivateKey(memoryOf(certificate.key).get(), nullptr, nullptr, nullptr),
-                  EVP_PKEY_free);
+        PEM_read_bio_X509(memoryOf(certificate.certificate).get(), nullptr, nullptr, nullptr));
+    const Key key(PEM_read_bio_PrivateKey(memoryOf(certificate.key).get(), nullptr, nullptr, nullptr));
     return SSL_CTX_use_certificate(&context, shown.get()) == 1 &&
            SSL_CTX_use_PrivateKey(&context, key.get()) == 1;
 }
