@@ -1,11 +1,11 @@
 #include "platform/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
+#include "tests/support/Within.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 namespace quorvane {
 namespace {
@@ -114,9 +114,7 @@ TEST_F(JSONPostingTest, AFailedPostIsLoggedAndOutlivesItsBackend) {
     const std::weak_ptr<HTTPSPostBackend> held = std::exchange(backend, nullptr);
     EXPECT_TRUE(takeRequests().empty());
     EXPECT_EQ(logged("<3>HTTPSPostBackend(postJsonMessage): post error: "), 1u);
-    for (int waits = 0; !held.expired() && waits < 1'000; ++waits)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_TRUE(held.expired());
+    EXPECT_TRUE(test::within(std::chrono::seconds(10), [&] { return held.expired(); }));
 }
 
 TEST_F(JSONPostingTest, TellsThePrettyTextOnlyWithPlainConsent) {

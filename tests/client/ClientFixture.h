@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tests/client/BusPeer.h"
+#include "tests/support/Within.h"
 
 #include <quorvane/Client.h>
 
@@ -11,7 +12,6 @@
 #include <functional>
 #include <future>
 #include <mutex>
-#include <thread>
 
 namespace quorvane::test {
 
@@ -20,12 +20,7 @@ constexpr std::chrono::seconds kSoon{20};
 
 /// Waits until the condition holds; false when it does not in time.
 inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = kSoon) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return within(limit, condition);
 }
 
 /// A client of the peer; the test fails when there is none.

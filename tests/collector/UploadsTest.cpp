@@ -1,9 +1,9 @@
 #include "tests/collector/CollectorFixture.h"
+#include "tests/support/Within.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <thread>
 
 namespace quorvane::test {
 
@@ -114,9 +114,7 @@ TEST_F(UploadsTest, LeavesNothingOfAnUploadThatBreaksOff) {
         RawConnection connection(port());
         connection.send(
             "POST /upload?uuid=d&sequence=1&filename=f HTTP/1.1\r\nContent-Length: 1000\r\n\r\nstart");
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (names().empty() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        within(std::chrono::seconds(20), [&] { return !names().empty(); });
         ASSERT_EQ(names().size(), 1u);
         EXPECT_TRUE(names()[0].starts_with("."));
     }

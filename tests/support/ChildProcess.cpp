@@ -1,13 +1,13 @@
 #include "tests/support/ChildProcess.h"
 
+#include "tests/support/Within.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
-
-#include <thread>
 
 namespace quorvane::test {
 
@@ -35,17 +35,6 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 platform::UniqueDescriptor memoryFile() {
     return platform::UniqueDescriptor(::memfd_create("output", MFD_CLOEXEC));
-}
-
-/// Waits until the condition holds; whether it does in time.
-template <typename Condition>
-bool within(std::chrono::milliseconds limit, Condition&& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 }  // namespace

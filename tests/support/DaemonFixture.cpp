@@ -1,12 +1,12 @@
 #include "tests/support/DaemonFixture.h"
 
 #include "platform/Json.h"
+#include "tests/support/Within.h"
 #include "tools/storebag/SignStorebag.h"
 
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 namespace quorvane::test {
@@ -174,12 +174,7 @@ bool DaemonFixture::waitForEvents(std::uint16_t category, std::size_t count) con
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return within(limit, condition);
 }
 
 }  // namespace quorvane::test
