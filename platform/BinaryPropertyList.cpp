@@ -1,5 +1,6 @@
 #include "platform/BinaryPropertyList.h"
 
+#include "platform/PropertyListDate.h"
 #include "platform/Text.h"
 
 #include <bit>
@@ -150,14 +151,12 @@ class Reader {
         return std::bit_cast<double>(bits);
     }
 
-    /// Seconds since 2001.
     std::optional<Value> date(const Object& at) {
         const auto seconds = floating(at);
         if (!seconds) return std::nullopt;
-        constexpr double epoch = 978'307'200;
         constexpr double farthest = 9e12;  // so that microseconds fit in 64 bits
         if (!(std::abs(*seconds) < farthest)) return fail("the property list holds a date out of range");
-        return Value(Date{static_cast<std::int64_t>(epoch * 1e6) + std::llround(*seconds * 1e6)});
+        return Value(Date{kPropertyListEpoch * 1'000'000 + std::llround(*seconds * 1e6)});
     }
 
     std::optional<Value> data(const Object& at) {

@@ -1,10 +1,12 @@
 #include "platform/BinaryPropertyListWriter.h"
 
+#include "platform/PropertyListDate.h"
 #include "platform/Text.h"
 
 #include <algorithm>
 #include <bit>
 #include <limits>
+#include <type_traits>
 #include <utility>
 
 namespace quorvane::platform {
@@ -17,6 +19,7 @@ constexpr unsigned kReferenceBytes = 4;
 // A marker's upper half.
 constexpr unsigned kInteger = 0x1;
 constexpr unsigned kReal = 0x2;
+constexpr unsigned kDate = 0x3;
 constexpr unsigned kData = 0x4;
 constexpr unsigned kAscii = 0x5;
 constexpr unsigned kUtf16 = 0x6;
@@ -62,8 +65,13 @@ BinaryPropertyListWriter::Reference BinaryPropertyListWriter::add(std::uint64_t 
 
 BinaryPropertyListWriter::Reference BinaryPropertyListWriter::add(double number) {
     const Reference reference = startObject();
-    putMarker(kReal, 3);
-    putBigEndian(std::bit_cast<std::uint64_t>(number), 8);
+    putDouble(kReal, number);
+    return reference;
+}
+
+BinaryPropertyListWriter::Reference BinaryPropertyListWriter::add(Date date) {
+    const Reference reference = startObject();
+    putDouble(kDate, propertyListTime(date));
     return reference;
 }
 
@@ -83,6 +91,47 @@ std::optional<BinaryPropertyListWriter::Reference> BinaryPropertyListWriter::add
     if (ascii) _bytes.insert(_bytes.end(), text.begin(), text.end());
     for (const char16_t unit : *wide) putBigEndian(unit, 2);
     return reference;
+}
+
+std::optional<BinaryPropertyListWriter::Reference> BinaryPropertyListWriter::addValue(const Value& value) {
+    return value.visit([this](const auto& held) -> std::optional<Reference> {
+        using Held = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Held, Array>)
+            return addElements(held);
+        else if constexpr (std::is_same_v<Held, Dictionary>)
+            return addEntries(held);
+        else if constexpr (std::is_same_v<Held, std::string>)
+            return add(std::string_view(held));
+        else
+            return add(held);
+    });
+}
+
+std::optional<BinaryPropertyListWriter::Reference> BinaryPropertyListWriter::addElements(const Array& array) {
+    std::vector<Reference> elements;
+    elements.reserve(array.size());
+    for (const Value& element : array) {
+        const auto reference = addValue(element);
+        if (!reference) return std::nullopt;
+        elements.push_back(*reference);
+    }
+    return addArray(elements);
+}
+
+std::optional<BinaryPropertyListWriter::Reference> BinaryPropertyListWriter::addEntries(
+    const Dictionary& dictionary) {
+    std::vector<Reference> keys;
+    std::vector<Reference> values;
+    keys.reserve(dictionary.size());
+    values.reserve(dictionary.size());
+    for (const auto& [key, value] : dictionary) {
+        const auto keyReference = add(std::string_view(key));
+        const auto reference = keyReference ? addValue(value) : std::nullopt;
+        if (!reference) return std::nullopt;
+        keys.push_back(*keyReference);
+        values.push_back(*reference);
+    }
+    return addDictionary(keys, values);
 }
 
 BinaryPropertyListWriter::Reference BinaryPropertyListWriter::addUid(std::uint32_t uid) {
@@ -125,6 +174,11 @@ Data BinaryPropertyListWriter::finish(Reference root) {
 BinaryPropertyListWriter::Reference BinaryPropertyListWriter::startObject() {
     _offsets.push_back(_bytes.size());
     return Reference{static_cast<std::uint32_t>(_offsets.size() - 1)};
+}
+
+void BinaryPropertyListWriter::putDouble(unsigned type, double number) {
+    putMarker(type, 3);
+    putBigEndian(std::bit_cast<std::uint64_t>(number), 8);
 }
 
 /// A negative number takes 8 bytes.

@@ -24,9 +24,12 @@ class BinaryPropertyListWriter {
     Reference add(std::int64_t number);
     Reference add(std::uint64_t number);
     Reference add(double number);
+    Reference add(Date date);
     Reference add(const Data& data);
     /// Nothing when the text is not UTF-8.
     std::optional<Reference> add(std::string_view text);
+    /// With all that is in it; nothing when a text in it is not UTF-8.
+    std::optional<Reference> addValue(const Value& value);
     Reference addUid(std::uint32_t uid);
     Reference addArray(std::span<const Reference> elements);
     /// The keys, which are texts, and their values, in the same order.
@@ -36,7 +39,10 @@ class BinaryPropertyListWriter {
     Data finish(Reference root);
 
   private:
+    std::optional<Reference> addElements(const Array& array);
+    std::optional<Reference> addEntries(const Dictionary& dictionary);
     Reference startObject();
+    void putDouble(unsigned type, double number);
     void putInteger(std::uint64_t number);
     void putMarker(unsigned type, std::size_t size);
     void putBigEndian(std::uint64_t number, unsigned bytes);

@@ -1,6 +1,7 @@
 #include "platform/KeyedArchive.h"
 
 #include "platform/BinaryPropertyListWriter.h"
+#include "platform/PropertyListDate.h"
 
 #include <cstdint>
 #include <initializer_list>
@@ -14,14 +15,8 @@ namespace quorvane::platform {
 namespace {
 
 constexpr std::int64_t kVersion = 100'000;
-/// Archives count seconds since 2001.
-constexpr double kEpochSeconds = 978'307'200;
 
 using Reference = BinaryPropertyListWriter::Reference;
-
-double archiveTime(Date date) {
-    return static_cast<double>(date.microseconds) / 1e6 - kEpochSeconds;
-}
 
 /// Writes the objects, inner ones first. All references are the property list's own; the functions that add
 /// an object to the archive give that of its UID.
@@ -62,7 +57,7 @@ class Archiver {
         return known->second = addArchived(*added);
     }
 
-    MaybeReference add(Date date) { return addObject("Date", {{"time", _list.add(archiveTime(date))}}); }
+    MaybeReference add(Date date) { return addObject("Date", {{"time", _list.add(propertyListTime(date))}}); }
 
     MaybeReference add(const Array& array) {
         std::vector<Reference> objects;

@@ -1,7 +1,9 @@
 #include "platform/PropertyList.h"
 
 #include "platform/BinaryPropertyList.h"
+#include "platform/BinaryPropertyListWriter.h"
 #include "platform/Owned.h"
+#include "platform/PropertyListDate.h"
 #include "platform/Text.h"
 #include "platform/XmlPropertyListBounds.h"
 
@@ -22,8 +24,7 @@ namespace quorvane::platform {
 namespace {
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
-/// Property lists count seconds since 2001.
-constexpr std::int64_t kEpoch = std::int64_t{978'307'200} * kMicrosecondsPerSecond;
+constexpr std::int64_t kEpoch = kPropertyListEpoch * kMicrosecondsPerSecond;
 
 using Node = Owned<void, ::plist_free>;
 using Memory = Owned<char, ::free>;
@@ -176,7 +177,7 @@ Node dictionaryNode(const Dictionary& dictionary) {
     return result;
 }
 
-/// Null for what a property list cannot hold.
+/// Null for what an XML property list cannot hold.
 Node nodeOf(const Value& value) {
     return value.visit([](const auto& held) -> Node {
         using Held = std::decay_t<decltype(held)>;
@@ -201,17 +202,6 @@ Node nodeOf(const Value& value) {
     });
 }
 
-std::optional<Data> written(const Value& value, void (*write)(plist_t, char**, std::uint32_t*)) {
-    const Node node = nodeOf(value);
-    if (!node) return std::nullopt;
-    char* start = nullptr;
-    std::uint32_t size = 0;
-    write(node.get(), &start, &size);
-    const Memory owned(start);
-    if (start == nullptr) return std::nullopt;
-    return Data(start, start + size);
-}
-
 }  // namespace
 
 PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes) {
@@ -231,11 +221,21 @@ PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes) {
 }
 
 std::optional<Data> xmlPropertyList(const Value& value) {
-    return written(value, ::plist_to_xml);
+    const Node node = nodeOf(value);
+    if (!node) return std::nullopt;
+    char* start = nullptr;
+    std::uint32_t size = 0;
+    ::plist_to_xml(node.get(), &start, &size);
+    const Memory owned(start);
+    if (start == nullptr) return std::nullopt;
+    return Data(start, start + size);
 }
 
 std::optional<Data> binaryPropertyList(const Value& value) {
-    return written(value, ::plist_to_bin);
+    BinaryPropertyListWriter list;
+    const auto root = list.addValue(value);
+    if (!root) return std::nullopt;
+    return list.finish(*root);
 }
 
 }  // namespace quorvane::platform

@@ -19,9 +19,11 @@ using PropertyListResult = std::variant<Value, PropertyListError>;
 /// fits; of equal keys the last counts. UIDs and sets are an error. Thread-safe.
 PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes);
 
-/// Writes the value; nothing when a text in it is not UTF-8 or holds what XML cannot, or a date in it is not
-/// between 1933 and 2069. Of dates, XML keeps whole seconds.
+/// Writes the value as XML; nothing when a text in it is not UTF-8 or holds what XML cannot, or a date in it
+/// is not between 1933 and 2069. Of dates, whole seconds are kept.
 std::optional<Data> xmlPropertyList(const Value& value);
+
+/// Writes the value in the binary form; nothing when a text in it is not UTF-8.
 std::optional<Data> binaryPropertyList(const Value& value);
 
 }  // namespace quorvane::platform

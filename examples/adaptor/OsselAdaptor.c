@@ -76,7 +76,13 @@ static void printDictionary(FILE* out, plist_t dictionary) {
 static void printNumber(FILE* out, plist_t number) {
     uint64_t value = 0;
     plist_get_uint_val(number, &value);
-    fprintf(out, "%" PRId64, (int64_t)value);
+    /* libplist tells a negative number from one of 64 bits by comparing only. */
+    plist_t negative = plist_new_uint(value);
+    if (plist_compare_node_value(number, negative))
+        fprintf(out, "%" PRId64, (int64_t)value);
+    else
+        fprintf(out, "%" PRIu64, value);
+    plist_free(negative);
 }
 
 static void printReal(FILE* out, plist_t real) {
@@ -95,7 +101,10 @@ static void printTruth(FILE* out, plist_t truth) {
 static void printDate(FILE* out, plist_t date) {
     int32_t seconds = 0, microseconds = 0;
     plist_get_date_val(date, &seconds, &microseconds);
-    fprintf(out, "date(%" PRId64 ")", (int64_t)seconds + 978307200);
+    if (seconds == INT32_MIN || seconds == INT32_MAX)
+        fputs("date(beyond libplist)", out);
+    else
+        fprintf(out, "date(%" PRId64 ")", (int64_t)seconds + 978307200);
 }
 
 static void printValue(FILE* out, plist_t value) {

@@ -2,6 +2,7 @@
 
 #include "tests/backends/BackendFixture.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <limits>
 #include <string>
@@ -61,6 +62,12 @@ TEST_F(OsselBackendTest, ForwardsEveryEventToTheAdaptor) {
         MatchesRegex("[0-9]+ method=65535 respCode=404 \\{\"inner\": \\{\"at\": date\\(1763280000\\)\\}, "
                      "\"level\": -80, \"list\": \\[true, 1\\.5, <01ff>\\], "
                      "\"name\": \"a \\\\\"b\\\\\"\\\\x0a\"\\}\n"));
+
+    EXPECT_EQ(send(*backend, {{"a\x1b", std::numeric_limits<std::uint64_t>::max()},
+                              {"far", Date{9'000'000'000'000'000}}}),
+              std::nullopt);
+    EXPECT_THAT(messages(), EndsWith("{\"a\\x1b\": 18446744073709551615, \"far\": date(beyond libplist)}\n"))
+        << "what XML cannot hold";
 
     backendForClientType(11)->sendMessage(nullptr, {0, 0}, 0, 1, MessageFlag{0});
     EXPECT_THAT(messages(), EndsWith(" method=0 respCode=1 (null)\n"));
