@@ -7,7 +7,7 @@
 #include "util/Conversions.h"
 
 #include <algorithm>
-#include <cmath>
+#include <cstddef>
 #include <utility>
 
 #include <fmt/format.h>
@@ -20,16 +20,15 @@ bool isRealtime(MessageFlag flag) {
     return flag == MessageFlag{1} || flag == MessageFlag{3};
 }
 
-/// Whether JSON can carry the value; a date becomes its seconds since 1970.
+/// Whether the value is of a kind that JSON can carry; a date becomes its seconds since 1970.
 bool makeSerialisable(Value& value) {
     switch (value.kind()) {
         case Value::Kind::String:
         case Value::Kind::Boolean:
         case Value::Kind::Signed:
         case Value::Kind::Unsigned:
-            return true;
         case Value::Kind::Real:
-            return std::isfinite(value.real());
+            return true;
         case Value::Kind::Date:
             value = static_cast<double>(value.date()->microseconds) / 1e6;
             return true;
@@ -38,7 +37,7 @@ bool makeSerialisable(Value& value) {
     }
 }
 
-/// Drops every key whose value JSON cannot carry: one would cost all records of the message.
+/// Drops every key whose value is of a kind that JSON cannot carry.
 void removeUnserialisable(Dictionary& record) {
     const auto serialisable = [](Dictionary::Entry& entry) { return makeSerialisable(entry.value); };
     if (std::all_of(record.begin(), record.end(), serialisable)) return;
@@ -67,6 +66,7 @@ std::optional<Data> HTTPSPostBackend::createMessageForPostAndLogging(Array event
                                                                      Text* prettyJsonString) const {
     const double postTime = finiteOrMinusOne(secondsFromTimeValue(platform::timeOfDay()));
     for (Value& event : events) removeUnserialisable(*event.dictionary());
+    const std::size_t count = events.size();
 
     Dictionary envelope;
     // Receivers know a message without "clientId": it has no events either.
@@ -78,6 +78,10 @@ std::optional<Data> HTTPSPostBackend::createMessageForPostAndLogging(Array event
 
     const Value message(std::move(envelope));
     std::optional<Data> json = platform::compactJson(message);
+    if (!json)
+        platform::logError(
+            "HTTPSPostBackend(createMessageForPostAndLogging): Dropping {} events, one of which holds a number that is not finite or a text that is not UTF-8",
+            count);
     if (prettyJsonString != nullptr && _dnuType == DnuType::None && _dnuEnabled)
         *prettyJsonString = platform::prettyJson(message);
     return json;
@@ -132,7 +136,7 @@ std::vector<platform::HttpHeader> HTTPSPostBackend::postHeaders(
 /// On the HTTP session's thread: touches nothing but the state.
 void HTTPSPostBackend::postCompleted(const std::string& name, const platform::HttpResult& result) {
     if (result.error) platform::logError("HTTPSPostBackend(postJsonMessage): post error: {}", *result.error);
-    const int status = result.response ? result.response->statusCode : 0;
+    const int status = result.response.statusCode;
     if (status < 500 || status > 599) return;
     platform::logInfo("postJSONMessage: backend {} disabled by server {} return code", name, status);
     setState(BackendState::Disabled);

@@ -23,13 +23,12 @@ bool DashboardBackend::uploadLogData(const Array& logData) {
     }
     const platform::HttpResult result =
         platform::performDataTask(uploadRequest(*_postURL, std::move(*archive)));
-    if (!result.response) {
-        logError("DashboardBackend(uploadLogData): Error uploading log data array ({})",
-                 orNull(result.error));
+    if (result.error) {
+        logError("DashboardBackend(uploadLogData): Error uploading log data array ({})", *result.error);
         return false;
     }
     // The status counts for nothing: whatever the server answers is where it put the data.
-    const Text location = replyText(*result.response);
+    const Text location = replyText(result.response);
     logDebug("DashboardBackend(uploadLogData): Log data uploaded to {}", orNull(location));
     sendUploadLocation(location);
     return true;

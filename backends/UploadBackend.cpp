@@ -145,11 +145,11 @@ bool UploadBackend::post(std::string url, Data compressed) const {
     platform::HttpRequest request = uploadRequest(std::move(url), std::move(compressed));
     request.headers.push_back({"Content-Encoding", "gzip"});
     const platform::HttpResult result = platform::performDataTask(std::move(request));
-    if (!result.response) {
-        logError("UploadBackend(uploadFileAtPath): post {}", orNull(result.error));
+    if (result.error) {
+        logError("UploadBackend(uploadFileAtPath): post {}", *result.error);
         return false;
     }
-    const Text reply = replyText(*result.response);
+    const Text reply = replyText(result.response);
     logDebug("UploadBackend(uploadFileAtPath): sending to |{}|, Json output: {}", orNull(_uploadURL),
              orNull(reply));
     return reply && reply->find("success") != std::string::npos;

@@ -169,13 +169,13 @@ class SessionThread {
     void startTransfer(Task task, ServerEntry server) {
         auto made = HttpTransfer::initWithRequest(std::move(task.request));
         if (auto* fault = std::get_if<std::string>(&made)) {
-            complete(task.completion, task.bytes, {std::nullopt, std::move(*fault)});
+            complete(task.completion, task.bytes, {.error = std::move(*fault)});
             return;
         }
         auto& transfer = std::get<std::unique_ptr<HttpTransfer>>(made);
         CURL* handle = transfer->handle();
         if (curl_multi_add_handle(_multi, handle) != CURLM_OK) {
-            complete(task.completion, task.bytes, {std::nullopt, "the HTTP library refused the request"});
+            complete(task.completion, task.bytes, {.error = "the HTTP library refused the request"});
             return;
         }
         ++server->second.active;
@@ -231,7 +231,7 @@ SessionThread* sessionThread() {
 void start(Task task) {
     SessionThread* const thread = sessionThread();
     if (thread == nullptr) {
-        if (task.completion) task.completion({std::nullopt, "the HTTP session could not be started"});
+        if (task.completion) task.completion({.error = "the HTTP session could not be started"});
         return;
     }
     backlog().enter(task.bytes);

@@ -32,14 +32,14 @@ struct HttpResponse {
     std::vector<HttpHeader> headers;
     Data body;
 
-    /// The value of the last header of that name, any case; null when there is none.
-    const std::string* header(std::string_view name) const;
+    /// The value under that name, any case, of all its lines joined by commas (RFC 9110, section 5.2).
+    std::optional<std::string> header(std::string_view name) const;
 };
 
-/// Exactly one of the two is set.
 struct HttpResult {
-    std::optional<HttpResponse> response;
-    std::optional<std::string> error;
+    /// After an error, what had come until then of the status, or 0, and of the headers; no body.
+    HttpResponse response = {};
+    std::optional<std::string> error = {};
 };
 
 using HttpCompletion = std::function<void(HttpResult)>;

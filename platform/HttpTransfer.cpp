@@ -62,10 +62,11 @@ bool sameName(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-const std::string* HttpResponse::header(std::string_view name) const {
-    const auto found = std::find_if(headers.rbegin(), headers.rend(),
-                                    [&](const HttpHeader& header) { return sameName(header.name, name); });
-    return found == headers.rend() ? nullptr : &found->value;
+std::optional<std::string> HttpResponse::header(std::string_view name) const {
+    std::optional<std::string> joined;
+    for (const HttpHeader& header : headers)
+        if (sameName(header.name, name)) joined = joined ? *joined + ", " + header.value : header.value;
+    return joined;
 }
 
 std::variant<std::unique_ptr<HttpTransfer>, std::string> HttpTransfer::initWithRequest(HttpRequest request) {
@@ -98,6 +99,8 @@ bool HttpTransfer::setOptions() {
     set(CURLOPT_PRIVATE, static_cast<void*>(this));
     set(CURLOPT_ERRORBUFFER, _errorText.data());
     set(CURLOPT_NOSIGNAL, 1L);
+    // A name server that does not answer holds up the lookup's own thread alone.
+    set(CURLOPT_QUICK_EXIT, 1L);
     set(CURLOPT_URL, _request.url.c_str());
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
@@ -193,14 +196,16 @@ CURLcode HttpTransfer::prepareContext(CURL*, void* context, void*) {
 }
 
 HttpResult HttpTransfer::takeResult(CURLcode code) {
-    if (!_refusal.empty()) return {std::nullopt, std::move(_refusal)};
-    if (code != CURLE_OK)
-        return {std::nullopt,
-                std::string(_errorText[0] != '\0' ? _errorText.data() : curl_easy_strerror(code))};
     long status = 0;
     curl_easy_getinfo(_easy, CURLINFO_RESPONSE_CODE, &status);
     _response.statusCode = static_cast<int>(status);
-    return {std::move(_response), std::nullopt};
+    if (code == CURLE_OK) return {std::move(_response), std::nullopt};
+    _response.body = {};
+    return {std::move(_response), !_refusal.empty() ? std::move(_refusal) : errorText(code)};
+}
+
+std::string HttpTransfer::errorText(CURLcode code) const {
+    return _errorText[0] != '\0' ? _errorText.data() : curl_easy_strerror(code);
 }
 
 }  // namespace quorvane::platform

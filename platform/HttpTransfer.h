@@ -36,6 +36,7 @@ class HttpTransfer {
     bool setBody();
     bool addHeaderLine(const std::string& line);
     bool hasHeader(std::string_view name) const;
+    std::string errorText(CURLcode code) const;
     static std::size_t receiveHeader(const char* bytes, std::size_t one, std::size_t count, void* transfer);
     static std::size_t receiveBody(const char* bytes, std::size_t one, std::size_t count, void* transfer);
     static CURLcode prepareContext(CURL* handle, void* context, void* transfer);

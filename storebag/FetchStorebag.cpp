@@ -102,8 +102,8 @@ std::int32_t leadingNumber(std::string_view text) {
 }
 
 /// The number in the piece after "max-age", where every "=" and every blank ends a piece.
-std::int32_t maxAgeFromCacheControl(const std::string* cacheControl) {
-    if (cacheControl == nullptr) return kDefaultMaxAge;
+std::int32_t maxAgeFromCacheControl(const std::optional<std::string>& cacheControl) {
+    if (!cacheControl) return kDefaultMaxAge;
     std::string_view rest = *cacheControl;
     bool isMaxAge = false;
     for (;;) {
@@ -119,13 +119,13 @@ std::int32_t maxAgeFromCacheControl(const std::string* cacheControl) {
 /// Whether the answer says that the caller's bag still holds; if not, the caller gets the new
 /// "Last-Modified".
 bool isUnchanged(const platform::HttpResponse& response, std::optional<std::string>& lastModified) {
-    const std::string* received = response.header("Last-Modified");
-    if (received == nullptr) return false;
+    const std::optional<std::string> received = response.header("Last-Modified");
+    if (!received) return false;
     if (response.body.empty() && lastModified) {
         logDebug("fetchStorebagWithName: storebag content has not changed. using its cached version");
         return true;
     }
-    lastModified = *received;
+    lastModified = received;
     logDebug("fetchStorebagWithName: New 'Last-Modified: {}' received", *received);
     return false;
 }
@@ -177,15 +177,15 @@ std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>
     logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
 
     const platform::HttpResult result = platform::performDataTask(conditionalRequest(url, lastModified));
-    if (!result.response) return unreachable(name, url, result.error.value_or(""));
+    if (result.error) return unreachable(name, url, *result.error);
 
     // The status counts for nothing: a server's answer is judged by its headers and its signed body alone.
-    maxAge = maxAgeFromCacheControl(result.response->header("Cache-Control"));
-    if (lastModified != nullptr && isUnchanged(*result.response, *lastModified)) {
+    maxAge = maxAgeFromCacheControl(result.response.header("Cache-Control"));
+    if (lastModified != nullptr && isUnchanged(result.response, *lastModified)) {
         notModified = true;
         return std::nullopt;
     }
-    return verifiedBag(result.response->body);
+    return verifiedBag(result.response.body);
 }
 
 }  // namespace quorvane

@@ -1,11 +1,13 @@
 #include "platform/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
+#include "tests/support/RawServer.h"
 #include "tests/support/Within.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <limits>
 
 namespace quorvane {
 namespace {
@@ -106,6 +108,26 @@ TEST_F(JSONPostingTest, AServerErrorDisablesUntilTheStateIsWorkedOutAnew) {
                   disables ? 1u : 0u);
     }
     EXPECT_EQ(logged("post error"), 0u);
+}
+
+TEST_F(JSONPostingTest, AServerErrorDisablesEvenWhenItsBodyIsCutShort) {
+    const test::RawServer server("HTTP/1.1 503 Busy\r\nContent-Length: 100\r\n\r\nhalf");
+    auto backend = enabledBackend({{"post_url", server.url()}});
+    send(*backend, {});
+    EXPECT_TRUE(platform::drainHttpSession(std::chrono::seconds(30)));
+    EXPECT_EQ(backend->state(), BackendState::Disabled);
+    EXPECT_EQ(logged("<3>HTTPSPostBackend(postJsonMessage): post error: "), 1u);
+}
+
+TEST_F(JSONPostingTest, ANumberThatIsNotFiniteCostsItsMessageWithAnError) {
+    auto backend = postingBackend();
+    for (const double number :
+         {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::infinity()})
+        EXPECT_FALSE(send(*backend, {{"number", number}}));
+    EXPECT_TRUE(takeRequests().empty());
+    EXPECT_EQ(logged("<3>HTTPSPostBackend(createMessageForPostAndLogging): Dropping 1 events"), 2u);
+    send(*backend, {{"number", 1.5}});
+    EXPECT_EQ(takeRequests().size(), 1u);
 }
 
 TEST_F(JSONPostingTest, AFailedPostIsLoggedAndOutlivesItsBackend) {
