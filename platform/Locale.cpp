@@ -2,6 +2,7 @@
 
 #include "platform/Clock.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
@@ -29,6 +30,10 @@ std::optional<std::string> currentCountryCode() {
 
 long timeZoneOffset() {
     const auto now = static_cast<std::time_t>(timeOfDay().seconds);
+    // localtime_r does not see that /etc/localtime has changed; looking costs a system call, so not each
+    // time.
+    static std::atomic<std::time_t> lastLook = -1;
+    if (lastLook.exchange(now, std::memory_order_relaxed) != now) ::tzset();
     std::tm local{};
     return ::localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
 }

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ctime>
 
 namespace quorvane::platform {
 namespace {
@@ -28,13 +27,15 @@ TEST(LocaleTest, TheCountryIsTheTerritoryOfTheFirstLocaleThatIsSet) {
     EXPECT_EQ(countryOf("", "", ""), std::nullopt);
 }
 
-TEST(LocaleTest, TheOffsetFollowsTheZoneAndItsSummerTime) {
+TEST(LocaleTest, TheOffsetFollowsTheZoneAndItsSummerTimeWithinASecond) {
     ::setenv("TZ", "AAA3:30BBB,M3.2.0,M11.1.0", 1);
-    ::tzset();
     replaceClock([] { return TimeValue{1'768'500'000, 0}; });  // January 2026
     EXPECT_EQ(timeZoneOffset(), -12'600);
     replaceClock([] { return TimeValue{1'784'100'000, 0}; });  // July 2026
     EXPECT_EQ(timeZoneOffset(), -9'000);
+    ::setenv("TZ", "CCC-1", 1);
+    replaceClock([] { return TimeValue{1'784'100'001, 0}; });
+    EXPECT_EQ(timeZoneOffset(), 3'600);
     replaceClock(nullptr);
 }
 
