@@ -81,8 +81,12 @@ void QuorvanedAgent::remove(const std::shared_ptr<QuorvanedSession>& session) {
 // Storebags.
 
 std::shared_ptr<const Dictionary> QuorvanedAgent::storebagForSession(const QuorvanedSession& session) {
+    const std::int32_t clientType = clientTypeOf(session);
+    // Before the lock: another session's download may hold it for long.
+    logDebug("storebagForSession: Retrieving storebag for session {} with client type {}",
+             session.sessionID(), clientType);
     const std::scoped_lock lock(_lock);
-    return _cachedStorebags.storebagForSession(session.sessionID(), clientTypeOf(session));
+    return _cachedStorebags.storebagForSession(clientType);
 }
 
 std::optional<std::string> QuorvanedAgent::storebagVersionForSession(const QuorvanedSession& session) {

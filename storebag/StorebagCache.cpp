@@ -31,10 +31,7 @@ double secondsSince(const platform::TimeValue& then) {
 
 }  // namespace
 
-std::shared_ptr<const Dictionary> StorebagCache::storebagForSession(std::uint32_t sessionID,
-                                                                    std::int32_t clientType) {
-    logDebug("storebagForSession: Retrieving storebag for session {} with client type {}", sessionID,
-             clientType);
+std::shared_ptr<const Dictionary> StorebagCache::storebagForSession(std::int32_t clientType) {
     const std::optional<std::string> name = storebagNameForClientType(clientType);
     if (!name) return nullptr;
 

@@ -20,7 +20,7 @@ class StorebagCache {
     /// The section for the client type: from memory while fresh, else from a new attempt, at most one attempt
     /// in 900 s after a failure; the last good section where the attempt fails. Null when there is none, as
     /// for a client type without a storebag. Blocks for a download, up to 15 s.
-    std::shared_ptr<const Dictionary> storebagForSession(std::uint32_t sessionID, std::int32_t clientType);
+    std::shared_ptr<const Dictionary> storebagForSession(std::int32_t clientType);
 
     /// The version of the section last served for the client type; nothing when there is none.
     std::optional<std::string> storebagVersion(std::int32_t clientType) const;
