@@ -31,11 +31,11 @@ void SessionHierarchy::userInfoUpdatedForSession(QuorvanedSession& session) {
         return;
     }
     const std::scoped_lock lock(_lock);
-    removeSession(session);
+    const std::optional<std::int64_t> level = removeSession(session);
     const auto group = groupForKey(keyOf(session));
     logDebug("userInfoUpdatedForSession: Adding session {} to list for userInfoKey {}", session.sessionID(),
              group->first);
-    group->second.append(session);
+    group->second.append(session, level);
     _filed.emplace(&session, group);
 }
 
@@ -48,13 +48,14 @@ SessionHierarchy::Groups::iterator SessionHierarchy::groupForKey(const std::stri
     return group;
 }
 
-void SessionHierarchy::removeSession(const QuorvanedSession& session) {
+std::optional<std::int64_t> SessionHierarchy::removeSession(const QuorvanedSession& session) {
     const auto filed = _filed.find(&session);
-    if (filed == _filed.end()) return;
+    if (filed == _filed.end()) return std::nullopt;
     const auto group = filed->second;
     _filed.erase(filed);
-    group->second.remove(session);
+    const std::optional<std::int64_t> level = group->second.remove(session);
     if (group->second.empty()) forgetEmptied(group);
+    return level;
 }
 
 void SessionHierarchy::forgetEmptied(Groups::iterator group) {

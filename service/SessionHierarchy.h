@@ -26,8 +26,8 @@ class SessionHierarchy {
   public:
     explicit SessionHierarchy(std::recursive_mutex& lock) : _lock(lock) {}
 
-    /// Files the session under the key of its user info, and nowhere else. It is nobody's ancestor until
-    /// updateDownstreamSessions(), which takes its level.
+    /// Files the session under the key of its user info, and nowhere else. Its level is the one that it had;
+    /// a new one is nobody's ancestor until updateDownstreamSessions(), which takes its level.
     void userInfoUpdatedForSession(QuorvanedSession& session);
     /// The identifiers of the ancestors, from the top down, joined by "."; those above a gap are left out.
     /// Nothing for a session at the top or without a parent.
@@ -39,8 +39,8 @@ class SessionHierarchy {
     /// Corrects combined identifiers, states and aggregation of the session and of all below it.
     void updateDownstreamSessions(QuorvanedSession& session);
 
-    /// Takes the session out of its group. Locked.
-    void removeSession(const QuorvanedSession& session);
+    /// Takes the session out of its group and gives the level that it had there. Locked.
+    std::optional<std::int64_t> removeSession(const QuorvanedSession& session);
 
     /// How many groups there have been. Any thread, no lock.
     std::size_t groupCount() const { return _groupCount; }

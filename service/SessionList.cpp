@@ -9,21 +9,30 @@ QuorvanedSession* SessionList::getFirstSessionWithHierarchy(std::int64_t level) 
     return found != _firstOfEachLevel.end() ? found->second : nullptr;
 }
 
-void SessionList::append(QuorvanedSession& session) {
-    _members.push_back({&session, std::nullopt});
+void SessionList::append(QuorvanedSession& session, std::optional<std::int64_t> level) {
+    _members.push_back({&session, level});
+    if (level) _firstOfEachLevel.try_emplace(*level, &session);
 }
 
 void SessionList::setLevel(const QuorvanedSession& session, std::int32_t level) {
-    const auto member = std::find_if(_members.begin(), _members.end(),
-                                     [&](const Member& each) { return each.session == &session; });
+    const auto member = find(session);
     if (member == _members.end()) return;
     member->level = level;
     findFirsts();
 }
 
-void SessionList::remove(const QuorvanedSession& session) {
-    std::erase_if(_members, [&](const Member& each) { return each.session == &session; });
+std::optional<std::int64_t> SessionList::remove(const QuorvanedSession& session) {
+    const auto member = find(session);
+    if (member == _members.end()) return std::nullopt;
+    const auto level = member->level;
+    _members.erase(member);
     findFirsts();
+    return level;
+}
+
+std::vector<SessionList::Member>::iterator SessionList::find(const QuorvanedSession& session) {
+    return std::find_if(_members.begin(), _members.end(),
+                        [&](const Member& each) { return each.session == &session; });
 }
 
 void SessionList::findFirsts() {

@@ -14,8 +14,8 @@ class SessionList {
   public:
     struct Member {
         QuorvanedSession* session;
-        /// 0 is the top. Nothing while the session's backends are being set up: until they know their level
-        /// they all stand at the top, where others must not take the session for their parent.
+        /// 0 is the top. Nothing while the session's first backends are being set up: until they know their
+        /// level they all stand at the top, where others must not take the session for their parent.
         std::optional<std::int32_t> level;
     };
 
@@ -27,12 +27,14 @@ class SessionList {
     /// The first session of every level that has one, from the top down.
     const std::map<std::int64_t, QuorvanedSession*>& firstOfEachLevel() const { return _firstOfEachLevel; }
 
-    /// Puts the session at the end, without a level.
-    void append(QuorvanedSession& session);
+    /// Puts the session at the end.
+    void append(QuorvanedSession& session, std::optional<std::int64_t> level);
     void setLevel(const QuorvanedSession& session, std::int32_t level);
-    void remove(const QuorvanedSession& session);
+    /// Gives the level that the session had.
+    std::optional<std::int64_t> remove(const QuorvanedSession& session);
 
   private:
+    std::vector<Member>::iterator find(const QuorvanedSession& session);
     void findFirsts();
 
     std::vector<Member> _members;

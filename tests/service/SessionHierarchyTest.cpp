@@ -158,6 +158,15 @@ TEST_F(SessionHierarchyTest, ASessionThatIsBeingSetUpIsNobodysParent) {
     EXPECT_EQ(parentsOf(lower), child->sessionIDString());
 }
 
+TEST_F(SessionHierarchyTest, ASessionThatIsFiledAnewStaysTheParentOfItsChildren) {
+    const Session top = started(0);
+    const Session child = started(1);
+    QuorvanedSession* meanwhile = nullptr;
+    _family.whenFiled = [&] { meanwhile = parentOf(child); };
+    top->startConfigWithCompletionHandler({});
+    EXPECT_EQ(meanwhile, top.get());
+}
+
 TEST_F(SessionHierarchyTest, KeysOfEmptiedGroupsAreForgottenPastTheirBound) {
     const Session member = started(0);
     const auto rename = [&](char letter) {
