@@ -33,6 +33,9 @@ constexpr int kSocketBuffer = 256 << 10;
 /// Enough for the deepest value nesting; thousands of connections must not reserve 8 MiB each.
 constexpr std::size_t kThreadStackBytes = 1u << 20;
 
+/// The connection whose thread this is.
+thread_local const BusConnection* servedHere = nullptr;
+
 bool startThread(void* (*entry)(void*), void* argument) {
     pthread_attr_t attributes;
     if (::pthread_attr_init(&attributes) != 0) return false;
@@ -98,7 +101,10 @@ bool BusConnection::resume(Handler ended) {
 }
 
 void BusConnection::serve() {
-    finish(serveUntilItEnds());
+    servedHere = this;
+    const Ending ending = serveUntilItEnds();
+    servedHere = nullptr;
+    finish(ending);
 }
 
 void BusConnection::finish(Ending ending) {
@@ -108,6 +114,7 @@ void BusConnection::finish(Ending ending) {
         _over = true;
         dropped.swap(_calls);
     }
+    for (const QueuedCall& queued : dropped) queued.call(nullptr);
     if (ending == Ending::Broken && _interruptionHandler) _interruptionHandler();
     if (_invalidationHandler) _invalidationHandler();
     _interruptionHandler = nullptr;
@@ -173,10 +180,12 @@ void BusConnection::runQueuedCalls() {
         calls.swap(_calls);
         _callBytes = 0;
     }
-    for (const QueuedCall& queued : calls) {
-        queued.call(_bus);
-        noteQueuedBytes(queued.bytes);
-    }
+    for (const QueuedCall& queued : calls) run(queued);
+}
+
+void BusConnection::run(const QueuedCall& queued) {
+    queued.call(_bus);
+    noteQueuedBytes(queued.bytes);
 }
 
 BusConnection::Ending BusConnection::endingOfSocket() const {
@@ -192,6 +201,11 @@ void BusConnection::invalidate() {
 }
 
 bool BusConnection::queueCall(std::size_t bytes, std::function<void(sd_bus*)> call) {
+    if (servedHere == this) {
+        runQueuedCalls();  // They came first.
+        run({bytes, std::move(call)});
+        return true;
+    }
     {
         const MutexLock lock(_mutex);
         if (_over || (!_calls.empty() && _callBytes + bytes > kQueuedCallBytes)) return false;

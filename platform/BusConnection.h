@@ -48,9 +48,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// Ends the connection. From any thread, also while it waits for its client to read.
     void invalidate();
 
-    /// Runs the function on the connection's thread soon, with the bus, so that it can send. From any thread;
-    /// never blocks. False when the connection has ended or `bytes` more than wait already would go past the
-    /// bound; one alone, however large, does not.
+    /// Runs the function with the bus, so that it can send: at once when the connection's thread calls, so
+    /// that what it sends precedes the answer; else soon, on that thread. A call that still waits when the
+    /// connection ends is run with null. From any thread; never blocks. False when the connection has ended
+    /// or `bytes` more than wait already would go past the bound; one alone, however large, does not.
     bool queueCall(std::size_t bytes, std::function<void(sd_bus*)> call);
 
     /// Counts bytes of a reply towards the bound of what waits for the client to read. Connection's thread
@@ -65,6 +66,10 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
   private:
     enum class Ending { Orderly, Broken };
+    struct QueuedCall {
+        std::size_t bytes;
+        std::function<void(sd_bus*)> call;
+    };
 
     BusConnection(UniqueDescriptor socket, Peer peer);
     bool openBus();
@@ -75,12 +80,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     int drainReplies();
     int waitForWork(bool authenticated);
     void runQueuedCalls();
+    void run(const QueuedCall& queued);
     Ending endingOfSocket() const;
-
-    struct QueuedCall {
-        std::size_t bytes;
-        std::function<void(sd_bus*)> call;
-    };
 
     const Peer _peer;
     UniqueDescriptor _socket;  ///< A second descriptor of the bus's socket: it outlives the bus's own.

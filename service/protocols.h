@@ -61,15 +61,18 @@ class ClientSessionInterface {
 /// may come from any thread.
 class ClientSessionReplyInterface {
   public:
+    /// Told at most once why a call will not reach the client: it is gone, or more than the bound waits for
+    /// it. On the caller's thread before the call returns, or later on the connection's.
+    using ErrorHandler = void (*)(const std::string& error);
+
     virtual ~ClientSessionReplyInterface() = default;
 
     /// One event for an aggregating client; timestamp 0, category 0, type 0 and no payload end its
     /// aggregation.
     ///   timestamp  seconds since 1970
-    /// Answers nothing, or why the client cannot be reached: it is gone, or more than the bound waits for it.
-    virtual std::optional<std::string> sendMessageToClient(const Dictionary& sessionInfo, double timestamp,
-                                                           std::uint16_t category, std::uint16_t type,
-                                                           const Dictionary* payload) = 0;
+    virtual void sendMessageToClient(const Dictionary& sessionInfo, double timestamp, std::uint16_t category,
+                                     std::uint16_t type, const Dictionary* payload,
+                                     ErrorHandler errorHandler) = 0;
 };
 
 /// What a session asks of the agent.

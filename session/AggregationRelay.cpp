@@ -2,6 +2,7 @@
 #include "session/QuorvanedSession.h"
 
 #include <mutex>
+#include <string>
 
 namespace quorvane {
 
@@ -21,9 +22,11 @@ void QuorvanedSession::sendToAggregator(const Dictionary*, double timestamp, std
                                         std::uint16_t type, const Dictionary* payload) {
     static const Dictionary none;
     const auto sessionInfo = _sessionInfo.load();
-    const auto error = _connection->sendMessageToClient(sessionInfo != nullptr ? *sessionInfo : none,
-                                                        timestamp, category, type, payload);
-    if (error) platform::logError("sendMessageWithDictionary: Failed to get remote object proxy: {}", *error);
+    _connection->sendMessageToClient(
+        sessionInfo != nullptr ? *sessionInfo : none, timestamp, category, type, payload,
+        [](const std::string& error) {
+            platform::logError("sendMessageWithDictionary: Failed to get remote object proxy: {}", error);
+        });
 }
 
 void QuorvanedSession::shutdownSessionAggregation() {

@@ -110,6 +110,25 @@ TEST(BusConnection, SendsQueuedCallsOfEveryThreadInItsOrder) {
     }
 }
 
+TEST(BusConnection, WhatItsOwnThreadSendsPrecedesTheAnswer) {
+    const ConnectedClient served;
+    served.object->onEcho = [&] {
+        EXPECT_TRUE(served.connection->queueCall(
+            100, [](sd_bus* bus) { ::sd_bus_emit_signal(bus, "/", kTestInterface, "Note", ""); }));
+    };
+    const test::Message call = served.busClient.newCall(kTestInterface, "Echo");
+    std::uint64_t cookie = 0;
+    ASSERT_GE(::sd_bus_message_append(call.get(), "u", 7), 0);
+    ASSERT_GE(::sd_bus_send(served.busClient.bus(), call.get(), &cookie), 0);
+    for (const int type : {SD_BUS_MESSAGE_SIGNAL, SD_BUS_MESSAGE_METHOD_RETURN}) {
+        const test::Message message = nextMessage(served.busClient);
+        ASSERT_NE(message, nullptr);
+        std::uint8_t received = 0;
+        ::sd_bus_message_get_type(message.get(), &received);
+        EXPECT_EQ(received, type);
+    }
+}
+
 TEST(BusConnection, RefusesQueuedCallsPastTheirBoundAndAfterItsEnd) {
     constexpr std::size_t kHalf = BusConnection::kQueuedCallBytes / 2;
     const ConnectedClient served;
@@ -126,7 +145,7 @@ TEST(BusConnection, RefusesQueuedCallsPastTheirBoundAndAfterItsEnd) {
     served.object->release();
     ASSERT_EQ(echo(served.busClient, 2), 2u);
     EXPECT_EQ(ran, 2);
-    EXPECT_TRUE(served.connection->queueCall(kHalf, call)) << "there is room again";
+    EXPECT_TRUE(served.connection->queueCall(10 * kHalf, call)) << "there is room again, for one of any size";
 
     served.connection->invalidate();
     served.endings->wait();
@@ -185,7 +204,7 @@ TEST(BusConnection, AClientThatDoesNotReadIsSlowedAloneAndLosesNothing) {
     EXPECT_EQ(slow.object->calls(), kCalls + 1u);
 }
 
-TEST(BusConnection, CanBeEndedWhileItWaitsForItsClientToRead) {
+TEST(BusConnection, CanBeEndedWhileItWaitsForItsClientToReadAndTellsItsQueuedCalls) {
     const ConnectedClient served;
     askWithoutReading(served.busClient, 100, 100'000);
     std::size_t calls = 0;
@@ -193,9 +212,12 @@ TEST(BusConnection, CanBeEndedWhileItWaitsForItsClientToRead) {
         calls = served.object->calls();
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     } while (calls < 2 || served.object->calls() > calls);
+    std::atomic<bool> told = false;
+    EXPECT_TRUE(served.connection->queueCall(1, [&](sd_bus* bus) { told = bus == nullptr; }));
     served.connection->invalidate();
     EXPECT_EQ(served.endings->wait().back(), "ended");
     EXPECT_LT(served.object->calls(), 100u);
+    EXPECT_TRUE(told);
 }
 
 }  // namespace

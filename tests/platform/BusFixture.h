@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -30,6 +31,8 @@ class TestObject {
     }
 
     std::size_t calls() const { return _calls; }
+    /// Runs before an echo is answered.
+    std::function<void()> onEcho;
     /// Lets Wait return.
     void release() { _released.set_value(); }
 
@@ -41,7 +44,8 @@ class TestObject {
     }
 
     static int echo(sd_bus_message* call, void* object, sd_bus_error*) {
-        called(object);
+        const TestObject& self = called(object);
+        if (self.onEcho) self.onEcho();
         std::uint32_t number = 0;
         ::sd_bus_message_read(call, "u", &number);
         return ::sd_bus_reply_method_return(call, "u", number);

@@ -23,10 +23,8 @@ using testing::Optional;
 
 /// A client that takes everything.
 class SilentClient final : public ClientSessionReplyInterface {
-    std::optional<std::string> sendMessageToClient(const Dictionary&, double, std::uint16_t, std::uint16_t,
-                                                   const Dictionary*) override {
-        return std::nullopt;
-    }
+    void sendMessageToClient(const Dictionary&, double, std::uint16_t, std::uint16_t, const Dictionary*,
+                             ErrorHandler) override {}
 };
 
 /// The agent as far as the hierarchy goes. A session's client type is its level.

@@ -99,14 +99,12 @@ class RecordingClient final : public ClientSessionReplyInterface {
         return std::exchange(_events, {});
     }
 
-    std::optional<std::string> sendMessageToClient(const Dictionary& sessionInfo, double timestamp,
-                                                   std::uint16_t category, std::uint16_t type,
-                                                   const Dictionary* payload) override {
+    void sendMessageToClient(const Dictionary& sessionInfo, double timestamp, std::uint16_t category,
+                             std::uint16_t type, const Dictionary* payload, ErrorHandler) override {
         if (onEvent) onEvent();
         const std::scoped_lock lock(_mutex);
         _events.push_back({sessionInfo, timestamp, category, type,
                            payload != nullptr ? std::optional(*payload) : std::nullopt});
-        return std::nullopt;
     }
 
   private:
