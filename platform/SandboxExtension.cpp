@@ -28,10 +28,15 @@ struct Issued {
 Mutex mutex;
 std::map<std::string, Issued> issuedTokens GUARDED_BY(mutex);
 
-std::size_t countOf(ExtensionOwner owner) REQUIRES(mutex) {
-    return static_cast<std::size_t>(
-        std::count_if(issuedTokens.begin(), issuedTokens.end(),
-                      [=](const auto& entry) { return entry.second.owner == owner; }));
+bool mayHaveAnother(ExtensionOwner owner) REQUIRES(mutex) {
+    std::size_t ofOwner = 0;
+    std::size_t ofUser = 0;
+    for (const auto& [token, issued] : issuedTokens) {
+        if (issued.owner.number == owner.number) ++ofOwner;
+        if (issued.owner.user == owner.user) ++ofUser;
+    }
+    return ofOwner < kExtensionsPerOwner && ofUser < kExtensionsPerUser &&
+           issuedTokens.size() < kExtensionsInAll;
 }
 
 std::optional<Issued> take(const std::string& token) {
@@ -68,9 +73,9 @@ bool names(const std::string& path, int descriptor) {
 
 }  // namespace
 
-ExtensionOwner newExtensionOwner() {
+ExtensionOwner newExtensionOwner(uid_t user) {
     static std::atomic<std::uint64_t> last{0};
-    return ExtensionOwner{++last};
+    return {++last, user};
 }
 
 std::optional<std::string> issueSandboxExtension(ExtensionOwner owner, UniqueDescriptor file,
@@ -78,7 +83,7 @@ std::optional<std::string> issueSandboxExtension(ExtensionOwner owner, UniqueDes
     if (!canBeReadFrom(file)) return std::nullopt;
     std::string token = randomUuidText();
     const MutexLock lock(mutex);
-    if (issuedTokens.size() >= kExtensionsInAll || countOf(owner) >= kExtensionsPerOwner) return std::nullopt;
+    if (!mayHaveAnother(owner)) return std::nullopt;
     issuedTokens.emplace(token, Issued{owner, std::move(file), std::move(removeFile)});
     return token;
 }
@@ -86,12 +91,12 @@ std::optional<std::string> issueSandboxExtension(ExtensionOwner owner, UniqueDes
 bool ownsSandboxExtension(ExtensionOwner owner, const std::string& token) {
     const MutexLock lock(mutex);
     const auto found = issuedTokens.find(token);
-    return found != issuedTokens.end() && found->second.owner == owner;
+    return found != issuedTokens.end() && found->second.owner.number == owner.number;
 }
 
 void revokeSandboxExtensions(ExtensionOwner owner) {
     const MutexLock lock(mutex);
-    std::erase_if(issuedTokens, [=](const auto& entry) { return entry.second.owner == owner; });
+    std::erase_if(issuedTokens, [=](const auto& entry) { return entry.second.owner.number == owner.number; });
 }
 
 SandboxExtension SandboxExtension::consume(const std::string& token, const std::string& path) {

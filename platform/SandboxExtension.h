@@ -2,6 +2,9 @@
 
 #include "platform/UniqueDescriptor.h"
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -14,14 +17,19 @@ namespace quorvane::platform {
 /// whoever consumes the token may read that file through the passed descriptor. A token is a random text,
 /// good once. All functions are thread-safe.
 
-/// Whose tokens they are; one number a connection.
-enum class ExtensionOwner : std::uint64_t {};
+/// Whose tokens they are: a connection, and the user at its other end.
+struct ExtensionOwner {
+    std::uint64_t number;
+    uid_t user;
+};
 
-/// A number that no other connection has had.
-ExtensionOwner newExtensionOwner();
+/// With a number that no other connection has had.
+ExtensionOwner newExtensionOwner(uid_t user);
 
-/// What an owner may have outstanding, and all owners together. Each holds a descriptor open.
+/// What an owner, all owners of one user, and all together may have outstanding. Each holds a descriptor
+/// open.
 inline constexpr std::size_t kExtensionsPerOwner = 64;
+inline constexpr std::size_t kExtensionsPerUser = 1024;
 inline constexpr std::size_t kExtensionsInAll = 4096;
 
 /// Asks the file's owner to remove it. Called at most once, from any thread; must not block.

@@ -46,7 +46,10 @@ void ClientSessionEndpoint::exportSession(platform::BusConnection& connection,
 ClientSessionEndpoint::ClientSessionEndpoint(platform::BusConnection& connection,
                                              std::shared_ptr<ClientSessionInterface> session,
                                              std::shared_ptr<const ClientProxy> client)
-    : _connection(connection), _session(std::move(session)), _client(std::move(client)) {}
+    : _connection(connection),
+      _session(std::move(session)),
+      _client(std::move(client)),
+      _extensionOwner(platform::newExtensionOwner(connection.peer().uid)) {}
 
 ClientSessionEndpoint::~ClientSessionEndpoint() {
     platform::revokeSandboxExtensions(_extensionOwner);

@@ -58,7 +58,7 @@ class ClientSessionEndpoint {
     platform::BusConnection& _connection;  ///< Owns this.
     const std::shared_ptr<ClientSessionInterface> _session;
     const std::shared_ptr<const ClientProxy> _client;
-    const platform::ExtensionOwner _extensionOwner = platform::newExtensionOwner();
+    const platform::ExtensionOwner _extensionOwner;
 };
 
 }  // namespace quorvane

@@ -77,7 +77,7 @@ class UploadBackendTest : public PostingFixture {
     }
 
     std::shared_ptr<QuorvaneBackend> _backend;
-    const platform::ExtensionOwner _owner = platform::newExtensionOwner();
+    const platform::ExtensionOwner _owner = platform::newExtensionOwner(1000);
 
   private:
     std::mutex _guard;

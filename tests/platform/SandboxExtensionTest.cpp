@@ -27,12 +27,19 @@ class SandboxExtensionTest : public RootFixture {
     std::string at(const std::string& name) const { return (fs::canonical(_root) / name).string(); }
 
     std::string issue(const std::string& name, int flags = O_RDONLY, RemoveFileRequest removal = {}) const {
-        return issueSandboxExtension(_owner, UniqueDescriptor(::open(at(name).c_str(), flags | O_CLOEXEC)),
+        return issue(name, flags, std::move(removal), _owner);
+    }
+
+    std::string issue(const std::string& name, int flags, RemoveFileRequest removal,
+                      ExtensionOwner owner) const {
+        return issueSandboxExtension(owner, UniqueDescriptor(::open(at(name).c_str(), flags | O_CLOEXEC)),
                                      std::move(removal))
             .value_or("refused");
     }
 
-    const ExtensionOwner _owner = newExtensionOwner();
+    static constexpr uid_t kUser = 1000;
+
+    const ExtensionOwner _owner = newExtensionOwner(kUser);
 };
 
 TEST_F(SandboxExtensionTest, ATokenIsGoodOnceForItsOwnFileAndItsOwnOwner) {
@@ -41,7 +48,7 @@ TEST_F(SandboxExtensionTest, ATokenIsGoodOnceForItsOwnFileAndItsOwnOwner) {
         issue("file", O_RDONLY, [&](const std::string& which) { removed.push_back(which); });
     EXPECT_GE(token.size(), 32u);
     EXPECT_TRUE(ownsSandboxExtension(_owner, token));
-    EXPECT_FALSE(ownsSandboxExtension(newExtensionOwner(), token));
+    EXPECT_FALSE(ownsSandboxExtension(newExtensionOwner(kUser), token));
     EXPECT_FALSE(ownsSandboxExtension(_owner, "guessed"));
     EXPECT_FALSE(SandboxExtension::consume("guessed", at("file")));
 
@@ -107,14 +114,26 @@ TEST_F(SandboxExtensionTest, OutstandingTokensAreBoundedAndEndWithTheirOwner) {
     first = issue("file");
     EXPECT_NE(first, "refused");
 
-    const ExtensionOwner other = newExtensionOwner();
-    const auto others =
-        issueSandboxExtension(other, UniqueDescriptor(::open(at("file").c_str(), O_RDONLY)), {});
+    const ExtensionOwner other = newExtensionOwner(kUser);
+    const std::string others = issue("file", O_RDONLY, {}, other);
     revokeSandboxExtensions(_owner);
     EXPECT_FALSE(SandboxExtension::consume(first, at("file")));
-    EXPECT_TRUE(ownsSandboxExtension(other, others.value_or("")));
+    EXPECT_TRUE(ownsSandboxExtension(other, others));
     revokeSandboxExtensions(other);
     EXPECT_NE(issue("file"), "refused");
+}
+
+TEST_F(SandboxExtensionTest, OneUserLeavesTokensToTheOthers) {
+    std::vector<ExtensionOwner> owners;
+    std::size_t issued = 0;
+    for (std::size_t owner = 0; owner <= kExtensionsPerUser / kExtensionsPerOwner; ++owner) {
+        owners.push_back(newExtensionOwner(kUser + 1));
+        for (std::size_t token = 0; token < kExtensionsPerOwner; ++token)
+            issued += issue("file", O_RDONLY, {}, owners.back()) != "refused";
+    }
+    EXPECT_EQ(issued, kExtensionsPerUser);
+    EXPECT_NE(issue("file"), "refused");
+    for (const ExtensionOwner owner : owners) revokeSandboxExtensions(owner);
 }
 
 TEST_F(SandboxExtensionTest, ManyThreadsIssueAndConsumeAtOnce) {

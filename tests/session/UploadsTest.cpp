@@ -41,7 +41,7 @@ TEST_F(UploadsTest, OneBackendThatTakesTheUploadIsEnough) {
     write("a b.log", "contents");
     const std::string path = std::filesystem::canonical(_root) / "a b.log";
     const std::string url = "file://" + (std::filesystem::canonical(_root) / "a%20b.log").string();
-    const auto owner = platform::newExtensionOwner();
+    const auto owner = platform::newExtensionOwner(1000);
     platform::UniqueDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     const std::string token = platform::issueSandboxExtension(owner, std::move(file), {}).value_or("");
 
