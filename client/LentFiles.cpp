@@ -14,13 +14,26 @@ namespace quorvane::client {
 
 using platform::MutexLock;
 
+namespace {
+
+/// The absolute path without links, "." and ".." in the way to the file: of a file in a folder that it may
+/// not search the daemon knows such a path only.
+std::string withoutDetours(const std::filesystem::path& path, std::error_code& error) {
+    const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+    if (error) return {};
+    const std::filesystem::path folder = std::filesystem::canonical(absolute.parent_path(), error);
+    return (folder / absolute.filename()).string();
+}
+
+}  // namespace
+
 Result<std::shared_ptr<const OpenFile>> openRegularFile(const std::string& path) {
     const auto failure = [&path](ErrorCode code, const char* why) {
         return Error{code, "cannot upload " + path + ": " + why};
     };
     std::error_code error;
     auto file = std::make_shared<OpenFile>();
-    file->path = std::filesystem::absolute(path, error).string();
+    file->path = withoutDetours(path, error);
     if (error) return failure(ErrorCode::System, std::strerror(error.value()));
     file->descriptor.reset(
         ::open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));

@@ -16,7 +16,7 @@ namespace quorvane::client {
 
 /// A regular file open for reading. While it is open, no other file can take its place under its number.
 struct OpenFile {
-    std::string path;  ///< Absolute.
+    std::string path;  ///< Absolute and, but for its last component, without links, "." and "..".
     platform::UniqueDescriptor descriptor;
     std::uint64_t bytes = 0;
     dev_t device = 0;

@@ -144,6 +144,18 @@ TEST(Upload, NeverRemovesWhatHasTakenTheFilesPlace) {
     EXPECT_TRUE(fs::exists(other));
 }
 
+TEST(Upload, NamesTheFileWithoutLinksAndDotsInItsPath) {
+    UploadPeer uploads;
+    Client client = connectTo(uploads.peer);
+    const fs::path folder = fs::canonical(uploads.peer.folder());
+    writeFile(folder / "file", "x");
+    fs::create_directory(folder / "sub");
+    fs::create_directory_symlink(".", folder / "here");
+    uploads.onPeer([&] { uploads.takes = false; });
+    EXPECT_EQ(*client.uploadFile((folder / "here/sub/.././file").string()), false);
+    uploads.onPeer([&] { EXPECT_EQ(uploads.url, "file://" + (folder / "file").string()); });
+}
+
 TEST(Upload, LendsRegularFilesOnly) {
     UploadPeer uploads;
     Client client = connectTo(uploads.peer);
