@@ -72,7 +72,10 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
         flush(nullptr);
         count = 0;
     }
-    hold(std::move(event), method, count + 1);
+    if (hold(event, method, count + 1)) return;
+    flush(nullptr);
+    count = openBatch(method);
+    if (!hold(event, method, count + 1)) warnOfDrop();
 }
 
 std::int32_t HTTPSPostBackend::openBatch(std::int64_t method) {
@@ -82,27 +85,26 @@ std::int32_t HTTPSPostBackend::openBatch(std::int64_t method) {
     return held != _eventMethodCounts.end() ? held->second : 0;
 }
 
-void HTTPSPostBackend::hold(Dictionary event, std::int64_t method, std::int32_t count) {
+/// False, and the event stays the caller's, when there is no room for it.
+bool HTTPSPostBackend::hold(Dictionary& event, std::int64_t method, std::int32_t count) {
     const std::size_t bytes = sizeof(Value) + platform::heldBytes(event);
-    bool warn = false;
+    const MutexLock lock(_lock);
+    // A flush that posted took the batch away, and the record that caused it goes with it, on purpose.
+    if (_batchedEvents) {
+        if (!_heldBytes.add(bytes)) return false;
+        _batchedEvents->emplace_back(std::move(event));
+    }
+    _eventMethodCounts[method] = count;
+    return true;
+}
+
+void HTTPSPostBackend::warnOfDrop() {
     {
         const MutexLock lock(_lock);
-        if (bytes > kMaximumHeldBytes - _heldBytes) {
-            warn = !std::exchange(_dropWarned, true);
-        } else {
-            _eventMethodCounts[method] = count;
-            // A flush that posted took the batch away, and the record that caused it goes with it, on
-            // purpose.
-            if (_batchedEvents) {
-                _batchedEvents->emplace_back(std::move(event));
-                _heldBytes += bytes;
-            }
-        }
+        if (std::exchange(_dropWarned, true)) return;
     }
-    if (warn)
-        platform::logWarning(
-            "HTTPSPostBackend(batchEvent): {} holds {} bytes of events and drops further ones", name(),
-            kMaximumHeldBytes);
+    platform::logWarning("HTTPSPostBackend(batchEvent): {} has no room to hold further events and drops them",
+                         name());
 }
 
 QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
@@ -124,7 +126,7 @@ Array HTTPSPostBackend::takeBatch() {
     Array events = std::move(*_batchedEvents);
     _batchedEvents.reset();
     _eventMethodCounts.clear();
-    _heldBytes = 0;
+    _heldBytes.clear();
     _dropWarned = false;
     return events;
 }

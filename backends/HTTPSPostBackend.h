@@ -1,6 +1,7 @@
 #pragma once
 
 #include "backends/EventFilters.h"
+#include "backends/HeldBytes.h"
 #include "backends/QuorvaneBackend.h"
 #include "platform/HttpSession.h"
 
@@ -20,11 +21,6 @@ namespace quorvane {
 /// says whether and where this backend reports.
 class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared_from_this<HTTPSPostBackend> {
   public:
-    /// What the held records of one backend may take, estimated; a record past it is dropped with one warning
-    /// until the batch is emptied. A client whose backend never gets to report would otherwise fill the
-    /// memory.
-    static constexpr std::size_t kMaximumHeldBytes = 16u << 20;
-
     /// Null without a profile or a product family, and null with an error line without "clients" in the
     /// profile.
     static std::shared_ptr<HTTPSPostBackend> initWithName(const std::string& name,
@@ -86,7 +82,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     bool holdsEvents() const;
     void batchEvent(Dictionary event);
     std::int32_t openBatch(std::int64_t method);
-    void hold(Dictionary event, std::int64_t method, std::int32_t count);
+    bool hold(Dictionary& event, std::int64_t method, std::int32_t count);
+    void warnOfDrop();
     Array takeBatch();
     void addUserInfo(Array& events) const;
     /// Both write the posted text where it is asked for: it costs as much as the message itself.
@@ -124,7 +121,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     /// Nothing, rather than empty, once a flush has taken the records.
     std::optional<Array> _batchedEvents GUARDED_BY(_lock);
     std::unordered_map<std::int64_t, std::int32_t> _eventMethodCounts GUARDED_BY(_lock);
-    std::size_t _heldBytes GUARDED_BY(_lock) = 0;
+    /// Estimated. A record that has no room and cannot be posted is dropped, with one warning until the batch
+    /// is emptied: a client whose backend never gets to report would otherwise fill the memory.
+    HeldBytes _heldBytes GUARDED_BY(_lock);
     bool _dropWarned GUARDED_BY(_lock) = false;
 };
 

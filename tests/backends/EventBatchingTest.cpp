@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 namespace quorvane {
 namespace {
 
@@ -94,9 +96,25 @@ TEST_F(EventBatchingTest, BoundsWhatItHolds) {
     backend->setState(BackendState::Enabled);
     EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 15u);
     backend->setBatchEvents(true);
-    send(*backend, payload);
-    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 1u);
+    for (int n = 0; n < 20; ++n) send(*backend, payload);
+    EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 5u) << "a full batch is posted";
+    EXPECT_EQ(logged("<7>HTTPSPostBackend(flushMessages): called"), 3u);
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 1u);
+}
+
+TEST(HeldBytes, AreBoundedForOneAndForAll) {
+    std::array<HeldBytes, HeldBytes::kMaximumInAll / HeldBytes::kMaximum> all;
+    for (HeldBytes& each : all) {
+        EXPECT_TRUE(each.add(HeldBytes::kMaximum));
+        EXPECT_FALSE(each.add(1));
+    }
+    {
+        HeldBytes another;
+        EXPECT_FALSE(another.add(1));
+        all[0].clear();
+        EXPECT_TRUE(another.add(HeldBytes::kMaximum));
+    }
+    EXPECT_TRUE(all[0].add(1)) << "what is gone counts no more";
 }
 
 }  // namespace
