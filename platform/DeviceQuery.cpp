@@ -67,10 +67,11 @@ utsname kernel() {
     return names;
 }
 
-/// A distribution without image builds gives none; its kernel's release tells builds apart then.
-Answer build() {
-    Answer image = osRelease("BUILD_ID");
-    return image ? image : trimmed(kernel().release);
+/// A distribution without numbered versions or image builds gives none; the kernel's release tells them apart
+/// then.
+Answer release(const char* field) {
+    Answer stated = osRelease(field);
+    return stated ? stated : trimmed(kernel().release);
 }
 
 /// Machines whose firmware does not say what they are, containers among them, are told by architecture.
@@ -81,8 +82,8 @@ Answer productType() {
 
 Answer systemInformation(std::string_view key) {
     if (key == "UniqueDeviceID") return machineId();
-    if (key == "ProductVersion") return osRelease("VERSION_ID");
-    if (key == "BuildVersion") return build();
+    if (key == "ProductVersion") return release("VERSION_ID");
+    if (key == "BuildVersion") return release("BUILD_ID");
     if (key == "ReleaseType") return osRelease("RELEASE_TYPE");
     if (key == "DeviceName") return trimmed(kernel().nodename);
     if (key == "ProductType") return productType();
