@@ -33,6 +33,7 @@ constexpr std::size_t kIdentifierAt = 20;
 constexpr std::size_t kIdentifierBytes = 40;
 constexpr std::size_t kLengthAt = 14;
 /// Room is left for the NUL that ends a text.
+constexpr std::size_t kMaximumLogLine = 1151;
 constexpr std::size_t kMaximumText = DashboardBackend::kDatagramBytes - DashboardBackend::kHeaderBytes - 1;
 
 void put(Data& bytes, std::size_t at, std::uint16_t number) {
@@ -77,8 +78,9 @@ std::vector<Rendering> renderings(const Dictionary& message) {
     result.reserve(message.size());
     for (const auto& [key, value] : message)
         result.push_back({key, DashboardBackend::descriptionForObject(value)});
-    std::stable_sort(result.begin(), result.end(),
-                     [](const auto& a, const auto& b) { return a.value.size() < b.value.size(); });
+    std::stable_sort(result.begin(), result.end(), [](const auto& a, const auto& b) {
+        return platform::utf16Length(a.value) < platform::utf16Length(b.value);
+    });
     return result;
 }
 
@@ -277,13 +279,15 @@ std::string DashboardBackend::sanitize(std::string_view text) {
 std::string DashboardBackend::writeLocalLog(std::span<const std::uint8_t> datagram) {
     const auto complemented16 = [&](std::size_t at) { return complement(number16(datagram, at)); };
     // Keys and identifier stand in the datagram as they came; a line of a log takes no control character.
-    return platform::escapedControls(
+    std::string line = platform::escapedControls(
         fmt::format("{}.{:03} {} 127.0.0.1 {} {:5} {:5} {:5} {:5} {:5} {}", number32(datagram, 4),
                     datagram[3] * 4, textAt(datagram, kIdentifierAt, kIdentifierBytes),
                     senderCode(datagram[1]), complemented16(12), ~number32(datagram, 8),
                     number16(datagram, 60), number16(datagram, 16), number16(datagram, 18),
                     textAt(datagram, kHeaderBytes, datagram.size() - kHeaderBytes)),
         "");
+    if (line.size() > kMaximumLogLine) line.resize(kMaximumLogLine);
+    return line;
 }
 
 }  // namespace quorvane

@@ -2,6 +2,7 @@
 
 #include "platform/Crypto.h"
 #include "platform/RandomDraw.h"
+#include "platform/Text.h"
 #include "util/Conversions.h"
 
 #include <charconv>
@@ -16,17 +17,6 @@ namespace quorvane {
 using platform::MutexLock;
 
 namespace {
-
-std::size_t utf16Length(std::string_view utf8) {
-    std::size_t units = 0;
-    for (const char c : utf8) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool continuation = (byte & 0xc0) == 0x80;
-        const bool outsideBasicPlane = byte >= 0xf0;
-        units += continuation ? 0 : outsideBasicPlane ? 2 : 1;
-    }
-    return units;
-}
 
 /// The leading integer of the text; 0 when there is none.
 int leadingInteger(std::string_view text) {
@@ -48,7 +38,7 @@ std::string QuorvaneBackend::convertIntoSHA256(std::string_view text) {
     static constexpr char digits[] = "0123456789abcdef";
     // Deliberately fewer bytes than the text has when it is not ASCII; receivers compare with digests made
     // so.
-    const std::string_view hashed = text.substr(0, utf16Length(text));
+    const std::string_view hashed = text.substr(0, platform::utf16Length(text));
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(hashed.data());
     const platform::Sha256Digest digest = platform::sha256(std::span(bytes, hashed.size()));
     std::string hex(2 * digest.size(), '0');

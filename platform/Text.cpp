@@ -145,6 +145,17 @@ bool isUtf8(std::string_view text) {
     }
 }
 
+std::size_t utf16Length(std::string_view text) {
+    std::size_t units = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool continuation = (byte & 0xc0) == 0x80;
+        const bool outsideBasicPlane = byte >= 0xf0;
+        units += continuation ? 0 : outsideBasicPlane ? 2 : 1;
+    }
+    return units;
+}
+
 std::optional<std::string> utf8FromUtf16(std::u16string_view text) {
     const auto isHalf = [](char32_t unit, char32_t first) { return unit >= first && unit < first + 0x400; };
     constexpr char32_t leading = 0xd800;

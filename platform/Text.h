@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,8 @@ bool containsIgnoringCase(std::string_view text, std::string_view part);
 
 /// Whether the text is well-formed UTF-8 (RFC 3629).
 bool isUtf8(std::string_view text);
+/// How many code units the text, which is UTF-8, has in UTF-16.
+std::size_t utf16Length(std::string_view text);
 /// The text in UTF-8; nothing when half of a surrogate pair stands alone in it.
 std::optional<std::string> utf8FromUtf16(std::u16string_view text);
 /// The text in UTF-16; nothing when it is not UTF-8.

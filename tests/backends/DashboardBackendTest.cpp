@@ -73,6 +73,9 @@ TEST_F(DashboardBackendTest, WritesTheShortestValuesFirstAndEscapesThem) {
         " a b==1 x=empty y=\\\\ z=a\\=b w=null v=12345");
     EXPECT_EQ(textOf({{"date", Date{}}, {"data", Data{1}}, {"half", 0.5}, {"gone", std::string("a\0b", 3)}}),
               " gone=a half=0.5 data=null date=null");
+    EXPECT_EQ(textOf({{"long", "abcd"}, {"short", "\xc3\xa9\xc3\xa9\xc3\xa9"}}),
+              " short=\xc3\xa9\xc3\xa9\xc3\xa9 long=abcd")
+        << "characters count, not bytes";
 }
 
 TEST_F(DashboardBackendTest, CutsTheTextAt1023Bytes) {
@@ -86,6 +89,7 @@ TEST_F(DashboardBackendTest, AnswersWithOneLineForTheLocalLog) {
     EXPECT_EQ(sendTo(*sender, {{"a", 1}}),
               "12.344 0123456789abcdef 127.0.0.1 CFX   258 16909060  5398  4370  4884  a=1");
     EXPECT_EQ(sendTo(*sender, {{"a\r\nforged", "b\rc"}}).value_or("").find("4884  a\\r\\nforged=b\\rc"), 66u);
+    EXPECT_EQ(sendTo(*sender, {{"a", std::string(1'000, '\1')}}).value_or("").size(), 1'151u);
 }
 
 TEST_F(DashboardBackendTest, SurvivesFactsOutOfRange) {
