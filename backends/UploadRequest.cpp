@@ -12,7 +12,6 @@ platform::HttpRequest uploadRequest(std::string url, Data body) {
     request.method = "POST";
     request.headers = {{"Content-Type", "application/octet-stream"}};
     request.body = std::move(body);
-    request.maximumResponseBytes = 1u << 20;
     return request;
 }
 

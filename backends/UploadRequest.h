@@ -8,8 +8,7 @@
 
 namespace quorvane {
 
-/// A POST of raw bytes to an upload server, without a time limit as long as something moves. A reply larger
-/// than 1 MiB is an error.
+/// A POST of raw bytes to an upload server, without a time limit as long as something moves.
 platform::HttpRequest uploadRequest(std::string url, Data body);
 
 /// The reply as text; nothing when it is not UTF-8.

@@ -111,7 +111,7 @@ TEST_F(UploadBackendTest, PostsTheFileWithItsQueryKeysAndHasItRemoved) {
 }
 
 TEST_F(UploadBackendTest, AnyAnswerCountsAndOnlySuccessRemovesTheFile) {
-    const std::string large = std::string(1u << 20, ' ') + "success";
+    const std::string large = std::string(16u << 20, ' ') + "success";
     for (const ServerAnswer& answer : {ServerAnswer{200, {}, "ok"},
                                        {200, {}, "Success"},
                                        {204, {}, ""},
