@@ -101,9 +101,9 @@ bool contained(const QuorvaneClass& objectClass, std::string_view operation, Fun
         function();
         return true;
     } catch (const std::exception& exception) {
-        logError("CodeObject({}): <{}> threw: {}", operation, objectClass.name, exception.what());
+        logError("contained: {} of <{}> threw: {}", operation, objectClass.name, exception.what());
     } catch (...) {
-        logError("CodeObject({}): <{}> threw something", operation, objectClass.name);
+        logError("contained: {} of <{}> threw something", operation, objectClass.name);
     }
     return false;
 }

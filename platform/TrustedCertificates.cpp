@@ -51,7 +51,7 @@ void trustConfiguredCertificates(SSL_CTX& context) {
         const std::optional<Data> pem = readFile(path, kMaximumFileBytes);
         ERR_clear_error();
         if (!pem || !addCertificates(*store, *pem))
-            logWarning("HttpSession: {} holds no readable certificates", path);
+            logWarning("trustConfiguredCertificates: {} holds no readable certificates", path);
         ERR_clear_error();
     }
 }

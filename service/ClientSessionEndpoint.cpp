@@ -65,8 +65,7 @@ int ClientSessionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_er
         return ::sd_bus_error_setf(error, SD_BUS_ERROR_INVALID_ARGS, "The arguments cannot be read (%s)",
                                    std::strerror(-result));
     } catch (const std::exception& thrown) {
-        platform::logError("ClientSessionEndpoint: {} failed: {}", ::sd_bus_message_get_member(call),
-                           thrown.what());
+        platform::logError("serve: {} failed: {}", ::sd_bus_message_get_member(call), thrown.what());
         return ::sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "The call could not be served");
     }
 }

@@ -112,12 +112,12 @@ TEST_F(CodeBundleTest, AClassMayMakeNothingAndAnswerNothingAndThrow) {
     EXPECT_EQ(logged("<"), 0u);
 
     EXPECT_EQ(CodeObject::init(classOfGoodBundle("Unmakeable")), nullptr);
-    EXPECT_EQ(logged("<3>CodeObject(init): <Unmakeable> threw: no room"), 1u);
+    EXPECT_EQ(logged("<3>contained: init of <Unmakeable> threw: no room"), 1u);
     auto object = CodeObject::init(classOfGoodBundle("OsselAdaptor"));
     object->invoke(*object->operationWithSelector(kSelector), 1, 2, {});
-    EXPECT_EQ(logged("<3>CodeObject(sendMessageWithMethod:respCode:dict:): <OsselAdaptor> threw: "), 1u);
+    EXPECT_EQ(logged("<3>contained: sendMessageWithMethod:respCode:dict: of <OsselAdaptor> threw: "), 1u);
     object.reset();
-    EXPECT_EQ(logged("<3>CodeObject(dealloc): <OsselAdaptor> threw something"), 1u);
+    EXPECT_EQ(logged("<3>contained: dealloc of <OsselAdaptor> threw something"), 1u);
 }
 
 }  // namespace

@@ -109,7 +109,8 @@ TEST_F(HttpSessionTest, TrustsTheConfiguredCertificatesAndNoOther) {
     HttpsServer trusted(_root);
     HttpsServer stranger;
     EXPECT_EQ(errorOf(trusted.url("/")), "no error");
-    EXPECT_GE(logged("<4>HttpSession: " + (_root / "etc/quorvane/trust/damaged.pem").string()), 1u);
+    EXPECT_GE(
+        logged("<4>trustConfiguredCertificates: " + (_root / "etc/quorvane/trust/damaged.pem").string()), 1u);
     EXPECT_GE(logged("empty.pem holds no readable certificates"), 1u);
     EXPECT_TRUE(containsIgnoringCase(errorOf(stranger.url("/")), "certificate"));
     EXPECT_EQ(stranger.requestCount(), 0u);
