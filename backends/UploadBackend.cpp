@@ -1,7 +1,7 @@
 #include "backends/UploadBackend.h"
 
 #include "backends/UploadRequest.h"
-#include "backends/UploadRoom.h"
+#include "platform/ByteRoom.h"
 #include "platform/Log.h"
 #include "platform/SandboxExtension.h"
 #include "platform/Url.h"
@@ -35,10 +35,10 @@ constexpr std::size_t kRoomBytes = 64u << 20;
 /// A client whose file system stalls holds its room; the others must not wait for ever.
 constexpr std::chrono::minutes kPatience{10};
 
-UploadRoom& roomFor(std::size_t fileBytes) {
+platform::ByteRoom& roomFor(std::size_t fileBytes) {
     // Neither ends before the process does: uploads may still run then.
-    static auto* const small = new UploadRoom(kRoomBytes);
-    static auto* const large = new UploadRoom(kRoomBytes);
+    static auto* const small = new platform::ByteRoom(kRoomBytes);
+    static auto* const large = new platform::ByteRoom(kRoomBytes);
     return fileBytes <= kSmallFileBytes ? *small : *large;
 }
 
@@ -116,7 +116,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const char* extens
         logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
         return false;
     }
-    std::optional<UploadRoom::Share> room = roomFor(*size).enter(*size, kPatience);
+    std::optional<platform::ByteRoom::Share> room = roomFor(*size).enter(*size, kPatience);
     if (!room) {
         logError("UploadBackend(uploadFileAtPath): No room for file {}", path);
         return false;

@@ -1,10 +1,11 @@
 #include "platform/HttpSession.h"
 
+#include "platform/ByteRoom.h"
 #include "platform/HttpTransfer.h"
 #include "platform/Thread.h"
+#include "platform/ThreadAnnotations.h"
 
 #include <curl/curl.h>
-#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <climits>
@@ -12,7 +13,7 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <semaphore>
 #include <utility>
 #include <variant>
@@ -27,13 +28,13 @@ constexpr std::size_t kTransfersPerServer = 8;
 constexpr long kIdleConnections = 16;
 /// About what a waiting request takes beside its body.
 constexpr std::size_t kRequestBytes = 1024;
-/// A backlog of this many bytes is worth giving back to the system when it is gone.
-constexpr std::size_t kLargeBacklogBytes = 4u << 20;
+constexpr std::size_t kWaitingBytes = 16u << 20;
 
 struct Task {
     HttpRequest request;
     HttpCompletion completion;
-    std::size_t bytes = 0;
+    /// What it takes of the room for waiting bodies, if it counts there.
+    std::optional<ByteRoom::Share> room = {};
     bool isAwaited = false;  ///< A thread does nothing else until the request is done.
 };
 
@@ -43,55 +44,37 @@ std::string serverOf(const std::string& url) {
     return url.substr(0, scheme == std::string::npos ? 0 : url.find('/', scheme + 3));
 }
 
-/// The bound on what waits, and the count of what has not completed.
-class Backlog {
+/// How many requests have not completed.
+class Unfinished {
   public:
-    /// Waits until the bytes fit; none always do.
-    void enter(std::size_t bytes) {
-        std::unique_lock lock(_mutex);
-        _changed.wait(lock, [&] { return bytes == 0 || _bytes == 0 || _bytes + bytes <= _bound; });
-        _bytes += bytes;
-        ++_unfinished;
+    void add() {
+        const MutexLock lock(_mutex);
+        ++_count;
     }
 
-    void leave(std::size_t bytes) {
-        bool largeOneIsGone = false;
-        {
-            const std::lock_guard lock(_mutex);
-            _wasLarge = _wasLarge || _bytes >= kLargeBacklogBytes;
-            _bytes -= bytes;
-            --_unfinished;
-            if (_bytes == 0) largeOneIsGone = std::exchange(_wasLarge, false);
-            _changed.notify_all();
-        }
-        if (largeOneIsGone) ::malloc_trim(0);
+    void remove() {
+        const MutexLock lock(_mutex);
+        if (--_count == 0) _changed.notify_all();
     }
 
-    void setBound(std::size_t bytes) {
-        const std::lock_guard lock(_mutex);
-        _bound = bytes;
-        _changed.notify_all();
-    }
-
-    bool waitUntilEmpty(std::chrono::milliseconds atMost) {
-        std::unique_lock lock(_mutex);
-        return _changed.wait_for(lock, atMost, [&] { return _unfinished == 0; });
+    bool waitForNone(std::chrono::milliseconds atMost) {
+        const auto end = std::chrono::steady_clock::now() + atMost;
+        const MutexLock lock(_mutex);
+        bool inTime = true;
+        while (inTime && _count > 0) inTime = _changed.wait_until(_mutex, end) == std::cv_status::no_timeout;
+        return _count == 0;
     }
 
   private:
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    // Guarded by the mutex.
-    std::size_t _bytes = 0;
-    bool _wasLarge = false;
-    std::size_t _unfinished = 0;
-    std::size_t _bound = 16u << 20;
+    Mutex _mutex;
+    std::condition_variable_any _changed;
+    std::size_t _count GUARDED_BY(_mutex) = 0;
 };
 
 /// The one thread that carries all requests out.
 class SessionThread {
   public:
-    explicit SessionThread(Backlog& backlog) : _backlog(backlog) {}
+    explicit SessionThread(Unfinished& unfinished) : _unfinished(unfinished) {}
 
     /// False when libcurl or the kernel refuses.
     bool start() {
@@ -109,7 +92,7 @@ class SessionThread {
     /// From any thread.
     void submit(Task task) {
         {
-            const std::lock_guard lock(_mutex);
+            const MutexLock lock(_mutex);
             _submitted.push_back(std::move(task));
         }
         curl_multi_wakeup(_multi);
@@ -123,8 +106,7 @@ class SessionThread {
     using ServerEntry = std::map<std::string, Server>::iterator;
     struct Active {
         std::unique_ptr<HttpTransfer> transfer;
-        HttpCompletion completion;
-        std::size_t bytes = 0;
+        Task task;  ///< Its request is the transfer's.
         ServerEntry server;
     };
 
@@ -141,7 +123,7 @@ class SessionThread {
     void takeSubmitted() {
         std::deque<Task> submitted;
         {
-            const std::lock_guard lock(_mutex);
+            const MutexLock lock(_mutex);
             submitted.swap(_submitted);
         }
         for (Task& task : submitted) {
@@ -169,17 +151,17 @@ class SessionThread {
     void startTransfer(Task task, ServerEntry server) {
         auto made = HttpTransfer::initWithRequest(std::move(task.request));
         if (auto* fault = std::get_if<std::string>(&made)) {
-            complete(task.completion, task.bytes, {.error = std::move(*fault)});
+            complete(std::move(task), {.error = std::move(*fault)});
             return;
         }
         auto& transfer = std::get<std::unique_ptr<HttpTransfer>>(made);
         CURL* handle = transfer->handle();
         if (curl_multi_add_handle(_multi, handle) != CURLM_OK) {
-            complete(task.completion, task.bytes, {.error = "the HTTP library refused the request"});
+            complete(std::move(task), {.error = "the HTTP library refused the request"});
             return;
         }
         ++server->second.active;
-        _active.emplace(handle, Active{std::move(transfer), std::move(task.completion), task.bytes, server});
+        _active.emplace(handle, Active{std::move(transfer), std::move(task), server});
     }
 
     void finishTransfers() {
@@ -191,50 +173,56 @@ class SessionThread {
             Active active = std::move(found->second);
             _active.erase(found);
             curl_multi_remove_handle(_multi, active.transfer->handle());
-            complete(active.completion, active.bytes, active.transfer->takeResult(code));
+            complete(std::move(active.task), active.transfer->takeResult(code));
             --active.server->second.active;
             startWaiting(active.server);
         }
     }
 
-    void complete(HttpCompletion& completion, std::size_t bytes, HttpResult result) {
-        if (completion) completion(std::move(result));
-        completion = nullptr;  // What it holds ends before anyone who drains is told.
-        _backlog.leave(bytes);
+    void complete(Task task, HttpResult result) {
+        if (task.completion) task.completion(std::move(result));
+        // What it holds ends before anyone who drains is told.
+        task.completion = nullptr;
+        task.room.reset();
+        _unfinished.remove();
     }
 
-    Backlog& _backlog;
+    Unfinished& _unfinished;
     CURLM* _multi = nullptr;
-    std::mutex _mutex;
-    std::deque<Task> _submitted;  ///< Guarded by the mutex.
+    Mutex _mutex;
+    std::deque<Task> _submitted GUARDED_BY(_mutex);
     // The thread's own.
     std::map<std::string, Server> _servers;
     std::map<CURL*, Active> _active;
 };
 
-/// Neither ends before the process does, since the thread never ends.
-Backlog& backlog() {
-    static auto* const shared = new Backlog();
+/// None of these ends before the process does, since the thread never ends.
+ByteRoom& waitingBytes() {
+    static auto* const shared = new ByteRoom(kWaitingBytes);
+    return *shared;
+}
+
+Unfinished& unfinished() {
+    static auto* const shared = new Unfinished();
     return *shared;
 }
 
 /// Null when it could not be started.
 SessionThread* sessionThread() {
     static SessionThread* const shared = [] {
-        auto thread = std::make_unique<SessionThread>(backlog());
+        auto thread = std::make_unique<SessionThread>(unfinished());
         return thread->start() ? thread.release() : nullptr;
     }();
     return shared;
 }
 
-/// Waits until there is room for the task's bytes.
 void start(Task task) {
     SessionThread* const thread = sessionThread();
     if (thread == nullptr) {
         if (task.completion) task.completion({.error = "the HTTP session could not be started"});
         return;
     }
-    backlog().enter(task.bytes);
+    unfinished().add();
     thread->submit(std::move(task));
 }
 
@@ -242,7 +230,9 @@ void start(Task task) {
 
 void startDataTask(HttpRequest request, HttpCompletion completion) {
     const std::size_t bytes = kRequestBytes + request.body.size();
-    start({.request = std::move(request), .completion = std::move(completion), .bytes = bytes});
+    start({.request = std::move(request),
+           .completion = std::move(completion),
+           .room = waitingBytes().enter(bytes)});
 }
 
 HttpResult performDataTask(HttpRequest request) {
@@ -258,11 +248,11 @@ HttpResult performDataTask(HttpRequest request) {
 }
 
 void setHttpWaitingBytesBound(std::size_t bytes) {
-    backlog().setBound(bytes);
+    waitingBytes().setBytes(bytes);
 }
 
 bool drainHttpSession(std::chrono::milliseconds atMost) {
-    return backlog().waitUntilEmpty(atMost);
+    return unfinished().waitForNone(atMost);
 }
 
 }  // namespace quorvane::platform

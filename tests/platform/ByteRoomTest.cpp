@@ -1,4 +1,4 @@
-#include "backends/UploadRoom.h"
+#include "platform/ByteRoom.h"
 
 #include <future>
 #include <limits>
@@ -7,15 +7,15 @@
 
 #include <gtest/gtest.h>
 
-namespace quorvane {
+namespace quorvane::platform {
 namespace {
 
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kLong = 20s;
 
-TEST(UploadRoom, HoldsNoMoreThanItsBytes) {
-    UploadRoom room(10);
+TEST(ByteRoom, HoldsNoMoreThanItsBytes) {
+    ByteRoom room(10);
     const auto first = room.enter(6, 0ms);
     auto second = room.enter(4, 0ms);
     EXPECT_TRUE(first && second);
@@ -26,8 +26,8 @@ TEST(UploadRoom, HoldsNoMoreThanItsBytes) {
     EXPECT_TRUE(room.enter(1, 0ms));
 }
 
-TEST(UploadRoom, WhoWantsMoreThanAllGetsItAlone) {
-    UploadRoom room(10);
+TEST(ByteRoom, WhoWantsMoreThanAllGetsItAlone) {
+    ByteRoom room(10);
     auto small = room.enter(1, 0ms);
     EXPECT_FALSE(room.enter(11, 0ms));
     small.reset();
@@ -36,8 +36,8 @@ TEST(UploadRoom, WhoWantsMoreThanAllGetsItAlone) {
     EXPECT_FALSE(room.enter(1, 0ms));
 }
 
-TEST(UploadRoom, EveryoneGetsATurn) {
-    UploadRoom room(10);
+TEST(ByteRoom, EveryoneGetsATurn) {
+    ByteRoom room(10);
     auto first = room.enter(6, 0ms);
     std::promise<void> asked;
     auto large = std::async(std::launch::async, [&] {
@@ -53,8 +53,8 @@ TEST(UploadRoom, EveryoneGetsATurn) {
     EXPECT_TRUE(behind.get());
 }
 
-TEST(UploadRoom, ManyThreadsShareIt) {
-    UploadRoom room(100);
+TEST(ByteRoom, ManyThreadsShareIt) {
+    ByteRoom room(100);
     std::atomic<std::size_t> taken{0};
     std::atomic<bool> overfull{false};
     {
@@ -74,4 +74,4 @@ TEST(UploadRoom, ManyThreadsShareIt) {
 }
 
 }  // namespace
-}  // namespace quorvane
+}  // namespace quorvane::platform
