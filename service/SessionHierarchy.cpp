@@ -66,9 +66,10 @@ void SessionHierarchy::forgetEmptied(Groups::iterator group) {
         _emptiedKeyBytes += bytes;
 }
 
-void SessionHierarchy::takeLevel(const QuorvanedSession& session, std::int32_t level) {
+void SessionHierarchy::takeLevel(const QuorvanedSession& session) {
+    const std::scoped_lock lock(_lock);
     const auto filed = _filed.find(&session);
-    if (filed != _filed.end()) filed->second->second.setLevel(session, level);
+    if (filed != _filed.end()) filed->second->second.setLevel(session, session.getSessionHierarchy());
 }
 
 // Looking up.
@@ -160,12 +161,13 @@ QuorvanedSession* SessionHierarchy::getAncestorWithAggregatorForSession(
 void SessionHierarchy::updateDownstreamSessions(QuorvanedSession& session) {
     if (session.userInfo() == nullptr) {
         logInfo("updateDownstreamSessions: No user info found for session {}", session.sessionID());
+        takeLevel(session);
         return;
     }
     const std::string key = keyOf(session);
     const std::int32_t hierarchy = session.getSessionHierarchy();
     const std::scoped_lock lock(_lock);
-    takeLevel(session, hierarchy);
+    takeLevel(session);
     session.updateCombinedSessionID();
     session.syncReportingStates();
     const bool ancestorAggregates = hierarchy >= 1 && getAncestorWithAggregatorForSession(session) != nullptr;

@@ -52,7 +52,7 @@ class SessionHierarchy {
     bool holds(const SessionList& list, const QuorvanedSession& session) const;
     Groups::iterator groupForKey(const std::string& key);
     void forgetEmptied(Groups::iterator group);
-    void takeLevel(const QuorvanedSession& session, std::int32_t level);
+    void takeLevel(const QuorvanedSession& session);
 
     std::recursive_mutex& _lock;
     Groups _correlatedSessions;  ///< By key. Emptied groups stay, so that they are not counted again.

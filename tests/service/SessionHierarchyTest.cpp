@@ -165,6 +165,17 @@ TEST_F(SessionHierarchyTest, ASessionThatIsFiledAnewStaysTheParentOfItsChildren)
     EXPECT_EQ(meanwhile, top.get());
 }
 
+TEST_F(SessionHierarchyTest, ASessionWithoutItsUserInfoIsNobodysParentAnyLonger) {
+    const Session top = started(0);
+    const Session middle = started(1);
+    const Session child = started(2);
+    ASSERT_EQ(parentOf(child), middle.get());
+    middle->setSessionInfo({{"SessionID", 101}, {"ClientType", 1}, {"RequireUserInfo", true}}, std::nullopt,
+                           {}, false);
+    middle->startConfigWithCompletionHandler({});
+    EXPECT_EQ(parentOf(child), nullptr) << "its new backend knows no level";
+}
+
 TEST_F(SessionHierarchyTest, KeysOfEmptiedGroupsAreForgottenPastTheirBound) {
     const Session member = started(0);
     const auto rename = [&](char letter) {
