@@ -15,11 +15,6 @@ bool isControlOrBlank(char c) {
     return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f;
 }
 
-/// A path ends at these, and a file has nothing that could follow it.
-bool isDelimiter(char c) {
-    return c == '?' || c == '#';
-}
-
 std::optional<char> decodedByte(std::string_view twoDigits) {
     unsigned byte = 0;
     const char* end = twoDigits.data() + twoDigits.size();
@@ -33,7 +28,7 @@ std::optional<std::string> percentDecoded(std::string_view text) {
     decoded.reserve(text.size());
     for (std::size_t at = 0; at < text.size(); ++at) {
         char c = text[at];
-        if (isControlOrBlank(c) || isDelimiter(c)) return std::nullopt;
+        if (isControlOrBlank(c)) return std::nullopt;
         if (c == '%') {
             const auto byte = decodedByte(text.substr(at + 1, 2));
             if (!byte) return std::nullopt;
@@ -57,7 +52,8 @@ std::optional<std::string> pathOfFileURL(std::string_view url) {
         if (!host.empty() && !platform::equalsIgnoringCase(host, "localhost")) return std::nullopt;
         url.remove_prefix(host.size());
     }
-    return url.starts_with('/') ? percentDecoded(url) : std::nullopt;
+    // A query or a fragment may follow the path.
+    return url.starts_with('/') ? percentDecoded(url.substr(0, url.find_first_of("?#"))) : std::nullopt;
 }
 
 std::string absoluteString(std::string_view url) {
