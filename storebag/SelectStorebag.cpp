@@ -48,9 +48,11 @@ Dictionary* sectionForEnvironment(Dictionary& bag, std::int32_t clientType) {
     return section;
 }
 
-std::int32_t refreshCycle(const Dictionary& bag) {
-    return static_cast<std::int32_t>(std::clamp<std::int64_t>(
-        bag.integer("refresh_cycle"), std::numeric_limits<std::int32_t>::min(), kLongestRefreshCycle));
+std::int32_t refreshCycle(const Value& seconds) {
+    const bool wraps = seconds.kind() == Value::Kind::Unsigned && seconds.integer() < 0;
+    const std::int64_t number = wraps ? kLongestRefreshCycle : seconds.integer();
+    return static_cast<std::int32_t>(
+        std::clamp<std::int64_t>(number, std::numeric_limits<std::int32_t>::min(), kLongestRefreshCycle));
 }
 
 }  // namespace
@@ -80,8 +82,8 @@ std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(std::int32_t 
         return std::nullopt;
     }
     version = *bagVersion;
-    if (bag->contains("refresh_cycle")) {
-        maxAge = refreshCycle(*bag);
+    if (const Value* seconds = bag->find("refresh_cycle")) {
+        maxAge = refreshCycle(*seconds);
         logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);
     }
     return std::move(*section);

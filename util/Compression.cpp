@@ -60,9 +60,13 @@ std::string_view ownMessage(const z_stream& stream) {
     return stream.msg != nullptr ? std::string_view(stream.msg) : platform::absentText;
 }
 
-/// Whether the input and room for its worst case can be counted in 32 bits; an error line when not.
-bool isCountable(std::size_t inputSize) {
-    const bool countable = inputSize <= std::numeric_limits<std::int32_t>::max();
+constexpr std::size_t kMaximumInput = std::numeric_limits<std::uint32_t>::max();
+/// In one piece the worst case of the output has to be counted in 32 bits, too.
+constexpr std::size_t kMaximumPiece = std::numeric_limits<std::int32_t>::max();
+
+/// An error line when not.
+bool isCountable(std::size_t inputSize, std::size_t maximum) {
+    const bool countable = inputSize <= maximum;
     if (!countable) logError("compressDataWithZlibOrGzip: Cannot compress {} bytes at once", inputSize);
     return countable;
 }
@@ -129,7 +133,7 @@ std::optional<Data> compressDataWithZlibOrGzip(bool gzip, std::span<const std::u
         logError("compressDataWithZlibOrGzip: Cannot compress empty NSData");
         return std::nullopt;
     }
-    if (!isCountable(input.size())) return std::nullopt;
+    if (!isCountable(input.size(), kMaximumPiece)) return std::nullopt;
     Stream stream = takeStream(gzip);
     if (stream == nullptr) return std::nullopt;
     stream->next_in = const_cast<Bytef*>(input.data());
@@ -149,7 +153,7 @@ void EndDeflate::operator()(z_stream_s* stream) const {
 }
 
 GzipDeflater::GzipDeflater(std::size_t expectedInput) {
-    if (isCountable(expectedInput)) _stream = newStream(true);
+    if (isCountable(expectedInput, kMaximumInput)) _stream = newStream(true);
     if (_stream == nullptr) return;
     try {
         // Pages that the stream does not reach are never touched.
@@ -163,7 +167,7 @@ GzipDeflater::~GzipDeflater() = default;
 
 bool GzipDeflater::append(std::span<const std::uint8_t> piece) {
     if (_stream == nullptr) return false;
-    if (!isCountable(_stream->total_in + piece.size())) {
+    if (!isCountable(_stream->total_in + piece.size(), kMaximumInput)) {
         _stream.reset();
         return false;
     }

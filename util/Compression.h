@@ -33,7 +33,7 @@ class GzipDeflater {
     GzipDeflater& operator=(const GzipDeflater&) = delete;
 
     /// The first failure writes an error line, and from then on all fails: zlib fails, memory runs out, or
-    /// the input grows past 2 GiB.
+    /// the input grows past 4 GiB.
     bool append(std::span<const std::uint8_t> piece);
     /// The whole stream. To be called once.
     std::optional<Data> finish();

@@ -4,9 +4,12 @@
 #include "platform/UserDefaults.h"
 #include "util/DeviceFacts.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <iterator>
+#include <limits>
 #include <mutex>
 #include <optional>
 
@@ -25,9 +28,11 @@ std::uint32_t environmentNumber() {
     if (!stored)
         return static_cast<std::uint32_t>(isInternalBuild() ? EnvironmentType::Internal
                                                             : EnvironmentType::Release);
-    const auto number = static_cast<std::uint32_t>(stored->integer());
-    if (number < kSectionKeys.size()) return number;
-    platform::logError("userDefaultsEnvironment: Invalid environment type {}", number);
+    const std::int64_t number = stored->integer();
+    if (number >= 0 && number < std::ssize(kSectionKeys)) return static_cast<std::uint32_t>(number);
+    constexpr std::int64_t largest = std::numeric_limits<std::uint32_t>::max();
+    platform::logError("userDefaultsEnvironment: Invalid environment type {}",
+                       static_cast<std::uint32_t>(std::min(number, largest)));
     return static_cast<std::uint32_t>(EnvironmentType::Internal);
 }
 

@@ -104,8 +104,9 @@ TEST_F(SelectStorebagTest, TheEnvironmentPicksTheSectionAndSeedFallsBackToReleas
 
 TEST_F(SelectStorebagTest, TheRefreshCycleOverridesTheAnswersAge) {
     const std::vector<std::pair<Value, int>> cycles{
-        {300, 300}, {86399, 86399}, {86400, 86400},     {100000, 86400},
-        {0, 0},     {-5, -5},       {1ll << 40, 86400}, {"300", 0},
+        {300, 300},         {86399, 86399}, {86400, 86400},
+        {100000, 86400},    {0, 0},         {-5, -5},
+        {1ll << 40, 86400}, {"300", 0},     {~std::uint64_t{0}, 86400},
     };
     for (const auto& [cycle, maxAge] : cycles) {
         forgetLines();

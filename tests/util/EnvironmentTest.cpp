@@ -20,7 +20,8 @@ TEST_F(EnvironmentTest, TheSettingDecidesAndOneOutOfRangeIsInternal) {
         EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType{number});
         EXPECT_EQ(logged(fmt::format("<6>userDefaultsEnvironment: Environment type {}", number)), 1u);
     }
-    for (const auto& [value, printed] : {std::pair("5", "5"), std::pair("-1", "4294967295")}) {
+    for (const auto& [value, printed] :
+         {std::pair("5", "5"), std::pair("-2", "4294967294"), std::pair("4294967300", "4294967295")}) {
         setting(value);
         EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType::Internal);
         EXPECT_EQ(logged(fmt::format("<3>userDefaultsEnvironment: Invalid environment type {}", printed)),
