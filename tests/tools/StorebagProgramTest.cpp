@@ -29,6 +29,7 @@ refresh_cycle = 600
 display_url = "https://example.org/see"
 [[release.httppost.clients]]
 client = "Alpha"
+locale_whitelist = ["US"]
 sampling_threshold = 0.5
 expedite = 1
 filters = [{ key = "_sessionID", action = "sha256" }]
@@ -38,7 +39,8 @@ filters = [{ key = "_sessionID", action = "sha256" }]
 /// The same bag.
 constexpr const char* kJson = R"({"version": "3.1", "refresh_cycle": 600,
  "release": {"httppost": {"display_url": "https://example.org/see", "clients": [{"client": "Alpha",
-   "sampling_threshold": 0.5, "expedite": 1, "filters": [{"key": "_sessionID", "action": "sha256"}]}]}},
+   "locale_whitelist": ["US"], "sampling_threshold": 0.5, "expedite": 1,
+   "filters": [{"key": "_sessionID", "action": "sha256"}]}]}},
  "development": {"joulary": {}}})";
 
 std::string textOf(const Data& bytes) {
@@ -249,6 +251,10 @@ httppost2 = { display_url = "example.org", clients = [
         "seed.httppost2.display_url: an https or http URL",
         "seed.httppost2.clients[0].client: a text",
         "seed.httppost2.clients[0]: no key of the name \"evnt_threshold\"",
+        "seed.httppost2.clients[0]: without \"locale_whitelist\" no session",
+        "seed.httppost2.clients[0]: without \"sampling_threshold\" no session",
+        "seed.httppost2.clients[1]: without \"filters\" no session",
+        "seed.httppost2.clients[1]: without \"locale_whitelist\" no session",
         "seed.httppost2.clients[0].filters[0].action: \"remove\" or \"sha256\"",
         "seed.httppost2.clients[0].filters[1]: \"key\" is missing",
         "seed.httppost2.clients[1].sampling_threshold: a number is expected",

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -40,6 +41,8 @@ constexpr std::array kDashboard{KeyRule{"display_url", Form::Url}, KeyRule{"ip",
                                 KeyRule{"reliable", Form::Integer}};
 constexpr std::array kUploadServer{KeyRule{"display_url", Form::Url}, KeyRule{"post_url", Form::Url, true}};
 
+constexpr std::uint64_t kLongestRefreshCycle = 86400;
+
 const KeyRule* ruleOf(std::string_view key, std::span<const KeyRule> rules) {
     const auto rule =
         std::find_if(rules.begin(), rules.end(), [&](const KeyRule& r) { return r.key == key; });
@@ -66,8 +69,10 @@ class Check {
         if (bag.string("version") == nullptr)
             find("version", "a text is expected; without it the bag is not taken");
         const Value* cycle = bag.find("refresh_cycle");
-        if (cycle != nullptr && !(isInteger(*cycle) && cycle->integer() >= 0))
+        if (cycle != nullptr && !(isInteger(*cycle) && cycle->real() >= 0))
             find("refresh_cycle", "a number of seconds without a fraction is expected");
+        else if (cycle != nullptr && cycle->unsignedInteger() > kLongestRefreshCycle)
+            find("refresh_cycle", "a daemon asks again after {} seconds already", kLongestRefreshCycle);
         bool anySection = false;
         for (const auto& [key, value] : bag) {
             const bool isSection =
@@ -102,6 +107,9 @@ class Check {
 
     void client(const Dictionary& client, const std::string& path) {
         keys(client, kClient, path);
+        for (const std::string_view key : {"filters", "locale_whitelist", "sampling_threshold"})
+            if (!client.contains(key))
+                find(path, "without \"{}\" no session that requires user information reports", key);
         entries(client, "filters", path, &Check::filter);
     }
 
