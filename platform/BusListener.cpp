@@ -127,7 +127,7 @@ void BusListener::accept(UniqueDescriptor socket) {
     if (!admit(peer.uid)) return;
     const auto connection = BusConnection::initWithDescriptor(std::move(socket), peer);
     if (connection == nullptr) {
-        logDebug("listener: process {} speaks no D-Bus", peer.pid);
+        logError("listener: a connection of process {} could not be set up", peer.pid);
         connectionEnded(nullptr, peer.uid);
         return;
     }

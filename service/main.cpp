@@ -9,12 +9,14 @@
 #include "platform/UserDefaults.h"
 #include "service/QuorvanedAgent.h"
 #include "service/Termination.h"
+#include "util/DeviceFacts.h"
 
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -32,6 +34,16 @@ void allowAllDescriptors() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+void setConnectionsPerUser(platform::BusListener& listener) {
+    const auto most = platform::userDefault(kQuorvaneDefaultsSuite, "connections_per_user");
+    if (!most) return;
+    if (most->integer() > 0)
+        listener.setConnectionsPerUser(most->unsignedInteger());
+    else
+        platform::logError("main: connections_per_user in the defaults of {} is no number above 0: {}",
+                           kQuorvaneDefaultsSuite, most->description());
+}
+
 std::unique_ptr<platform::BusListener> newListener() {
     auto made = platform::BusListener::initWithSocketPath(platform::rooted(kQuorvaneSocketPath));
     if (const auto* failure = std::get_if<std::string>(&made)) {
@@ -39,8 +51,7 @@ std::unique_ptr<platform::BusListener> newListener() {
         return nullptr;
     }
     auto listener = std::get<std::unique_ptr<platform::BusListener>>(std::move(made));
-    const auto most = platform::userDefault("com.velmora.quorvane", "connections_per_user");
-    if (most && most->integer() > 0) listener->setConnectionsPerUser(most->unsignedInteger());
+    setConnectionsPerUser(*listener);
     return listener;
 }
 
@@ -51,6 +62,7 @@ int serve() {
         return -1;
     }
     const auto loop = platform::RunLoop::init();
+    if (loop == nullptr) platform::logError("main: The run loop cannot be made.");
     const auto listener = newListener();
     if (loop == nullptr || listener == nullptr) return EXIT_FAILURE;
     const auto agent = QuorvanedAgent::init();
@@ -63,6 +75,7 @@ int serve() {
     platform::logInfo("main: Listener resumes with sandbox, start loop.");
     ::sd_notify(0, "READY=1\nSTATUS=Idle.");
     const int result = loop->run();
+    if (result < 0) platform::logError("main: The run loop fails: {}", std::strerror(-result));
     listener->close();
     platform::closeLog();
     // Sessions that did not end in time, the HTTP client and the event thread still run: nothing that they
