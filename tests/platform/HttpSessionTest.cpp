@@ -155,6 +155,11 @@ TEST_F(HttpSessionTest, PostsOverOneConnectionWhereTheServerOffersHttp2) {
     EXPECT_EQ(server->output().find("[id=2]"), std::string::npos) << "a second connection";
 }
 
+TEST_F(HttpSessionTest, ReceivedHeadersHoldNoLineBreaks) {
+    const RawServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nLast-Modified: Mon\rday\r\n\r\n");
+    EXPECT_EQ(performDataTask(get(server.url())).response.header("Last-Modified"), "Mon day");
+}
+
 TEST_F(HttpSessionTest, ServersThatAnswerNoHttpAreErrors) {
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
     for (const std::string& answer : {std::string(), std::string("\xff\x00garbage\n", 10), head + "half"})
@@ -204,6 +209,21 @@ TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
     startDataTask(post(other.url("/"), Data(20'000, 'x')), count);
     EXPECT_TRUE(drainHttpSession(30s));
     EXPECT_EQ(answered, 41) << "a body above the bound goes when nothing waits";
+}
+
+TEST_F(HttpSessionTest, WhatAThreadWaitsForDoesNotQueueBehindPostsToItsServer) {
+    HttpsServer server(_root);
+    std::promise<void> gate;
+    server.setHandler([opened = gate.get_future().share()](const ServerRequest& request) {
+        if (request.method == "POST") opened.wait();
+        return ServerAnswer();
+    });
+    for (int i = 0; i < 20; ++i) startDataTask(post(server.url("/"), {}), nullptr);
+    EXPECT_TRUE(server.waitForRequests(8));
+    EXPECT_EQ(errorOf(server.url("/")), "no error");
+    EXPECT_EQ(server.requestCount(), 9u);
+    gate.set_value();
+    EXPECT_TRUE(drainHttpSession(30s));
 }
 
 TEST_F(HttpSessionTest, AStalledRequestEndsWhenItsTimeIsUpAndALargeOneHoldsUpNobodyElse) {

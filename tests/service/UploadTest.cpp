@@ -1,4 +1,5 @@
 #include "framework/Keys.h"
+#include "platform/SandboxExtension.h"
 #include "tests/support/BusClient.h"
 #include "tests/support/DaemonFixture.h"
 
@@ -114,6 +115,8 @@ TEST_F(UploadTest, ATokenIsGoodOnceOnItsOwnConnectionForItsOwnFile) {
         EXPECT_FALSE(owner.upload(file(), lent)) << "the wrong path used it up";
     }
     EXPECT_FALSE(owner.upload("/etc/passwd", owner.lend(file())));
+    for (std::size_t n = 0; n <= platform::kExtensionsPerOwner; ++n)
+        EXPECT_FALSE(owner.upload("elsewhere.invalid/file", owner.lend(file()))) << "used up unasked for";
     EXPECT_EQ(received().size(), 1u);
     EXPECT_TRUE(std::filesystem::exists(file())) << "only the client removes it";
 }

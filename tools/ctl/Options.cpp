@@ -1,10 +1,8 @@
 #include "tools/ctl/Options.h"
 
-#include "tools/common/Failure.h"
+#include "tools/common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
-
-#include <memory>
 
 namespace quorvane::ctl {
 
@@ -51,16 +49,14 @@ void addEventOptions(CLI::App& command, EventOptions& options) {
         ->type_name("JSON");
 }
 
-/// A subcommand whose options are read into a command of their own, handed on when it is the one given.
+/// With what all commands take.
 template <typename Kind>
 std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const char* description,
                                        std::optional<Command>& command) {
-    const auto read = std::make_shared<Kind>();
-    CLI::App* subcommand = app.add_subcommand(name, description);
-    subcommand->callback([&command, read] { command = *read; });
-    if constexpr (requires { read->event; }) addEventOptions(*subcommand, read->event);
-    addSessionOptions(*subcommand, read->session);
-    return {subcommand, *read};
+    auto [subcommand, read] = tools::addCommand<Kind>(app, name, description, command);
+    if constexpr (requires { read.event; }) addEventOptions(*subcommand, read.event);
+    addSessionOptions(*subcommand, read.session);
+    return {subcommand, read};
 }
 
 void addSend(CLI::App& app, std::optional<Command>& command) {
@@ -98,9 +94,7 @@ void addListen(CLI::App& app, std::optional<Command>& command) {
 std::optional<Command> readCommand(int argc, char** argv, int& status) {
     std::optional<Command> command;
     CLI::App app(kDescription, "quorvanectl");
-    app.set_version_flag("--version", QUORVANE_VERSION);
     app.footer(kFooter);
-    app.require_subcommand(1);
     addSend(app, command);
     addCommand<Single>(app, "single", "Send one event without a session of its own", command);
     addCommand<Flush>(app, "flush", "Make a session's backends post what they hold", command);
@@ -108,12 +102,7 @@ std::optional<Command> readCommand(int argc, char** argv, int& status) {
     addCommand<DisplayURL>(app, "display-url", "Print where a session's events can be looked at", command);
     addUploads(app, command);
     addListen(app, command);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        status = app.exit(error) == 0 ? 0 : tools::kUsage;
-        return std::nullopt;
-    }
+    if (!tools::parse(app, argc, argv, status)) return std::nullopt;
     return command;
 }
 

@@ -1,12 +1,8 @@
 #include "tools/storebag/Options.h"
 
-#include "tools/common/Failure.h"
+#include "tools/common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
-
-#include <memory>
-
-#include <fmt/format.h>
 
 namespace quorvane::tools {
 
@@ -16,16 +12,6 @@ constexpr const char* kDescription =
     "Makes, signs and checks storebags, the signed configuration that quorvaned downloads. Where a file is "
     "named, - stands for standard input or output.";
 constexpr const char* kFooter = "Exit status: 0 done, 1 failed or not valid, 2 usage.";
-
-/// A subcommand whose options are read into a command of their own, handed on when it is the one given.
-template <typename Kind>
-std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const char* description,
-                                       std::optional<Command>& command) {
-    const auto read = std::make_shared<Kind>();
-    CLI::App* subcommand = app.add_subcommand(name, description);
-    subcommand->callback([&command, read] { command = *read; });
-    return {subcommand, *read};
-}
 
 void addKeygen(CLI::App& app, std::optional<Command>& command) {
     auto [keygen, options] = addCommand<Keygen>(app, "keygen", "Make a pair of keys", command);
@@ -85,19 +71,12 @@ void addInspect(CLI::App& app, std::optional<Command>& command) {
 std::optional<Command> readCommand(int argc, char** argv, int& status) {
     std::optional<Command> command;
     CLI::App app(kDescription, "quorvane-storebag");
-    app.set_version_flag("--version", QUORVANE_VERSION);
     app.footer(kFooter);
-    app.require_subcommand(1);
     addKeygen(app, command);
     addSign(app, command);
     addVerify(app, command);
     addInspect(app, command);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        status = app.exit(error) == 0 ? 0 : kUsage;
-        return std::nullopt;
-    }
+    if (!parse(app, argc, argv, status)) return std::nullopt;
     return command;
 }
 
