@@ -19,11 +19,11 @@ bool Termination::awaitSignals() {
 
 void Termination::begin() {
     ::sd_notify(0, "STOPPING=1");
-    if (std::exchange(_begun, true) || !platform::processTransactionOpen()) {
+    if (std::exchange(_begun, true)) {
         _loop.exit(0);
         return;
     }
-    platform::logInfo("main: Told to end, ending all sessions.");
+    if (platform::processTransactionOpen()) platform::logInfo("main: Told to end, ending all sessions.");
     _loop.addTimer(kLongest, [this] {
         platform::logWarning("main: Sessions or posts did not end in time.");
         _loop.exit(0);

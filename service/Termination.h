@@ -7,9 +7,9 @@
 
 namespace quorvane {
 
-/// Ends the run loop when the process is told to end (SIGTERM, SIGINT). While a process transaction is open,
-/// every connection is ended first, so that the sessions send what they hold, and the posts under way are
-/// waited for; a second signal cuts that short. With no transaction open the loop ends at once.
+/// Ends the run loop when the process is told to end (SIGTERM, SIGINT). Every connection is ended first, so
+/// that the sessions send what they hold, and the posts under way are waited for, those of sessions that have
+/// left already among them; a second signal cuts that short. With nothing of it the loop ends at once.
 class Termination {
   public:
     /// Longest wait for sessions and posts.

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <future>
@@ -38,6 +39,21 @@ TEST_F(TerminationTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
     EXPECT_EQ(_device.postedEvents(kOurs).size(), 6u);
     EXPECT_EQ(_device.postedEvents(0).size(), 4u) << "two sessions' starts and ends";
     EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
+}
+
+TEST_F(TerminationTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
+    std::promise<void> posting;
+    _device.serveStorebag(_device.httpPostSection());
+    _device.answerPosts([&, told = std::make_shared<std::atomic<bool>>(false)](const ServerRequest&) {
+        if (!told->exchange(true)) posting.set_value();
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        return ServerAnswer();
+    });
+    _device.start();
+    clientWithHeldEvents();
+    posting.get_future().wait();
+    EXPECT_EQ(_device.daemon().terminate(), 0);
+    EXPECT_EQ(_device.postedEvents(kOurs).size(), 3u);
 }
 
 TEST_F(TerminationTest, WithoutSessionsTheDaemonEndsAtOnce) {
