@@ -74,12 +74,12 @@ void SessionHierarchy::takeLevel(const QuorvanedSession& session) {
 
 // Looking up.
 
-const SessionList* SessionHierarchy::sessionsForKey(const std::string& key) const {
+const SessionGroup* SessionHierarchy::sessionsForKey(const std::string& key) const {
     const auto found = _correlatedSessions.find(key);
     return found != _correlatedSessions.end() && !found->second.empty() ? &found->second : nullptr;
 }
 
-bool SessionHierarchy::holds(const SessionList& list, const QuorvanedSession& session) const {
+bool SessionHierarchy::holds(const SessionGroup& list, const QuorvanedSession& session) const {
     const auto filed = _filed.find(&session);
     return filed != _filed.end() && &filed->second->second == &list;
 }
@@ -92,7 +92,7 @@ std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(
     logDebug("parentSessionIDStringForSession: Checking userInfoKey '{}' for session {}", key,
              session.sessionID());
     const std::scoped_lock lock(_lock);
-    const SessionList* sessions = sessionsForKey(key);
+    const SessionGroup* sessions = sessionsForKey(key);
     if (sessions == nullptr) {
         logError("parentSessionIDStringForSession: ERROR: No sessions found for user info key {}", key);
         return std::nullopt;
@@ -122,7 +122,7 @@ QuorvanedSession* SessionHierarchy::parentSessionForChild(const QuorvanedSession
     if (hierarchy == 0) return nullptr;
     const std::string key = keyOf(session);
     logDebug("parentSessionForChild: Checking userInfoKey '{}' for session {}", key, session.sessionID());
-    const SessionList* sessions = sessionsForKey(key);
+    const SessionGroup* sessions = sessionsForKey(key);
     if (sessions == nullptr) {
         logError("parentSessionForChild: ERROR: No sessions found for user info key {}", key);
         return nullptr;
@@ -149,7 +149,7 @@ QuorvanedSession* SessionHierarchy::getAncestorWithAggregatorForSession(
     }
     const std::int32_t hierarchy = session.getSessionHierarchy();
     if (hierarchy < 1) return nullptr;
-    const SessionList* sessions = sessionsForKey(keyOf(session));
+    const SessionGroup* sessions = sessionsForKey(keyOf(session));
     if (sessions == nullptr) return nullptr;
     for (const auto& [level, ancestor] : sessions->firstOfEachLevel())
         if (level >= 0 && level < hierarchy && ancestor->hasAggregator()) return ancestor;
@@ -173,7 +173,7 @@ void SessionHierarchy::updateDownstreamSessions(QuorvanedSession& session) {
     const bool ancestorAggregates = hierarchy >= 1 && getAncestorWithAggregatorForSession(session) != nullptr;
     if (ancestorAggregates) session.shutdownSessionAggregation();
 
-    const SessionList* sessions = sessionsForKey(key);
+    const SessionGroup* sessions = sessionsForKey(key);
     if (sessions == nullptr) return;
     for (const auto& [downstream, level] : sessions->members()) {
         if (!level || *level <= hierarchy) continue;

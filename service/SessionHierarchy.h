@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/SessionList.h"
+#include "service/SessionGroup.h"
 
 #include <atomic>
 #include <cstddef>
@@ -46,10 +46,10 @@ class SessionHierarchy {
     std::size_t groupCount() const { return _groupCount; }
 
   private:
-    using Groups = std::map<std::string, SessionList, std::less<>>;
+    using Groups = std::map<std::string, SessionGroup, std::less<>>;
 
-    const SessionList* sessionsForKey(const std::string& key) const;
-    bool holds(const SessionList& list, const QuorvanedSession& session) const;
+    const SessionGroup* sessionsForKey(const std::string& key) const;
+    bool holds(const SessionGroup& list, const QuorvanedSession& session) const;
     Groups::iterator groupForKey(const std::string& key);
     void forgetEmptied(Groups::iterator group);
     void takeLevel(const QuorvanedSession& session);
