@@ -36,7 +36,7 @@ std::unique_ptr<EventSource> EventSource::kept(std::unique_ptr<EventSource> sour
 
 std::unique_ptr<EventSource> EventSource::readable(sd_event* event, int descriptor, Handler handler) {
     std::unique_ptr<EventSource> source(new EventSource(std::move(handler)));
-    const auto callback = [](sd_event_source*, int, std::uint32_t, void* userdata) {
+    const auto callback = [](sd_event_source*, int, std::uint32_t, void* userdata) noexcept {
         static_cast<EventSource*>(userdata)->call();
         return 0;
     };
@@ -47,7 +47,7 @@ std::unique_ptr<EventSource> EventSource::readable(sd_event* event, int descript
 
 std::unique_ptr<EventSource> EventSource::signal(sd_event* event, int signalNumber, Handler handler) {
     std::unique_ptr<EventSource> source(new EventSource(std::move(handler)));
-    const auto callback = [](sd_event_source*, const struct signalfd_siginfo*, void* userdata) {
+    const auto callback = [](sd_event_source*, const struct signalfd_siginfo*, void* userdata) noexcept {
         static_cast<EventSource*>(userdata)->call();
         return 0;
     };
@@ -57,7 +57,7 @@ std::unique_ptr<EventSource> EventSource::signal(sd_event* event, int signalNumb
 
 std::unique_ptr<EventSource> EventSource::once(sd_event* event, milliseconds delay, Handler handler) {
     std::unique_ptr<EventSource> source(new EventSource(std::move(handler)));
-    const auto callback = [](sd_event_source*, std::uint64_t, void* userdata) {
+    const auto callback = [](sd_event_source*, std::uint64_t, void* userdata) noexcept {
         static_cast<EventSource*>(userdata)->call();
         return 0;
     };
@@ -70,7 +70,7 @@ std::unique_ptr<EventSource> EventSource::timer(sd_event* event, milliseconds pe
                                                 Handler handler) {
     std::unique_ptr<EventSource> source(new EventSource(std::move(handler)));
     source->_period = std::clamp<milliseconds>(period, milliseconds(1), std::chrono::hours(24 * 365));
-    const auto callback = [](sd_event_source*, std::uint64_t, void* userdata) {
+    const auto callback = [](sd_event_source*, std::uint64_t, void* userdata) noexcept {
         auto* fired = static_cast<EventSource*>(userdata);
         fired->scheduleNext();
         fired->call();

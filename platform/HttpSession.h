@@ -46,9 +46,9 @@ using HttpCompletion = std::function<void(HttpResult)>;
 
 /// Starts a request on the process's shared HTTP session: one thread, kept-alive connections, HTTP/2 where
 /// offered, TLS verified against the system's roots and /etc/quorvane/trust/*.pem, redirects not followed.
-/// The completion runs once, on the session's thread, and must not block. While more than the bound waits to
-/// be sent, the caller waits here, so call it with no lock held and not from a completion.
-/// Thread-safe.
+/// The completion runs once, on the session's thread (on the caller's where that thread cannot be started),
+/// and must not block. While more than the bound waits to be sent, the caller waits here, so call it with no
+/// lock held and not from a completion. Thread-safe.
 void startDataTask(HttpRequest request, HttpCompletion completion);
 
 /// Starts a request and waits for its result. The body, of which a waiting caller has but one, counts for no

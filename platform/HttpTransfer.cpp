@@ -160,7 +160,7 @@ bool HttpTransfer::hasHeader(std::string_view name) const {
 /// Called with one whole header line at a time. The status line of each answer starts the headers anew, since
 /// an interim answer may come before the final one.
 std::size_t HttpTransfer::receiveHeader(const char* bytes, std::size_t one, std::size_t count,
-                                        void* transfer) {
+                                        void* transfer) noexcept {
     auto& self = *static_cast<HttpTransfer*>(transfer);
     const std::size_t size = one * count;
     const std::string_view line(bytes, size);
@@ -178,7 +178,8 @@ std::size_t HttpTransfer::receiveHeader(const char* bytes, std::size_t one, std:
     return size;
 }
 
-std::size_t HttpTransfer::receiveBody(const char* bytes, std::size_t one, std::size_t count, void* transfer) {
+std::size_t HttpTransfer::receiveBody(const char* bytes, std::size_t one, std::size_t count,
+                                      void* transfer) noexcept {
     auto& self = *static_cast<HttpTransfer*>(transfer);
     const std::size_t size = one * count;
     Data& body = self._response.body;
@@ -190,7 +191,7 @@ std::size_t HttpTransfer::receiveBody(const char* bytes, std::size_t one, std::s
     return size;
 }
 
-CURLcode HttpTransfer::prepareContext(CURL*, void* context, void*) {
+CURLcode HttpTransfer::prepareContext(CURL*, void* context, void*) noexcept {
     trustConfiguredCertificates(*static_cast<SSL_CTX*>(context));
     return CURLE_OK;
 }

@@ -37,9 +37,12 @@ class HttpTransfer {
     bool addHeaderLine(const std::string& line);
     bool hasHeader(std::string_view name) const;
     std::string errorText(CURLcode code) const;
-    static std::size_t receiveHeader(const char* bytes, std::size_t one, std::size_t count, void* transfer);
-    static std::size_t receiveBody(const char* bytes, std::size_t one, std::size_t count, void* transfer);
-    static CURLcode prepareContext(CURL* handle, void* context, void* transfer);
+    // Called by libcurl, through which nothing may be thrown.
+    static std::size_t receiveHeader(const char* bytes, std::size_t one, std::size_t count,
+                                     void* transfer) noexcept;
+    static std::size_t receiveBody(const char* bytes, std::size_t one, std::size_t count,
+                                   void* transfer) noexcept;
+    static CURLcode prepareContext(CURL* handle, void* context, void* transfer) noexcept;
 
     HttpRequest _request;
     CURL* _easy = nullptr;

@@ -20,7 +20,7 @@ enum class LogLevel : int { Error = 3, Warning = 4, Info = 6, Debug = 7 };
 void openLog(const char* ident, std::string_view facility);
 void closeLog();
 
-/// Gives every line to the function instead; null goes back to the log. For tests; debug lines are given too.
+/// Gives every line, debug lines too, to the function instead; null goes back to the log.
 /// The function may be called from any thread.
 void setLogSink(void (*sink)(LogLevel level, std::string_view line));
 

@@ -34,18 +34,28 @@ bool isScheme(std::string_view text) {
     return !text.empty() && isLetter(text.front()) && std::all_of(text.begin(), text.end(), allowed);
 }
 
-}  // namespace
-
-std::string queryPercentEncoded(std::string_view text) {
+/// The text with all but the allowed bytes percent-encoded.
+template <typename Predicate>
+std::string percentEncoded(std::string_view text, const Predicate& allowed) {
     std::string encoded;
     encoded.reserve(text.size());
     for (const char c : text) {
-        if (isAllowedInQuery(c))
+        if (allowed(c))
             encoded += c;
         else
             fmt::format_to(std::back_inserter(encoded), "%{:02X}", static_cast<unsigned char>(c));
     }
     return encoded;
+}
+
+}  // namespace
+
+std::string queryPercentEncoded(std::string_view text) {
+    return percentEncoded(text, isAllowedInQuery);
+}
+
+std::string percentEncodedBlanks(std::string_view url) {
+    return percentEncoded(url, [](char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7f; });
 }
 
 bool isUrl(std::string_view text) {

@@ -9,6 +9,9 @@ namespace quorvane::platform {
 /// 3.4); what separates a query's keys ("&", "=", "+", ";") may, and stays.
 std::string queryPercentEncoded(std::string_view text);
 
+/// The URL with blanks and control characters, which may not stand in it, percent-encoded.
+std::string percentEncodedBlanks(std::string_view url);
+
 /// Whether the text is an absolute URL by its characters: a scheme and a colon, then only what RFC 3986
 /// allows as it stands, and "%" only before two hex digits.
 bool isUrl(std::string_view text);

@@ -13,7 +13,8 @@
 
 namespace quorvane {
 
-/// Takes the answer if it is the client's: the HTTP post backend's where it has one, else the dashboard's.
+/// Takes the answer if it is the client's: the HTTP post backend's where it has one, else the dashboard's
+/// (which has none for a session's events).
 inline void selectAnswer(std::optional<std::string>& selected, std::string_view backend,
                          std::optional<std::string> answer) {
     const bool preferred = backend == kQuorvaneBackendHTTPPost;

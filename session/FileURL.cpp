@@ -2,10 +2,7 @@
 
 #include "platform/Text.h"
 
-#include <fmt/format.h>
-
 #include <charconv>
-#include <iterator>
 
 namespace quorvane {
 
@@ -54,18 +51,6 @@ std::optional<std::string> pathOfFileURL(std::string_view url) {
     }
     // A query or a fragment may follow the path.
     return url.starts_with('/') ? percentDecoded(url.substr(0, url.find_first_of("?#"))) : std::nullopt;
-}
-
-std::string absoluteString(std::string_view url) {
-    std::string text;
-    text.reserve(url.size());
-    for (const char c : url) {
-        if (isControlOrBlank(c))
-            fmt::format_to(std::back_inserter(text), "%{:02X}", static_cast<unsigned char>(c));
-        else
-            text += c;
-    }
-    return text;
 }
 
 }  // namespace quorvane

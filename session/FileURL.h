@@ -10,7 +10,4 @@ namespace quorvane {
 /// host, or its path is not absolute or holds a NUL.
 std::optional<std::string> pathOfFileURL(std::string_view url);
 
-/// The URL as one line of printable text: bytes that a URL cannot hold as they stand are percent-encoded.
-std::string absoluteString(std::string_view url);
-
 }  // namespace quorvane

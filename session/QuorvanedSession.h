@@ -23,7 +23,7 @@ namespace quorvane {
 /// from the threads of other sessions, with the agent's lock held.
 class QuorvanedSession final : public ClientSessionInterface {
   public:
-    /// Both must outlive the session; the session shares the client.
+    /// The delegate must outlive the session; the client is shared.
     static std::shared_ptr<QuorvanedSession> initWithSessionDelegate(
         QuorvanedSessionDelegate& sessionDelegate, std::shared_ptr<ClientSessionReplyInterface> connection);
     /// Sends the session's last event, flushes, ends aggregation and cleans the backends up. Waits, as a send

@@ -27,10 +27,8 @@ void follow(QuorvaneBackend& backend, const QuorvanedSession& parent, const Repo
 
 void QuorvanedSession::updateReportingStates() {
     if (_backends.own() == nullptr) return;
-    // A parent that hands its states down meanwhile acts on states that are gone already. Without user info
-    // there is no parent, and another session's download may hold the lock for long.
-    std::unique_lock lock(_sessionDelegate.lock(), std::defer_lock);
-    if (_userInfo.own() != nullptr) lock.lock();
+    // A parent that hands its states down meanwhile acts on states that are gone already.
+    const std::scoped_lock lock(_sessionDelegate.lock());
     for (const auto& [name, backend] : *_backends.own()) {
         backend->setUserInfoDict(_userInfo.own());
         backend->updateState();

@@ -1,4 +1,5 @@
 #include "platform/Log.h"
+#include "platform/Url.h"
 #include "platform/ValueFormat.h"
 #include "session/FileURL.h"
 #include "session/QuorvanedSession.h"
@@ -39,7 +40,7 @@ void QuorvanedSession::uploadFileWithURL(const std::string& fileURL, const std::
     else
         logError("uploadFileWithURL: File upload failed for {}", platform::orNull(path));
     writeToLogFile("[uploadFileWithURL] Upload {} for file {}", success ? "succeeded" : "failed",
-                   absoluteString(fileURL));
+                   platform::percentEncodedBlanks(fileURL));
     if (completionHandler) completionHandler(success);
 }
 

@@ -5,6 +5,7 @@
 #include "platform/HttpSession.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
+#include "platform/Url.h"
 #include "util/DeviceFacts.h"
 
 #include <algorithm>
@@ -42,23 +43,10 @@ const std::string& baseURL() {
     return url;
 }
 
-/// The URL with blanks and control characters, which it cannot hold as they stand, percent-encoded.
-std::string percentEncoded(std::string_view url) {
-    std::string encoded;
-    encoded.reserve(url.size());
-    for (const char c : url) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte > 0x20 && byte != 0x7f)
-            encoded += c;
-        else
-            fmt::format_to(std::back_inserter(encoded), "%{:02X}", byte);
-    }
-    return encoded;
-}
-
 std::string storebagURL(const std::optional<std::string>& name) {
     const std::string version = bundleVersion().value_or(kDefaultBundleVersion);
-    return percentEncoded(fmt::format("{}/{}?version={}", baseURL(), platform::orNull(name), version));
+    return platform::percentEncodedBlanks(
+        fmt::format("{}/{}?version={}", baseURL(), platform::orNull(name), version));
 }
 
 platform::HttpRequest conditionalRequest(const std::string& url,

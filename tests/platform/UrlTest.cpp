@@ -15,6 +15,10 @@ TEST(Url, AQueryTakesOnlyItsOwnCharactersAsTheyStand) {
     EXPECT_EQ(queryPercentEncoded(std::string(1, '\0')), "%00");
 }
 
+TEST(Url, PrintsOnOneLine) {
+    EXPECT_EQ(percentEncodedBlanks("file:///a b\r\n%20\x7f\u00e9"), "file:///a%20b%0D%0A%20%7F\u00e9");
+}
+
 TEST(Url, KnowsAUrlByItsCharacters) {
     for (const char* url : {"https://host/path?query=%20#part", "http://[::1]:80", "x-y.z+1:rest"})
         EXPECT_TRUE(isUrl(url)) << url;

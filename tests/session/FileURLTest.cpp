@@ -24,9 +24,5 @@ TEST(FileURL, RefusesWhatNamesNoFileHere) {
     EXPECT_EQ(pathOfFileURL(std::string_view("file:///a\0b", 11)), std::nullopt);
 }
 
-TEST(FileURL, PrintsOnOneLine) {
-    EXPECT_EQ(absoluteString("file:///a b\r\n%20\x7f\u00e9"), "file:///a%20b%0D%0A%20%7F\u00e9");
-}
-
 }  // namespace
 }  // namespace quorvane
