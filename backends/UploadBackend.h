@@ -24,7 +24,7 @@ class UploadBackend final : public QuorvaneBackend {
     /// client remove the file. False when nothing was sent: with an error line for what is no regular file,
     /// an empty one, and a malformed URL.
     ///
-    /// The compressed form is held in memory as a whole, so files larger than 2 GiB are refused, and uploads
+    /// The compressed form is held in memory as a whole, so files larger than 4 GiB are refused, and uploads
     /// wait until there is room for them.
     bool uploadFileAtPath(const std::string& path, const char* extensionToken) override;
 

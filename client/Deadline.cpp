@@ -9,7 +9,9 @@ namespace quorvane::client {
 using Clock = std::chrono::steady_clock;
 
 Deadline deadlineAfter(Timeout timeout) {
-    if (timeout == kNoTimeout) return std::nullopt;
+    // The clock cannot count much further.
+    constexpr Timeout longest = std::chrono::hours(24 * 365 * 100);
+    if (timeout > longest) return std::nullopt;
     return Clock::now() + timeout;
 }
 

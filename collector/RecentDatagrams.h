@@ -15,7 +15,8 @@ class RecentDatagrams {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// Longer than a sender goes on to send a datagram again (10 s).
+    /// Longer than a sender goes on to send a datagram again: five times, by its storebag's clock (10 s for a
+    /// period of 500 ms).
     static constexpr std::chrono::seconds kWindow{30};
     static constexpr std::size_t kMaximumRemembered = 65536;
 

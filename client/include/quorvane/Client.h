@@ -16,7 +16,7 @@
 
 namespace quorvane {
 
-/// Longest wait for an answer, counted from the call.
+/// Longest wait for an answer, counted from the call. More than a hundred years have no end.
 using Timeout = std::chrono::milliseconds;
 inline constexpr Timeout kNoTimeout = Timeout::max();
 
@@ -71,14 +71,16 @@ class Client {
     /// Makes the daemon set up the session's backends; it may download for up to 15 s.
     Result<ReportingStates> start(Timeout timeout = kNoTimeout);
 
-    /// Gives or changes the user info (nothing takes it away) and asks for the states.
+    /// Gives or changes the user info, or takes it away with std::nullopt, and asks for the states.
     Result<ReportingStates> fetchStates(const std::optional<UserInfo>& userInfo,
                                         Timeout timeout = kNoTimeout);
 
     /// Where the session's events can be looked at, or "URL not available".
     Result<std::string> displayURL(Timeout timeout = kNoTimeout);
 
-    /// Sends an event and waits for the daemon's answer to it.
+    /// Sends an event and waits for the daemon's answer to it. What JSON cannot carry is dropped from the
+    /// payload on its way to an HTTPS server: arrays, dictionaries and data; a number that is not finite
+    /// costs the whole message.
     Result<Answer> send(const Event& event, Timeout timeout = kNoTimeout);
     /// Sends an event; the completion gets the answer on the executor, exactly once unless the client is
     /// destroyed before. Waits while 1,024 calls are unanswered. With an error the completion does not run.
@@ -89,8 +91,9 @@ class Client {
     /// Makes the backends post what they hold back.
     Result<Answer> flush(Timeout timeout = kNoTimeout);
 
-    /// Sends one event of another session through backends of its own: "finished" or "storebag not
-    /// available". The event's flag is not used. The daemon never answers when the session info lacks an
+    /// Sends one event through backends made for it alone: "finished", also when they have no use for it, or
+    /// "storebag not available". This client's session takes on the session info and the user info, but keeps
+    /// its backends. The event's flag is not used. The daemon never answers when the session info lacks an
     /// identifier.
     Result<std::string> sendMessageWithSessionInfo(const SessionInfo& sessionInfo,
                                                    const std::optional<UserInfo>& userInfo,

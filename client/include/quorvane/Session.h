@@ -68,7 +68,7 @@ struct UploadProgress {
     enum class Step {
         Opened,    ///< The file is open.
         Lent,      ///< The daemon holds the file and a token for it, and is about to send it.
-        Finished,  ///< The daemon has its servers' answers.
+        Finished,  ///< The daemon has answered: its servers have, or could not be reached.
     };
     Step step = Step::Opened;
     std::uint64_t fileBytes = 0;
