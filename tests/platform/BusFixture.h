@@ -12,7 +12,6 @@
 #include <array>
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -21,7 +20,8 @@ namespace quorvane::platform {
 
 inline constexpr const char* kTestInterface = "com.velmora.Test";
 
-/// What a test's connections export: an echo, an answer of a size to choose, and a call that waits.
+/// What a test's connections export: an echo, an answer of a size to choose, a call that sends a signal by
+/// its connection, and one that waits.
 class TestObject {
   public:
     explicit TestObject(BusConnection& connection) : _connection(connection) {}
@@ -31,8 +31,6 @@ class TestObject {
     }
 
     std::size_t calls() const { return _calls; }
-    /// Runs before an echo is answered.
-    std::function<void()> onEcho;
     /// Lets Wait return.
     void release() { _released.set_value(); }
 
@@ -44,8 +42,7 @@ class TestObject {
     }
 
     static int echo(sd_bus_message* call, void* object, sd_bus_error*) {
-        const TestObject& self = called(object);
-        if (self.onEcho) self.onEcho();
+        called(object);
         std::uint32_t number = 0;
         ::sd_bus_message_read(call, "u", &number);
         return ::sd_bus_reply_method_return(call, "u", number);
@@ -58,6 +55,12 @@ class TestObject {
         return ::sd_bus_reply_method_return(call, "s", std::string(size, 'x').c_str());
     }
 
+    static int note(sd_bus_message* call, void* object, sd_bus_error*) {
+        EXPECT_TRUE(called(object)._connection.queueCall(
+            100, [](sd_bus* bus) { ::sd_bus_emit_signal(bus, "/", kTestInterface, "Noted", ""); }));
+        return ::sd_bus_reply_method_return(call, nullptr);
+    }
+
     static int wait(sd_bus_message* call, void* object, sd_bus_error*) {
         called(object)._released.get_future().wait();
         return ::sd_bus_reply_method_return(call, nullptr);
@@ -67,6 +70,7 @@ class TestObject {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD("Echo", "u", "u", echo, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("Answer", "u", "s", answer, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("Note", "", "", note, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("Wait", "", "", wait, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
