@@ -12,6 +12,9 @@ namespace quorvane::platform {
 namespace {
 
 constexpr unsigned kMaximumDepth = 64;
+/// So many containers within each other the bus library enters. A dictionary in another takes three of them,
+/// an array two.
+constexpr unsigned kMaximumContainers = 128;
 constexpr std::size_t kMaximumValues = 1'000'000;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
@@ -217,8 +220,11 @@ int appendText(sd_bus_message* message, const std::string& text) {
     return ::sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, text.c_str());
 }
 
+/// Appends a container in as many others as stand open already.
 template <typename Function>
-int appendContainer(sd_bus_message* message, char type, const char* contents, Function&& function) {
+int appendContainer(sd_bus_message* message, unsigned open, char type, const char* contents,
+                    Function&& function) {
+    if (open >= kMaximumContainers) return -E2BIG;
     if (const int result = ::sd_bus_message_open_container(message, type, contents); result < 0)
         return result;
     if (const int result = function(); result < 0) return result;
@@ -232,8 +238,8 @@ int appendEach(const Elements& elements, Function&& function) {
     return 0;
 }
 
-int appendDictionary(sd_bus_message* message, const Dictionary& dictionary, unsigned depth);
-int appendArray(sd_bus_message* message, const Array& array, unsigned depth);
+int appendDictionary(sd_bus_message* message, const Dictionary& dictionary, unsigned open);
+int appendArray(sd_bus_message* message, const Array& array, unsigned open);
 
 int appendDate(sd_bus_message* message, Date date) {
     std::int64_t seconds = date.microseconds / kMicrosecondsPerSecond;
@@ -270,7 +276,7 @@ const char* signatureOf(Value::Kind kind) {
     return "";
 }
 
-int appendHeld(sd_bus_message* message, const Value& value, unsigned depth) {
+int appendHeld(sd_bus_message* message, const Value& value, unsigned open) {
     return value.visit([&](const auto& held) -> int {
         using Held = std::decay_t<decltype(held)>;
         if constexpr (std::is_same_v<Held, std::string>) {
@@ -285,35 +291,33 @@ int appendHeld(sd_bus_message* message, const Value& value, unsigned depth) {
         } else if constexpr (std::is_same_v<Held, Data>) {
             return ::sd_bus_message_append_array(message, SD_BUS_TYPE_BYTE, held.data(), held.size());
         } else if constexpr (std::is_same_v<Held, Array>) {
-            return appendArray(message, held, depth + 1);
+            return appendArray(message, held, open);
         } else {
-            return appendDictionary(message, held, depth + 1);
+            return appendDictionary(message, held, open);
         }
     });
 }
 
-int appendVariant(sd_bus_message* message, const Value& value, unsigned depth) {
-    return appendContainer(message, SD_BUS_TYPE_VARIANT, signatureOf(value.kind()),
-                           [&] { return appendHeld(message, value, depth); });
+int appendVariant(sd_bus_message* message, const Value& value, unsigned open) {
+    return appendContainer(message, open, SD_BUS_TYPE_VARIANT, signatureOf(value.kind()),
+                           [&] { return appendHeld(message, value, open + 1); });
 }
 
-int appendDictionary(sd_bus_message* message, const Dictionary& dictionary, unsigned depth) {
-    if (depth > kMaximumDepth) return -E2BIG;
+int appendDictionary(sd_bus_message* message, const Dictionary& dictionary, unsigned open) {
     const auto appendEntry = [&](const Dictionary::Entry& entry) {
-        return appendContainer(message, SD_BUS_TYPE_DICT_ENTRY, "sv", [&] {
+        return appendContainer(message, open + 1, SD_BUS_TYPE_DICT_ENTRY, "sv", [&] {
             const int result = appendText(message, entry.key);
-            return result < 0 ? result : appendVariant(message, entry.value, depth);
+            return result < 0 ? result : appendVariant(message, entry.value, open + 2);
         });
     };
-    return appendContainer(message, SD_BUS_TYPE_ARRAY, "{sv}",
+    return appendContainer(message, open, SD_BUS_TYPE_ARRAY, "{sv}",
                            [&] { return appendEach(dictionary, appendEntry); });
 }
 
-int appendArray(sd_bus_message* message, const Array& array, unsigned depth) {
-    if (depth > kMaximumDepth) return -E2BIG;
-    return appendContainer(message, SD_BUS_TYPE_ARRAY, "v", [&] {
+int appendArray(sd_bus_message* message, const Array& array, unsigned open) {
+    return appendContainer(message, open, SD_BUS_TYPE_ARRAY, "v", [&] {
         return appendEach(array,
-                          [&](const Value& element) { return appendVariant(message, element, depth); });
+                          [&](const Value& element) { return appendVariant(message, element, open + 1); });
     });
 }
 
@@ -365,32 +369,32 @@ int readOptionalString(sd_bus_message* message, std::optional<std::string>& out)
 }
 
 int appendDictionary(sd_bus_message* message, const Dictionary& dictionary) {
-    return appendDictionary(message, dictionary, 1);
+    return appendDictionary(message, dictionary, 0);
 }
 
 int appendOptionalDictionary(sd_bus_message* message, const Dictionary* dictionary) {
-    return appendContainer(message, SD_BUS_TYPE_ARRAY, "a{sv}", [&] {
-        return dictionary != nullptr ? appendDictionary(message, *dictionary) : 0;
+    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "a{sv}", [&] {
+        return dictionary != nullptr ? appendDictionary(message, *dictionary, 1) : 0;
     });
 }
 
 int appendArray(sd_bus_message* message, const Array& array) {
-    return appendArray(message, array, 1);
+    return appendArray(message, array, 0);
 }
 
 int appendStrings(sd_bus_message* message, const std::vector<std::string>& strings) {
-    return appendContainer(message, SD_BUS_TYPE_ARRAY, "s", [&] {
+    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "s", [&] {
         return appendEach(strings, [&](const std::string& text) { return appendText(message, text); });
     });
 }
 
 int appendOptionalStrings(sd_bus_message* message, const std::vector<std::string>* strings) {
-    return appendContainer(message, SD_BUS_TYPE_ARRAY, "as",
+    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "as",
                            [&] { return strings != nullptr ? appendStrings(message, *strings) : 0; });
 }
 
 int appendOptionalString(sd_bus_message* message, const std::string* text) {
-    return appendContainer(message, SD_BUS_TYPE_ARRAY, "s",
+    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "s",
                            [&] { return text != nullptr ? appendText(message, *text) : 0; });
 }
 

@@ -199,6 +199,12 @@ TEST_F(BusValueTest, NestingIsBoundedBothWays) {
     renew();
     EXPECT_LT(appendDictionary(message, {{"k", nested(200)}}), 0);
 
+    Dictionary dictionaries{{"k", 1}};
+    for (int level = 2; level <= 42; ++level) dictionaries = {{"k", std::move(dictionaries)}};
+    EXPECT_EQ(roundTrip(dictionaries), dictionaries);
+    renew();
+    EXPECT_EQ(appendDictionary(message, {{"k", dictionaries}}), -E2BIG);
+
     // Variants straight in variants.
     renew();
     constexpr int levels = 300;

@@ -12,8 +12,8 @@ enum class ErrorCode {
     Disconnected,
     /// The daemon's answer did not come in time. What was asked for may still happen.
     TimedOut,
-    /// The argument cannot be sent: a value nested deeper than 64 levels, a text that is not UTF-8 or holds a
-    /// NUL, a path that is not of a regular file.
+    /// The argument cannot be sent: a value nested deeper than 64 levels (42 of dictionaries), a text that is
+    /// not UTF-8 or holds a NUL, a path that is not of a regular file.
     InvalidArgument,
     /// The daemon answered with a D-Bus error.
     Refused,
