@@ -98,13 +98,14 @@ class Client::Implementation {
 Result<Client> Client::connect(ConnectOptions options) {
     const std::string path =
         options.socketPath.empty() ? platform::rooted(kQuorvaneSocketPath) : options.socketPath;
-    auto socket = client::connectSocket(path, options.timeout);
+    const client::Deadline deadline = client::deadlineAfter(options.timeout);
+    auto socket = client::connectSocket(path, deadline);
     if (!socket) return socket.error();
 
     auto implementation = std::make_unique<Implementation>();
     implementation->closeTimeout = options.closeTimeout;
     const auto exports = implementation->replyInterface.exports();
-    auto connection = Connection::start(*std::move(socket), exports, std::move(options));
+    auto connection = Connection::start(*std::move(socket), exports, std::move(options), deadline);
     if (!connection) return connection.error();
     implementation->connection = *std::move(connection);
     implementation->replyInterface.setConnection(implementation->connection.get());
@@ -241,9 +242,7 @@ Result<bool> Client::uploadFile(const std::string& path,
             return ::sd_bus_message_append(message, "ss", client::fileURL(file.path).c_str(), token->c_str());
         },
         readBoolean, timeout);
-    // What the daemon asks to be removed it asks for right behind its answer; one more answer, and it has.
-    if (uploaded)
-        static_cast<void>(connection.callAndWait(Connection::kPing, appendNothing, readNothing, timeout));
+    // What the daemon asks to be removed it has asked for before its answer.
     _implementation->lentFiles.forget(*token);
     if (uploaded) report(UploadProgress::Step::Finished);
     return uploaded;

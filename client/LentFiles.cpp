@@ -16,13 +16,18 @@ using platform::MutexLock;
 
 namespace {
 
-/// The absolute path without links, "." and ".." in the way to the file: of a file in a folder that it may
-/// not search the daemon knows such a path only.
-std::string withoutDetours(const std::filesystem::path& path, std::error_code& error) {
+/// Opens the file's folder and tells the path to the file without links, "." and "..": of a file in a folder
+/// that it may not search the daemon knows such a path only. An errno value.
+int openFolder(const std::filesystem::path& path, OpenFile& file) {
+    std::error_code error;
     const std::filesystem::path absolute = std::filesystem::absolute(path, error);
-    if (error) return {};
+    if (error) return error.value();
     const std::filesystem::path folder = std::filesystem::canonical(absolute.parent_path(), error);
-    return (folder / absolute.filename()).string();
+    if (error) return error.value();
+    file.name = absolute.has_filename() ? absolute.filename().string() : ".";
+    file.path = (folder / file.name).string();
+    file.folder.reset(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return file.folder ? 0 : errno;
 }
 
 }  // namespace
@@ -31,12 +36,11 @@ Result<std::shared_ptr<const OpenFile>> openRegularFile(const std::string& path)
     const auto failure = [&path](ErrorCode code, const char* why) {
         return Error{code, "cannot upload " + path + ": " + why};
     };
-    std::error_code error;
     auto file = std::make_shared<OpenFile>();
-    file->path = withoutDetours(path, error);
-    if (error) return failure(ErrorCode::System, std::strerror(error.value()));
-    file->descriptor.reset(
-        ::open(file->path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    if (const int error = openFolder(path, *file); error != 0)
+        return failure(ErrorCode::System, std::strerror(error));
+    file->descriptor.reset(::openat(file->folder.get(), file->name.c_str(),
+                                    O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (!file->descriptor && errno == ELOOP)
         return failure(ErrorCode::InvalidArgument, "it is a symbolic link");
     struct stat status {};
@@ -65,9 +69,12 @@ bool LentFiles::removeFile(const std::string& token) {
     if (at == _files.end()) return false;
     const std::shared_ptr<const OpenFile> file = std::move(at->second);
     _files.erase(at);
+    // In the folder itself: another may have taken its place in the path.
     struct stat now {};
-    if (::lstat(file->path.c_str(), &now) != 0) return false;
-    return now.st_dev == file->device && now.st_ino == file->number && ::unlink(file->path.c_str()) == 0;
+    const int folder = file->folder.get();
+    if (::fstatat(folder, file->name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    return now.st_dev == file->device && now.st_ino == file->number &&
+           ::unlinkat(folder, file->name.c_str(), 0) == 0;
 }
 
 }  // namespace quorvane::client

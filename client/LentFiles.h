@@ -17,6 +17,8 @@ namespace quorvane::client {
 /// A regular file open for reading. While it is open, no other file can take its place under its number.
 struct OpenFile {
     std::string path;  ///< Absolute and, but for its last component, without links, "." and "..".
+    std::string name;  ///< That last component, in the folder.
+    platform::UniqueDescriptor folder;
     platform::UniqueDescriptor descriptor;
     std::uint64_t bytes = 0;
     dev_t device = 0;
@@ -33,8 +35,8 @@ class LentFiles {
     void add(const std::string& token, std::shared_ptr<const OpenFile> file);
     void forget(const std::string& token);
 
-    /// Removes the file that the token was issued for, when its path still names it. False when nothing was
-    /// removed.
+    /// Removes the file that the token was issued for, when its name in its folder still names it. False when
+    /// nothing was removed.
     bool removeFile(const std::string& token);
 
   private:

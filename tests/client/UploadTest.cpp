@@ -24,7 +24,7 @@ std::string contentOf(int descriptor) {
     return text;
 }
 
-/// Takes files as the daemon does, and asks for their removal behind its answer.
+/// Takes files as the daemon does, and asks for their removal before it answers.
 class UploadPeer {
   public:
     UploadPeer() : peer([this](sd_bus_message* message) { return take(message); }) {}
@@ -58,9 +58,8 @@ class UploadPeer {
         url = name;
         token = given;
         if (whileUploading) whileUploading();
-        ::sd_bus_reply_method_return(message, "b", static_cast<int>(takes));
         if (!removes.empty()) askForRemoval(::sd_bus_message_get_bus(message));
-        return 1;
+        return ::sd_bus_reply_method_return(message, "b", static_cast<int>(takes));
     }
 
     void askForRemoval(sd_bus* bus) const {
@@ -133,6 +132,19 @@ TEST(Upload, NeverRemovesWhatHasTakenTheFilesPlace) {
     uploads.onPeer([&] { uploads.whileUploading = replaceFile; });
     EXPECT_EQ(*client.uploadFile(file.string()), true);
     EXPECT_TRUE(fs::exists(file));
+
+    fs::create_directory(uploads.peer.folder() / "sub");
+    const fs::path inFolder = uploads.peer.folder() / "sub/log";
+    writeFile(inFolder, "x");
+    const auto replaceFolder = [&] {
+        fs::rename(inFolder.parent_path(), uploads.peer.folder() / "moved");
+        fs::create_directory(inFolder.parent_path());
+        fs::create_hard_link(uploads.peer.folder() / "moved/log", inFolder);
+    };
+    uploads.onPeer([&] { uploads.whileUploading = replaceFolder; });
+    EXPECT_EQ(*client.uploadFile(inFolder.string()), true);
+    EXPECT_TRUE(fs::exists(inFolder)) << "another folder's";
+    EXPECT_FALSE(fs::exists(uploads.peer.folder() / "moved/log"));
 
     const auto replaceByLink = [&] {
         fs::rename(file, other);
