@@ -6,11 +6,30 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace quorvane::client {
 
-Result<platform::UniqueDescriptor> connectSocket(const std::string& path, Timeout timeout) {
+namespace {
+
+/// Waits for room in the listener's queue, also beyond signals. An errno value: EAGAIN when the time is up.
+int connectUntil(const Deadline& deadline, int socket, const sockaddr_un& address) {
+    for (;;) {
+        if (deadline) {
+            const std::uint64_t rest = microsecondsUntil(deadline);
+            const timeval limit{static_cast<time_t>(rest / 1'000'000),
+                                static_cast<suseconds_t>(rest % 1'000'000)};
+            ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        }
+        if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return 0;
+        if (errno != EINTR) return errno;
+    }
+}
+
+}  // namespace
+
+Result<platform::UniqueDescriptor> connectSocket(const std::string& path, const Deadline& deadline) {
     const auto failure = [&path](ErrorCode code, int error) {
         return Error{code, "cannot connect to " + path + ": " + std::strerror(error)};
     };
@@ -20,14 +39,9 @@ Result<platform::UniqueDescriptor> connectSocket(const std::string& path, Timeou
     path.copy(address.sun_path, path.size());
     platform::UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket) return failure(ErrorCode::System, errno);
-    if (timeout != kNoTimeout) {
-        const auto count = std::chrono::ceil<std::chrono::microseconds>(timeout).count();
-        const timeval limit{count / 1'000'000, count > 0 ? count % 1'000'000 : 1};
-        ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    }
-    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return errno == EAGAIN ? failure(ErrorCode::TimedOut, ETIMEDOUT)
-                               : failure(ErrorCode::Disconnected, errno);
+    if (const int error = connectUntil(deadline, socket.get(), address); error != 0)
+        return failure(error == EAGAIN ? ErrorCode::TimedOut : ErrorCode::Disconnected,
+                       error == EAGAIN ? ETIMEDOUT : error);
     const int flags = ::fcntl(socket.get(), F_GETFL);
     if (::fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) return failure(ErrorCode::System, errno);
     return socket;

@@ -1,6 +1,5 @@
 #include "client/Connection.h"
 
-#include "client/Deadline.h"
 #include "framework/Keys.h"
 #include "platform/BusMessage.h"
 #include "platform/Thread.h"
@@ -62,15 +61,14 @@ struct Connection::Call {
 };
 
 Result<std::unique_ptr<Connection>> Connection::start(platform::UniqueDescriptor socket,
-                                                      std::span<const Export> exports,
-                                                      ConnectOptions options) {
+                                                      std::span<const Export> exports, ConnectOptions options,
+                                                      const Deadline& deadline) {
     auto wake = std::make_shared<platform::UniqueDescriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!*wake) return systemError("cannot make an event descriptor", errno);
-    const Timeout timeout = options.timeout;
     std::unique_ptr<Connection> connection(
         new Connection(std::move(socket), std::move(wake), std::move(options)));
     if (const Status opened = connection->open(exports); !opened) return opened.error();
-    if (const Status greeted = connection->greet(timeout); !greeted) return greeted.error();
+    if (const Status greeted = connection->greet(deadline); !greeted) return greeted.error();
     auto thread = platform::startThread("quorvane-bus", [raw = connection.get()] { raw->run(); });
     if (!thread) return systemError("cannot start a thread", EAGAIN);
     connection->_thread = std::move(*thread);
@@ -111,7 +109,7 @@ Status Connection::open(std::span<const Export> exports) {
 /// Besides telling whether someone answers, this spares a descriptor from going in the first message behind
 /// the authentication, where it can be lost. The bus library's own waiting call knows no time limit for the
 /// authentication.
-Status Connection::greet(Timeout timeout) {
+Status Connection::greet(const Deadline& deadline) {
     const MutexLock lock(_mutex);
     std::optional<int> outcome;
     const auto take = [](sd_bus_message* answer, void* outcome, sd_bus_error*) {
@@ -120,7 +118,6 @@ Status Connection::greet(Timeout timeout) {
     };
     int result = ::sd_bus_call_method_async(_bus, nullptr, nullptr, kQuorvaneObjectPath, kPing.interface,
                                             kPing.name, take, &outcome, nullptr);
-    const Deadline deadline = deadlineAfter(timeout);
     while (result >= 0 && !outcome) {
         if (result = ::sd_bus_process(_bus, nullptr); result != 0) continue;
         pollfd descriptor{_socket.get(), static_cast<short>(::sd_bus_get_events(_bus)), 0};
@@ -272,7 +269,9 @@ void Connection::run() {
         _readyBytes = 0;
         if (!_ready.empty()) _delivery->deliver(std::exchange(_ready, {}));
         if (next.over) return;
-        if (!next.more) waitFor(next.awaited);
+        // Callbacks that ended while what they left was not yet counted as waiting have woken nobody.
+        const bool hasRoomAgain = !next.awaited.reading && _delivery->waitingBytes() < Delivery::kBoundBytes;
+        if (!next.more && !hasRoomAgain) waitFor(next.awaited);
     }
 }
 
@@ -280,9 +279,9 @@ Connection::Next Connection::process() {
     const MutexLock lock(_mutex);
     // While the executor is behind, one message may come in for everything that is written or runs out of
     // time: the bus library cannot do the one without the other.
-    const int most = mayRead() ? kMessagesAtATime : 1;
     int processed = 1;
-    for (int i = 0; i < most && processed > 0 && !_stopping; ++i) processed = ::sd_bus_process(_bus, nullptr);
+    for (int i = 0; i < kMessagesAtATime && processed > 0 && !_stopping && (i == 0 || mayRead()); ++i)
+        processed = ::sd_bus_process(_bus, nullptr);
     if (_stopping)
         end({ErrorCode::Disconnected, "the client was closed"});
     else if (processed < 0)

@@ -45,9 +45,10 @@ class Connection {
 
     static constexpr Method kPing{"org.freedesktop.DBus.Peer", "Ping"};
 
-    /// Takes over a connected socket and waits for the other end to answer.
+    /// Takes over a connected socket and waits for the other end to answer, until the deadline.
     static Result<std::unique_ptr<Connection>> start(platform::UniqueDescriptor socket,
-                                                     std::span<const Export> exports, ConnectOptions options);
+                                                     std::span<const Export> exports, ConnectOptions options,
+                                                     const Deadline& deadline);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -84,7 +85,7 @@ class Connection {
     Connection(platform::UniqueDescriptor socket, std::shared_ptr<platform::UniqueDescriptor> wake,
                ConnectOptions options);
     Status open(std::span<const Export> exports);
-    Status greet(Timeout timeout);
+    Status greet(const Deadline& deadline);
 
     Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call);
     Status waitForRoom(const Call* call) REQUIRES(_mutex);

@@ -12,8 +12,19 @@ using platform::MutexLock;
 
 namespace {
 
-/// Whose callback the thread is in.
-thread_local const Delivery* t_runs = nullptr;
+/// A callback that the thread is in, and the one around it: a callback may run a loop that runs others.
+struct Frame {
+    const Delivery* delivery;
+    const Frame* outer;
+};
+thread_local const Frame* t_innermost = nullptr;
+
+std::size_t framesOf(const Delivery* delivery) {
+    std::size_t count = 0;
+    for (const Frame* frame = t_innermost; frame != nullptr; frame = frame->outer)
+        if (frame->delivery == delivery) ++count;
+    return count;
+}
 
 }  // namespace
 
@@ -83,10 +94,11 @@ void Delivery::run(Callback callback) {
         if (_closed) return;
         ++_running;
     }
-    const Delivery* outer = std::exchange(t_runs, this);
+    const Frame frame{this, t_innermost};
+    t_innermost = &frame;
     callback.function();
     callback.function = nullptr;
-    t_runs = outer;
+    t_innermost = frame.outer;
 
     const MutexLock lock(_mutex);
     --_running;
@@ -102,7 +114,7 @@ void Delivery::close() {
     _closed = true;
     dropped.swap(_waiting);
     _changed.notify_all();
-    const std::size_t own = t_runs == this ? 1 : 0;
+    const std::size_t own = framesOf(this);
     while (_running > own) _changed.wait(_mutex);
 }
 

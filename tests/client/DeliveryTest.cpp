@@ -162,6 +162,46 @@ TEST(Delivery, ACallbackMayDestroyItsClient) {
     destroyed.get_future().wait();
 }
 
+TEST(Delivery, ACallbackInsideAnotherMayDestroyTheirClient) {
+    BusPeer peer(answerNil);
+    std::mutex mutex;
+    std::deque<std::function<void()>> waiting;
+    const auto runNext = [&] {
+        std::unique_lock lock(mutex);
+        const auto next = std::move(waiting.front());
+        waiting.pop_front();
+        lock.unlock();
+        next();
+    };
+    std::optional<Client> client = connectTo(peer, {.executor = [&](std::function<void()> function) {
+                                                 const std::lock_guard lock(mutex);
+                                                 waiting.push_back(std::move(function));
+                                             }});
+    ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { runNext(); }));
+    ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { client.reset(); }));
+    ASSERT_TRUE(eventually([&] {
+        const std::lock_guard lock(mutex);
+        return waiting.size() == 2;
+    }));
+    runNext();
+    EXPECT_FALSE(client);
+}
+
+TEST(Delivery, WhatAnExecutorKeepsUpWithIsReadToItsEnd) {
+    BusPeer peer(answerNil);
+    std::atomic<unsigned> events = 0;
+    Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
+    ASSERT_TRUE(
+        client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) { ++events; }}));
+    // Few enough messages to be read in one go hold more than the bound.
+    constexpr unsigned kEvents = 100;
+    const Dictionary payload{{"text", std::string(1 << 20, 'x')}};
+    peer.run([&](sd_bus* bus) {
+        for (unsigned i = 0; i < kEvents; ++i) relay(bus, 1, 1, 1, &payload);
+    });
+    EXPECT_TRUE(eventually([&] { return events == kEvents; })) << events;
+}
+
 /// What the peer could not yet write.
 std::uint64_t unwritten(BusPeer& peer) {
     std::uint64_t count = 0;

@@ -84,6 +84,7 @@ class Client {
     Result<Answer> send(const Event& event, Timeout timeout = kNoTimeout);
     /// Sends an event; the completion gets the answer on the executor, exactly once unless the client is
     /// destroyed before. Waits while 1,024 calls are unanswered. With an error the completion does not run.
+    /// Completions are not bounded as they wait for the executor: it must keep up with the answers.
     Status sendAsync(const Event& event, Completion<Answer> completion, Timeout timeout = kNoTimeout);
     /// Sends an event that is not answered. Success means that it is on its way.
     Status sendAndForget(const Event& event);
