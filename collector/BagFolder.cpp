@@ -54,6 +54,7 @@ BagFolder::BagFolder(std::string path) : _path(std::move(path)) {
 std::optional<BagFolder::Bag> BagFolder::bag(std::string_view name) const {
     std::error_code error;
     const auto entries = platform::listDirectory(_path, error);
+    if (error) throw std::system_error(error, _path);
     const auto entry = std::find(entries.begin(), entries.end(), name);
     // Hidden files are unfinished ones and leftovers.
     if (entry == entries.end() || entry->starts_with('.')) return std::nullopt;

@@ -94,6 +94,7 @@ void endProgram() {
 }
 
 int run(const Options& options) {
+    platform::allowAllDescriptors();
     const sigset_t signals = blockSignals();
     StopSignal stop;
     EventSink sink(options.eventFile);

@@ -3,6 +3,7 @@
 #include "platform/UniqueDescriptor.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -113,6 +114,13 @@ bool replaceFile(const std::string& path, std::span<const std::uint8_t> bytes, u
     if (fillTemporary(file.get(), bytes, mode) && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
     ::unlink(temporary.c_str());
     return false;
+}
+
+void allowAllDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace quorvane::platform

@@ -30,4 +30,7 @@ std::optional<Data> readFile(const std::string& path, std::size_t limit = 64u <<
 /// Replaces the file as a whole (a temporary file beside it, then rename(2)).
 bool replaceFile(const std::string& path, std::span<const std::uint8_t> bytes, unsigned mode = 0640);
 
+/// Lets the process have as many descriptors open as its hard limit allows (getrlimit(2)).
+void allowAllDescriptors();
+
 }  // namespace quorvane::platform

@@ -1,6 +1,7 @@
 #include "framework/Keys.h"
 #include "framework/QuorvaneLogging.h"
 #include "platform/BusListener.h"
+#include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/QualityOfService.h"
 #include "platform/Root.h"
@@ -11,7 +12,6 @@
 #include "service/Termination.h"
 #include "util/DeviceFacts.h"
 
-#include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 
 #include <csignal>
@@ -25,14 +25,6 @@
 namespace {
 
 using namespace quorvane;
-
-/// Three a connection.
-void allowAllDescriptors() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 void setConnectionsPerUser(platform::BusListener& listener) {
     const auto most = platform::userDefault(kQuorvaneDefaultsSuite, "connections_per_user");
@@ -88,7 +80,7 @@ int serve() {
 int main() {
     platform::setQualityOfServiceUtility();
     startLogging("quorvaned", "Daemon");
-    allowAllDescriptors();
+    platform::allowAllDescriptors();  // Each connection takes three.
     // A peer or server that closes is told by the error of the write.
     std::signal(SIGPIPE, SIG_IGN);
     return serve();
