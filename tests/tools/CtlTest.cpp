@@ -82,7 +82,7 @@ std::size_t eventsIn(const Dictionary& fact) {
 TEST_F(Ctl, SendsTypedPayloadsAndPrintsTheAnswers) {
     start();
     const auto result =
-        ctl("send 3 200 n=-1 f=1.50 ok=true url=https://x/?a=b empty= version=1.2.3 year=007 "
+        ctl("send 03 0200 n=-1 f=1.50 ok=true url=https://x/?a=b empty= version=1.2.3 year=007 "
             "serial=123456789012345678901 long=18446744073709551615 --payload {\"n\":5,\"from\":\"JSON\"} "
             "--count 2 --session-id 77 --client-type 6");
     EXPECT_EQ(result.status, 0);

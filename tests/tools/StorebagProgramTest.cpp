@@ -167,7 +167,9 @@ TEST_F(StorebagProgram, TellsWhatIsWrongWithAnEnvelope) {
     envelope.set("bag", platform::base64Encode(bytesOf(tampered)));
     writeEnvelope(envelope);
     expectReason("the signature is not good for");
-    EXPECT_THAT(storebag("inspect bag --public-key public.der").output, HasSubstr("256 bytes, NOT GOOD"));
+    const auto inspected = storebag("inspect bag --public-key public.der");
+    EXPECT_EQ(inspected.status, 1);
+    EXPECT_THAT(inspected.output, HasSubstr("256 bytes, NOT GOOD"));
 
     envelope = good;
     envelope.remove("signature");
@@ -273,6 +275,9 @@ httppost2 = { display_url = "example.org", clients = [
     EXPECT_EQ(std::count(lenient.errors.begin(), lenient.errors.end(), '\n'),
               static_cast<std::ptrdiff_t>(expected.size()));
 
+    EXPECT_EQ(verify().status, 1);
+    EXPECT_THAT(verify().errors, HasSubstr("bag: no device takes a bag without a version"));
+
     write("empty.json", R"({"version": "1"})");
     EXPECT_THAT(sign("empty.json").errors, HasSubstr("no environment has a section"));
 }
@@ -327,6 +332,8 @@ TEST_F(StorebagProgram, MakesKeysThatOnlyTheirOwnerReadsAndNeverReplacesThemUnas
 
     fs::permissions("new.der", fs::perms::all);
     write("new.pem", first);
+    EXPECT_EQ(storebag("keygen --force --private-key new.pem --public-key none/new.der").status, 1);
+    EXPECT_EQ(read("new.pem"), first) << "the key whose public one the devices have";
     EXPECT_EQ(storebag(keygen + " --force").status, 0);
     EXPECT_NE(read("new.pem"), first);
     EXPECT_EQ(modeOf("new.pem"), 0600u);

@@ -4,8 +4,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 
 namespace quorvane::tools {
@@ -18,6 +20,18 @@ std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const ch
     CLI::App* subcommand = app.add_subcommand(name, description);
     subcommand->callback([&command, read] { command = *read; });
     return {subcommand, *read};
+}
+
+/// Takes a number with leading zeros for what it looks like, which the library takes for octal.
+inline CLI::Validator decimal() {
+    return CLI::Validator(
+        [](std::string& text) {
+            const std::size_t digits = text.find_first_not_of('0');
+            if (digits != 0 && digits != std::string::npos && text[digits] >= '1' && text[digits] <= '9')
+                text.erase(0, digits);
+            return std::string();
+        },
+        "");
 }
 
 /// Reads the command line, which names one subcommand. False when there is nothing more to do, as after

@@ -17,10 +17,14 @@ constexpr const char* kFooter =
 void addSessionOptions(CLI::App& command, SessionOptions& options) {
     SessionInfo& info = options.sessionInfo;
     command.add_option("--client-type", info.clientType, "Kind of client; 5 to 11 have a storebag (5)")
+        ->transform(tools::decimal())
         ->group("Session");
-    command.add_option("--session-id", info.sessionID, "The session's number (1)")->group("Session");
+    command.add_option("--session-id", info.sessionID, "The session's number (1)")
+        ->transform(tools::decimal())
+        ->group("Session");
     command.add_option("--client-version", info.clientVersion, "The client's version")
         ->capture_default_str()
+        ->transform(tools::decimal())
         ->group("Session");
     command.add_option("--client-name", options.clientName, "Client name of the user info")->group("Session");
     command.add_option("--service-name", options.serviceName, "Service name of the user info")
@@ -39,8 +43,12 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
 }
 
 void addEventOptions(CLI::App& command, EventOptions& options) {
-    command.add_option("category", options.category, "The event's category, 0 to 65535")->required();
-    command.add_option("type", options.type, "The event's type, 0 to 65535")->required();
+    command.add_option("category", options.category, "The event's category, 0 to 65535")
+        ->required()
+        ->transform(tools::decimal());
+    command.add_option("type", options.type, "The event's type, 0 to 65535")
+        ->required()
+        ->transform(tools::decimal());
     command
         .add_option("entries", options.entries,
                     "The payload: true, false and numbers as JSON has them, everything else a text")

@@ -1,3 +1,5 @@
+#include "platform/Text.h"
+#include "tools/common/Failure.h"
 #include "tools/common/Files.h"
 #include "tools/common/Json.h"
 #include "tools/common/Output.h"
@@ -80,8 +82,8 @@ std::string text(const Contents& contents) {
 
 int run(const Inspect& command) {
     const Contents contents = read(command);
-    printLine(command.json ? json(contents) : text(contents));
-    return 0;
+    printLine(command.json ? json(contents) : platform::escapedControls(text(contents), "\n"));
+    return contents.signatureGood.value_or(true) ? 0 : kFailed;
 }
 
 }  // namespace quorvane::tools

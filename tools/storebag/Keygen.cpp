@@ -29,8 +29,9 @@ int run(const Keygen& command) {
     const auto key = SigningKey::generate(command.bits);
     if (!key) throw Failure("cannot make a key");
     const auto write = command.force ? writeBytes : writeNewFile;
-    write(command.privateKey, bytesOf(key->privatePEM()), kOwnerOnly);
+    // The public key first: when only one can be written, what is replaced can be made again from the other.
     write(command.publicKey, key->publicDER(), kEverybody);
+    write(command.privateKey, bytesOf(key->privatePEM()), kOwnerOnly);
     printLine(fmt::format("{}: the key that signs, {} bits; keep it secret\n{}: the key for the devices",
                           command.privateKey, key->bits(), command.publicKey));
     return 0;

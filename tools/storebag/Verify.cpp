@@ -15,7 +15,10 @@ int run(const Verify& command) {
     const Envelope envelope = openEnvelope(readBytes(command.storebag), name);
     if (!isSignedWith(envelope, *key))
         throw Failure(fmt::format("{}: the signature is not good for {}", name, command.publicKey));
-    warnAbout(bagOf(envelope, name), name, command.strict);
+    const Dictionary bag = bagOf(envelope, name);
+    warnAbout(bag, name, command.strict);
+    if (bag.string("version") == nullptr)
+        throw Failure(fmt::format("{}: no device takes a bag without a version", name));
     printLine(fmt::format("{}: good", name));
     return 0;
 }

@@ -1,5 +1,6 @@
 #include "tools/storebag/Warnings.h"
 
+#include "platform/Text.h"
 #include "tools/common/Failure.h"
 #include "tools/storebag/CheckBag.h"
 
@@ -12,7 +13,8 @@ namespace quorvane::tools {
 void warnAbout(const Dictionary& bag, std::string_view name, bool strict) {
     const auto findings = checkBag(bag);
     for (const std::string& finding : findings)
-        fmt::print(stderr, "quorvane-storebag: warning: {}: {}\n", name, finding);
+        fmt::print(stderr, "quorvane-storebag: warning: {}: {}\n", name,
+                   platform::escapedControls(finding, ""));
     if (strict && !findings.empty())
         throw Failure(fmt::format("{}: {} warning{}, and --strict is given", name, findings.size(),
                                   findings.size() == 1 ? "" : "s"));
