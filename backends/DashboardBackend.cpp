@@ -33,7 +33,7 @@ constexpr std::size_t kIdentifierAt = 20;
 constexpr std::size_t kIdentifierBytes = 40;
 constexpr std::size_t kLengthAt = 14;
 /// Room is left for the NUL that ends a text.
-constexpr std::size_t kMaximumLogLine = 1151;
+constexpr std::size_t kMaximumLogLine = 1152 - 1;
 constexpr std::size_t kMaximumText = DashboardBackend::kDatagramBytes - DashboardBackend::kHeaderBytes - 1;
 
 void put(Data& bytes, std::size_t at, std::uint16_t number) {

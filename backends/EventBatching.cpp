@@ -73,6 +73,7 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
         count = 0;
     }
     if (hold(event, method, count + 1)) return;
+    // What is held may be posted to make room.
     flush(nullptr);
     count = openBatch(method);
     if (!hold(event, method, count + 1)) warnOfDrop();

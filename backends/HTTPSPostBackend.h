@@ -29,8 +29,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     /// Builds the event's record and posts or holds it. The answer is the posted message's pretty-printed
     /// JSON, when the user's consent lets it be logged.
-    ///   respCode  1 in any category counts as the session's last event, which tells the sampling settings
-    ///   too flag      bit 0: post now, to the real-time URL; bit 1: a sampled-out backend starts to report
+    ///   respCode  1, in any category, marks the session's last event, which tells the sampling settings too
+    ///   flag      bit 0: post now, to the real-time URL; bit 1: a sampled-out backend starts to report
     /// Waits, holding no lock, while the HTTP session has too much to send.
     Answer sendMessage(const Dictionary* payload, TimeValue timestamp, std::uint16_t method,
                        std::uint16_t respCode, EventID eventID, MessageFlag flag) override;

@@ -9,7 +9,7 @@ QuorvanedSession* SessionGroup::getFirstSessionWithHierarchy(std::int64_t level)
     return found != _firstOfEachLevel.end() ? found->second : nullptr;
 }
 
-void SessionGroup::append(QuorvanedSession& session, std::optional<std::int64_t> level) {
+void SessionGroup::append(QuorvanedSession& session, std::optional<std::int32_t> level) {
     _members.push_back({&session, level});
     if (level) _firstOfEachLevel.try_emplace(*level, &session);
 }
@@ -21,7 +21,7 @@ void SessionGroup::setLevel(const QuorvanedSession& session, std::int32_t level)
     findFirsts();
 }
 
-std::optional<std::int64_t> SessionGroup::remove(const QuorvanedSession& session) {
+std::optional<std::int32_t> SessionGroup::remove(const QuorvanedSession& session) {
     const auto member = find(session);
     if (member == _members.end()) return std::nullopt;
     const auto level = member->level;

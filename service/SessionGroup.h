@@ -28,10 +28,10 @@ class SessionGroup {
     const std::map<std::int64_t, QuorvanedSession*>& firstOfEachLevel() const { return _firstOfEachLevel; }
 
     /// Puts the session at the end.
-    void append(QuorvanedSession& session, std::optional<std::int64_t> level);
+    void append(QuorvanedSession& session, std::optional<std::int32_t> level);
     void setLevel(const QuorvanedSession& session, std::int32_t level);
     /// Gives the level that the session had.
-    std::optional<std::int64_t> remove(const QuorvanedSession& session);
+    std::optional<std::int32_t> remove(const QuorvanedSession& session);
 
   private:
     std::vector<Member>::iterator find(const QuorvanedSession& session);

@@ -31,7 +31,7 @@ void SessionHierarchy::userInfoUpdatedForSession(QuorvanedSession& session) {
         return;
     }
     const std::scoped_lock lock(_lock);
-    const std::optional<std::int64_t> level = removeSession(session);
+    const std::optional<std::int32_t> level = removeSession(session);
     const auto group = groupForKey(keyOf(session));
     logDebug("userInfoUpdatedForSession: Adding session {} to list for userInfoKey {}", session.sessionID(),
              group->first);
@@ -48,12 +48,12 @@ SessionHierarchy::Groups::iterator SessionHierarchy::groupForKey(const std::stri
     return group;
 }
 
-std::optional<std::int64_t> SessionHierarchy::removeSession(const QuorvanedSession& session) {
+std::optional<std::int32_t> SessionHierarchy::removeSession(const QuorvanedSession& session) {
     const auto filed = _filed.find(&session);
     if (filed == _filed.end()) return std::nullopt;
     const auto group = filed->second;
     _filed.erase(filed);
-    const std::optional<std::int64_t> level = group->second.remove(session);
+    const std::optional<std::int32_t> level = group->second.remove(session);
     if (group->second.empty()) forgetEmptied(group);
     return level;
 }
@@ -79,9 +79,9 @@ const SessionGroup* SessionHierarchy::sessionsForKey(const std::string& key) con
     return found != _correlatedSessions.end() && !found->second.empty() ? &found->second : nullptr;
 }
 
-bool SessionHierarchy::holds(const SessionGroup& list, const QuorvanedSession& session) const {
+bool SessionHierarchy::holds(const SessionGroup& group, const QuorvanedSession& session) const {
     const auto filed = _filed.find(&session);
-    return filed != _filed.end() && &filed->second->second == &list;
+    return filed != _filed.end() && &filed->second->second == &group;
 }
 
 std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(

@@ -40,7 +40,7 @@ class SessionHierarchy {
     void updateDownstreamSessions(QuorvanedSession& session);
 
     /// Takes the session out of its group and gives the level that it had there. Locked.
-    std::optional<std::int64_t> removeSession(const QuorvanedSession& session);
+    std::optional<std::int32_t> removeSession(const QuorvanedSession& session);
 
     /// How many groups there have been. Any thread, no lock.
     std::size_t groupCount() const { return _groupCount; }
@@ -49,7 +49,7 @@ class SessionHierarchy {
     using Groups = std::map<std::string, SessionGroup, std::less<>>;
 
     const SessionGroup* sessionsForKey(const std::string& key) const;
-    bool holds(const SessionGroup& list, const QuorvanedSession& session) const;
+    bool holds(const SessionGroup& group, const QuorvanedSession& session) const;
     Groups::iterator groupForKey(const std::string& key);
     void forgetEmptied(Groups::iterator group);
     void takeLevel(const QuorvanedSession& session);
