@@ -52,7 +52,7 @@ typedef struct QuorvaneOperation {
 typedef struct QuorvaneClass {
     const char* name;
     void* (*init)(void); /* A new object; NULL when there can be none, and then each event is refused. */
-    void (*dealloc)(void* object);
+    void (*dealloc)(void* object); /* NULL when nothing is to be given back. */
     const QuorvaneOperation* operations;
     size_t operationCount;
 } QuorvaneClass;
