@@ -85,20 +85,27 @@ TEST_F(FetchStorebagTest, AVerifiedBagComesWithItsAgeAndDateWhateverTheStatus) {
 TEST_F(FetchStorebagTest, TheRequestNamesBagAndVersion) {
     fetch("pelmark");
     fetch(std::nullopt);
+    for (const char* info : {"<plist><array/></plist>", "<plist><dict>",
+                             "<plist><dict><key>CFBundleVersion</key><integer>8</integer></dict></plist>"}) {
+        write(kInfo, info);
+        fetch("pelmark");
+    }
+    EXPECT_EQ(logged("<3>bundleVersion: " + (_root / kInfo).string() + ": "), 1u) << "the malformed one";
     std::filesystem::remove(_root / kInfo);
     fetch("pelmark");
     installBundleVersion("8 b\r\nX-Forged: 1");
     fetch("pelmark");
 
     const auto requests = _server.requests();
-    ASSERT_EQ(requests.size(), 4u);
+    ASSERT_EQ(requests.size(), 7u);
     EXPECT_EQ(requests[0].method, "GET");
     EXPECT_EQ(requests[0].target, "/bags/pelmark?version=7.1");
     EXPECT_EQ(requests[0].header("If-Modified-Since"), "absent");
     EXPECT_EQ(requests[1].target, "/bags/(null)?version=7.1");
-    EXPECT_EQ(requests[2].target, "/bags/pelmark?version=7.0");
-    EXPECT_EQ(requests[3].target, "/bags/pelmark?version=8%20b%0D%0AX-Forged:%201");
-    EXPECT_EQ(requests[3].header("X-Forged"), "absent");
+    for (const std::size_t versionless : {2, 3, 4, 5})
+        EXPECT_EQ(requests[versionless].target, "/bags/pelmark?version=7.0");
+    EXPECT_EQ(requests[6].target, "/bags/pelmark?version=8%20b%0D%0AX-Forged:%201");
+    EXPECT_EQ(requests[6].header("X-Forged"), "absent");
 }
 
 TEST_F(FetchStorebagTest, AnUnchangedBagIsReportedAsSuch) {
@@ -138,39 +145,23 @@ TEST_F(FetchStorebagTest, AnEmptyAnswerIsUnchangedOnlyWithBothDates) {
 
 TEST_F(FetchStorebagTest, MaxAgeIsTheNumberAfterItsName) {
     const std::vector<std::pair<std::string, std::int32_t>> forms{
-        {"max-age=600", 600},
         {"public, max-age=600", 600},
         {"max-age=3600, public", 3600},
         {"max-age 60", 60},
         {"max-age=5 max-age=7", 5},
-        {"max-age=0", 0},
         {"max-age=abc", 0},
-        {"max-age=", 0},
         {"max-age= 600", 0},
         {"max-age=99999999999999999999", 2147483647},
         {"max-age=3000000000", 2147483647},
         {"public, max-age", 86400},
-        {"s-max-age=600", 86400},
         {"Max-Age=600", 86400},
         {"public,max-age=600", 86400},
-        {"no-cache", 86400},
     };
     EXPECT_EQ(fetch().maxAge, 86400);
     for (const auto& [header, seconds] : forms) {
         answer("", {{"Cache-Control", header}});
         EXPECT_EQ(fetch().maxAge, seconds) << header;
     }
-}
-
-TEST_F(FetchStorebagTest, Base64MayBeBrokenIntoLines) {
-    Dictionary entries = goodEnvelope();
-    for (const char* entry : {"bag", "signature"}) {
-        std::string broken = *entries.string(entry);
-        for (std::size_t at = broken.size() / 40 * 40; at > 0; at -= 40) broken.insert(at, "\n\t");
-        entries.set(entry, "\n" + broken + "\n");
-    }
-    answer(xml(entries));
-    EXPECT_EQ(fetch().bag, _bag);
 }
 
 TEST_F(FetchStorebagTest, WhatIsNotSignedOrCannotBeReadIsNotTaken) {
@@ -250,6 +241,7 @@ class BuiltInServersTest : public RootFixture {};
 TEST_F(BuiltInServersTest, TheBuildDecidesWithoutASetting) {
     // Nothing is sent to the server.
     ::setenv("https_proxy", "http://127.0.0.1:1", 1);
+    for (const char* exceptions : {"no_proxy", "NO_PROXY"}) ::unsetenv(exceptions);
     const auto fetchOnDevice = [this](const std::string& facts) {
         write("etc/quorvane/device.toml", facts);
         return test::inChild([] {

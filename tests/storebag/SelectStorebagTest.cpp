@@ -141,16 +141,5 @@ TEST_F(SelectStorebagTest, AFailedFetchOrABagWithoutAVersionIsLoggedAnUnchangedB
     EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(SelectStorebagTest, TheBuiltInBagServesEveryEnvironmentForAnHour) {
-    answerTooMuch();
-    for (const EnvironmentType type : {EnvironmentType::Internal, EnvironmentType::Seed}) {
-        replaceEnvironmentType(type);
-        const Selected selected = select(11);
-        EXPECT_EQ(selected.section, (Dictionary{{"ossel", Dictionary{{"active", true}}}}));
-        EXPECT_EQ(selected.maxAge, 3600);
-        EXPECT_EQ(selected.version, "1.0.0-Confluxa-Fallback");
-    }
-}
-
 }  // namespace
 }  // namespace quorvane
