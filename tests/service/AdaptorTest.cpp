@@ -1,14 +1,8 @@
 #include "tests/support/DaemonFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace quorvane::test {
 namespace {
@@ -65,19 +59,6 @@ TEST_F(AdaptorTest, EveryEventOfASessionReachesTheAdaptor) {
     ASSERT_TRUE(other.setSessionInfo(session(5)));
     EXPECT_THAT(*other.start(), Optional(ElementsAre("httppost", "joulary")));
     EXPECT_TRUE(_device.logs("OsselBackend(initWithName): No matching bundle found for client type 5"));
-}
-
-TEST_F(AdaptorTest, ManySessionsShareTheAdaptor) {
-    constexpr int kSessions = 20;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kSessions; ++i)
-        threads.emplace_back([&, i] {
-            Client client = _device.startedClient(session(i % 2 == 0 ? 7 : 11));
-            EXPECT_TRUE(client.send(event(i)));
-        });
-    for (std::thread& thread : threads) thread.join();
-    for (int i = 0; i < kSessions; ++i)
-        EXPECT_THAT(messages(), HasSubstr("{\"n\": " + std::to_string(i) + "}\n"));
 }
 
 }  // namespace

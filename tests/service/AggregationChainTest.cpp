@@ -1,9 +1,5 @@
 #include "tests/service/ChainFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
 #include <string_view>
 
 namespace quorvane::test {

@@ -7,20 +7,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
-#include <cmath>
 #include <filesystem>
 #include <future>
 #include <iterator>
-#include <limits>
 #include <random>
-#include <string>
 #include <string_view>
 #include <thread>
 
@@ -147,39 +140,16 @@ TEST_F(BadInputTest, AMalformedCallGetsTheStandardErrorAndCostsNothingElse) {
     // Arguments of the right types that no value can hold: more than one where one may be, and too deep.
     EXPECT_EQ(error("FetchStatesWithUserInfo", "aa{sv}", 2, 0, 0), kInvalidArguments);
     const Message deep = client.newCall(kClientSessionInterface, "UploadLogData");
-    for (int level = 0; level < 40; ++level) {
-        ::sd_bus_message_open_container(deep.get(), 'a', "v");
-        ::sd_bus_message_open_container(deep.get(), 'v', "av");
+    constexpr int levels = 65;
+    for (int level = 0; level < levels; ++level) {
+        EXPECT_GE(::sd_bus_message_open_container(deep.get(), 'a', "v"), 0);
+        EXPECT_GE(::sd_bus_message_open_container(deep.get(), 'v', "av"), 0);
     }
-    ::sd_bus_message_append(deep.get(), "av", 0);
-    for (int level = 0; level < 80; ++level) ::sd_bus_message_close_container(deep.get());
-    client.call(deep);
+    EXPECT_GE(::sd_bus_message_append(deep.get(), "av", 0), 0);
+    for (int level = 0; level < 2 * levels; ++level) ::sd_bus_message_close_container(deep.get());
+    EXPECT_EQ(client.call(deep).error, kInvalidArguments);
     expectService(client);
     EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
-}
-
-TEST_F(BadInputTest, ExtremeValuesAreServed) {
-    _device.serveStorebag(_device.httpPostSection());
-    _device.start();
-    Client client = _device.startedClient({.sessionID = 1, .clientType = 5});
-    Dictionary payload{{"largest", std::numeric_limits<std::uint64_t>::max()},
-                       {"least", std::numeric_limits<std::int64_t>::min()},
-                       {"early", Date{std::numeric_limits<std::int64_t>::min() + 1'000'000}},
-                       {"late", Date{std::numeric_limits<std::int64_t>::max()}},
-                       {"text", std::string(2'000'000, 'x')},
-                       {"line\r\nbreak", "a\r\nb"},
-                       {"", ""},
-                       {"data", Data(100'000, 7)}};
-    for (int key = 0; key < 5'000; ++key) payload.set("key" + std::to_string(key), key);
-    EXPECT_TRUE(*client.send({.category = kOurs, .type = 65535, .payload = payload}));
-    EXPECT_TRUE(client.send({.category = kOurs + 1, .payload = {{{"number", std::nan("")}}}}));
-    ASSERT_TRUE(_device.waitForEvents(kOurs, 1));
-    const Dictionary record = _device.postedEvents(kOurs)[0];
-    EXPECT_EQ(record.unsignedInteger("largest"), std::numeric_limits<std::uint64_t>::max());
-    EXPECT_EQ(record.integer("least"), std::numeric_limits<std::int64_t>::min());
-    EXPECT_EQ(record.string("text")->size(), 2'000'000u);
-    EXPECT_EQ(record.integer("key4999"), 4999);
-    EXPECT_FALSE(record.contains("data"));
 }
 
 TEST_F(BadInputTest, LentFilesAreBoundedAndGivenBackWithTheConnection) {
@@ -208,9 +178,8 @@ TEST_F(BadInputTest, LentFilesAreBoundedAndGivenBackWithTheConnection) {
 TEST_F(BadInputTest, ASenderThatTheServersCannotKeepUpWithIsSlowedAndLosesNothing) {
     constexpr int kEvents = 300;
     std::promise<void> recovered;
-    const auto hasRecovered = recovered.get_future().share();
     _device.serveStorebag(_device.httpPostSection());
-    _device.answerPosts([hasRecovered](const ServerRequest&) {
+    _device.answerPosts([hasRecovered = recovered.get_future().share()](const ServerRequest&) {
         hasRecovered.wait();
         return ServerAnswer();
     });
@@ -223,8 +192,7 @@ TEST_F(BadInputTest, ASenderThatTheServersCannotKeepUpWithIsSlowedAndLosesNothin
         for (; sent < kEvents; ++sent) {
             std::string noise(100'000, ' ');  // Compression leaves most of it.
             for (char& byte : noise) byte = static_cast<char>(' ' + random() % 90);
-            EXPECT_TRUE(client.sendAndForget(
-                {.category = kOurs, .payload = {{{"noise", noise}, {"n", sent.load()}}}}));
+            EXPECT_TRUE(client.sendAndForget({.category = kOurs, .payload = {{{"noise", noise}}}}));
         }
         // The client's end waits for the daemon no longer than some seconds.
         EXPECT_TRUE(client.flush());

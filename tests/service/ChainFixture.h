@@ -19,7 +19,7 @@ namespace quorvane::test {
 inline constexpr std::uint16_t kOurs = 12;
 
 /// Client types by what their sessions are in a chain.
-enum class Place : std::uint32_t { Top = 5, Middle = 6, Bottom = 8, SilentTop = 9, SampledOutTop = 10 };
+enum class Place : std::uint32_t { Top = 5, Middle = 6, Bottom = 8 };
 
 /// A client that keeps what its aggregation block gets, if it has one.
 class ChainClient {
@@ -130,16 +130,13 @@ class ChainFixture : public testing::Test {
     using Options = ChainClient::Options;
 
     void SetUp() override {
-        const auto serve = [this](const char* storebag, Dictionary clientEntry) {
+        int level = 0;
+        for (const char* storebag : {"pelmark", "stremcore", "vistabox"}) {
             // What fills events up is for aggregators only.
-            clientEntry.set("filters", Array{Value(Dictionary{{"key", "fill"}, {"action", "remove"}})});
-            _device.serveStorebag(_device.httpPostSection(clientEntry), storebag);
-        };
-        serve("pelmark", {{"hierarchy", 0}});
-        serve("stremcore", {{"hierarchy", 1}});
-        serve("vistabox", {{"hierarchy", 2}});
-        serve("tunewave", {{"locale_whitelist", Array{}}});  // No country at all.
-        serve("hintry", {{"sampling_threshold", -1.0}});     // Below every draw.
+            const Array filters{Value(Dictionary{{"key", "fill"}, {"action", "remove"}})};
+            _device.serveStorebag(_device.httpPostSection({{"hierarchy", level++}, {"filters", filters}}),
+                                  storebag);
+        }
         _device.start();
     }
 

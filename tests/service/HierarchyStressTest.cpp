@@ -9,26 +9,18 @@
 #include "service/QuorvanedAgent.h"
 #include "tests/support/DaemonFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <list>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <random>
-#include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 #include <variant>
-#include <vector>
 
 namespace quorvane::test {
 namespace {
@@ -165,12 +157,7 @@ class Wanderer {
         _receiver = draw(3) == 0 ? &_receivers.emplace_back() : nullptr;
         _leavesAbruptly = draw(4) == 0;
         Client client = connect(_leavesAbruptly ? std::chrono::seconds(0) : std::chrono::seconds(60));
-        const SessionInfo sessionInfo{.sessionID = 1u,
-                                      .clientType = kTypeOfLevel.at(_level),
-                                      .batchEvent = true,
-                                      .requireUserInfo = true};
-        valueOf(client.setSessionInfo(sessionInfo, names(_group, draw(2) == 0), {},
-                                      _receiver != nullptr ? _receiver->block() : AggregationBlock()));
+        introduce(client);
         valueOf(client.start());
         for (int acts = 1 + draw(12); acts > 0 && !over; --acts) act(client);
         // What an abrupt end leaves behind must have been taken; what comes back need not be read.
@@ -178,6 +165,15 @@ class Wanderer {
         const bool awaitsItsLast = !_leavesAbruptly && _lastOwn;
         EXPECT_TRUE(!awaitsItsLast || _receiver->waitFor(*_lastOwn));
         _lastOwn.reset();
+    }
+
+    void introduce(Client& client) {
+        const SessionInfo sessionInfo{.sessionID = 1u,
+                                      .clientType = kTypeOfLevel.at(_level),
+                                      .batchEvent = true,
+                                      .requireUserInfo = true};
+        valueOf(client.setSessionInfo(sessionInfo, names(_group, draw(2) == 0), {},
+                                      _receiver != nullptr ? _receiver->block() : AggregationBlock()));
     }
 
     void act(Client& client) {
@@ -188,6 +184,7 @@ class Wanderer {
                 break;
             case 1:
                 valueOf(client.flush());
+                introduce(client);  // While others read what it told before.
                 // Nobody is below the lowest level, to miss it while it is set up anew.
                 if (_level == 2) valueOf(client.start());
                 break;

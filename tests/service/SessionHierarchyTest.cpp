@@ -1,45 +1,31 @@
 #include "service/SessionHierarchy.h"
 
 #include "session/QuorvanedSession.h"
+#include "tests/session/RecordingPeers.h"
 #include "tests/support/RootFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <cstdlib>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <string>
 #include <utility>
 
 namespace quorvane {
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::Optional;
 
-/// A client that takes everything.
-class SilentClient final : public ClientSessionReplyInterface {
-    void sendMessageToClient(const Dictionary&, double, std::uint16_t, std::uint16_t, const Dictionary*,
-                             ErrorHandler) override {}
-};
-
 /// The agent as far as the hierarchy goes. A session's client type is its level.
-class Family final : public QuorvanedSessionDelegate {
+class Family final : public RecordingDelegate {
   public:
-    std::recursive_mutex& lock() override { return _lock; }
     std::shared_ptr<const Dictionary> storebagForSession(const QuorvanedSession& session) override {
         const Dictionary entry{{"hierarchy", session.sessionInfo()->integer("ClientType")},
-                               {"locale_whitelist", Array{"US"}},
+                               {"locale_whitelist", countries},
                                {"filters", Array{}},
                                {"sampling_threshold", 1.0}};
         return std::make_shared<const Dictionary>(
             Dictionary{{"httppost", Dictionary{{"clients", Array{Value(entry)}}}}});
     }
-    std::optional<std::string> storebagVersionForSession(const QuorvanedSession&) override { return "1"; }
     void userInfoUpdatedForSession(QuorvanedSession& session) override {
         hierarchy.userInfoUpdatedForSession(session);
         if (whenFiled) std::exchange(whenFiled, nullptr)();
@@ -56,13 +42,9 @@ class Family final : public QuorvanedSessionDelegate {
     QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession& session) override {
         return hierarchy.getAncestorWithAggregatorForSession(session);
     }
-    std::string description() const override { return "a family"; }
 
-  private:
-    std::recursive_mutex _lock;
-
-  public:
-    SessionHierarchy hierarchy{_lock};
+    SessionHierarchy hierarchy{lock()};
+    Array countries{"US"};  ///< Whose sessions report that start from now on.
     /// Runs once, when the next session has been filed and its backends are not set up yet.
     std::function<void()> whenFiled;
 };
@@ -84,7 +66,7 @@ class SessionHierarchyTest : public RootFixture {
     /// A session that is configured; its number is 100 more than its level. It is removed from the hierarchy
     /// when the last share of it goes, as the agent does it.
     Session configured(int level, std::optional<Dictionary> userInfo) {
-        auto owned = QuorvanedSession::initWithSessionDelegate(_family, std::make_shared<SilentClient>());
+        auto owned = QuorvanedSession::initWithSessionDelegate(_family, std::make_shared<RecordingClient>());
         QuorvanedSession* made = owned.get();
         Session session(made, [this, owned = std::move(owned)](const QuorvanedSession* ended) {
             const std::scoped_lock lock(_family.lock());
@@ -165,6 +147,26 @@ TEST_F(SessionHierarchyTest, ASessionThatIsFiledAnewStaysTheParentOfItsChildren)
     EXPECT_EQ(meanwhile, top.get());
 }
 
+TEST_F(SessionHierarchyTest, ChildrenReportAsTheirParentDoesHoweverFarBelow) {
+    const Session middle = started(1);
+    EXPECT_EQ(logged("<6>syncReportingStates: child session 101 (backend httppost) is missing its parent"),
+              1u);
+    const Session bottom = started(2);
+    const auto expectStates = [&](const auto& states) {
+        for (const Session& session : {middle, bottom})
+            EXPECT_THAT(session->fetchReportingStates(), Optional(states)) << session->sessionID();
+    };
+    expectStates(ElementsAre("httppost"));
+    _family.countries = {};
+    Session silent = started(0);
+    expectStates(IsEmpty());
+    silent.reset();
+    expectStates(IsEmpty());  // As it was left.
+    _family.countries = {"US"};
+    const Session loud = started(0);
+    expectStates(ElementsAre("httppost"));
+}
+
 TEST_F(SessionHierarchyTest, ASessionWithoutItsUserInfoIsNobodysParentAnyLonger) {
     const Session top = started(0);
     const Session middle = started(1);
@@ -174,6 +176,9 @@ TEST_F(SessionHierarchyTest, ASessionWithoutItsUserInfoIsNobodysParentAnyLonger)
                            {}, false);
     middle->startConfigWithCompletionHandler({});
     EXPECT_EQ(parentOf(child), nullptr) << "its new backend knows no level";
+    EXPECT_EQ(logged("<6>parentSessionForChild: Unable to find session with hierarchy of 1 for userInfoKey "
+                     "'mail:sync'"),
+              1u);
 }
 
 TEST_F(SessionHierarchyTest, KeysOfEmptiedGroupsAreForgottenPastTheirBound) {

@@ -1,12 +1,6 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 namespace quorvane::test {
 namespace {
 

@@ -1,13 +1,9 @@
 #include "tests/support/DaemonFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <future>
-#include <string>
 
 namespace quorvane::test {
 namespace {
@@ -18,13 +14,37 @@ class TerminationTest : public testing::Test {
   protected:
     Client clientWithHeldEvents() {
         Client client = _device.startedClient({.sessionID = 1, .clientType = 5, .batchEvent = true});
-        for (int number = 0; number < 3; ++number)
-            EXPECT_TRUE(client.send({.category = kOurs, .type = 1, .payload = {{{"n", number}}}}));
+        for (int number = 0; number < 3; ++number) EXPECT_FALSE(*client.send(numbered(number)));
         return client;
     }
 
+    static Event numbered(int number) { return {.category = kOurs, .type = 1, .payload = {{{"n", number}}}}; }
+
     DaemonFixture _device;
 };
+
+TEST_F(TerminationTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
+    _device.serveStorebag(_device.httpPostSection());
+    _device.start();
+    {
+        Client client = clientWithHeldEvents();
+        EXPECT_TRUE(*client.flush());
+        ASSERT_TRUE(_device.waitForEvents(kOurs, 3));
+        for (int number = 3; number < 20; ++number) ASSERT_TRUE(client.sendAndForget(numbered(number)));
+    }
+    ASSERT_TRUE(_device.waitForEvents(kOurs, 20));
+    std::int64_t number = 0;
+    for (const Dictionary& record : _device.postedEvents(kOurs)) EXPECT_EQ(record.integer("n"), number++);
+    EXPECT_EQ(number, 20);
+
+    ASSERT_TRUE(_device.waitForEvents(0, 2));
+    const Dictionary end = _device.postedEvents(0)[1];
+    EXPECT_EQ(end.integer("_status"), 1);
+    ASSERT_TRUE(end.contains("StorebagVersion"));
+    EXPECT_EQ(*end.string("StorebagVersion"), "7-test");
+    EXPECT_TRUE(_device.logs("was invalidated"));
+    EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
+}
 
 TEST_F(TerminationTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
     _device.serveStorebag(_device.httpPostSection());

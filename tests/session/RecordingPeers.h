@@ -16,7 +16,7 @@
 namespace quorvane {
 
 /// The agent as its sessions see it: answers with what the test put there and keeps the order of the calls.
-class RecordingDelegate final : public QuorvanedSessionDelegate {
+class RecordingDelegate : public QuorvanedSessionDelegate {
   public:
     std::shared_ptr<const Dictionary> storebag;
     std::optional<std::string> storebagVersion;
