@@ -1,11 +1,5 @@
 #include "tests/session/SessionFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-
 namespace quorvane {
 namespace {
 
@@ -66,42 +60,6 @@ TEST_F(AggregationRelayTest, TheEndIsToldOnceAndForGood) {
     ASSERT_EQ(events.size(), 1u);
     EXPECT_TRUE(events[0].endsAggregation());
     EXPECT_EQ(events[0].sessionInfo.integer("SessionID"), 7);
-}
-
-TEST_F(AggregationRelayTest, SessionsOfOneGroupRunAtTheSameTime) {
-    _delegate.storebag = storebagWith({{"httppost", profile("post", permissiveEntry())}});
-    const auto ancestor = makeAncestor();
-    const auto child = startedSession({{"BatchEvent", true}});
-    _delegate.parent = ancestor.get();
-    _delegate.parentIDs = ancestor->sessionIDString();
-    std::atomic<bool> done{false};
-
-    std::thread ancestorsConnection([&] {
-        for (int n = 0; !done; ++n) {
-            ancestor->setSessionInfo({{"SessionID", n}}, std::nullopt, {}, true);
-            if (n % 50 == 0) start(*ancestor);
-            fetchStates(*ancestor, Dictionary{{"ClientName", "Mail"}});
-        }
-    });
-    std::thread agent([&] {
-        while (!done) {
-            child->updateCombinedSessionID();
-            child->syncReportingStates();
-            child->shutdownSessionAggregation();
-            EXPECT_EQ(child->getSessionHierarchy(), 0);
-            EXPECT_TRUE(child->sessionInfo());
-        }
-    });
-    for (int n = 0; n < 200; ++n) {
-        send(*child, 5, 6, nullptr);
-        if (n % 40 == 0) fetchStates(*child, Dictionary{{"ClientName", "Mail"}});
-        if (n % 60 == 0) start(*child);
-    }
-    done = true;
-    ancestorsConnection.join();
-    agent.join();
-    EXPECT_GE(_ancestorClient->takeEvents().size(), 200u);
-    _delegate.parent = _delegate.aggregator = nullptr;
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 #include "tests/session/SessionFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 
 namespace quorvane {

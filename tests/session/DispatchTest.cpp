@@ -1,9 +1,6 @@
 #include "session/BackendAnswers.h"
 #include "tests/session/SessionFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 
 namespace quorvane {
@@ -60,6 +57,7 @@ TEST_F(DispatchTest, AnEventReachesTheServerAndItsAnswerTheClientAndTheLog) {
     const auto session = startedSession();
     Dictionary event = message(65'536 + 5, 6.9);
     event.set("Payload", Dictionary{{"count", 3}});
+    event.set("Flag", 4'294'967'296);
     const Answer answer = send(*session, event);
     EXPECT_EQ(logged("<7>sendMessageWithCategory: Sending message for session 7"), 1u);
     EXPECT_EQ(onlyEventIn(answer).integer("count"), 3);
@@ -72,24 +70,21 @@ TEST_F(DispatchTest, AnEventReachesTheServerAndItsAnswerTheClientAndTheLog) {
 
     const auto events = posted();
     ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[1].integer("_method"), 5) << "cut to 16 bits";
+    EXPECT_EQ(events[1].integer("_method"), 5) << "cut to 16 bits, as the flag is to 32";
     EXPECT_EQ(events[1].integer("_status"), 6);
     EXPECT_EQ(events[2].integer("_method"), 0) << "what is of another type reads as absent";
     EXPECT_EQ(events[2].integer("_status"), 65'535);
 }
 
-TEST_F(DispatchTest, TheFlagPassesThrough) {
-    const auto session = startedSession({{"BatchEvent", true}});
-    for (const unsigned flag : {1u, 3u}) {
-        Dictionary event = message(5, flag);
-        event.set("Flag", flag);
-        EXPECT_TRUE(send(*session, event)) << flag;
-    }
-    Dictionary event = message(5, 0);
-    event.set("Flag", 4'294'967'296);
-    EXPECT_FALSE(send(*session, event)) << "cut to 32 bits";
-    EXPECT_EQ(posted("/post-now").size(), 2u);
-    EXPECT_THAT(posted(), IsEmpty());
+TEST_F(DispatchTest, WithoutAStorebagEveryAnswerIsNil) {
+    _delegate.storebag = nullptr;
+    const auto session = configuredSession();
+    EXPECT_EQ(start(*session), std::nullopt);
+    EXPECT_EQ(fetchStates(*session, Dictionary{{"ClientName", "Mail"}}), std::nullopt);
+    EXPECT_EQ(send(*session, message(5, 6)), std::nullopt);
+    EXPECT_EQ(flush(*session), std::nullopt);
+    EXPECT_EQ(logged("<7>sendMessageWithDictionary: No backends available to send message"), 1u);
+    EXPECT_EQ(logged("<7>flushMessages: No backends available to send message"), 1u);
 }
 
 TEST_F(DispatchTest, CategoryAndTypeAreMandatory) {
@@ -101,16 +96,6 @@ TEST_F(DispatchTest, CategoryAndTypeAreMandatory) {
     EXPECT_EQ(logged("<7>sendMessageWithDictionary: Missing mandatory parameter 'type'"), 1u);
     EXPECT_THAT(_client->takeEvents(), IsEmpty());
     EXPECT_EQ(eventsIn(flush(*session)).size(), 1u) << "the session's own first event";
-}
-
-TEST_F(DispatchTest, WithoutConsentNothingIsAnsweredOrLoggedButAllIsPosted) {
-    write("etc/quorvane/consent.toml", "diagnostics_submission = false\n");
-    const auto session = startedSession({}, {}, true);
-    _client->takeEvents();
-    EXPECT_EQ(send(*session, 5, 6, nullptr), std::nullopt);
-    EXPECT_EQ(messageLog(), "");
-    EXPECT_EQ(posted().size(), 2u);
-    EXPECT_EQ(_client->takeEvents().size(), 1u) << "relayed all the same";
 }
 
 TEST_F(DispatchTest, EveryBackendAndTheAggregatorGetOneTimeAndBackendsCountOnTheirOwn) {

@@ -1,8 +1,5 @@
 #include "tests/session/SessionFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace quorvane {
 namespace {
 
@@ -67,29 +64,6 @@ TEST_F(ReportingStatesTest, AChildOfAParentWithoutBackendsFallsSilent) {
     child->syncReportingStates();
     EXPECT_THAT(child->fetchReportingStates().value(), IsEmpty());
     EXPECT_EQ(send(*child, 5, 6, nullptr), std::nullopt);
-}
-
-TEST_F(ReportingStatesTest, TheCombinedIdentifierReachesHeldAndLaterEvents) {
-    _delegate.storebag = storebagWith({{"httppost", profile()}});
-    const auto session = startedSession({{"BatchEvent", true}});
-    session->updateCombinedSessionID();
-    EXPECT_EQ(logged("updateCombinedSessionID: "), 0u);
-
-    _delegate.parentIDs = "A.B";
-    session->updateCombinedSessionID();
-    const std::string combined = "A.B." + session->sessionIDString();
-    EXPECT_EQ(logged(fmt::format(
-                  "<7>updateCombinedSessionID: Updating combined session ID '{}' for session 7 backends",
-                  combined)),
-              1u);
-    send(*session, 5, 6, nullptr);
-    _delegate.parentIDs = std::nullopt;
-    session->updateCombinedSessionID();
-    send(*session, 5, 6, nullptr);
-    flush(*session);
-    const auto events = posted();
-    ASSERT_EQ(events.size(), 3u);
-    for (const Dictionary& event : events) EXPECT_EQ(*event.string("_sessionID"), combined);
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 #include "tests/session/SessionFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace quorvane {
 namespace {
 
@@ -93,11 +90,6 @@ TEST_F(SingleShotTest, TellsWhenThereIsNoStorebagButNotWhenThereIsNoBackend) {
     EXPECT_THAT(shoot(*session, info()), ElementsAre("finished"));
     EXPECT_EQ(logged("<3>sendMessageWithSessionInfo: No backends available to send single message"), 1u);
     session->sendMessageWithSessionInfo(info(), std::nullopt, 5, 6, nullptr, {});
-
-    QuorvanedSession::sendMessageWithSessionInfo(nullptr, nullptr, _delegate.storebag, 5, 6, nullptr);
-    EXPECT_EQ(logged("<3>RsendMessageWithSessionInfo: Attempted to send message with one or more nil "
-                     "parameters"),
-              1u);
 }
 
 }  // namespace

@@ -1,11 +1,5 @@
-#include "platform/SandboxExtension.h"
-#include "platform/UniqueDescriptor.h"
+#include "session/FileURL.h"
 #include "tests/session/SessionFixture.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
 
 namespace quorvane {
 namespace {
@@ -13,12 +7,30 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
+TEST(FileURL, NamesTheFilesPath) {
+    for (const auto& [url, path] : {std::pair{"file:///var/log/a", "/var/log/a"},
+                                    {"FILE://LocalHost/a", "/a"},
+                                    {"file:/a", "/a"},
+                                    {"file:///a%20b%2Fc%C3%A9", "/a b/c\u00e9"},
+                                    {"file:///a\u00e9", "/a\u00e9"},
+                                    {"file:///a?b#c", "/a"},
+                                    {"file:///a%3Fb#c", "/a?b"}})
+        EXPECT_EQ(pathOfFileURL(url), path) << url;
+}
+
+TEST(FileURL, RefusesWhatNamesNoFileHere) {
+    for (const char* url : {"", "file", "file:", "file:a", "file://", "/var/log/a", "https://host.invalid/a",
+                            "file://elsewhere.invalid/a", "file:///a%", "file:///a%2", "file:///a%zz",
+                            "file:///a%00", "file:///a b", "file:///a\nb"})
+        EXPECT_EQ(pathOfFileURL(url), std::nullopt) << url;
+    EXPECT_EQ(pathOfFileURL(std::string_view("file:///a\0b", 11)), std::nullopt);
+}
+
 class UploadsTest : public SessionFixture {
   protected:
-    static std::vector<bool> upload(QuorvanedSession& session, const std::string& fileURL,
-                                    const std::string& token = "token") {
+    static std::vector<bool> upload(QuorvanedSession& session, const std::string& fileURL) {
         std::vector<bool> replies;
-        session.uploadFileAtPath(fileURL, token, [&](bool success) { replies.push_back(success); });
+        session.uploadFileAtPath(fileURL, "token", [&](bool success) { replies.push_back(success); });
         return replies;
     }
 
@@ -31,28 +43,6 @@ class UploadsTest : public SessionFixture {
         return replies;
     }
 };
-
-TEST_F(UploadsTest, OneBackendThatTakesTheUploadIsEnough) {
-    const Dictionary uploading{{"post_url", _server->url("/upload")}};
-    Dictionary dashboard{{"ip", "127.0.0.1"}, {"port", 9}, {"post_url", _server->url("/logdata")}};
-    _delegate.storebag =
-        storebagWith({{"dashboard", dashboard}, {"httppost", profile()}, {"uploadserver", uploading}});
-    const auto session = startedSession();
-    write("a b.log", "contents");
-    const std::string path = std::filesystem::canonical(_root) / "a b.log";
-    const std::string url = "file://" + (std::filesystem::canonical(_root) / "a%20b.log").string();
-    const auto owner = platform::newExtensionOwner(1000);
-    platform::UniqueDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    const std::string token = platform::issueSandboxExtension(owner, std::move(file), {}).value_or("");
-
-    EXPECT_THAT(upload(*session, url, token), ElementsAre(true));
-    EXPECT_EQ(logged("<7>uploadFileWithURL: File upload successful for " + path), 1u);
-    EXPECT_THAT(messageLog(), HasSubstr(") [uploadFileWithURL] Upload succeeded for file " + url + "\n"));
-    EXPECT_THAT(upload(*session, Array{"line"}), ElementsAre(true));
-    EXPECT_EQ(logged("<7>uploadLogData: Log data array upload successful"), 1u);
-    EXPECT_EQ(_server->requestCount(), 2u);
-    platform::revokeSandboxExtensions(owner);
-}
 
 TEST_F(UploadsTest, BackendsThatTakeNoUploadsAnswerNo) {
     for (const auto& session : {makeSession(), startedSession()}) {
