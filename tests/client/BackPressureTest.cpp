@@ -1,11 +1,8 @@
 #include "platform/BusValue.h"
 #include "tests/client/ClientFixture.h"
 
-#include <unistd.h>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 
 namespace quorvane::test {
 namespace {
@@ -39,21 +36,13 @@ class CountingPeer {
     }
 };
 
-std::size_t residentBytes() {
-    std::size_t total = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident;
-    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-}
-
-TEST(BackPressure, ADaemonThatDoesNotReadSlowsTheSenderAndNothingPilesUp) {
+TEST(BackPressure, ADaemonThatDoesNotReadSlowsTheSender) {
     CountingPeer counting;
     Client client = connectTo(counting.peer);
     counting.peer.setPaused(true);
 
     constexpr unsigned kEvents = 20'000;
     std::atomic<unsigned> sent = 0;
-    const std::size_t before = residentBytes();
     std::thread sender([&] {
         for (unsigned number = 0; number < kEvents; ++number) {
             ASSERT_TRUE(client.sendAndForget(numbered(number)));
@@ -67,7 +56,6 @@ TEST(BackPressure, ADaemonThatDoesNotReadSlowsTheSenderAndNothingPilesUp) {
         return std::exchange(seen, sent.load()) == sent && sent > 0;
     }));
     EXPECT_LT(seen, kEvents / 2);
-    EXPECT_LT(residentBytes(), before + (4u << 20));
     // A call with a time limit does not stand for ever, one in the way of the other threads neither.
     EXPECT_EQ(client.flush(milliseconds(20)).error().code, ErrorCode::TimedOut);
 
@@ -138,34 +126,6 @@ TEST(BackPressure, UnansweredCallsAreBounded) {
         return answered == kCalls;
     }));
     sender.join();
-}
-
-TEST(BackPressure, ManyThreadsShareOneClient) {
-    std::atomic<unsigned> taken = 0;
-    BusPeer peer([&](sd_bus_message* message) {
-        ++taken;
-        return ::sd_bus_reply_method_return(message, "as", 1, "ok");
-    });
-    std::atomic<unsigned> completed = 0;
-    constexpr unsigned kThreads = 8;
-    constexpr unsigned kRounds = 200;
-    {
-        Client client = connectTo(peer);
-        std::vector<std::thread> threads;
-        for (unsigned i = 0; i < kThreads; ++i)
-            threads.emplace_back([&] {
-                for (unsigned round = 0; round < kRounds; ++round) {
-                    EXPECT_TRUE(client.sendAndForget(numbered(round)));
-                    EXPECT_TRUE(client.sendAsync(numbered(round), [&](const Result<Answer>& answer) {
-                        if (answer && *answer == "ok") ++completed;
-                    }));
-                    EXPECT_EQ(*client.send(numbered(round)), "ok");
-                }
-            });
-        for (std::thread& thread : threads) thread.join();
-        EXPECT_TRUE(eventually([&] { return completed == kThreads * kRounds; }));
-    }
-    EXPECT_EQ(taken, 3 * kThreads * kRounds);
 }
 
 }  // namespace

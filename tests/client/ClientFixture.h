@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -33,16 +32,5 @@ inline Client connectTo(const BusPeer& peer, ConnectOptions options = {}) {
     }
     return *std::move(client);
 }
-
-/// A gate that callbacks wait at until the test opens it.
-class Gate {
-  public:
-    void open() { _opened.set_value(); }
-    void wait() const { _future.wait(); }
-
-  private:
-    std::promise<void> _opened;
-    std::shared_future<void> _future = _opened.get_future().share();
-};
 
 }  // namespace quorvane::test

@@ -27,35 +27,30 @@ int answerNil(sd_bus_message* message) {
 }
 
 TEST(Failures, NobodyListens) {
-    const auto folder = makeFolder();
-    const auto client = Client::connect({.socketPath = (folder / "nothing").string()});
+    const auto client = Client::connect({.socketPath = "/nowhere/nothing"});
     ASSERT_FALSE(client);
     EXPECT_EQ(client.error().code, ErrorCode::Disconnected);
-    EXPECT_NE(client.error().message.find("nothing"), std::string::npos);
+    EXPECT_NE(client.error().message.find("/nowhere/nothing"), std::string::npos);
     const auto tooLong = Client::connect({.socketPath = std::string(200, 'x')});
     EXPECT_EQ(tooLong.error().code, ErrorCode::InvalidArgument);
-    std::filesystem::remove_all(folder);
 }
 
-TEST(Failures, AListenerThatSaysNothingIsGivenUp) {
+TEST(Failures, AListenerThatSaysNothingOrSpeaksNoDBusIsGivenUp) {
     const auto folder = makeFolder();
-    const auto listener = listenAt((folder / "socket").string());
-    const auto client =
-        Client::connect({.socketPath = (folder / "socket").string(), .timeout = milliseconds(50)});
-    ASSERT_FALSE(client);
-    EXPECT_EQ(client.error().code, ErrorCode::TimedOut);
-    std::filesystem::remove_all(folder);
-}
-
-TEST(Failures, AListenerThatSpeaksNoDBus) {
-    const auto folder = makeFolder();
-    const auto listener = listenAt((folder / "socket").string());
+    const std::string path = folder / "socket";
+    const auto listener = listenAt(path);
+    const auto unanswered = Client::connect({.socketPath = path, .timeout = milliseconds(50)});
+    ASSERT_FALSE(unanswered);
+    EXPECT_EQ(unanswered.error().code, ErrorCode::TimedOut);
     std::thread other([&] {
-        const platform::UniqueDescriptor socket(::accept(listener.get(), nullptr, nullptr));
-        const std::string garbage(1000, '\x80');
-        ::send(socket.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
+        // The first connection has been given up, but waits to be accepted.
+        for (int connection = 0; connection < 2; ++connection) {
+            const platform::UniqueDescriptor socket(::accept(listener.get(), nullptr, nullptr));
+            const std::string garbage(1000, '\x80');
+            ::send(socket.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
+        }
     });
-    const auto client = Client::connect({.socketPath = (folder / "socket").string()});
+    const auto client = Client::connect({.socketPath = path});
     ASSERT_FALSE(client);
     EXPECT_EQ(client.error().code, ErrorCode::Disconnected);
     other.join();

@@ -1,12 +1,8 @@
 #include "tests/client/ClientFixture.h"
 #include "tests/support/ChildProcess.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 namespace quorvane::test {
 namespace {

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <string>
 
 namespace quorvane::test {
 namespace {
