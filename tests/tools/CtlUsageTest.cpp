@@ -1,12 +1,8 @@
 #include "tests/support/ChildProcess.h"
+#include "tests/support/RootFixture.h"
 #include "tests/tools/Words.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace quorvane::test {
 namespace {
@@ -14,21 +10,10 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-fs::path makeFolder() {
-    std::string pattern = (fs::temp_directory_path() / "quorvane-ctl-XXXXXX").string();
-    return ::mkdtemp(pattern.data());
-}
-
 /// In a root without a daemon.
-class CtlUsage : public testing::Test {
+class CtlUsage : public RootFixture {
   protected:
-    ~CtlUsage() override { fs::remove_all(folder); }
-
-    ProgramResult ctl(const std::string& words) const {
-        return runProgram(commandLine(QUORVANECTL, words), {{"QUORVANE_ROOT", folder}});
-    }
-
-    const fs::path folder = makeFolder();
+    static ProgramResult ctl(const std::string& words) { return runProgram(commandLine(QUORVANECTL, words)); }
 };
 
 TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
@@ -59,7 +44,7 @@ TEST_F(CtlUsage, TellsThatTheDaemonCannotBeReached) {
         const auto result = ctl(words);
         EXPECT_EQ(result.status, 3) << words;
         EXPECT_EQ(result.output, "") << words;
-        EXPECT_EQ(result.errors, "quorvanectl: cannot connect to " + folder.string() +
+        EXPECT_EQ(result.errors, "quorvanectl: cannot connect to " + _root.string() +
                                      "/run/quorvane/com.velmora.quorvaned: No such file or directory\n");
     }
     EXPECT_THAT(ctl("states --socket /nowhere").errors, HasSubstr("cannot connect to /nowhere"));
@@ -68,13 +53,13 @@ TEST_F(CtlUsage, TellsThatTheDaemonCannotBeReached) {
 TEST_F(CtlUsage, TheInstalledProgramFindsItsLibrary) {
     for (const char* component : {"tools", "libquorvane"}) {
         const auto installed = runProgram({QUORVANE_CMAKE, "--install", QUORVANE_BUILD_FOLDER, "--component",
-                                           component, "--prefix", folder});
+                                           component, "--prefix", _root});
         ASSERT_EQ(installed.status, 0) << installed.errors;
     }
-    const auto result = runProgram({folder / "bin/quorvanectl", "--version"});
+    const auto result = runProgram({_root / "bin/quorvanectl", "--version"});
     EXPECT_EQ(result.status, 0) << result.errors;
     for (const char* program : {"quorvanectl", "quorvane-storebag"})
-        EXPECT_TRUE(fs::exists(folder / "share/bash-completion/completions" / program)) << program;
+        EXPECT_TRUE(fs::exists(_root / "share/bash-completion/completions" / program)) << program;
 }
 
 /// What bash would offer after the words, one blank between each.

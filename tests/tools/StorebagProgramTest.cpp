@@ -2,20 +2,15 @@
 #include "platform/Json.h"
 #include "platform/PropertyList.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/RootFixture.h"
 #include "tests/tools/Words.h"
 #include "tools/storebag/SigningKey.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <optional>
 #include <span>
-#include <string>
-#include <vector>
 
 namespace quorvane::test {
 namespace {
@@ -50,14 +45,6 @@ std::span<const std::uint8_t> bytesOf(const std::string& text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-void write(const std::string& name, const std::string& text) {
-    std::ofstream(name, std::ios::binary) << text;
-}
-std::string read(const std::string& name) {
-    std::ifstream file(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 ProgramResult storebag(const std::string& words) {
     return runProgram(commandLine(QUORVANE_STOREBAG, words));
 }
@@ -74,21 +61,12 @@ Dictionary dictionaryOf(const std::string& plist) {
     return value != nullptr && value->dictionary() != nullptr ? *value->dictionary() : Dictionary();
 }
 
-/// The bag in the envelope.
-std::string signedBytes() {
-    return textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
-}
-
-void writeEnvelope(const Dictionary& envelope) {
-    write("bag", textOf(*platform::xmlPropertyList(Value(envelope))));
-}
-
 /// Works in a folder of its own with one pair of keys and a bag's source.
-class StorebagProgram : public testing::Test {
+class StorebagProgram : public RootFixture {
   protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quorvane-storebag-XXXXXX").string();
-        fs::current_path(::mkdtemp(pattern.data()));
+        RootFixture::SetUp();
+        fs::current_path(_root);
         // Making a key takes a while, and one is as good as another.
         static const auto key = tools::SigningKey::generate();
         write("private.pem", key->privatePEM());
@@ -97,9 +75,17 @@ class StorebagProgram : public testing::Test {
     }
 
     void TearDown() override {
-        const fs::path folder = fs::current_path();
         fs::current_path("/");
-        fs::remove_all(folder);
+        RootFixture::TearDown();
+    }
+
+    /// The bag in the envelope.
+    std::string signedBytes() const {
+        return textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
+    }
+
+    void writeEnvelope(const Dictionary& envelope) const {
+        write("bag", textOf(*platform::xmlPropertyList(Value(envelope))));
     }
 };
 
@@ -127,28 +113,6 @@ TEST_F(StorebagProgram, ReadsAndWritesPipes) {
                                    {{"PROGRAM", QUORVANE_STOREBAG}});
     EXPECT_EQ(result.status, 0) << result.errors;
     EXPECT_EQ(result.output, "standard input: good\n");
-}
-
-TEST_F(StorebagProgram, ItsSignaturesAreGoodForOtherProgramsAndTheirsForIt) {
-    const auto openssl = [](const std::string& words) {
-        return runProgram(commandLine("/usr/bin/openssl", "dgst -sha1 " + words));
-    };
-    ASSERT_EQ(sign("bag.toml").status, 0);
-    write("signature", textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("signature"))));
-    const std::string check = "-verify public.der -keyform DER -signature signature bytes";
-    write("bytes", signedBytes());
-    EXPECT_EQ(openssl(check).output, "Verified OK\n");
-    write("bytes", signedBytes() + "\n");
-    EXPECT_NE(openssl(check).status, 0);
-
-    write("bytes",
-          "<plist version=\"1.0\"><dict><key>version</key><string>1</string>"
-          "<key>release</key><dict/></dict></plist>");
-    ASSERT_EQ(openssl("-sign private.pem -out signature bytes").status, 0);
-    writeEnvelope({{"bag", platform::base64Encode(bytesOf(read("bytes")))},
-                   {"signature", platform::base64Encode(bytesOf(read("signature")))}});
-    const auto verdict = verify(" --strict");
-    EXPECT_EQ(verdict.status, 0) << verdict.errors;
 }
 
 TEST_F(StorebagProgram, TellsWhatIsWrongWithAnEnvelope) {
