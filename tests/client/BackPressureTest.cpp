@@ -128,5 +128,33 @@ TEST(BackPressure, UnansweredCallsAreBounded) {
     sender.join();
 }
 
+TEST(BackPressure, ManyThreadsShareOneClient) {
+    std::atomic<unsigned> taken = 0;
+    BusPeer peer([&](sd_bus_message* message) {
+        ++taken;
+        return ::sd_bus_reply_method_return(message, "as", 1, "ok");
+    });
+    std::atomic<unsigned> completed = 0;
+    constexpr unsigned kThreads = 8;
+    constexpr unsigned kRounds = 200;
+    {
+        Client client = connectTo(peer);
+        std::vector<std::thread> threads;
+        for (unsigned i = 0; i < kThreads; ++i)
+            threads.emplace_back([&] {
+                for (unsigned round = 0; round < kRounds; ++round) {
+                    EXPECT_TRUE(client.sendAndForget(numbered(round)));
+                    EXPECT_TRUE(client.sendAsync(numbered(round), [&](const Result<Answer>& answer) {
+                        if (answer && *answer == "ok") ++completed;
+                    }));
+                    EXPECT_EQ(*client.send(numbered(round)), "ok");
+                }
+            });
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_TRUE(eventually([&] { return completed == kThreads * kRounds; }));
+    }
+    EXPECT_EQ(taken, 3 * kThreads * kRounds);
+}
+
 }  // namespace
 }  // namespace quorvane::test
