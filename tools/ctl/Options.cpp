@@ -61,10 +61,11 @@ void addEventOptions(CLI::App& command, EventOptions& options) {
 template <typename Kind>
 std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const char* description,
                                        std::optional<Command>& command) {
-    auto [subcommand, read] = tools::addCommand<Kind>(app, name, description, command);
-    if constexpr (requires { read.event; }) addEventOptions(*subcommand, read.event);
-    addSessionOptions(*subcommand, read.session);
-    return {subcommand, read};
+    const std::pair<CLI::App*, Kind&> added = tools::addCommand<Kind>(app, name, description, command);
+    Kind& read = added.second;
+    if constexpr (requires { read.event; }) addEventOptions(*added.first, read.event);
+    addSessionOptions(*added.first, read.session);
+    return added;
 }
 
 void addSend(CLI::App& app, std::optional<Command>& command) {
