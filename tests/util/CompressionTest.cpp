@@ -69,12 +69,5 @@ TEST_F(CompressionTest, PiecesBecomeOneStream) {
     EXPECT_EQ(logged("<7>compressDataWithZlibOrGzip: Compressed file from 3000000 to "), 2u);
 }
 
-TEST_F(CompressionTest, WhatCannotBeCountedIn32BitsIsRefused) {
-    GzipDeflater gzip(std::size_t{1} << 32);
-    EXPECT_FALSE(gzip.append(Data{1}));
-    EXPECT_EQ(gzip.finish(), std::nullopt);
-    EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress 4294967296 bytes at once"), 1u);
-}
-
 }  // namespace
 }  // namespace quorvane

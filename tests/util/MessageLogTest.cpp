@@ -4,8 +4,6 @@
 #include "platform/FileManager.h"
 #include "tests/support/RootFixture.h"
 
-#include <gmock/gmock.h>
-
 #include <sstream>
 #include <thread>
 
