@@ -87,10 +87,13 @@ bool ChildProcess::waitForErrors(std::string_view text, std::chrono::millisecond
 }
 
 void ChildProcess::signal(int number) {
-    if (running()) ::kill(_pid, number);
+    if (!running()) return;
+    _asked = true;
+    ::kill(_pid, number);
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
+    _asked = true;
     within(limit, [this] { return !running(); });
     return _status;
 }

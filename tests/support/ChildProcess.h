@@ -48,6 +48,8 @@ class ChildProcess {
     std::optional<int> terminate(std::chrono::milliseconds limit = std::chrono::seconds(20));
 
     bool running();
+    /// Whether it has ended though nobody has signalled it or waited for its end.
+    bool hasEndedUnasked() { return !running() && !_asked; }
 
   private:
     struct Stream {
@@ -60,6 +62,7 @@ class ChildProcess {
     bool waitFor(Stream& stream, std::string_view text, std::chrono::milliseconds limit);
 
     pid_t _pid = -1;
+    bool _asked = false;  ///< By a signal, or by waiting.
     std::optional<int> _status;
     Stream _output;
     Stream _errors;

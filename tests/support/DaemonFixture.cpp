@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <stdexcept>
 #include <utility>
 
@@ -52,7 +53,7 @@ DaemonFixture::DaemonFixture()
 }
 
 DaemonFixture::~DaemonFixture() {
-    _daemon.reset();
+    endDaemon();
     _server.reset();
     std::error_code ignored;
     std::filesystem::remove_all(_root, ignored);
@@ -112,6 +113,17 @@ Dictionary DaemonFixture::httpPostSection(const Dictionary& clientEntry) const {
 
 // The daemon.
 
+void DaemonFixture::endDaemon() {
+    if (_daemon == nullptr) return;
+    const std::string log = _daemon->errors();
+    const auto reports = [&](const char* text) { return log.find(text) != std::string::npos; };
+    if (_daemon->hasEndedUnasked() || reports("Sanitizer") || reports(": runtime error: ")) {
+        std::cerr << log << "The daemon ended by itself, or a sanitizer complained of it.\n";
+        std::abort();
+    }
+    _daemon.reset();
+}
+
 ChildProcess& DaemonFixture::launch(const Environment& environment) {
     Environment all{{"QUORVANE_ROOT", _root.string()},
                     {"QUORVANE_LOG", "stderr:debug"},
@@ -121,6 +133,7 @@ ChildProcess& DaemonFixture::launch(const Environment& environment) {
                     // The sandbox keeps the leak check from stopping the other threads.
                     {"ASAN_OPTIONS", joined("ASAN_OPTIONS", "detect_leaks=0")}};
     for (const auto& [name, value] : environment) all.insert_or_assign(name, value);
+    endDaemon();
     _daemon = ChildProcess::start({QUORVANE_DAEMON}, all);
     if (_daemon == nullptr) throw std::runtime_error("the daemon cannot be started");
     return *_daemon;

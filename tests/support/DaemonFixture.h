@@ -32,7 +32,8 @@ class DaemonFixture {
     using Environment = std::map<std::string, std::optional<std::string>>;
 
     DaemonFixture();
-    /// Kills a daemon that still runs.
+    /// Kills a daemon that still runs. Aborts with the daemon's log when a sanitizer complained of it, or
+    /// when it ended though the test neither signalled it nor waited for its end.
     ~DaemonFixture();
     DaemonFixture(const DaemonFixture&) = delete;
     DaemonFixture& operator=(const DaemonFixture&) = delete;
@@ -75,6 +76,7 @@ class DaemonFixture {
 
   private:
     ServerAnswer answerTo(const ServerRequest& request);
+    void endDaemon();
 
     std::filesystem::path _root;
     std::unique_ptr<tools::SigningKey> _key;

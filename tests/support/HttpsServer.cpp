@@ -75,7 +75,8 @@ struct HttpsServer::Held {
 
     /// The library waits for kept-alive connections until they time out, and does not tell their descriptors.
     void endConnections() const {
-        for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            const int descriptor = std::stoi(entry.path().filename());
             sockaddr_in own{};
             socklen_t size = sizeof own;
             if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size) == 0 &&
