@@ -7,15 +7,6 @@
 #include "tests/support/RootFixture.h"
 #include "util/Environment.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
 namespace quorvane {
 
 /// A device whose user consents, country US, in the release environment.

@@ -2,8 +2,6 @@
 
 #include "backends/QuorvaneBackend.h"
 
-#include <gtest/gtest.h>
-
 namespace quorvane {
 namespace {
 

@@ -2,11 +2,6 @@
 
 #include "tests/backends/BackendFixture.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-#include <set>
-
 namespace quorvane {
 namespace {
 
@@ -116,14 +111,11 @@ TEST_F(EventRecordTest, ValuesThatJsonCannotCarryCostOnlyTheirKey) {
 }
 
 TEST(SenderCode, EveryClientTypeHasItsOwnAndAnyOtherNumberIsNeutral) {
-    std::set<std::string_view> codes;
-    for (std::int32_t type = 0; type < 12; ++type) {
-        codes.insert(senderCode(type));
-        EXPECT_THAT(std::string(senderCode(type)), testing::MatchesRegex("[A-Z][A-Z][A-Z]?"));
-    }
-    EXPECT_EQ(codes.size(), 12u);
-    for (const std::int32_t type : {-1, 12, std::numeric_limits<std::int32_t>::min()})
-        EXPECT_FALSE(codes.contains(senderCode(type)));
+    std::vector<std::string_view> codes;
+    for (const std::int32_t type : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, -1, 12})
+        codes.push_back(senderCode(type));
+    EXPECT_THAT(codes, testing::ElementsAre("GEN", "SYS", "NET", "LOC", "MED", "PLM", "STC", "CFX", "VBX",
+                                            "TWV", "HNT", "CFL", "UNK", "UNK"));
 }
 
 }  // namespace

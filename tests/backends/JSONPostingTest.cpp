@@ -3,10 +3,6 @@
 #include "tests/support/RawServer.h"
 #include "tests/support/Within.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <limits>
 
 namespace quorvane {

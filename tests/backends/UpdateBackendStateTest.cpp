@@ -1,7 +1,5 @@
 #include "tests/backends/BackendFixture.h"
 
-#include <gtest/gtest.h>
-
 namespace quorvane {
 namespace {
 

@@ -1,26 +1,63 @@
 #include "platform/KeyedArchive.h"
 
-#include "tests/support/KeyedArchiveReader.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/RootFixture.h"
 
 #include <limits>
-#include <string>
 #include <string_view>
-
-#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 namespace {
 
-/// What another reader finds in the archive of the array.
-std::string archivedJson(const Array& array) {
-    const auto archive = keyedArchive(array);
-    if (!archive) return "nothing";
-    EXPECT_TRUE(archive->size() > 8 &&
-                std::string_view(reinterpret_cast<const char*>(archive->data()), 8) == "bplist00");
-    return test::archivedJson({reinterpret_cast<const char*>(archive->data()), archive->size()});
-}
+constexpr const char* kReader = R"(
+import json, plistlib, sys
 
-TEST(KeyedArchive, AnotherReaderFindsEveryKindOfValue) {
+archive = plistlib.load(open(sys.argv[1], "rb"), fmt=plistlib.FMT_BINARY)
+objects = archive["$objects"]
+assert set(archive) == {"$archiver", "$version", "$top", "$objects"} and objects[0] == "$null"
+assert archive["$version"] == 100000 and set(archive["$top"]) == {"root"}
+texts = [o for o in objects[1:] if isinstance(o, str)]
+assert len(texts) == len(set(texts))
+
+def at(reference):
+    assert type(reference) is plistlib.UID and reference.data > 0
+    return objects[reference.data]
+
+def value(reference):
+    held = at(reference)
+    if isinstance(held, bytes):
+        return {"data": held.hex()}
+    if not isinstance(held, dict):
+        return held
+    kind = at(held["$class"])
+    assert kind["$classes"] == [kind["$classname"], "Object"]
+    if kind["$classname"] == "Date":
+        return {"date": held["time"] + 978307200}
+    values = [value(r) for r in held["objects"]]
+    if kind["$classname"] == "Array":
+        return values
+    assert kind["$classname"] == "Dictionary"
+    keys = [value(r) for r in held["keys"]]
+    assert len(keys) == len(values)
+    return dict(zip(keys, values))
+
+print(json.dumps(value(archive["$top"]["root"]), sort_keys=True))
+)";
+
+class KeyedArchiveTest : public RootFixture {
+  protected:
+    /// What Python's property-list reader finds in the archive of the array, following the references from
+    /// its top, as JSON with sorted keys: data as {"data": "hex"}, dates as {"date": seconds since 1970}.
+    std::string archivedJson(const Array& array) const {
+        const auto archive = keyedArchive(array);
+        if (!archive) return "nothing";
+        write("archive", {archive->begin(), archive->end()});
+        const auto result = test::runProgram({"/usr/bin/python3", "-c", kReader, _root / "archive"});
+        return result.output.substr(0, result.output.find('\n')) + result.errors;
+    }
+};
+
+TEST_F(KeyedArchiveTest, AnotherReaderFindsEveryKindOfValue) {
     EXPECT_EQ(archivedJson({}), "[]");
     const std::string fifteen(15, 'x');
     EXPECT_EQ(archivedJson({"a \xc3\xbc", "", "\xf0\x9f\x93\x84", "$null", "\x1b[1m\t", "", fifteen}),
@@ -34,14 +71,14 @@ TEST(KeyedArchive, AnotherReaderFindsEveryKindOfValue) {
         R"([{"data": ""}, {"data": "0001ff"}, {"date": 1763280000.25}, {"date": -4000000000.0}])");
 }
 
-TEST(KeyedArchive, ContainersKeepTheirShape) {
+TEST_F(KeyedArchiveTest, ContainersKeepTheirShape) {
     const Dictionary entry{{"level", 3}, {"text", "level"}, {"tags", Array{"text", Array{}, Dictionary{}}}};
     EXPECT_EQ(archivedJson({entry, Array{entry, Value(Array{Value(Array{})})}}),
               R"([{"level": 3, "tags": ["text", [], {}], "text": "level"}, )"
               R"([{"level": 3, "tags": ["text", [], {}], "text": "level"}, [[]]]])");
 }
 
-TEST(KeyedArchive, ReferencesOfEveryWidthLead) {
+TEST_F(KeyedArchiveTest, ReferencesOfEveryWidthLead) {
     for (const int count : {200, 300, 70'000}) {
         Array numbers;
         std::string expected;
@@ -53,7 +90,7 @@ TEST(KeyedArchive, ReferencesOfEveryWidthLead) {
     }
 }
 
-TEST(KeyedArchive, ATextThatItCannotHoldYieldsNothing) {
+TEST_F(KeyedArchiveTest, ATextThatItCannotHoldYieldsNothing) {
     EXPECT_EQ(keyedArchive({"\xff"}), std::nullopt);
     EXPECT_EQ(keyedArchive({Dictionary{{"key", Array{1, "a\xed\xa0\x80"}}}}), std::nullopt);
     EXPECT_EQ(keyedArchive({Dictionary{{"\xc3", 1}}}), std::nullopt);
