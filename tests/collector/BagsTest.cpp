@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <chrono>
-
 namespace quorvane::test {
 
 namespace {
@@ -11,7 +9,7 @@ namespace {
 class BagsTest : public CollectorTest {
   protected:
     void writeBag(const std::string& text, std::chrono::seconds age) const {
-        writeFile(bags() / "bag", text);
+        write(bags() / "bag", text);
         std::filesystem::last_write_time(bags() / "bag", std::filesystem::file_time_type::clock::now() - age);
     }
 };
@@ -19,7 +17,7 @@ class BagsTest : public CollectorTest {
 }  // namespace
 
 TEST_F(BagsTest, ServesABagUnderEveryPathThatDevicesUse) {
-    writeFile(bags() / "tamsel1.plist", "signed");
+    write(bags() / "tamsel1.plist", "signed");
     start({"--max-age", "600"});
     for (const char* path : {"/bags/tamsel1.plist?version=7.0", "/bags/tamsel/tamsel1.plist",
                              "/storebags/tamsel/tamsel1.plist?version=(null)"}) {
@@ -53,16 +51,16 @@ TEST_F(BagsTest, SaysNotModifiedForExactlyTheBagThatTheDeviceHolds) {
 }
 
 TEST_F(BagsTest, NamesFromTheNetworkNeverBecomePaths) {
-    writeFile(folder() / "secret", "secret");
-    writeFile(bags() / ".hidden", "secret");
+    write(_root / "secret", "secret");
+    write(bags() / ".hidden", "secret");
     std::filesystem::create_directory(bags() / "inner");
-    writeFile(bags() / "inner/bag", "secret");
+    write(bags() / "inner/bag", "secret");
     ::mkfifo((bags() / "fifo").c_str(), 0600);
     start();
     const std::vector<std::string> paths{"/bags/../secret",
                                          "/bags/%2e%2e/secret",
                                          "/bags/..%2fsecret",
-                                         "/bags//" + (folder() / "secret").string(),
+                                         "/bags//" + (_root / "secret").string(),
                                          "/bags/.hidden",
                                          "/bags/inner%2fbag",
                                          "/bags/inner/bag",
@@ -86,7 +84,7 @@ TEST_F(BagsTest, NamesFromTheNetworkNeverBecomePaths) {
 }
 
 TEST_F(BagsTest, ARangeIsAnsweredWithTheWholeBagOrNotAtAll) {
-    writeFile(bags() / "bag", "0123456789");
+    write(bags() / "bag", "0123456789");
     start();
     std::string many = "bytes=0-";
     for (int i = 0; i < 500; ++i) many += ",0-9";

@@ -3,34 +3,23 @@
 #include "platform/Json.h"
 #include "util/Compression.h"
 
-#include <openssl/bio.h>
-#include <openssl/ssl.h>
 #include <poll.h>
 #include <csignal>
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <sstream>
-#include <utility>
-
-#include <fmt/format.h>
 
 namespace quorvane::test {
 
-namespace fs = std::filesystem;
-
-CollectorTest::CollectorTest() {
+void CollectorTest::SetUp() {
+    RootFixture::SetUp();
     // Clients write to connections that the collector has ended.
     std::signal(SIGPIPE, SIG_IGN);
-    std::string pattern = fs::temp_directory_path() / "collectorXXXXXX";
-    _folder = ::mkdtemp(pattern.data());
-    fs::create_directory(bags());
+    std::filesystem::create_directory(bags());
 }
 
-CollectorTest::~CollectorTest() {
+void CollectorTest::TearDown() {
     _collector.reset();
-    fs::remove_all(_folder);
+    RootFixture::TearDown();
 }
 
 void CollectorTest::start(const std::vector<std::string>& further) {
@@ -79,7 +68,7 @@ std::string CollectorTest::exchange(std::string_view bytes) const {
 
 std::vector<Dictionary> CollectorTest::lines() const {
     std::vector<Dictionary> result;
-    std::istringstream text(readFile(events()));
+    std::istringstream text(read(events()));
     for (std::string line; std::getline(text, line);) {
         auto parsed = platform::parseJson(line);
         if (parsed && parsed->dictionary() != nullptr)
@@ -131,15 +120,6 @@ std::string RawConnection::readToEnd() {
         answer.append(buffer, static_cast<std::size_t>(count));
     }
     return answer;
-}
-
-void writeFile(const fs::path& path, std::string_view text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::string gzip(std::string_view bytes) {

@@ -2,30 +2,23 @@
 
 #include "platform/Value.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/RootFixture.h"
 
-#include <gtest/gtest.h>
 #include <httplib.h>
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <string_view>
-#include <vector>
-
 namespace quorvane::test {
 
 /// Runs the collector in a folder of its own.
-class CollectorTest : public ::testing::Test {
+class CollectorTest : public RootFixture {
   protected:
-    CollectorTest();
-    ~CollectorTest() override;
+    void SetUp() override;
+    void TearDown() override;
 
-    std::filesystem::path folder() const { return _folder; }
-    std::filesystem::path bags() const { return _folder / "bags"; }
-    std::filesystem::path events() const { return _folder / "events.jsonl"; }
-    std::filesystem::path trust() const { return _folder / "root/etc/quorvane/trust/collector.pem"; }
+    std::filesystem::path bags() const { return _root / "bags"; }
+    std::filesystem::path events() const { return _root / "events.jsonl"; }
+    std::filesystem::path trust() const { return _root / "etc/quorvane/trust/collector.pem"; }
 
     /// Starts the collector on a free port with the folder's bags, events and trust, and waits until it
     /// listens.
@@ -53,7 +46,6 @@ class CollectorTest : public ::testing::Test {
     static std::string withoutReceipt(Dictionary line);
 
   private:
-    std::filesystem::path _folder;
     std::unique_ptr<ChildProcess> _collector;
     int _port = 0;
 };
@@ -77,9 +69,6 @@ class RawConnection {
     SSL_CTX* _context;
     BIO* _connection;
 };
-
-void writeFile(const std::filesystem::path& path, std::string_view text);
-std::string readFile(const std::filesystem::path& path);
 
 /// The bytes as a gzip stream, and the header that tells of it.
 std::string gzip(std::string_view bytes);

@@ -1,14 +1,5 @@
-#include "platform/UniqueDescriptor.h"
 #include "tests/collector/CollectorFixture.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <chrono>
-#include <set>
-#include <thread>
+#include "tests/support/UdpPeer.h"
 
 namespace quorvane::test {
 
@@ -37,37 +28,20 @@ std::string datagram(const std::string& text, int eventNumber, std::uint16_t fla
 }
 
 /// One device's socket.
-class Device {
+class Device : public UdpPeer {
   public:
-    explicit Device(int port) : _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::connect(_socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    }
+    using UdpPeer::UdpPeer;
 
-    void send(const std::string& bytes) {
-        EXPECT_EQ(::send(_socket.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    void sendText(const std::string& bytes) const {
+        send({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
     }
 
     /// Sends a datagram that is answered when it is stored, and tells the answer.
     std::string ask(const std::string& text, int eventNumber, std::uint16_t flags = 0) {
-        send(datagram(text, eventNumber, flags | kReliable));
-        return answer();
+        sendText(datagram(text, eventNumber, flags | kReliable));
+        const Data answer = receive().value_or(Data());
+        return {answer.begin(), answer.end()};
     }
-
-    /// The next answer; empty when none comes in the time.
-    std::string answer(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-        pollfd waited{_socket.get(), POLLIN, 0};
-        if (::poll(&waited, 1, static_cast<int>(limit.count())) <= 0) return {};
-        char buffer[2048];
-        const ssize_t count = ::recv(_socket.get(), buffer, sizeof buffer, 0);
-        return {buffer, static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
-    }
-
-  private:
-    platform::UniqueDescriptor _socket;
 };
 
 class DatagramsTest : public CollectorTest {
@@ -75,11 +49,11 @@ class DatagramsTest : public CollectorTest {
     void startTaking(std::vector<std::string> further = {}) {
         further.insert(further.end(), {"--udp-port", "0"});
         start(further);
-        _udpPort = portAfter("\nTaking datagrams on 127.0.0.1 port ");
+        _udpPort = static_cast<std::uint16_t>(portAfter("\nTaking datagrams on 127.0.0.1 port "));
         ASSERT_GT(_udpPort, 0);
     }
 
-    int _udpPort = 0;
+    std::uint16_t _udpPort = 0;
 };
 
 }  // namespace
@@ -87,10 +61,10 @@ class DatagramsTest : public CollectorTest {
 TEST_F(DatagramsTest, TellsEveryFieldWithItsComplementUndoneAndAcknowledgesToThoseWhoWait) {
     startTaking();
     Device device(_udpPort);
-    device.send(datagram(" plain=1", 1));
+    device.sendText(datagram(" plain=1", 1));
     EXPECT_EQ(device.ask(" key=value", 65535, kExplicitAddress),
               datagram(" key=value", 65535, kReliable | kExplicitAddress).substr(0, 64));
-    EXPECT_EQ(device.answer(std::chrono::milliseconds(50)), "") << "the other does not wait";
+    EXPECT_EQ(device.receive(std::chrono::milliseconds(50)), std::nullopt) << "the other does not wait";
     const auto kept = lines();
     ASSERT_EQ(kept.size(), 2u);
     EXPECT_EQ(*kept[0].find("reliable"), Value(false));
@@ -150,7 +124,7 @@ TEST_F(DatagramsTest, DropsWhatIsMalformed) {
          {std::string(), std::string("x"), datagram("", 1, kReliable).substr(0, 63), otherFormat,
           datagram(" a=1", 1, kReliable) + "x", datagram(" a=\xff", 1, kReliable),
           datagram(" a=" + std::string(1021, 'x'), 1, kReliable), std::string(60'000, '\xff')})
-        device.send(bytes);
+        device.sendText(bytes);
     EXPECT_EQ(device.ask(" good=1", 77).substr(60, 2), bigEndian(77, 2));
     EXPECT_EQ(lines().size(), 1u);
     EXPECT_TRUE(collector().waitForErrors("A malformed datagram from 127.0.0.1:"));
@@ -161,45 +135,10 @@ TEST_F(DatagramsTest, DropsWhatIsMalformed) {
 TEST_F(DatagramsTest, WhatCannotBeStoredIsNotAcknowledged) {
     startTaking({"--events", "/dev/full"});
     Device device(_udpPort);
-    device.send(datagram(" a=1", 1, kReliable));
+    device.sendText(datagram(" a=1", 1, kReliable));
     ASSERT_TRUE(collector().waitForErrors("Cannot write"));
-    device.send(datagram(" a=1", 1, kReliable));
-    EXPECT_EQ(device.answer(std::chrono::milliseconds(50)), "");
-}
-
-TEST_F(DatagramsTest, LinesOfConcurrentDatagramsAndPostsStayWhole) {
-    startTaking();
-    constexpr int kSenders = 6;
-    constexpr int kDatagrams = 200;
-    constexpr int kPosts = 10;
-    constexpr int kEvents = 40;
-    {
-        std::vector<std::jthread> senders;
-        for (int sender = 0; sender < kSenders; ++sender) {
-            senders.emplace_back([this] {
-                Device device(_udpPort);
-                for (int number = 0; number < kDatagrams; ++number)
-                    EXPECT_EQ(device.ask(" n=" + std::to_string(number), number).size(), 64u);
-            });
-            senders.emplace_back([this, sender] {
-                const auto connection = client();
-                connection->set_keep_alive(true);
-                for (int number = 0; number < kPosts; ++number) {
-                    const int first = (sender * kPosts + number) * kEvents;
-                    const auto answer =
-                        connection->Post("/events", message(kEvents, first), "application/json");
-                    EXPECT_EQ(answered(answer).status, 200);
-                }
-            });
-        }
-    }
-    const auto kept = lines();
-    EXPECT_EQ(kept.size(), std::size_t{kSenders * (kDatagrams + kPosts * kEvents)});
-    std::set<std::int64_t> numbers;
-    for (const Dictionary& line : kept)
-        if (const Dictionary* event = line.dictionary("event"))
-            numbers.insert(event->integer("_eventNumber"));
-    EXPECT_EQ(numbers.size(), std::size_t{kSenders * kPosts * kEvents});
+    device.sendText(datagram(" a=1", 1, kReliable));
+    EXPECT_EQ(device.receive(std::chrono::milliseconds(50)), std::nullopt);
 }
 
 }  // namespace quorvane::test

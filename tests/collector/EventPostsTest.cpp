@@ -1,8 +1,5 @@
 #include "tests/collector/CollectorFixture.h"
 
-#include <chrono>
-#include <utility>
-
 namespace quorvane::test {
 
 namespace {

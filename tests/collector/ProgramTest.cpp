@@ -4,10 +4,6 @@
 #include <sys/stat.h>
 #include <csignal>
 
-#include <chrono>
-
-#include <fmt/format.h>
-
 namespace quorvane::test {
 
 namespace {
@@ -32,30 +28,22 @@ TEST_F(ProgramTest, MakesACertificateForItsNamesThatNobodyElseTrusts) {
     for (const char* host : {"127.0.0.1", "localhost", "collector.example"})
         EXPECT_EQ(curl(host, trust()), 0) << host;
     EXPECT_EQ(curl("127.0.0.1", "/etc/ssl/certs/ca-certificates.crt"), kCurlUntrusted);
-    EXPECT_EQ(readFile(trust()).find("PRIVATE"), std::string::npos);
-
-    // A second start's certificate is another one, and a trust store may hold both.
-    const std::string first = readFile(trust());
-    start();
-    EXPECT_NE(readFile(trust()), first);
-    writeFile(folder() / "both.pem", first + readFile(trust()));
-    EXPECT_EQ(curl("127.0.0.1", folder() / "both.pem"), 0);
-    EXPECT_EQ(curl("collector.example", folder() / "both.pem"), kCurlUntrusted);
+    EXPECT_EQ(read(trust()).find("PRIVATE"), std::string::npos);
 }
 
 TEST_F(ProgramTest, ShowsTheCertificateItIsGiven) {
     const TestCertificate certificate = makeTestCertificate();
-    writeFile(folder() / "certificate.pem", certificate.certificate);
-    writeFile(folder() / "key.pem", certificate.key);
-    start({"--certificate", folder() / "certificate.pem", "--key", folder() / "key.pem"});
-    EXPECT_EQ(curl("127.0.0.1", folder() / "certificate.pem"), 0);
+    write(_root / "certificate.pem", certificate.chain);
+    write(_root / "key.pem", certificate.key);
+    start({"--certificate", _root / "certificate.pem", "--key", _root / "key.pem"});
+    EXPECT_EQ(curl("127.0.0.1", _root / "certificate.pem"), 0);
 }
 
 TEST_F(ProgramTest, TellsWhereItListensAndPrintsEventsWithoutAFile) {
     const auto program = ChildProcess::start({QUORVANE_COLLECTOR, "--port", "0", "--quiet", "--trust-out",
-                                              trust(), "--ready-file", folder() / "ready"});
+                                              trust(), "--ready-file", _root / "ready"});
     ASSERT_TRUE(program && program->waitForOutput("\n"));
-    EXPECT_EQ(program->output(), readFile(folder() / "ready"));
+    EXPECT_EQ(program->output(), read(_root / "ready"));
     ASSERT_TRUE(program->output().starts_with("Listening on https://127.0.0.1:"));
     const std::string url = program->output().substr(std::string("Listening on ").size());
     httplib::Client client(url.substr(0, url.find('\n')));
@@ -82,7 +70,7 @@ TEST_F(ProgramTest, EndsAtOnceWhateverIsConnected) {
 TEST_F(ProgramTest, GoesOnInANewFileWhenTheOldOneWasMoved) {
     start();
     EXPECT_EQ(post(message()).status, 200);
-    std::filesystem::rename(events(), folder() / "moved");
+    std::filesystem::rename(events(), _root / "moved");
     collector().signal(SIGHUP);
     ASSERT_TRUE(collector().waitForErrors("anew"));
     EXPECT_EQ(post(message(2)).status, 200);
@@ -91,19 +79,19 @@ TEST_F(ProgramTest, GoesOnInANewFileWhenTheOldOneWasMoved) {
 
 TEST_F(ProgramTest, SaysWhyItCannotStart) {
     start();
-    const std::string key = folder() / "key.pem";
-    writeFile(key, makeTestCertificate().key);
-    writeFile(folder() / "other.pem", makeTestCertificate().certificate);
+    const std::string key = _root / "key.pem";
+    write(key, makeTestCertificate().key);
+    write(_root / "other.pem", makeTestCertificate().chain);
     const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
         {{"--port", std::to_string(port())}, "cannot listen on 127.0.0.1 port"},
-        {{"--bags", folder() / "none"}, "cannot read the folder"},
-        {{"--events", folder() / "none/events"}, "cannot open"},
+        {{"--bags", _root / "none"}, "cannot read the folder"},
+        {{"--events", _root / "none/events"}, "cannot open"},
         {{"--trust-out", events() / "x.pem"}, "cannot write"},
         {{"--name", "a,IP:1.2.3.4"}, "neither a host name nor an address"},
         {{"--certificate", key}, "--key"},
-        {{"--certificate", folder() / "none", "--key", key}, "cannot read"},
+        {{"--certificate", _root / "none", "--key", key}, "cannot read"},
         {{"--certificate", key, "--key", key}, "the certificate is not usable"},
-        {{"--certificate", folder() / "other.pem", "--key", key}, "the key is not usable"},
+        {{"--certificate", _root / "other.pem", "--key", key}, "the key is not usable"},
         {{"--removed-key", "note"}, "not a key that every record has"},
         {{"--port", "70000"}, "--port"}};
     for (const auto& [further, reason] : wrong) {

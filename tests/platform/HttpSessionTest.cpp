@@ -1,5 +1,4 @@
 #include "platform/HttpSession.h"
-#include "platform/Text.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RawServer.h"
@@ -20,6 +19,8 @@ using test::LocalSocket;
 using test::RawServer;
 using test::ServerAnswer;
 using test::ServerRequest;
+using testing::AnyOf;
+using testing::HasSubstr;
 
 Data bytes(std::string_view text) {
     return {text.begin(), text.end()};
@@ -97,9 +98,10 @@ TEST_F(HttpSessionTest, WhatWouldBreakTheRequestApartIsNeverSent) {
          {std::string("a\r\nX-Evil: 1"), std::string("a\nb"), std::string("a\0b", 3)})
         for (const HttpRequest& request : {get(url, {{"X-Text", value}}), get(url, {{"X" + value, "1"}}),
                                            HttpRequest{url, "GET" + value, {}, {}}, get(url + value)})
-            EXPECT_NE(errorOf(request), "no error") << value;
-    for (const char* bad : {"", "nothing", "file:///etc/passwd", "ftp://127.0.0.1/", "https://"})
-        EXPECT_NE(errorOf(bad), "no error") << bad;
+            EXPECT_THAT(errorOf(request), AnyOf(HasSubstr("is malformed"), HasSubstr("illegal format"),
+                                                HasSubstr("holds a NUL")));
+    for (const char* bad : {"", "file:///etc/passwd", "ftp://127.0.0.1/", "https://"})
+        EXPECT_THAT(errorOf(bad), AnyOf(HasSubstr("illegal format"), HasSubstr("not supported")));
     EXPECT_EQ(server.requestCount(), 0u);
 }
 
@@ -112,7 +114,7 @@ TEST_F(HttpSessionTest, TrustsTheConfiguredCertificatesAndNoOther) {
     EXPECT_GE(
         logged("<4>trustConfiguredCertificates: " + (_root / "etc/quorvane/trust/damaged.pem").string()), 1u);
     EXPECT_GE(logged("empty.pem holds no readable certificates"), 1u);
-    EXPECT_TRUE(containsIgnoringCase(errorOf(stranger.url("/")), "certificate"));
+    EXPECT_THAT(errorOf(stranger.url("/")), HasSubstr("certificate"));
     EXPECT_EQ(stranger.requestCount(), 0u);
 }
 
@@ -132,9 +134,10 @@ TEST_F(HttpSessionTest, KeepsConnectionsAliveAndFollowsNoRedirect) {
 TEST_F(HttpSessionTest, PostsOverOneConnectionWhereTheServerOffersHttp2) {
     const test::TestCertificate certificate = test::makeTestCertificate();
     test::trustCertificate(certificate, _root, "http2");
-    write("certificate.pem", certificate.certificate);
+    write("certificate.pem", certificate.chain);
     write("key.pem", certificate.key);
-    const int port = LocalSocket().port();
+    const LocalSocket reserved;
+    const int port = reserved.port();
     const auto server = test::ChildProcess::start(
         {QUORVANE_NGHTTPD, "--address=127.0.0.1", "--echo-upload", "--verbose", std::to_string(port),
          (_root / "key.pem").string(), (_root / "certificate.pem").string()});
@@ -162,16 +165,17 @@ TEST_F(HttpSessionTest, ReceivedHeadersHoldNoLineBreaks) {
 
 TEST_F(HttpSessionTest, ServersThatAnswerNoHttpAreErrors) {
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
-    for (const std::string& answer : {std::string(), std::string("\xff\x00garbage\n", 10), head + "half"})
-        EXPECT_NE(errorOf(RawServer(answer).url()), "no error") << escapedControls(answer, "");
-    EXPECT_NE(errorOf("http://127.0.0.1:1/"), "no error");
+    EXPECT_THAT(errorOf(RawServer("").url()), HasSubstr("Empty reply"));
+    EXPECT_THAT(errorOf(RawServer(std::string("\xff\x00garbage\n", 10)).url()), HasSubstr("HTTP/0.9"));
+    EXPECT_THAT(errorOf(RawServer(head + "half").url()), HasSubstr("96 bytes"));
+    EXPECT_THAT(errorOf("http://127.0.0.1:1/"), HasSubstr("onnect to 127.0.0.1"));
 }
 
 TEST_F(HttpSessionTest, EndlessAnswersAreCutAtTheBound) {
-    const RawServer body("HTTP/1.1 200 OK\r\n\r\n" + std::string(65536, 'x'), true);
+    const RawServer body("HTTP/1.1 200 OK\r\n\r\n", std::string(65536, 'x'));
     EXPECT_EQ(errorOf(body.url()), "the answer is larger than 16777216 bytes");
-    const RawServer headers("HTTP/1.1 200 OK\r\nX-Many: " + std::string(1000, 'x') + "\r\n", true);
-    EXPECT_NE(errorOf(headers.url()), "no error");
+    const RawServer headers("HTTP/1.1 200 OK\r\n", "X-Many: " + std::string(1000, 'x') + "\r\n");
+    EXPECT_EQ(errorOf(headers.url()), "the answer's headers are larger than 262144 bytes");
 
     HttpsServer server(_root);
     server.answerWith({200, {}, "12345"});
@@ -231,7 +235,7 @@ TEST_F(HttpSessionTest, AStalledRequestEndsWhenItsTimeIsUpAndALargeOneHoldsUpNob
     HttpsServer other(_root);
     HttpRequest request = get(stalled.url("/"));
     request.timeout = 1s;
-    EXPECT_NE(errorOf(request), "no error");
+    EXPECT_THAT(errorOf(request), HasSubstr("timed out"));
 
     setHttpWaitingBytesBound(10'000);
     auto waiting = std::async(std::launch::async,

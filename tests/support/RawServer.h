@@ -7,15 +7,16 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <string>
 #include <thread>
 #include <utility>
 
 namespace quorvane::test {
 
-/// A socket bound to a free port of 127.0.0.1.
+/// A socket bound to a free port of 127.0.0.1. Until it listens, a server may be told to take the port.
 struct LocalSocket {
     LocalSocket() {
+        const int on = 1;
+        ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), size);
@@ -29,12 +30,13 @@ struct LocalSocket {
 };
 
 /// A server that answers every connection on 127.0.0.1 with the same bytes, whatever it is asked, and then
-/// closes it, or goes on sending the bytes without an end.
+/// closes it, or goes on sending further bytes without an end.
 class RawServer {
   public:
-    explicit RawServer(std::string answer, bool endless = false) {
+    explicit RawServer(std::string answer, std::string endless = "")
+        : _answer(std::move(answer)), _endless(std::move(endless)) {
         ::listen(_listener.socket.get(), 8);
-        _thread = std::thread([this, answer = std::move(answer), endless] { serve(answer, endless); });
+        _thread = std::thread([this] { serve(); });
     }
 
     ~RawServer() {
@@ -45,16 +47,22 @@ class RawServer {
     std::string url() const { return fmt::format("http://127.0.0.1:{}/", _listener.port()); }
 
   private:
-    void serve(const std::string& answer, bool endless) const {
+    void serve() const {
         while (true) {
             const platform::UniqueDescriptor client(::accept(_listener.socket.get(), nullptr, nullptr));
             if (!client) return;
             char request[4096];
             if (::recv(client.get(), request, sizeof request, 0) <= 0) continue;
-            while (::send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL) > 0 && endless) continue;
+            const auto send = [&](const std::string& bytes) {
+                return ::send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0;
+            };
+            send(_answer);
+            while (send(_endless)) continue;
         }
     }
 
+    const std::string _answer;
+    const std::string _endless;
     LocalSocket _listener;
     std::thread _thread;
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "collector/Certificate.h"
+
 #include <openssl/types.h>
 
 #include <filesystem>
@@ -7,14 +9,9 @@
 
 namespace quorvane::test {
 
-/// A certificate and its private key, both PEM.
-struct TestCertificate {
-    std::string certificate;
-    std::string key;
-};
+using TestCertificate = collector::Certificate;
 
-/// Makes a self-signed certificate for 127.0.0.1 and localhost, good for an hour; whoever trusts it trusts
-/// the server that shows it. Every call makes another one.
+/// Makes a certificate for 127.0.0.1 and localhost, as the collector makes its own.
 TestCertificate makeTestCertificate();
 
 /// Has a server of the context show the certificate; whether it was taken.
