@@ -7,8 +7,6 @@
 
 #include <sys/socket.h>
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <atomic>
 #include <condition_variable>

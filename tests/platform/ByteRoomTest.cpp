@@ -3,9 +3,6 @@
 #include <future>
 #include <limits>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 namespace {
@@ -51,26 +48,6 @@ TEST(ByteRoom, EveryoneGetsATurn) {
     first.reset();
     EXPECT_TRUE(large.get());
     EXPECT_TRUE(behind.get());
-}
-
-TEST(ByteRoom, ManyThreadsShareIt) {
-    ByteRoom room(100);
-    std::atomic<std::size_t> taken{0};
-    std::atomic<bool> overfull{false};
-    {
-        std::vector<std::jthread> threads;
-        for (std::size_t thread = 1; thread <= 4; ++thread)
-            threads.emplace_back([&, thread] {
-                for (std::size_t round = 0; round < 200; ++round) {
-                    const std::size_t bytes = 10 * thread + round % 10;
-                    const auto share = room.enter(bytes, kLong);
-                    ASSERT_TRUE(share);
-                    if (taken += bytes; taken > 100) overfull = true;
-                    taken -= bytes;
-                }
-            });
-    }
-    EXPECT_FALSE(overfull);
 }
 
 }  // namespace

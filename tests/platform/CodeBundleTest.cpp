@@ -5,8 +5,6 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
-#include <thread>
-
 namespace quorvane::platform {
 namespace {
 
@@ -37,11 +35,6 @@ class CodeBundleTest : public RootFixture {
 };
 
 TEST_F(CodeBundleTest, ABundleIsLoadedOnceAndKept) {
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 4; ++i) threads.emplace_back([] { loadCodeBundle(QUORVANE_BUNDLE_GOOD); });
-    }
-
     const std::string copy = _root / "copy.so";
     fs::copy_file(QUORVANE_BUNDLE_GOOD, copy);
     const QuorvaneCodeBundle* bundle = loadCodeBundle(copy);
@@ -113,11 +106,12 @@ TEST_F(CodeBundleTest, AClassMayMakeNothingAndAnswerNothingAndThrow) {
 
     EXPECT_EQ(CodeObject::init(classOfGoodBundle("Unmakeable")), nullptr);
     EXPECT_EQ(logged("<3>contained: init of <Unmakeable> threw: no room"), 1u);
-    auto object = CodeObject::init(classOfGoodBundle("OsselAdaptor"));
+    auto object = CodeObject::init(classOfGoodBundle("Throwing"));
     object->invoke(*object->operationWithSelector(kSelector), 1, 2, {});
-    EXPECT_EQ(logged("<3>contained: sendMessageWithMethod:respCode:dict: of <OsselAdaptor> threw: "), 1u);
+    EXPECT_EQ(logged("<3>contained: sendMessageWithMethod:respCode:dict: of <Throwing> threw: no\\nmemory"),
+              1u);
     object.reset();
-    EXPECT_EQ(logged("<3>contained: dealloc of <OsselAdaptor> threw something"), 1u);
+    EXPECT_EQ(logged("<3>contained: dealloc of <Throwing> threw something"), 1u);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "platform/Crypto.h"
 
-#include "platform/Uuid.h"
-
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -9,7 +7,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <set>
 #include <thread>
 
 namespace quorvane::platform {
@@ -115,16 +112,6 @@ TEST_F(RsaTest, BytesThatAreNoRsaKeyGiveNone) {
     const std::string_view text = "-----BEGIN PUBLIC KEY-----";
     for (const Data& bad : {longer, shorter, otherKind, Data(), Data(text.begin(), text.end())})
         EXPECT_EQ(RsaPublicKey::initWithDER(bad), nullptr) << hex(bad);
-}
-
-TEST(UuidTest, UuidsAreRandomAndInCanonicalForm) {
-    std::set<std::string> made;
-    for (int i = 0; i < 200; ++i) made.insert(randomUuidText());
-    EXPECT_EQ(made.size(), 200u);
-    for (const std::string& text : made)
-        EXPECT_THAT(text, testing::MatchesRegex("[0-9A-F]+-[0-9A-F]+-4[0-9A-F]+-[89AB][0-9A-F]+-[0-9A-F]+"));
-    EXPECT_EQ(made.begin()->size(), 36u);
-    EXPECT_NE(randomUuidBytes(), randomUuidBytes());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include "platform/Clock.h"
 #include "tests/support/RootFixture.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <cerrno>

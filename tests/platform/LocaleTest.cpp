@@ -2,8 +2,6 @@
 
 #include "platform/Clock.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 
 namespace quorvane::platform {

@@ -7,8 +7,6 @@
 
 #include <thread>
 
-#include <gtest/gtest.h>
-
 namespace quorvane::platform {
 namespace {
 

@@ -5,8 +5,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <thread>
-
 namespace quorvane::platform {
 namespace {
 
@@ -134,15 +132,6 @@ TEST_F(SandboxExtensionTest, OneUserLeavesTokensToTheOthers) {
     EXPECT_EQ(issued, kExtensionsPerUser);
     EXPECT_NE(issue("file"), "refused");
     for (const ExtensionOwner owner : owners) revokeSandboxExtensions(owner);
-}
-
-TEST_F(SandboxExtensionTest, ManyThreadsIssueAndConsumeAtOnce) {
-    std::vector<std::jthread> threads;
-    for (int thread = 0; thread < 4; ++thread)
-        threads.emplace_back([this] {
-            for (int round = 0; round < 100; ++round)
-                EXPECT_TRUE(SandboxExtension::consume(issue("file"), at("file")));
-        });
 }
 
 }  // namespace

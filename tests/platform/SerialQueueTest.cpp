@@ -8,13 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <future>
-#include <memory>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 namespace {

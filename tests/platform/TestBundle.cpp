@@ -58,8 +58,7 @@ const QuorvaneClass classes[] = {
     {"Barren", initNothing, dealloc, keeping, 4},
     {"Uninitialisable", nullptr, dealloc, keeping, 4},
     {"Unmakeable", initThrowing, dealloc, keeping, 4},
-    // Its name and its errors are what the daemon's backend meets.
-    {"OsselAdaptor", init, deallocThrowing, throwing, 1},
+    {"Throwing", init, deallocThrowing, throwing, 1},
 };
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "platform/Value.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <limits>
 #include <random>

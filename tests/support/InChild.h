@@ -5,8 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-
 namespace quorvane::test {
 
 /// Runs the function, which returns a text, in a forked process and answers the text, followed by how the

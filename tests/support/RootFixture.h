@@ -3,17 +3,13 @@
 #include "platform/Log.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
-#include <string>
 #include <string_view>
-#include <vector>
 
 namespace quorvane {
 
