@@ -80,19 +80,15 @@ TEST_F(QuorvaneBackendTest, FactoryRefusesWhatItDoesNotKnow) {
     EXPECT_EQ(logged("<3>HTTPSPostBackend(initWithName): can't find the client list."), 1u);
 }
 
-class CreateBackendsTest : public BackendFixture {
-  protected:
-    void SetUp() override {
-        BackendFixture::SetUp();
-        write(
-            "etc/quorvane/device.toml",
-            "ProductVersion = \"9.1\"\nBuildVersion = \"13A5\"\nProductType = \"Fern3,1\"\nDeviceName = \"Fernlight\"\nReleaseType = \"Internal\"\n");
-    }
-
-    static constexpr const char* kIdentifier = "0123456789abcdef";
-};
-
-TEST_F(CreateBackendsTest, MakesABackendPerKnownNameAndTellsItTheSessionsFacts) {
+TEST_F(QuorvaneBackendTest, ASessionGetsABackendPerKnownNameThatIsToldItsFacts) {
+    constexpr const char* kIdentifier = "0123456789abcdef";
+    write("etc/quorvane/device.toml", R"(
+ProductVersion = "9.1"
+BuildVersion = "13A5"
+ProductType = "Fern3,1"
+DeviceName = "Fernlight"
+ReleaseType = "Internal"
+)");
     const Dictionary profile{{"clients", Array{}}};
     const auto storebag = std::make_shared<const Dictionary>(
         Dictionary{{"httppost", profile}, {"httppost2", profile}, {"nonesuch", profile}, {"other", 7}});

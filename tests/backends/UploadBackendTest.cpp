@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <future>
-#include <mutex>
 #include <set>
 
 namespace quorvane {
@@ -51,10 +50,7 @@ class UploadBackendTest : public PostingFixture {
     std::string lend(const std::string& name, int flags = O_RDONLY) {
         platform::UniqueDescriptor file(::open(at(name).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
         EXPECT_TRUE(file) << name;
-        const auto remove = [this](const std::string& token) {
-            const std::scoped_lock lock(_guard);
-            _removed.insert(token);
-        };
+        const auto remove = [this](const std::string& token) { _removed.insert(token); };
         return platform::issueSandboxExtension(_owner, std::move(file), remove).value_or("");
     }
 
@@ -63,11 +59,6 @@ class UploadBackendTest : public PostingFixture {
     }
     bool upload(const std::string& name) { return upload(name, lend(name)); }
 
-    std::set<std::string> removed() {
-        const std::scoped_lock lock(_guard);
-        return _removed;
-    }
-
     void makeLarge(const std::string& name, std::uintmax_t bytes) const {
         write(name, "");
         std::filesystem::resize_file(_root / name, bytes);
@@ -75,10 +66,7 @@ class UploadBackendTest : public PostingFixture {
 
     std::shared_ptr<QuorvaneBackend> _backend;
     const platform::ExtensionOwner _owner = platform::newExtensionOwner(1000);
-
-  private:
-    std::mutex _guard;
-    std::set<std::string> _removed;
+    std::set<std::string> _removed;  ///< Whose removal was asked for, on the thread that uploads.
 };
 
 TEST_F(UploadBackendTest, PostsTheFileWithItsQueryKeysAndHasItRemoved) {
@@ -100,7 +88,7 @@ TEST_F(UploadBackendTest, PostsTheFileWithItsQueryKeysAndHasItRemoved) {
     EXPECT_EQ(request.header("Content-Encoding"), "gzip");
     EXPECT_NE(request.header("Content-Length"), std::to_string(contents.size()));
     EXPECT_EQ(request.body, contents);
-    EXPECT_EQ(removed(), std::set{token});
+    EXPECT_EQ(_removed, std::set{token});
     EXPECT_EQ(logged("<3>"), 0u);
     EXPECT_EQ(logged("<7>UploadBackend(uploadFileAtPath): sending to |" + _server->url("/upload") +
                      "|, Json output: {\"result\":\"success\"}"),
@@ -119,11 +107,11 @@ TEST_F(UploadBackendTest, AnyAnswerCountsAndOnlySuccessRemovesTheFile) {
         _server->answerWith(answer);
         EXPECT_TRUE(upload("file.log")) << answer.body.substr(0, 20);
     }
-    EXPECT_EQ(removed().size(), 0u);
+    EXPECT_EQ(_removed.size(), 0u);
     EXPECT_EQ(logged("<3>UploadBackend(uploadFileAtPath): post the answer is larger"), 1u);
     _server->answerWith({503, {}, "upload success"});
     EXPECT_TRUE(upload("file.log"));
-    EXPECT_EQ(removed().size(), 1u);
+    EXPECT_EQ(_removed.size(), 1u);
     EXPECT_EQ(_server->requestCount(), 8u);
 }
 
@@ -134,7 +122,7 @@ TEST_F(UploadBackendTest, ATransportErrorKeepsTheFileAndStillCounts) {
     }
     EXPECT_EQ(logged("<3>UploadBackend(uploadFileAtPath): post "), 2u);
     EXPECT_EQ(logged("post (null)"), 0u);
-    EXPECT_EQ(removed().size(), 0u);
+    EXPECT_EQ(_removed.size(), 0u);
 }
 
 TEST_F(UploadBackendTest, OnlyRegularFilesWithContentsAreRead) {
@@ -189,7 +177,7 @@ TEST_F(UploadBackendTest, AURLThatIsNoneIsRefused) {
     const std::string token = lend("file.log");
     EXPECT_FALSE(withoutURL->uploadFileAtPath(at("file.log"), token.c_str()));
     EXPECT_TRUE(platform::ownsSandboxExtension(_owner, token));
-    EXPECT_EQ(removed().size(), 0u);
+    EXPECT_EQ(_removed.size(), 0u);
 }
 
 TEST_F(UploadBackendTest, AProfileNeedsAPostURL) {

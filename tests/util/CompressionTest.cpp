@@ -25,7 +25,7 @@ Data expanded(const Data& stream, std::size_t size) {
     return output;
 }
 
-class CompressionTest : public RootFixture {};
+using CompressionTest = RootFixture;
 
 Data noise(std::size_t size) {
     std::minstd_rand random(1);
