@@ -10,8 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <fstream>
 #include <future>
 #include <set>
+#include <thread>
 
 namespace quorvane {
 namespace {
@@ -153,6 +156,20 @@ TEST_F(UploadBackendTest, AFileThatChangesIsSentAsItIsFound) {
     write("file.log", "new and longer contents");
     EXPECT_TRUE(upload("file.log", token));
     EXPECT_EQ(_server->requests().at(0).body, "new and longer contents");
+
+    write("file.log", std::string(1'000'000, 'x'));
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        while (!done) {
+            std::filesystem::resize_file(at("file.log"), 10);
+            std::ofstream(at("file.log"), std::ios::app) << std::string(1'000'000, 'x');
+        }
+    });
+    for (int round = 0; round < 20; ++round) upload("file.log");
+    done = true;
+    writer.join();
+    for (const ServerRequest& request : _server->requests()) EXPECT_LE(request.body.size(), 1'000'010u);
+    EXPECT_EQ(logged("<3>"), logged("Input file is empty"));
 }
 
 TEST_F(UploadBackendTest, LeavesTheClientsOffsetWhereItIs) {
