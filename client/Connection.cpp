@@ -116,8 +116,8 @@ Status Connection::greet(const Deadline& deadline) {
         *static_cast<std::optional<int>*>(outcome) = ::sd_bus_message_get_errno(answer);
         return 1;
     };
-    int result = ::sd_bus_call_method_async(_bus, nullptr, nullptr, kQuorvaneObjectPath, kPing.interface,
-                                            kPing.name, take, &outcome, nullptr);
+    int result = ::sd_bus_call_method_async(_bus, nullptr, nullptr, kQuorvaneObjectPath,
+                                            "org.freedesktop.DBus.Peer", "Ping", take, &outcome, nullptr);
     while (result >= 0 && !outcome) {
         if (result = ::sd_bus_process(_bus, nullptr); result != 0) continue;
         pollfd descriptor{_socket.get(), static_cast<short>(::sd_bus_get_events(_bus)), 0};

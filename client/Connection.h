@@ -43,8 +43,6 @@ class Connection {
         void* object;  ///< Outlives the connection. Its handlers run as replies do.
     };
 
-    static constexpr Method kPing{"org.freedesktop.DBus.Peer", "Ping"};
-
     /// Takes over a connected socket and waits for the other end to answer, until the deadline.
     static Result<std::unique_ptr<Connection>> start(platform::UniqueDescriptor socket,
                                                      std::span<const Export> exports, ConnectOptions options,
