@@ -68,11 +68,7 @@ class Check {
     void topLevel(const Dictionary& bag) {
         if (bag.string("version") == nullptr)
             find("version", "a text is expected; without it the bag is not taken");
-        const Value* cycle = bag.find("refresh_cycle");
-        if (cycle != nullptr && !(isInteger(*cycle) && cycle->real() >= 0))
-            find("refresh_cycle", "a number of seconds without a fraction is expected");
-        else if (cycle != nullptr && cycle->unsignedInteger() > kLongestRefreshCycle)
-            find("refresh_cycle", "a daemon asks again after {} seconds already", kLongestRefreshCycle);
+        if (const Value* cycle = bag.find("refresh_cycle")) refreshCycle(*cycle);
         bool anySection = false;
         for (const auto& [key, value] : bag) {
             const bool isSection =
@@ -82,6 +78,13 @@ class Check {
                 find(key, "no environment; these are {}", fmt::join(kEnvironments, ", "));
         }
         if (!anySection) _findings.emplace_back("no environment has a section");
+    }
+
+    void refreshCycle(const Value& cycle) {
+        if (!isInteger(cycle) || cycle.real() < 0)
+            find("refresh_cycle", "a number of seconds without a fraction is expected");
+        else if (cycle.unsignedInteger() > kLongestRefreshCycle)
+            find("refresh_cycle", "a daemon asks again after {} seconds already", kLongestRefreshCycle);
     }
 
     void section(const Value& value, std::string_view path) {
