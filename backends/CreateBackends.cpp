@@ -2,7 +2,7 @@
 
 #include "framework/Keys.h"
 #include "framework/QuorvaneBundle.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "util/DeviceFacts.h"
 
 #include <utility>

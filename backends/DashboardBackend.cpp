@@ -1,8 +1,8 @@
 #include "backends/DashboardBackend.h"
 
 #include "backends/EventRecord.h"
-#include "platform/Log.h"
-#include "platform/Text.h"
+#include "platform/base/Log.h"
+#include "platform/value/Text.h"
 #include "util/Conversions.h"
 
 #include <sys/socket.h>

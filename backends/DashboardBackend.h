@@ -2,8 +2,8 @@
 
 #include "backends/QuorvaneBackend.h"
 #include "backends/UDPPacketToSend.h"
-#include "platform/SerialQueue.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/loop/SerialQueue.h"
 
 #include <netinet/in.h>
 

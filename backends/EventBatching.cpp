@@ -1,5 +1,5 @@
 #include "backends/HTTPSPostBackend.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 
 #include <utility>
 

@@ -1,7 +1,7 @@
 #include "backends/EventFilters.h"
 
 #include "backends/QuorvaneBackend.h"
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 #include "backends/EventRecord.h"
 
 #include "backends/HTTPSPostBackend.h"
-#include "platform/Locale.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/device/Locale.h"
 #include "util/Conversions.h"
 #include "util/Environment.h"
 

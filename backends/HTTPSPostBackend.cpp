@@ -1,8 +1,8 @@
 #include "backends/HTTPSPostBackend.h"
 
 #include "framework/PersistentIdentifier.h"
-#include "platform/Consent.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/device/Consent.h"
 #include "util/DeviceFacts.h"
 
 namespace quorvane {

@@ -3,7 +3,7 @@
 #include "backends/EventFilters.h"
 #include "backends/HeldBytes.h"
 #include "backends/QuorvaneBackend.h"
-#include "platform/HttpSession.h"
+#include "platform/http/HttpSession.h"
 
 #include <cstddef>
 #include <cstdint>

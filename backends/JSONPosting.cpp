@@ -1,8 +1,8 @@
 #include "backends/EventRecord.h"
 #include "backends/HTTPSPostBackend.h"
 #include "framework/Keys.h"
-#include "platform/Json.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/formats/Json.h"
 #include "util/Compression.h"
 #include "util/Conversions.h"
 

@@ -1,6 +1,6 @@
 #include "backends/JoularyBackend.h"
 
-#include "platform/PowerLog.h"
+#include "platform/system/PowerLog.h"
 
 #include <optional>
 #include <string_view>

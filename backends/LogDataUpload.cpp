@@ -1,7 +1,7 @@
 #include "backends/DashboardBackend.h"
 #include "backends/UploadRequest.h"
-#include "platform/KeyedArchive.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/formats/KeyedArchive.h"
 
 #include <utility>
 

@@ -5,7 +5,7 @@
 #include "backends/QuorvaneBackend.h"
 #include "backends/UploadBackend.h"
 #include "framework/Keys.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "util/DeviceFacts.h"
 
 namespace quorvane {

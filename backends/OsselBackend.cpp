@@ -1,8 +1,8 @@
 #include "backends/OsselBackend.h"
 
-#include "platform/Log.h"
-#include "platform/PropertyList.h"
-#include "platform/Root.h"
+#include "platform/base/Log.h"
+#include "platform/base/Root.h"
+#include "platform/formats/PropertyList.h"
 
 #include <optional>
 #include <string_view>
@@ -54,9 +54,9 @@ std::shared_ptr<OsselBackend> OsselBackend::initWithName(const std::string& name
 OsselBackend::OsselBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
                            const Text& productFamily)
     : QuorvaneBackend(name, std::move(profile), productFamily),
-      _clientBundle(platform::loadCodeBundle(platform::rooted(kBundlePath))),
-      _osselAdaptorClass(platform::classNamed(_clientBundle, kClass)),
-      _osselAdaptor(platform::CodeObject::init(_osselAdaptorClass)) {}
+      _clientBundle(loadCodeBundle(platform::rooted(kBundlePath))),
+      _osselAdaptorClass(classNamed(_clientBundle, kClass)),
+      _osselAdaptor(CodeObject::init(_osselAdaptorClass)) {}
 
 QuorvaneBackend::Answer OsselBackend::sendMessage(const Dictionary* message, TimeValue, std::uint16_t method,
                                                   std::uint16_t respCode, EventID, MessageFlag) {

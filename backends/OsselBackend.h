@@ -1,7 +1,7 @@
 #pragma once
 
+#include "backends/CodeBundle.h"
 #include "backends/QuorvaneBackend.h"
-#include "platform/CodeBundle.h"
 
 #include <cstdint>
 #include <memory>
@@ -34,7 +34,7 @@ class OsselBackend final : public QuorvaneBackend {
 
     const QuorvaneCodeBundle* const _clientBundle;
     const QuorvaneClass* const _osselAdaptorClass;
-    const std::unique_ptr<const platform::CodeObject> _osselAdaptor;
+    const std::unique_ptr<const CodeObject> _osselAdaptor;
 };
 
 }  // namespace quorvane

@@ -1,8 +1,8 @@
 #include "backends/QuorvaneBackend.h"
 
-#include "platform/Crypto.h"
-#include "platform/RandomDraw.h"
-#include "platform/Text.h"
+#include "platform/crypto/Crypto.h"
+#include "platform/crypto/RandomDraw.h"
+#include "platform/value/Text.h"
 #include "util/Conversions.h"
 
 #include <charconv>

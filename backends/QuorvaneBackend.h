@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/Clock.h"
-#include "platform/ThreadAnnotations.h"
-#include "platform/Value.h"
+#include "platform/base/Clock.h"
+#include "platform/base/ThreadAnnotations.h"
+#include "platform/value/Value.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,5 +1,5 @@
 #include "backends/DashboardBackend.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -1,7 +1,7 @@
 #include "backends/HTTPSPostBackend.h"
 #include "framework/Keys.h"
-#include "platform/Locale.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/device/Locale.h"
 
 namespace quorvane {
 

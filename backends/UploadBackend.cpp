@@ -1,10 +1,10 @@
 #include "backends/UploadBackend.h"
 
 #include "backends/UploadRequest.h"
-#include "platform/ByteRoom.h"
-#include "platform/Log.h"
-#include "platform/SandboxExtension.h"
-#include "platform/Url.h"
+#include "platform/base/ByteRoom.h"
+#include "platform/base/Log.h"
+#include "platform/sandbox/SandboxExtension.h"
+#include "platform/value/Url.h"
 #include "util/Compression.h"
 
 #include <sys/stat.h>

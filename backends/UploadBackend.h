@@ -1,7 +1,7 @@
 #pragma once
 
 #include "backends/QuorvaneBackend.h"
-#include "platform/Value.h"
+#include "platform/value/Value.h"
 
 #include <memory>
 #include <optional>

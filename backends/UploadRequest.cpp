@@ -1,6 +1,6 @@
 #include "backends/UploadRequest.h"
 
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 
 #include <utility>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/HttpSession.h"
-#include "platform/Value.h"
+#include "platform/http/HttpSession.h"
+#include "platform/value/Value.h"
 
 #include <optional>
 #include <string>

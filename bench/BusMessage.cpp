@@ -2,7 +2,7 @@
 
 #include "bench/Die.h"
 #include "framework/Keys.h"
-#include "platform/BusValue.h"
+#include "platform/bus/BusValue.h"
 
 #include <sys/socket.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/BusMessage.h"
-#include "platform/Owned.h"
-#include "platform/Value.h"
+#include "platform/base/Owned.h"
+#include "platform/bus/BusMessage.h"
+#include "platform/value/Value.h"
 
 #include <systemd/sd-bus.h>
 

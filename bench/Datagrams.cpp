@@ -4,7 +4,7 @@
 #include "bench/Options.h"
 #include "bench/ProcessFigures.h"
 #include "bench/Report.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -3,8 +3,8 @@
 #include "backends/EventFilters.h"
 #include "bench/BusMessage.h"
 #include "bench/Load.h"
-#include "platform/BusValue.h"
-#include "platform/Json.h"
+#include "platform/bus/BusValue.h"
+#include "platform/formats/Json.h"
 #include "util/Compression.h"
 
 #include <benchmark/benchmark.h>

@@ -3,8 +3,8 @@
 #include "bench/BusMessage.h"
 #include "bench/Die.h"
 #include "bench/Load.h"
-#include "platform/Json.h"
-#include "platform/Owned.h"
+#include "platform/base/Owned.h"
+#include "platform/formats/Json.h"
 
 #include <openssl/evp.h>
 #include <rapidjson/stringbuffer.h>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bench/ProcessFigures.h"
-#include "platform/Value.h"
+#include "platform/value/Value.h"
 
 #include <cstdint>
 #include <vector>

@@ -4,8 +4,8 @@
 #include "client/ReplyInterface.h"
 #include "client/WireForm.h"
 #include "framework/Keys.h"
-#include "platform/BusValue.h"
-#include "platform/Root.h"
+#include "platform/base/Root.h"
+#include "platform/bus/BusValue.h"
 
 #include <quorvane/Client.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "client/Deadline.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <quorvane/Result.h>
 

@@ -1,8 +1,8 @@
 #include "client/Connection.h"
 
 #include "framework/Keys.h"
-#include "platform/BusMessage.h"
-#include "platform/Thread.h"
+#include "platform/base/Thread.h"
+#include "platform/bus/BusMessage.h"
 
 #include <fcntl.h>
 #include <poll.h>

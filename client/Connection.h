@@ -2,8 +2,8 @@
 
 #include "client/Deadline.h"
 #include "client/Delivery.h"
-#include "platform/ThreadAnnotations.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/ThreadAnnotations.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <quorvane/Client.h>
 

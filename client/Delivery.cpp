@@ -1,6 +1,6 @@
 #include "client/Delivery.h"
 
-#include "platform/Thread.h"
+#include "platform/base/Thread.h"
 
 #include <sys/eventfd.h>
 

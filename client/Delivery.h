@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/ThreadAnnotations.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/ThreadAnnotations.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <quorvane/Client.h>
 

@@ -2,7 +2,7 @@
 
 #include "client/Connection.h"
 #include "client/LentFiles.h"
-#include "platform/ThreadAnnotations.h"
+#include "platform/base/ThreadAnnotations.h"
 
 #include <quorvane/Session.h>
 

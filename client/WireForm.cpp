@@ -1,7 +1,7 @@
 #include "client/WireForm.h"
 
 #include "framework/Keys.h"
-#include "platform/BusValue.h"
+#include "platform/bus/BusValue.h"
 
 #include <string_view>
 

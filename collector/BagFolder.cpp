@@ -1,9 +1,9 @@
 #include "collector/BagFolder.h"
 
 #include "collector/StartError.h"
-#include "platform/FileManager.h"
-#include "platform/Log.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

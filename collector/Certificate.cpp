@@ -1,8 +1,8 @@
 #include "collector/Certificate.h"
 
 #include "collector/StartError.h"
-#include "platform/FileManager.h"
-#include "platform/Owned.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Owned.h"
 
 #include <arpa/inet.h>
 #include <openssl/bio.h>

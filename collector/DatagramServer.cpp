@@ -3,9 +3,9 @@
 #include "collector/Datagram.h"
 #include "collector/ReceivedTime.h"
 #include "collector/StartError.h"
-#include "platform/Json.h"
-#include "platform/Log.h"
-#include "platform/Owned.h"
+#include "platform/base/Log.h"
+#include "platform/base/Owned.h"
+#include "platform/formats/Json.h"
 
 #include <netdb.h>
 #include <netinet/in.h>

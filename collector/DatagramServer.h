@@ -3,7 +3,7 @@
 #include "collector/EventSink.h"
 #include "collector/RecentDatagrams.h"
 #include "collector/StopSignal.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <sys/socket.h>
 

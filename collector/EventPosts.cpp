@@ -1,8 +1,8 @@
 #include "collector/EventPosts.h"
 
 #include "collector/ReceivedTime.h"
-#include "platform/Json.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/formats/Json.h"
 
 #include <algorithm>
 #include <thread>

@@ -1,7 +1,7 @@
 #include "collector/EventSink.h"
 
 #include "collector/StartError.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

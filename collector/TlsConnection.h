@@ -1,8 +1,8 @@
 #pragma once
 
 #include "collector/StopSignal.h"
-#include "platform/Owned.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/Owned.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <httplib.h>
 #include <openssl/ssl.h>

@@ -1,7 +1,7 @@
 #include "collector/TlsContext.h"
 
 #include "collector/StartError.h"
-#include "platform/Owned.h"
+#include "platform/base/Owned.h"
 
 #include <openssl/bio.h>
 #include <openssl/pem.h>

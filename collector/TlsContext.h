@@ -1,7 +1,7 @@
 #pragma once
 
 #include "collector/Certificate.h"
-#include "platform/Owned.h"
+#include "platform/base/Owned.h"
 
 #include <openssl/ssl.h>
 

@@ -2,10 +2,10 @@
 
 #include "collector/ReceivedTime.h"
 #include "collector/StartError.h"
-#include "platform/FileManager.h"
-#include "platform/Json.h"
-#include "platform/Log.h"
-#include "platform/Uuid.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
+#include "platform/crypto/Uuid.h"
+#include "platform/formats/Json.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -3,8 +3,8 @@
 #include "collector/Answer.h"
 #include "collector/EventSink.h"
 #include "collector/RequestBody.h"
-#include "platform/UniqueDescriptor.h"
-#include "platform/Value.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/value/Value.h"
 
 #include <functional>
 #include <string>

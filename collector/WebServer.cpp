@@ -5,7 +5,7 @@
 #include "collector/StartError.h"
 #include "collector/TlsConnection.h"
 #include "collector/TlsContext.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 
 #include <sys/socket.h>
 

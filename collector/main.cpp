@@ -8,9 +8,9 @@
 #include "collector/StopSignal.h"
 #include "collector/Uploads.h"
 #include "collector/WebServer.h"
-#include "platform/Clock.h"
-#include "platform/FileManager.h"
-#include "platform/Log.h"
+#include "platform/base/Clock.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
 
 #include <pthread.h>
 #include <unistd.h>

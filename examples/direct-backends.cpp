@@ -5,7 +5,7 @@
 #include "backends/DashboardBackend.h"
 #include "backends/JoularyBackend.h"
 #include "framework/Keys.h"
-#include "platform/Clock.h"
+#include "platform/base/Clock.h"
 #include "util/DeviceFacts.h"
 
 #include <CLI/CLI.hpp>

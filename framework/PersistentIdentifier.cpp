@@ -1,10 +1,10 @@
 #include "framework/PersistentIdentifier.h"
 
-#include "platform/Consent.h"
-#include "platform/FileManager.h"
-#include "platform/Log.h"
-#include "platform/Root.h"
-#include "platform/Uuid.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
+#include "platform/base/Root.h"
+#include "platform/crypto/Uuid.h"
+#include "platform/device/Consent.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,9 +1,9 @@
 #include "framework/QuorvaneBundle.h"
 
-#include "platform/FileManager.h"
-#include "platform/Log.h"
-#include "platform/PropertyList.h"
-#include "platform/Root.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
+#include "platform/base/Root.h"
+#include "platform/formats/PropertyList.h"
 
 #include <variant>
 

@@ -1,6 +1,6 @@
 #include "framework/QuorvaneLogging.h"
 
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 
 namespace quorvane {
 

@@ -1,9 +1,9 @@
 #include "service/ClientProxy.h"
 
 #include "framework/Keys.h"
-#include "platform/BusMessage.h"
-#include "platform/BusValue.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
+#include "platform/bus/BusMessage.h"
+#include "platform/bus/BusValue.h"
 
 #include <systemd/sd-bus.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/BusConnection.h"
+#include "platform/bus/BusConnection.h"
 #include "service/protocols.h"
 
 #include <cstddef>

@@ -1,10 +1,10 @@
 #include "service/ClientSessionEndpoint.h"
 
 #include "framework/Keys.h"
-#include "platform/BusMessage.h"
-#include "platform/BusValue.h"
-#include "platform/Log.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/Log.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/bus/BusMessage.h"
+#include "platform/bus/BusValue.h"
 
 #include <fcntl.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/BusConnection.h"
-#include "platform/SandboxExtension.h"
+#include "platform/bus/BusConnection.h"
+#include "platform/sandbox/SandboxExtension.h"
 #include "service/ClientProxy.h"
 #include "service/protocols.h"
 

@@ -1,8 +1,8 @@
 #include "service/QuorvanedAgent.h"
 
 #include "framework/Keys.h"
-#include "platform/Log.h"
-#include "platform/ProcessTransaction.h"
+#include "platform/base/Log.h"
+#include "platform/system/ProcessTransaction.h"
 #include "service/ClientProxy.h"
 #include "service/ClientSessionEndpoint.h"
 #include "session/QuorvanedSession.h"

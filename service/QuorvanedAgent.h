@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/BusConnection.h"
-#include "platform/BusListener.h"
+#include "platform/bus/BusConnection.h"
+#include "platform/bus/BusListener.h"
 #include "service/SessionHierarchy.h"
 #include "service/protocols.h"
 #include "storebag/StorebagCache.h"

@@ -1,6 +1,6 @@
 #include "service/SessionHierarchy.h"
 
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "session/QuorvanedSession.h"
 #include "util/DeviceFacts.h"
 

@@ -1,8 +1,8 @@
 #include "service/Termination.h"
 
-#include "platform/HttpSession.h"
-#include "platform/Log.h"
-#include "platform/ProcessTransaction.h"
+#include "platform/base/Log.h"
+#include "platform/http/HttpSession.h"
+#include "platform/system/ProcessTransaction.h"
 
 #include <systemd/sd-daemon.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/BusListener.h"
-#include "platform/RunLoop.h"
+#include "platform/bus/BusListener.h"
+#include "platform/loop/RunLoop.h"
 
 #include <chrono>
 

@@ -1,7 +1,7 @@
 #include "framework/QuorvaneBundle.h"
-#include "platform/Locale.h"
-#include "platform/Log.h"
-#include "platform/UserDefaults.h"
+#include "platform/base/Log.h"
+#include "platform/device/Locale.h"
+#include "platform/device/UserDefaults.h"
 #include "session/QuorvanedSession.h"
 
 #include <utility>

@@ -1,6 +1,6 @@
 #include "session/FileURL.h"
 
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 
 #include <charconv>
 

@@ -1,9 +1,9 @@
 #include "session/QuorvanedSession.h"
 
 #include "framework/Keys.h"
-#include "platform/Crypto.h"
-#include "platform/Log.h"
-#include "platform/Uuid.h"
+#include "platform/base/Log.h"
+#include "platform/crypto/Crypto.h"
+#include "platform/crypto/Uuid.h"
 
 #include <fmt/format.h>
 

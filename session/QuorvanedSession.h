@@ -1,9 +1,9 @@
 #pragma once
 
 #include "backends/CreateBackends.h"
-#include "platform/Clock.h"
-#include "platform/Snapshot.h"
-#include "platform/Value.h"
+#include "platform/base/Clock.h"
+#include "platform/base/Snapshot.h"
+#include "platform/value/Value.h"
 #include "service/protocols.h"
 #include "util/DeviceFacts.h"
 

@@ -1,4 +1,4 @@
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "session/QuorvanedSession.h"
 
 #include <fmt/format.h>

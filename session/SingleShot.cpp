@@ -1,5 +1,5 @@
 #include "framework/Keys.h"
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "session/BackendAnswers.h"
 #include "session/QuorvanedSession.h"
 

@@ -1,11 +1,11 @@
 #include "storebag/FetchStorebag.h"
 
 #include "framework/QuorvaneBundle.h"
-#include "platform/Crypto.h"
-#include "platform/HttpSession.h"
-#include "platform/Log.h"
-#include "platform/PropertyList.h"
-#include "platform/Url.h"
+#include "platform/base/Log.h"
+#include "platform/crypto/Crypto.h"
+#include "platform/formats/PropertyList.h"
+#include "platform/http/HttpSession.h"
+#include "platform/value/Url.h"
 #include "util/DeviceFacts.h"
 
 #include <algorithm>

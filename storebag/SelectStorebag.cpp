@@ -1,6 +1,6 @@
 #include "storebag/SelectStorebag.h"
 
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "storebag/FetchStorebag.h"
 #include "storebag/StorebagNames.h"
 #include "util/Environment.h"

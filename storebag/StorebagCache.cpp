@@ -1,6 +1,6 @@
 #include "storebag/StorebagCache.h"
 
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 #include "storebag/SelectStorebag.h"
 #include "storebag/StorebagNames.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/Clock.h"
-#include "platform/Value.h"
+#include "platform/base/Clock.h"
+#include "platform/value/Value.h"
 
 #include <cstdint>
 #include <map>

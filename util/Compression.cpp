@@ -1,6 +1,6 @@
 #include "util/Compression.h"
 
-#include "platform/Log.h"
+#include "platform/base/Log.h"
 
 #include <zlib.h>
 

@@ -1,10 +1,10 @@
 #include "util/DeviceFacts.h"
 
 #include "framework/Keys.h"
-#include "platform/DeviceQuery.h"
-#include "platform/Text.h"
-#include "platform/UserDefaults.h"
-#include "platform/Uuid.h"
+#include "platform/crypto/Uuid.h"
+#include "platform/device/DeviceQuery.h"
+#include "platform/device/UserDefaults.h"
+#include "platform/value/Text.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "util/Environment.h"
 
-#include "platform/Log.h"
-#include "platform/UserDefaults.h"
+#include "platform/base/Log.h"
+#include "platform/device/UserDefaults.h"
 #include "util/DeviceFacts.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 #include "util/MessageLog.h"
 
-#include "platform/Clock.h"
-#include "platform/FileManager.h"
-#include "platform/Log.h"
-#include "platform/Root.h"
-#include "platform/Text.h"
+#include "platform/base/Clock.h"
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
+#include "platform/base/Root.h"
+#include "platform/value/Text.h"
 
 #include <cerrno>
 #include <optional>

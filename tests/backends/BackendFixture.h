@@ -1,8 +1,8 @@
 #pragma once
 
 #include "backends/HTTPSPostBackend.h"
-#include "platform/Json.h"
-#include "platform/RandomDraw.h"
+#include "platform/crypto/RandomDraw.h"
+#include "platform/formats/Json.h"
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RootFixture.h"
 #include "util/Environment.h"

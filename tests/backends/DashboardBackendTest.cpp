@@ -1,6 +1,6 @@
 #include "backends/DashboardBackend.h"
 
-#include "platform/KeyedArchive.h"
+#include "platform/formats/KeyedArchive.h"
 #include "tests/backends/BackendFixture.h"
 #include "tests/support/UdpPeer.h"
 

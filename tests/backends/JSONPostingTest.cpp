@@ -1,4 +1,4 @@
-#include "platform/HttpSession.h"
+#include "platform/http/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/Within.h"

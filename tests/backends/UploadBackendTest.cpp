@@ -1,9 +1,9 @@
 #include "backends/UploadBackend.h"
 
 #include "framework/Keys.h"
-#include "platform/HttpSession.h"
-#include "platform/SandboxExtension.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/http/HttpSession.h"
+#include "platform/sandbox/SandboxExtension.h"
 #include "tests/backends/BackendFixture.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "platform/BusValue.h"
+#include "platform/bus/BusValue.h"
 #include "tests/client/ClientFixture.h"
 
 #include <atomic>

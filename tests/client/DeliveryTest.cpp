@@ -1,5 +1,5 @@
 #include "framework/Keys.h"
-#include "platform/BusValue.h"
+#include "platform/bus/BusValue.h"
 #include "tests/client/ClientFixture.h"
 
 #include <atomic>

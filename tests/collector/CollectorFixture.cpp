@@ -1,6 +1,6 @@
 #include "tests/collector/CollectorFixture.h"
 
-#include "platform/Json.h"
+#include "platform/formats/Json.h"
 #include "util/Compression.h"
 
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "platform/BusConnection.h"
+#include "platform/bus/BusConnection.h"
 #include "tests/platform/BusFixture.h"
 
 namespace quorvane::platform {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "framework/Keys.h"
-#include "platform/BusConnection.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/bus/BusConnection.h"
 #include "tests/support/BusClient.h"
 
 #include <sys/socket.h>

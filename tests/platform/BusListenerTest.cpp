@@ -1,5 +1,5 @@
-#include "platform/BusListener.h"
-#include "platform/RunLoop.h"
+#include "platform/bus/BusListener.h"
+#include "platform/loop/RunLoop.h"
 #include "tests/platform/BusFixture.h"
 #include "tests/support/RootFixture.h"
 

@@ -1,6 +1,6 @@
-#include "platform/BusValue.h"
+#include "platform/bus/BusValue.h"
 
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <sys/socket.h>
 

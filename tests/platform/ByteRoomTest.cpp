@@ -1,4 +1,4 @@
-#include "platform/ByteRoom.h"
+#include "platform/base/ByteRoom.h"
 
 #include <future>
 #include <limits>

@@ -1,7 +1,7 @@
-#include "platform/Consent.h"
-#include "platform/DeviceQuery.h"
-#include "platform/TomlFile.h"
-#include "platform/UserDefaults.h"
+#include "platform/device/Consent.h"
+#include "platform/device/DeviceQuery.h"
+#include "platform/device/UserDefaults.h"
+#include "platform/formats/TomlFile.h"
 #include "tests/support/RootFixture.h"
 
 #include <cmath>

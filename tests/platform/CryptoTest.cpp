@@ -1,4 +1,4 @@
-#include "platform/Crypto.h"
+#include "platform/crypto/Crypto.h"
 
 #include <openssl/evp.h>
 #include <openssl/rsa.h>

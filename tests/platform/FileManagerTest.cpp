@@ -1,6 +1,6 @@
-#include "platform/FileManager.h"
+#include "platform/base/FileManager.h"
 
-#include "platform/Clock.h"
+#include "platform/base/Clock.h"
 #include "tests/support/RootFixture.h"
 
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "platform/HttpSession.h"
+#include "platform/http/HttpSession.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RawServer.h"

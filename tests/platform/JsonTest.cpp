@@ -1,4 +1,4 @@
-#include "platform/Json.h"
+#include "platform/formats/Json.h"
 
 #include "tests/platform/Repeated.h"
 

@@ -1,4 +1,4 @@
-#include "platform/KeyedArchive.h"
+#include "platform/formats/KeyedArchive.h"
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/RootFixture.h"

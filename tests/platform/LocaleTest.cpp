@@ -1,6 +1,6 @@
-#include "platform/Locale.h"
+#include "platform/device/Locale.h"
 
-#include "platform/Clock.h"
+#include "platform/base/Clock.h"
 
 #include <cstdlib>
 

@@ -1,9 +1,9 @@
-#include "platform/PowerLog.h"
+#include "platform/system/PowerLog.h"
 
-#include "platform/Clock.h"
-#include "platform/Json.h"
-#include "platform/Owned.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/Clock.h"
+#include "platform/base/Owned.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/formats/Json.h"
 #include "tests/support/InChild.h"
 #include "tests/support/RootFixture.h"
 

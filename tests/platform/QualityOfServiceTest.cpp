@@ -1,4 +1,4 @@
-#include "platform/QualityOfService.h"
+#include "platform/system/QualityOfService.h"
 
 #include <linux/ioprio.h>
 #include <sys/resource.h>

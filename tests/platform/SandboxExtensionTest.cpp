@@ -1,4 +1,4 @@
-#include "platform/SandboxExtension.h"
+#include "platform/sandbox/SandboxExtension.h"
 
 #include "tests/support/RootFixture.h"
 

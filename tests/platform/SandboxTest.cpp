@@ -1,4 +1,4 @@
-#include "platform/Sandbox.h"
+#include "platform/sandbox/Sandbox.h"
 
 #include "tests/support/InChild.h"
 #include "tests/support/RootFixture.h"

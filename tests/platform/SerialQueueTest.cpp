@@ -1,7 +1,7 @@
-#include "platform/SerialQueue.h"
+#include "platform/loop/SerialQueue.h"
 
-#include "platform/EventThread.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/loop/EventThread.h"
 
 #include <sys/eventfd.h>
 #include <sys/socket.h>

@@ -1,6 +1,6 @@
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 
-#include "platform/Url.h"
+#include "platform/value/Url.h"
 
 namespace quorvane::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/Value.h"
+#include "platform/value/Value.h"
 
 #include <cmath>
 #include <limits>

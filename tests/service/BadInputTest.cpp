@@ -1,6 +1,6 @@
 #include "framework/Keys.h"
-#include "platform/BusValue.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/bus/BusValue.h"
 #include "tests/support/BusClient.h"
 #include "tests/support/DaemonFixture.h"
 

@@ -1,4 +1,4 @@
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
 #include "tests/support/DaemonFixture.h"
 
 #include <poll.h>

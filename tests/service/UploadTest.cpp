@@ -1,5 +1,5 @@
 #include "framework/Keys.h"
-#include "platform/SandboxExtension.h"
+#include "platform/sandbox/SandboxExtension.h"
 #include "tests/support/BusClient.h"
 #include "tests/support/DaemonFixture.h"
 

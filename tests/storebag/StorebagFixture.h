@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/Clock.h"
-#include "platform/PropertyList.h"
+#include "platform/base/Clock.h"
+#include "platform/formats/PropertyList.h"
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RootFixture.h"
 #include "tools/storebag/SignStorebag.h"

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/BusMessage.h"
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/bus/BusMessage.h"
 
 #include <systemd/sd-bus.h>
 

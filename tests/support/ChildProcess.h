@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/UniqueDescriptor.h"
+#include "platform/base/UniqueDescriptor.h"
 
 #include <sys/types.h>
 

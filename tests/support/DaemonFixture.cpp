@@ -1,6 +1,6 @@
 #include "tests/support/DaemonFixture.h"
 
-#include "platform/Json.h"
+#include "platform/formats/Json.h"
 #include "tests/support/Within.h"
 #include "tools/storebag/SignStorebag.h"
 

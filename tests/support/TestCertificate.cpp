@@ -1,6 +1,6 @@
 #include "tests/support/TestCertificate.h"
 
-#include "platform/Owned.h"
+#include "platform/base/Owned.h"
 
 #include <openssl/bio.h>
 #include <openssl/pem.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/UniqueDescriptor.h"
-#include "platform/Value.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/value/Value.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,4 +1,4 @@
-#include "platform/Json.h"
+#include "platform/formats/Json.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonFixture.h"
 #include "tests/tools/Words.h"

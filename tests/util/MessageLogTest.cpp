@@ -1,7 +1,7 @@
 #include "util/MessageLog.h"
 
-#include "platform/Clock.h"
-#include "platform/FileManager.h"
+#include "platform/base/Clock.h"
+#include "platform/base/FileManager.h"
 #include "tests/support/RootFixture.h"
 
 #include <sstream>

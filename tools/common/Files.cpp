@@ -1,6 +1,6 @@
 #include "tools/common/Files.h"
 
-#include "platform/FileManager.h"
+#include "platform/base/FileManager.h"
 #include "tools/common/Failure.h"
 
 #include <unistd.h>

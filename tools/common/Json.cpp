@@ -1,7 +1,7 @@
 #include "tools/common/Json.h"
 
-#include "platform/Crypto.h"
-#include "platform/Json.h"
+#include "platform/crypto/Crypto.h"
+#include "platform/formats/Json.h"
 
 #include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>

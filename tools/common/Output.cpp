@@ -1,6 +1,6 @@
 #include "tools/common/Output.h"
 
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 #include "tools/common/Files.h"
 #include "tools/common/Json.h"
 

@@ -1,6 +1,6 @@
 #include "tools/ctl/Payload.h"
 
-#include "platform/Json.h"
+#include "platform/formats/Json.h"
 #include "tools/common/Failure.h"
 #include "tools/common/Json.h"
 

@@ -1,7 +1,7 @@
 #include "tools/storebag/BagSource.h"
 
-#include "platform/PropertyList.h"
-#include "platform/TomlFile.h"
+#include "platform/formats/PropertyList.h"
+#include "platform/formats/TomlFile.h"
 #include "tools/common/Failure.h"
 #include "tools/common/Files.h"
 #include "tools/common/Json.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/Value.h"
+#include "platform/value/Value.h"
 
 #include <string>
 #include <vector>

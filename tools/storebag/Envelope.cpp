@@ -1,6 +1,6 @@
 #include "tools/storebag/Envelope.h"
 
-#include "platform/PropertyList.h"
+#include "platform/formats/PropertyList.h"
 #include "tools/common/Failure.h"
 #include "tools/common/Files.h"
 

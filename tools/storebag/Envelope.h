@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/Crypto.h"
-#include "platform/Value.h"
+#include "platform/crypto/Crypto.h"
+#include "platform/value/Value.h"
 
 #include <memory>
 #include <string>

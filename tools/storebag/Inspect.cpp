@@ -1,4 +1,4 @@
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 #include "tools/common/Failure.h"
 #include "tools/common/Files.h"
 #include "tools/common/Json.h"

@@ -1,4 +1,4 @@
-#include "platform/PropertyList.h"
+#include "platform/formats/PropertyList.h"
 #include "tools/common/Failure.h"
 #include "tools/common/Files.h"
 #include "tools/storebag/BagSource.h"

@@ -1,7 +1,7 @@
 #include "tools/storebag/SignStorebag.h"
 
-#include "platform/Crypto.h"
-#include "platform/PropertyList.h"
+#include "platform/crypto/Crypto.h"
+#include "platform/formats/PropertyList.h"
 
 namespace quorvane::tools {
 

@@ -1,6 +1,6 @@
 #include "tools/storebag/SigningKey.h"
 
-#include "platform/Owned.h"
+#include "platform/base/Owned.h"
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>

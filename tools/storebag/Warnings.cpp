@@ -1,6 +1,6 @@
 #include "tools/storebag/Warnings.h"
 
-#include "platform/Text.h"
+#include "platform/value/Text.h"
 #include "tools/common/Failure.h"
 #include "tools/storebag/CheckBag.h"
 

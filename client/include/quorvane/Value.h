@@ -1,4 +1,5 @@
 #pragma once
 
-// An installed libquorvane has platform/Value.h itself here: values are written once for daemon and clients.
-#include "platform/Value.h"
+// An installed libquorvane has platform/value/Value.h itself here: values are written once for daemon and
+// clients.
+#include "platform/value/Value.h"

@@ -1,0 +1,99 @@
+#include "platform/base/Log.h"
+
+#include "platform/value/Text.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdlib>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace quorvane::platform {
+
+namespace {
+
+std::atomic<bool> toStandardError{false};
+std::atomic<void (*)(LogLevel, std::string_view)> logSink{nullptr};
+
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
+int facilityNumber(std::string_view name) {
+    static constexpr std::array<std::pair<std::string_view, int>, 4> facilities{
+        {{"daemon", LOG_DAEMON}, {"user", LOG_USER}, {"local0", LOG_LOCAL0}, {"syslog", LOG_SYSLOG}}};
+    const std::string sought = lowered(name);
+    for (const auto& [known, number] : facilities)
+        if (known == sought) return number;
+    return LOG_DAEMON;
+}
+
+LogLevel levelNamed(std::string_view name) {
+    if (name == "error") return LogLevel::Error;
+    if (name == "warning") return LogLevel::Warning;
+    if (name == "debug") return LogLevel::Debug;
+    return LogLevel::Info;
+}
+
+void readEnvironment() {
+    const char* setting = std::getenv("QUORVANE_LOG");
+    if (setting == nullptr) return;
+    const std::string text = lowered(setting);
+    const auto colon = text.find(':');
+    if (text.substr(0, colon) != "stderr") return;
+    toStandardError = true;
+    if (colon != std::string::npos) logThreshold = static_cast<int>(levelNamed(text.substr(colon + 1)));
+}
+
+bool isControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+void emit(LogLevel level, const std::string& line) {
+    if (const auto sink = logSink.load()) {
+        sink(level, line);
+    } else if (toStandardError) {
+        const std::string text = fmt::format("<{}>{}\n", static_cast<int>(level), line);
+        // One write a line, so that lines of several threads do not mix. There is nowhere to report a
+        // failure.
+        [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
+    } else {
+        ::syslog(static_cast<int>(level), "%s", line.c_str());
+    }
+}
+
+}  // namespace
+
+void openLog(const char* ident, std::string_view facility) {
+    readEnvironment();
+    ::openlog(ident, LOG_PID | LOG_NDELAY, facilityNumber(facility));
+}
+
+void closeLog() {
+    ::closelog();
+}
+
+void setLogSink(void (*sink)(LogLevel, std::string_view)) {
+    logSink = sink;
+    logThreshold = static_cast<int>(sink != nullptr ? LogLevel::Debug : LogLevel::Info);
+}
+
+void writeLog(LogLevel level, fmt::string_view format, fmt::format_args arguments) noexcept {
+    try {
+        std::string line = fmt::vformat(format, arguments);
+        if (!line.empty() && line.back() == '\n') line.pop_back();
+        emit(level, std::any_of(line.begin(), line.end(), isControl) ? escapedControls(line, "\t") : line);
+    } catch (...) {
+        ::syslog(LOG_ERR, "writeLog: a line could not be formatted");
+    }
+}
+
+}  // namespace quorvane::platform

@@ -1,0 +1,103 @@
+#pragma once
+
+#include "platform/base/ThreadAnnotations.h"
+#include "platform/base/UniqueDescriptor.h"
+
+#include <systemd/sd-bus.h>
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quorvane::platform {
+
+/// The daemon's end of one client's peer-to-peer D-Bus connection, served by a thread of its own: its calls
+/// run there one after another.
+class BusConnection : public std::enable_shared_from_this<BusConnection> {
+  public:
+    struct Peer {
+        pid_t pid = 0;
+        uid_t uid = 0;
+    };
+    using Handler = std::function<void()>;
+
+    /// Takes over an accepted socket; null when the bus library refuses it.
+    static std::shared_ptr<BusConnection> initWithDescriptor(UniqueDescriptor socket, Peer peer);
+    ~BusConnection();
+    BusConnection(const BusConnection&) = delete;
+    BusConnection& operator=(const BusConnection&) = delete;
+
+    /// What calls reach, set before resume(): the vtable's handlers are called with the object. The
+    /// connection owns a share of the object and drops it after the invalidation handler has run. False when
+    /// the bus library refuses the vtable.
+    bool setExportedObject(const char* path, const char* interface, const sd_bus_vtable* vtable,
+                           std::shared_ptr<void> object);
+    /// Runs when the connection ends in anything but an orderly close, before the invalidation handler.
+    void setInterruptionHandler(Handler handler) { _interruptionHandler = std::move(handler); }
+    /// Runs once when the connection has ended, on the connection's thread.
+    void setInvalidationHandler(Handler handler) { _invalidationHandler = std::move(handler); }
+
+    /// Starts serving; the handler given runs when everything of the connection is gone. False when no thread
+    /// can be started: the connection has ended then, and only that handler does not run.
+    bool resume(Handler ended);
+
+    /// Ends the connection. From any thread, also while it waits for its client to read.
+    void invalidate();
+
+    /// Runs the function with the bus, so that it can send: at once when the connection's thread calls, so
+    /// that what it sends precedes the answer; else soon, on that thread. A call that still waits when the
+    /// connection ends is run with null. From any thread; never blocks. False when the connection has ended
+    /// or `bytes` more than wait already would go past the bound; one alone, however large, does not.
+    bool queueCall(std::size_t bytes, std::function<void(sd_bus*)> call);
+
+    /// Counts bytes of a reply towards the bound of what waits for the client to read. Connection's thread
+    /// only.
+    void noteQueuedBytes(std::size_t bytes) { _replyBytes += bytes; }
+
+    const Peer& peer() const { return _peer; }
+    std::string description() const;
+
+    /// Bound on what queueCall() lets wait, in bytes. 4 MiB.
+    static constexpr std::size_t kQueuedCallBytes = 4u << 20;
+
+  private:
+    enum class Ending { Orderly, Broken };
+    struct QueuedCall {
+        std::size_t bytes;
+        std::function<void(sd_bus*)> call;
+    };
+
+    BusConnection(UniqueDescriptor socket, Peer peer);
+    bool openBus();
+    void serve();
+    void finish(Ending ending);
+    Ending serveUntilItEnds();
+    int processAll();
+    int drainReplies();
+    int waitForWork(bool authenticated);
+    void runQueuedCalls();
+    void run(const QueuedCall& queued);
+    Ending endingOfSocket() const;
+
+    const Peer _peer;
+    UniqueDescriptor _socket;  ///< A second descriptor of the bus's socket: it outlives the bus's own.
+    UniqueDescriptor _wake;
+    sd_bus* _bus = nullptr;  ///< Touched by the connection's thread only, once resumed.
+    std::size_t _replyBytes = 0;
+    bool _vanished = false;  ///< The client closed without reading what it was sent.
+    std::shared_ptr<void> _exportedObject;
+    Handler _interruptionHandler;
+    Handler _invalidationHandler;
+    Handler _ended;
+
+    mutable Mutex _mutex;
+    std::vector<QueuedCall> _calls GUARDED_BY(_mutex);
+    std::size_t _callBytes GUARDED_BY(_mutex) = 0;
+    bool _over GUARDED_BY(_mutex) = false;
+};
+
+}  // namespace quorvane::platform

@@ -1,0 +1,188 @@
+#include "platform/bus/BusListener.h"
+
+#include "platform/base/FileManager.h"
+#include "platform/base/Log.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+namespace quorvane::platform {
+
+namespace {
+
+using Failure = std::string;
+
+/// Connections accepted before the loop's other handlers get their turn.
+constexpr int kAtATime = 64;
+
+/// After descriptors run out, accepting waits this long rather than spin.
+constexpr std::chrono::seconds kPause{1};
+
+UniqueDescriptor socketFromLauncher() {
+    const int count = ::sd_listen_fds(1);
+    for (int descriptor = SD_LISTEN_FDS_START; descriptor < SD_LISTEN_FDS_START + count; ++descriptor)
+        if (::sd_is_socket_unix(descriptor, SOCK_STREAM, 1, nullptr, 0) > 0)
+            return UniqueDescriptor(descriptor);
+    return {};
+}
+
+bool someoneListens(const sockaddr_un& address) {
+    const UniqueDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+std::variant<UniqueDescriptor, Failure> socketAt(const std::string& path) {
+    const auto failure = [&path](const char* what) {
+        return Failure("cannot " + std::string(what) + " " + path + ": " + std::strerror(errno));
+    };
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return failure("listen at");
+    }
+    path.copy(address.sun_path, path.size());
+    if (!createDirectories(path.substr(0, path.rfind('/')))) return failure("make the folder of");
+    if (someoneListens(address)) {
+        errno = EADDRINUSE;
+        return failure("listen at");
+    }
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return failure("remove the stale socket");
+    UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socket || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return failure("bind");
+    // Any user's services may report.
+    if (::chmod(path.c_str(), 0666) != 0) return failure("open to all users");
+    if (::listen(socket.get(), SOMAXCONN) != 0) return failure("listen at");
+    return socket;
+}
+
+BusConnection::Peer peerOf(int socket) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+    return {credentials.pid, credentials.uid};
+}
+
+}  // namespace
+
+std::variant<std::unique_ptr<BusListener>, std::string> BusListener::initWithSocketPath(
+    const std::string& path) {
+    UniqueDescriptor socket = socketFromLauncher();
+    std::string ownedPath;
+    if (!socket) {
+        auto made = socketAt(path);
+        if (auto* failure = std::get_if<Failure>(&made)) return std::move(*failure);
+        socket = std::move(std::get<UniqueDescriptor>(made));
+        ownedPath = path;
+    }
+    const int flags = ::fcntl(socket.get(), F_GETFL);
+    ::fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK);
+    return std::unique_ptr<BusListener>(new BusListener(std::move(socket), std::move(ownedPath)));
+}
+
+BusListener::BusListener(UniqueDescriptor socket, std::string ownedPath)
+    : _socket(std::move(socket)), _ownedPath(std::move(ownedPath)) {}
+
+BusListener::~BusListener() {
+    close();
+    // The last connection's thread may just be leaving connectionEnded().
+    const MutexLock lock(_mutex);
+}
+
+void BusListener::close() {
+    if (!_ownedPath.empty()) ::unlink(_ownedPath.c_str());
+    _ownedPath.clear();
+    _socket.reset();
+}
+
+bool BusListener::resume(RunLoop& loop) {
+    _loop = &loop;
+    _accepting = true;
+    return loop.addReadSource(_socket.get(), [this] { acceptWaiting(); });
+}
+
+void BusListener::acceptWaiting() {
+    for (int taken = 0; _accepting && taken < kAtATime; ++taken) {
+        UniqueDescriptor socket(::accept4(_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!socket) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) pause();
+            return;
+        }
+        accept(std::move(socket));
+    }
+}
+
+void BusListener::accept(UniqueDescriptor socket) {
+    const BusConnection::Peer peer = peerOf(socket.get());
+    if (!admit(peer.uid)) return;
+    const auto connection = BusConnection::initWithDescriptor(std::move(socket), peer);
+    if (connection == nullptr) {
+        logError("listener: a connection of process {} could not be set up", peer.pid);
+        connectionEnded(nullptr, peer.uid);
+        return;
+    }
+    const BusConnection* key = connection.get();
+    {
+        const MutexLock lock(_mutex);
+        _connections.emplace(key, connection);
+    }
+    if (_delegate(connection) && connection->resume([this, key, peer] { connectionEnded(key, peer.uid); }))
+        return;
+    logError("listener: a connection of process {} could not be served", peer.pid);
+    connectionEnded(key, peer.uid);
+}
+
+bool BusListener::admit(uid_t user) {
+    const MutexLock lock(_mutex);
+    Share& share = _perUser[user];
+    if (share.connections < _connectionsPerUser) {
+        ++share.connections;
+        share.isFull = false;
+        return true;
+    }
+    // One line however many are refused.
+    if (!std::exchange(share.isFull, true))
+        logWarning("listener: user {} has {} connections, no more are taken", user, share.connections);
+    return false;
+}
+
+void BusListener::connectionEnded(const BusConnection* connection, uid_t user) {
+    const MutexLock lock(_mutex);
+    _connections.erase(connection);
+    if (const auto at = _perUser.find(user); --at->second.connections == 0) _perUser.erase(at);
+    if (_allGone && _connections.empty()) _loop->post(std::exchange(_allGone, nullptr));
+}
+
+void BusListener::pause() {
+    logError("listener: no more connections can be accepted for now ({})", std::strerror(errno));
+    _loop->setReadSourceEnabled(_socket.get(), false);
+    _loop->addTimer(kPause, [this] { _loop->setReadSourceEnabled(_socket.get(), _accepting); });
+}
+
+void BusListener::invalidateAll(RunLoop::Handler allGone) {
+    _accepting = false;
+    _loop->setReadSourceEnabled(_socket.get(), false);
+    std::vector<std::shared_ptr<BusConnection>> connections;
+    {
+        const MutexLock lock(_mutex);
+        for (const auto& [key, weak] : _connections)
+            if (auto connection = weak.lock()) connections.push_back(std::move(connection));
+        if (_connections.empty())
+            _loop->post(std::move(allGone));
+        else
+            _allGone = std::move(allGone);
+    }
+    for (const auto& connection : connections) connection->invalidate();
+}
+
+}  // namespace quorvane::platform

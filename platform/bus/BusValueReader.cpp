@@ -1,0 +1,255 @@
+#include "platform/bus/BusValue.h"
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+namespace quorvane::platform {
+
+namespace {
+
+constexpr unsigned kMaximumDepth = 64;
+constexpr std::size_t kMaximumValues = 1'000'000;
+constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
+
+/// Reads values by their signature, which the caller knows or has read once from the variant around them:
+/// asking sd-bus at every step would copy it every time. A signature handed on is one complete type and ends
+/// with a NUL. Like sd-bus, functions return 0 at the end of a container and more for an element.
+class Reader {
+  public:
+    explicit Reader(sd_bus_message* message) : _message(message) {}
+
+    int dictionary(const char* valueType, Dictionary& out);
+    int array(const char* elementType, Array& out);
+
+  private:
+    /// A container entered for as long as its elements are read.
+    template <typename Function>
+    int inside(char type, const char* contents, Function&& function);
+
+    int value(const char* type, Value& out);
+    int variant(Value& out);
+    int container(const char* type, Value& out);
+    int arrayOf(const char* elementType, Value& out);
+    int dictionaryOf(std::string_view entry, Value& out);
+    int date(Value& out);
+    int data(Value& out);
+    int text(char type, std::string& out);
+    template <typename Read, typename Held = Read>
+    int number(char type, Value& out);
+
+    sd_bus_message* _message;
+    unsigned _depth = 1;
+    std::size_t _values = 0;
+};
+
+template <typename Function>
+int Reader::inside(char type, const char* contents, Function&& function) {
+    if (const int entered = ::sd_bus_message_enter_container(_message, type, contents); entered <= 0)
+        return entered;
+    if (const int result = function(); result < 0) return result;
+    const int left = ::sd_bus_message_exit_container(_message);
+    return left < 0 ? left : 1;
+}
+
+int Reader::dictionary(const char* valueType, Dictionary& out) {
+    const std::string entryType = std::string("s") + valueType;
+    std::vector<Dictionary::Entry> entries;
+    const int result = inside(SD_BUS_TYPE_ARRAY, ("{" + entryType + "}").c_str(), [&] {
+        int more = 0;
+        do {
+            more = inside(SD_BUS_TYPE_DICT_ENTRY, entryType.c_str(), [&] {
+                if (entries.empty()) entries.reserve(8);
+                auto& [key, held] = entries.emplace_back();
+                const int read = text(SD_BUS_TYPE_STRING, key);
+                return read < 0 ? read : value(valueType, held);
+            });
+        } while (more > 0);
+        return more;
+    });
+    if (result >= 0) out = Dictionary::fromEntries(std::move(entries));
+    return result;
+}
+
+int Reader::array(const char* elementType, Array& out) {
+    out.clear();
+    return inside(SD_BUS_TYPE_ARRAY, elementType, [&] {
+        int more = 0;
+        while ((more = ::sd_bus_message_at_end(_message, 0)) == 0)
+            if (const int read = value(elementType, out.emplace_back()); read < 0) return read;
+        return more;
+    });
+}
+
+int Reader::value(const char* type, Value& out) {
+    if (*type == SD_BUS_TYPE_VARIANT) return variant(out);
+    if (++_values > kMaximumValues) return -E2BIG;
+    switch (*type) {
+        case SD_BUS_TYPE_STRING:
+        case SD_BUS_TYPE_OBJECT_PATH:
+        case SD_BUS_TYPE_SIGNATURE: {
+            std::string read;
+            const int result = text(*type, read);
+            out = Value(std::move(read));
+            return result;
+        }
+        case SD_BUS_TYPE_BOOLEAN:
+            return number<int, bool>(*type, out);
+        case SD_BUS_TYPE_BYTE:
+            return number<std::uint8_t>(*type, out);
+        case SD_BUS_TYPE_INT16:
+            return number<std::int16_t>(*type, out);
+        case SD_BUS_TYPE_UINT16:
+            return number<std::uint16_t>(*type, out);
+        case SD_BUS_TYPE_INT32:
+            return number<std::int32_t>(*type, out);
+        case SD_BUS_TYPE_UINT32:
+            return number<std::uint32_t>(*type, out);
+        case SD_BUS_TYPE_INT64:
+            return number<std::int64_t>(*type, out);
+        case SD_BUS_TYPE_UINT64:
+            return number<std::uint64_t>(*type, out);
+        case SD_BUS_TYPE_DOUBLE:
+            return number<double>(*type, out);
+        default:
+            return container(type, out);
+    }
+}
+
+int Reader::container(const char* type, Value& out) {
+    const std::string_view signature = type;
+    if (signature == "ay") return data(out);
+    if (signature == "(xu)") return date(out);
+    if (++_depth > kMaximumDepth) return -E2BIG;
+    int result = -ENXIO;
+    if (signature.starts_with("a{s"))
+        result = dictionaryOf(signature.substr(1), out);
+    else if (signature.starts_with('a'))
+        result = arrayOf(type + 1, out);
+    --_depth;
+    return result;
+}
+
+int Reader::variant(Value& out) {
+    const char* contents = nullptr;
+    if (const int result = ::sd_bus_message_peek_type(_message, nullptr, &contents); result <= 0)
+        return result < 0 ? result : -ENXIO;
+    return inside(SD_BUS_TYPE_VARIANT, contents, [&] { return value(contents, out); });
+}
+
+int Reader::arrayOf(const char* elementType, Value& out) {
+    Array elements;
+    const int result = array(elementType, elements);
+    out = Value(std::move(elements));
+    return result;
+}
+
+/// The entry is "{sT}".
+int Reader::dictionaryOf(std::string_view entry, Value& out) {
+    const std::string valueType(entry.substr(2, entry.size() - 3));
+    Dictionary read;
+    const int result = dictionary(valueType.c_str(), read);
+    out = Value(std::move(read));
+    return result;
+}
+
+int Reader::date(Value& out) {
+    return inside(SD_BUS_TYPE_STRUCT, "xu", [&] {
+        std::int64_t seconds = 0;
+        std::uint32_t microseconds = 0;
+        if (const int result = ::sd_bus_message_read(_message, "xu", &seconds, &microseconds); result < 0)
+            return result;
+        Date read;
+        if (__builtin_mul_overflow(seconds, kMicrosecondsPerSecond, &read.microseconds) ||
+            __builtin_add_overflow(read.microseconds, microseconds, &read.microseconds))
+            return -EBADMSG;
+        out = Value(read);
+        return 1;
+    });
+}
+
+int Reader::data(Value& out) {
+    const void* bytes = nullptr;
+    std::size_t size = 0;
+    if (const int result = ::sd_bus_message_read_array(_message, SD_BUS_TYPE_BYTE, &bytes, &size); result < 0)
+        return result;
+    const auto* first = static_cast<const std::uint8_t*>(bytes);
+    out = Value(Data(first, first + size));
+    return 1;
+}
+
+int Reader::text(char type, std::string& out) {
+    const char* read = nullptr;
+    const int result = ::sd_bus_message_read_basic(_message, type, &read);
+    if (result > 0) out = read;
+    return result;
+}
+
+template <typename Read, typename Held>
+int Reader::number(char type, Value& out) {
+    Read read{};
+    const int result = ::sd_bus_message_read_basic(_message, type, &read);
+    out = Value(static_cast<Held>(read));
+    return result;
+}
+
+/// Reads "aT" with no element or one: function reads a T.
+template <typename T, typename Function>
+int readOptional(sd_bus_message* message, const char* type, std::optional<T>& out, Function&& function) {
+    out.reset();
+    if (const int result = ::sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, type); result < 0)
+        return result;
+    if (::sd_bus_message_at_end(message, 0) == 0)
+        if (const int result = function(out.emplace()); result < 0) return result;
+    if (::sd_bus_message_at_end(message, 0) == 0) return -EBADMSG;
+    return ::sd_bus_message_exit_container(message);
+}
+
+}  // namespace
+
+int readDictionary(sd_bus_message* message, Dictionary& out) {
+    return Reader(message).dictionary("v", out);
+}
+
+int readOptionalDictionary(sd_bus_message* message, std::optional<Dictionary>& out) {
+    return readOptional(message, "a{sv}", out,
+                        [&](Dictionary& held) { return readDictionary(message, held); });
+}
+
+int readArray(sd_bus_message* message, Array& out) {
+    char type = 0;
+    const char* contents = nullptr;
+    if (const int result = ::sd_bus_message_peek_type(message, &type, &contents); result < 0) return result;
+    if (type != SD_BUS_TYPE_ARRAY || contents == nullptr || *contents == SD_BUS_TYPE_DICT_ENTRY_BEGIN)
+        return -ENXIO;
+    // sd-bus keeps what it tells only until it is asked again.
+    const std::string elementType = contents;
+    return Reader(message).array(elementType.c_str(), out);
+}
+
+int readStrings(sd_bus_message* message, std::vector<std::string>& out) {
+    out.clear();
+    if (const int result = ::sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s"); result < 0)
+        return result;
+    const char* text = nullptr;
+    int result = 0;
+    while ((result = ::sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text)) > 0)
+        out.emplace_back(text);
+    return result < 0 ? result : ::sd_bus_message_exit_container(message);
+}
+
+int readOptionalStrings(sd_bus_message* message, std::optional<std::vector<std::string>>& out) {
+    return readOptional(message, "as", out,
+                        [&](std::vector<std::string>& held) { return readStrings(message, held); });
+}
+
+int readOptionalString(sd_bus_message* message, std::optional<std::string>& out) {
+    return readOptional(message, "s", out, [&](std::string& held) {
+        const char* text = nullptr;
+        const int result = ::sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text);
+        if (result > 0) held = text;
+        return result;
+    });
+}
+
+}  // namespace quorvane::platform

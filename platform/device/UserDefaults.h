@@ -1,0 +1,18 @@
+#pragma once
+
+#include "platform/value/Value.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quorvane::platform {
+
+/// The value stored under the key in the suite's file /etc/quorvane/defaults/SUITE.toml, read afresh at every
+/// call; nothing when the file or the key is absent. A malformed file is logged by name and reads as empty.
+std::optional<Value> userDefault(std::string_view suite, std::string_view key);
+
+/// The same, only when a text is stored under the key.
+std::optional<std::string> userDefaultString(std::string_view suite, std::string_view key);
+
+}  // namespace quorvane::platform

@@ -1,0 +1,212 @@
+#include "platform/http/HttpTransfer.h"
+
+#include "platform/http/TrustedCertificates.h"
+
+#include <fmt/format.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace quorvane::platform {
+
+namespace {
+
+constexpr long kSecondsWithoutProgress = 60;
+constexpr std::size_t kMaximumHeaderBytes = 256u << 10;
+/// OpenSSL looks trusted roots up here one by one, by the hash of their names (openssl-rehash(1ssl)).
+constexpr const char* kSystemRoots = "/etc/ssl/certs";
+constexpr std::string_view kLineBreakers("\r\n\0", 3);
+
+bool isTokenCharacter(char c) {
+    // RFC 9110, section 5.6.2.
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+bool isToken(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
+}
+
+bool canStandInHeader(const HttpHeader& header) {
+    return isToken(header.name) && header.value.find_first_of(kLineBreakers) == std::string::npos;
+}
+
+/// Why the request cannot be sent; empty when it can.
+std::string faultOf(const HttpRequest& request) {
+    if (request.url.find('\0') != std::string::npos) return "the URL holds a NUL";
+    if (!isToken(request.method)) return "the method is malformed";
+    for (const HttpHeader& header : request.headers)
+        if (!canStandInHeader(header)) return fmt::format("the header {} is malformed", header.name);
+    return {};
+}
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+/// RFC 9110, section 5.5, has a recipient put blanks for these.
+std::string withoutBreaks(std::string_view value) {
+    std::string result(value);
+    const auto breaks = [](char c) { return kLineBreakers.find(c) != std::string_view::npos; };
+    std::replace_if(result.begin(), result.end(), breaks, ' ');
+    return result;
+}
+
+bool sameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+}  // namespace
+
+std::optional<std::string> HttpResponse::header(std::string_view name) const {
+    std::optional<std::string> joined;
+    for (const HttpHeader& header : headers)
+        if (sameName(header.name, name)) joined = joined ? *joined + ", " + header.value : header.value;
+    return joined;
+}
+
+std::variant<std::unique_ptr<HttpTransfer>, std::string> HttpTransfer::initWithRequest(HttpRequest request) {
+    if (std::string fault = faultOf(request); !fault.empty()) return fault;
+    std::unique_ptr<HttpTransfer> transfer(new HttpTransfer(std::move(request)));
+    if (!transfer->setOptions() || !transfer->setBody() || !transfer->setHeaders())
+        return "the HTTP library refused the request";
+    return transfer;
+}
+
+HttpTransfer::HttpTransfer(HttpRequest request) : _request(std::move(request)), _easy(curl_easy_init()) {}
+
+HttpTransfer::~HttpTransfer() {
+    curl_easy_cleanup(_easy);
+    curl_slist_free_all(_headerLines);
+}
+
+HttpTransfer& HttpTransfer::ofHandle(CURL* handle) {
+    void* transfer = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_PRIVATE, &transfer);
+    return *static_cast<HttpTransfer*>(transfer);
+}
+
+bool HttpTransfer::setOptions() {
+    if (_easy == nullptr) return false;
+    bool taken = true;
+    const auto set = [&](CURLoption option, auto value) {
+        taken = curl_easy_setopt(_easy, option, value) == CURLE_OK && taken;
+    };
+    set(CURLOPT_PRIVATE, static_cast<void*>(this));
+    set(CURLOPT_ERRORBUFFER, _errorText.data());
+    set(CURLOPT_NOSIGNAL, 1L);
+    // A name server that does not answer holds up the lookup's own thread alone.
+    set(CURLOPT_QUICK_EXIT, 1L);
+    set(CURLOPT_URL, _request.url.c_str());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    set(CURLOPT_PIPEWAIT, 1L);
+    set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+    set(CURLOPT_CAPATH, kSystemRoots);
+    set(CURLOPT_SSL_CTX_FUNCTION, &prepareContext);
+    set(CURLOPT_HEADERFUNCTION, &receiveHeader);
+    set(CURLOPT_HEADERDATA, static_cast<void*>(this));
+    set(CURLOPT_WRITEFUNCTION, &receiveBody);
+    set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+    if (_request.timeout.count() > 0) {
+        set(CURLOPT_TIMEOUT, static_cast<long>(_request.timeout.count()));
+    } else {
+        set(CURLOPT_CONNECTTIMEOUT, kSecondsWithoutProgress);
+        set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+        set(CURLOPT_LOW_SPEED_TIME, kSecondsWithoutProgress);
+    }
+    return taken;
+}
+
+bool HttpTransfer::setBody() {
+    if (_request.body.empty() && _request.method == "GET") return true;
+    if (_request.method == "HEAD") return curl_easy_setopt(_easy, CURLOPT_NOBODY, 1L) == CURLE_OK;
+    // libcurl reads the body where it stands; the pointer may not be null.
+    const void* bytes = _request.body.empty() ? static_cast<const void*>("") : _request.body.data();
+    return curl_easy_setopt(_easy, CURLOPT_POSTFIELDS, bytes) == CURLE_OK &&
+           curl_easy_setopt(_easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                            static_cast<curl_off_t>(_request.body.size())) == CURLE_OK &&
+           curl_easy_setopt(_easy, CURLOPT_CUSTOMREQUEST, _request.method.c_str()) == CURLE_OK;
+}
+
+bool HttpTransfer::setHeaders() {
+    for (const HttpHeader& header : _request.headers) {
+        // libcurl's notation for a header without a value ends in a semicolon.
+        const std::string line =
+            trimmed(header.value).empty() ? header.name + ";" : header.name + ": " + header.value;
+        if (!addHeaderLine(line)) return false;
+    }
+    // Nothing is said for the caller: no content type that it did not give, no waiting for a 100 (Continue).
+    for (const char* name : {"Content-Type", "Expect"})
+        if (!hasHeader(name) && !addHeaderLine(std::string(name) + ":")) return false;
+    return curl_easy_setopt(_easy, CURLOPT_HTTPHEADER, _headerLines) == CURLE_OK;
+}
+
+bool HttpTransfer::addHeaderLine(const std::string& line) {
+    curl_slist* longer = curl_slist_append(_headerLines, line.c_str());
+    if (longer != nullptr) _headerLines = longer;
+    return longer != nullptr;
+}
+
+bool HttpTransfer::hasHeader(std::string_view name) const {
+    return std::any_of(_request.headers.begin(), _request.headers.end(),
+                       [&](const HttpHeader& header) { return sameName(header.name, name); });
+}
+
+/// Called with one whole header line at a time. The status line of each answer starts the headers anew, since
+/// an interim answer may come before the final one.
+std::size_t HttpTransfer::receiveHeader(const char* bytes, std::size_t one, std::size_t count,
+                                        void* transfer) noexcept {
+    auto& self = *static_cast<HttpTransfer*>(transfer);
+    const std::size_t size = one * count;
+    const std::string_view line(bytes, size);
+    self._headerBytes += size;
+    if (self._headerBytes > kMaximumHeaderBytes) {
+        self._refusal = fmt::format("the answer's headers are larger than {} bytes", kMaximumHeaderBytes);
+        return 0;
+    }
+    const std::size_t colon = line.find(':');
+    if (line.starts_with("HTTP/"))
+        self._response.headers.clear();
+    else if (colon != std::string_view::npos)
+        self._response.headers.push_back(
+            {std::string(trimmed(line.substr(0, colon))), withoutBreaks(trimmed(line.substr(colon + 1)))});
+    return size;
+}
+
+std::size_t HttpTransfer::receiveBody(const char* bytes, std::size_t one, std::size_t count,
+                                      void* transfer) noexcept {
+    auto& self = *static_cast<HttpTransfer*>(transfer);
+    const std::size_t size = one * count;
+    Data& body = self._response.body;
+    if (size > self._request.maximumResponseBytes - body.size()) {
+        self._refusal = fmt::format("the answer is larger than {} bytes", self._request.maximumResponseBytes);
+        return 0;
+    }
+    body.insert(body.end(), bytes, bytes + size);
+    return size;
+}
+
+CURLcode HttpTransfer::prepareContext(CURL*, void* context, void*) noexcept {
+    trustConfiguredCertificates(*static_cast<SSL_CTX*>(context));
+    return CURLE_OK;
+}
+
+HttpResult HttpTransfer::takeResult(CURLcode code) {
+    long status = 0;
+    curl_easy_getinfo(_easy, CURLINFO_RESPONSE_CODE, &status);
+    _response.statusCode = static_cast<int>(status);
+    if (code == CURLE_OK) return {std::move(_response), std::nullopt};
+    _response.body = {};
+    return {std::move(_response), !_refusal.empty() ? std::move(_refusal) : errorText(code)};
+}
+
+std::string HttpTransfer::errorText(CURLcode code) const {
+    return _errorText[0] != '\0' ? _errorText.data() : curl_easy_strerror(code);
+}
+
+}  // namespace quorvane::platform

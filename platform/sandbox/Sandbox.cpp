@@ -1,0 +1,253 @@
+#include "platform/sandbox/Sandbox.h"
+
+#include "platform/base/Owned.h"
+#include "platform/base/Root.h"
+#include "platform/base/UniqueDescriptor.h"
+#include "platform/sandbox/SandboxProfile.h"
+
+#include <fcntl.h>
+#include <linux/landlock.h>
+#include <sched.h>
+#include <seccomp.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace quorvane::platform {
+
+namespace {
+
+using Failure = std::optional<std::string>;
+using Filter = Owned<std::remove_pointer_t<scmp_filter_ctx>, ::seccomp_release>;
+
+// Rights that kernels later than the build's headers know.
+constexpr std::uint64_t kTruncate = 1u << 14;
+constexpr std::uint64_t kIoctlDevice = 1u << 15;
+
+constexpr std::uint64_t kReadRights = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
+constexpr std::uint64_t kWriteRights =
+    kReadRights | LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_MAKE_REG | LANDLOCK_ACCESS_FS_MAKE_DIR |
+    LANDLOCK_ACCESS_FS_REMOVE_FILE | LANDLOCK_ACCESS_FS_REMOVE_DIR | kTruncate;
+constexpr std::uint64_t kSocketRights = LANDLOCK_ACCESS_FS_MAKE_SOCK | LANDLOCK_ACCESS_FS_REMOVE_FILE;
+#if defined(__SANITIZE_THREAD__)
+/// ThreadSanitizer has a thread of its own from the start.
+constexpr auto kThreadsAtStart = 2;
+#else
+constexpr auto kThreadsAtStart = 1;
+#endif
+
+/// The rights that a rule on something other than a folder may hold.
+constexpr std::uint64_t kFileRights =
+    LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_WRITE_FILE | kTruncate;
+/// Everything the first version of Landlock can refuse.
+constexpr std::uint64_t kBasicRights = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
+
+std::uint64_t rightsOf(SandboxAccess access) {
+    switch (access) {
+        case SandboxAccess::Read:
+            return kReadRights;
+        case SandboxAccess::Write:
+            return kWriteRights;
+        case SandboxAccess::Load:
+            return LANDLOCK_ACCESS_FS_READ_FILE;
+        case SandboxAccess::Socket:
+            return kSocketRights;
+    }
+    return 0;
+}
+
+std::string failure(std::string_view what, int error = errno) {
+    return "cannot " + std::string(what) + ": " + std::strerror(error);
+}
+
+Failure checkSingleThread() {
+    std::error_code error;
+    const std::filesystem::directory_iterator threads("/proc/self/task", error);
+    if (error) return failure("count the process's threads", error.value());
+    if (std::distance(begin(threads), end(threads)) > kThreadsAtStart)
+        return "the process has more than one thread already";
+    return std::nullopt;
+}
+
+/// Without the folders that it writes to the product cannot work.
+bool isNeeded(const SandboxPath& entry) {
+    return entry.product && (entry.access == SandboxAccess::Write || entry.access == SandboxAccess::Socket);
+}
+
+/// Makes the product's folders that are absent. A readable one that cannot be made is simply not there to
+/// read.
+Failure makeFolders(const SandboxProfile& profile) {
+    for (const SandboxPath& entry : profile.paths) {
+        if (!entry.product) continue;
+        std::error_code error;
+        if (std::filesystem::exists(entry.path, error)) continue;
+        std::filesystem::create_directories(entry.path, error);
+        if (error && isNeeded(entry)) return failure("make the folder " + entry.path, error.value());
+    }
+    return std::nullopt;
+}
+
+/// The rights that this kernel's Landlock can refuse; 0 when it has none or it is switched off.
+std::uint64_t refusableRights() {
+    const long version = ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+    if (version < 1) return 0;
+    return kBasicRights | (version >= 3 ? kTruncate : 0) | (version >= 5 ? kIoctlDevice : 0);
+}
+
+Failure allow(const UniqueDescriptor& rules, const SandboxPath& entry, std::uint64_t refusable) {
+    const UniqueDescriptor target(::open(entry.path.c_str(), O_PATH | O_CLOEXEC));
+    struct stat status {};
+    if (!target || ::fstat(target.get(), &status) != 0) {
+        const bool absent = errno == ENOENT || errno == ENOTDIR;
+        return absent && !isNeeded(entry) ? Failure() : failure("open " + entry.path);
+    }
+    landlock_path_beneath_attr rule{};
+    rule.parent_fd = target.get();
+    rule.allowed_access = rightsOf(entry.access) & refusable;
+    if (!S_ISDIR(status.st_mode)) rule.allowed_access &= kFileRights;
+    if (::syscall(SYS_landlock_add_rule, rules.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0) != 0)
+        return failure("allow " + entry.path);
+    return std::nullopt;
+}
+
+std::variant<UniqueDescriptor, std::string> preparePathRules(const SandboxProfile& profile) {
+    const std::uint64_t refusable = refusableRights();
+    if (refusable == 0) return failure("use Landlock");
+    landlock_ruleset_attr attributes{};
+    attributes.handled_access_fs = refusable;
+    UniqueDescriptor rules(
+        static_cast<int>(::syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0)));
+    if (!rules) return failure("make a Landlock ruleset");
+    for (const SandboxPath& entry : profile.paths)
+        if (auto refused = allow(rules, entry, refusable)) return *std::move(refused);
+    return rules;
+}
+
+using Conditions = std::vector<scmp_arg_cmp>;
+
+int refuse(const Filter& filter, int systemCall, int error, const Conditions& when = {}) {
+    const int result = ::seccomp_rule_add_array(filter.get(), SCMP_ACT_ERRNO(static_cast<unsigned>(error)),
+                                                systemCall, static_cast<unsigned>(when.size()), when.data());
+    // This machine's architecture lacks the system call.
+    return result == -EDOM ? 0 : result;
+}
+
+/// Whether all bits of the mask in the argument have this value.
+scmp_arg_cmp argument(unsigned index, scmp_datum_t mask, scmp_datum_t value) {
+    return {index, SCMP_CMP_MASKED_EQ, mask, value};
+}
+
+/// Landlock before its third version lets a file that may only be read be emptied.
+int refuseEmptyingReadableFiles(const Filter& filter) {
+    constexpr scmp_datum_t mask = O_ACCMODE | O_TRUNC;
+    constexpr scmp_datum_t emptying = O_RDONLY | O_TRUNC;
+    const struct {
+        int systemCall, error;
+        Conditions when;
+    } ways[] = {
+        {SCMP_SYS(truncate), EPERM, {}},
+        {SCMP_SYS(truncate64), EPERM, {}},
+        {SCMP_SYS(openat2), ENOSYS, {}},
+        {SCMP_SYS(open), EPERM, {argument(1, mask, emptying)}},
+        {SCMP_SYS(openat), EPERM, {argument(2, mask, emptying)}},
+    };
+    for (const auto& way : ways)
+        if (const int result = refuse(filter, way.systemCall, way.error, way.when)) return result;
+    return 0;
+}
+
+int refuseSystemCall(const Filter& filter, const SandboxRefusal& refusal) {
+    const Conditions makesProcess{argument(0, CLONE_THREAD, 0)};
+    return refuse(filter, refusal.systemCall, refusal.error,
+                  refusal.systemCall == SCMP_SYS(clone) ? makesProcess : Conditions{});
+}
+
+std::variant<Filter, std::string> prepareFilter(const SandboxProfile& profile) {
+    Filter filter(::seccomp_init(SCMP_ACT_ALLOW));
+    if (filter == nullptr) return failure("make a system-call filter", ENOMEM);
+    // System calls of another architecture have no business here.
+    if (const int result = ::seccomp_attr_set(filter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS))
+        return failure("set up the system-call filter", -result);
+    if (const int result = refuseEmptyingReadableFiles(filter))
+        return failure("refuse the emptying of readable files", -result);
+    for (const SandboxRefusal& refusal : profile.refusals)
+        if (const int result = refuseSystemCall(filter, refusal))
+            return failure("refuse the system call " + refusal.name, -result);
+    return filter;
+}
+
+Failure confine(const UniqueDescriptor& rules, const Filter& filter) {
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failure("renounce new privileges");
+    if (::syscall(SYS_landlock_restrict_self, rules.get(), 0) != 0)
+        return failure("apply the Landlock rules");
+    if (const int result = ::seccomp_load(filter.get()))
+        return failure("load the system-call filter", -result);
+    return std::nullopt;
+}
+
+/// Two paths that every user may open and that no profile needs.
+Failure provePathsRefused() {
+    for (const char* outside : {"/", "/etc/passwd"}) {
+        const UniqueDescriptor opened(::open(outside, O_RDONLY | O_CLOEXEC));
+        if (opened || (errno != EACCES && errno != ENOENT))
+            return std::string("the sandbox does not hold: ") + outside + " can be opened";
+    }
+    return std::nullopt;
+}
+
+Failure proveSystemCallsRefused(const SandboxProfile& profile) {
+    // With arguments of all ones these do nothing but fail, and not with the errors that a profile gives.
+    constexpr std::array<std::string_view, 4> harmless{"execve", "ptrace", "setns", "unshare"};
+    bool proved = false;
+    for (const SandboxRefusal& refusal : profile.refusals) {
+        if (std::find(harmless.begin(), harmless.end(), refusal.name) == harmless.end()) continue;
+        if (::syscall(refusal.systemCall, -1L, -1L, -1L, -1L) != -1 || errno != refusal.error)
+            return "the sandbox does not hold: " + refusal.name + " is not refused";
+        proved = true;
+    }
+    if (!proved) return "the sandbox cannot be proved: execve is not among the refused system calls";
+    return std::nullopt;
+}
+
+Failure apply(std::string_view name) {
+    if (name.find('/') != std::string_view::npos) return "no profile can be named " + std::string(name);
+    auto read = readSandboxProfile(rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml"));
+    if (auto* unreadable = std::get_if<std::string>(&read)) return std::move(*unreadable);
+    const auto& profile = std::get<SandboxProfile>(read);
+    if (auto refused = checkSingleThread()) return refused;
+    if (auto refused = makeFolders(profile)) return refused;
+    auto rules = preparePathRules(profile);
+    if (auto* refused = std::get_if<std::string>(&rules)) return std::move(*refused);
+    auto filter = prepareFilter(profile);
+    if (auto* refused = std::get_if<std::string>(&filter)) return std::move(*refused);
+    if (auto refused = confine(std::get<UniqueDescriptor>(rules), std::get<Filter>(filter))) return refused;
+    if (auto refused = provePathsRefused()) return refused;
+    return proveSystemCallsRefused(profile);
+}
+
+}  // namespace
+
+std::optional<std::string> applySandboxProfile(std::string_view name) {
+    try {
+        return apply(name);
+    } catch (const std::exception& error) {
+        return std::string("cannot apply the sandbox profile: ") + error.what();
+    }
+}
+
+}  // namespace quorvane::platform

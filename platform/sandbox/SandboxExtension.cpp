@@ -1,0 +1,116 @@
+#include "platform/sandbox/SandboxExtension.h"
+
+#include "platform/base/ThreadAnnotations.h"
+#include "platform/crypto/Uuid.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <map>
+
+#include <fmt/format.h>
+
+namespace quorvane::platform {
+
+namespace {
+
+struct Issued {
+    ExtensionOwner owner;
+    UniqueDescriptor file;
+    RemoveFileRequest removeFile;
+};
+
+Mutex mutex;
+std::map<std::string, Issued> issuedTokens GUARDED_BY(mutex);
+
+bool mayHaveAnother(ExtensionOwner owner) REQUIRES(mutex) {
+    std::size_t ofOwner = 0;
+    std::size_t ofUser = 0;
+    for (const auto& [token, issued] : issuedTokens) {
+        if (issued.owner.number == owner.number) ++ofOwner;
+        if (issued.owner.user == owner.user) ++ofUser;
+    }
+    return ofOwner < kExtensionsPerOwner && ofUser < kExtensionsPerUser &&
+           issuedTokens.size() < kExtensionsInAll;
+}
+
+std::optional<Issued> take(const std::string& token) {
+    const MutexLock lock(mutex);
+    const auto found = issuedTokens.find(token);
+    if (found == issuedTokens.end()) return std::nullopt;
+    Issued issued = std::move(found->second);
+    issuedTokens.erase(found);
+    return issued;
+}
+
+bool canBeReadFrom(const UniqueDescriptor& file) {
+    const int flags = ::fcntl(file.get(), F_GETFL);
+    return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_WRONLY;
+}
+
+/// The path that the kernel knows the descriptor by; of a deleted file it is no path.
+std::string kernelPath(int descriptor) {
+    std::array<char, 4096> path;
+    const ssize_t size =
+        ::readlink(fmt::format("/proc/self/fd/{}", descriptor).c_str(), path.data(), path.size());
+    return std::string(path.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+}
+
+bool names(const std::string& path, int descriptor) {
+    struct stat passed {};
+    struct stat named {};
+    if (::fstat(descriptor, &passed) != 0 || passed.st_nlink == 0) return false;
+    if (::lstat(path.c_str(), &named) == 0)
+        return named.st_dev == passed.st_dev && named.st_ino == passed.st_ino;
+    // A folder that only the client may search hides the file itself from the daemon, but not its name.
+    return errno == EACCES && kernelPath(descriptor) == path;
+}
+
+}  // namespace
+
+ExtensionOwner newExtensionOwner(uid_t user) {
+    static std::atomic<std::uint64_t> last{0};
+    return {++last, user};
+}
+
+std::optional<std::string> issueSandboxExtension(ExtensionOwner owner, UniqueDescriptor file,
+                                                 RemoveFileRequest removeFile) {
+    if (!canBeReadFrom(file)) return std::nullopt;
+    std::string token = randomUuidText();
+    const MutexLock lock(mutex);
+    if (!mayHaveAnother(owner)) return std::nullopt;
+    issuedTokens.emplace(token, Issued{owner, std::move(file), std::move(removeFile)});
+    return token;
+}
+
+bool ownsSandboxExtension(ExtensionOwner owner, const std::string& token) {
+    const MutexLock lock(mutex);
+    const auto found = issuedTokens.find(token);
+    return found != issuedTokens.end() && found->second.owner.number == owner.number;
+}
+
+void revokeSandboxExtensions(ExtensionOwner owner) {
+    const MutexLock lock(mutex);
+    std::erase_if(issuedTokens, [=](const auto& entry) { return entry.second.owner.number == owner.number; });
+}
+
+SandboxExtension SandboxExtension::consume(const std::string& token, const std::string& path) {
+    SandboxExtension extension;
+    std::optional<Issued> issued = take(token);
+    if (!issued || !names(path, issued->file.get())) return extension;
+    extension._token = token;
+    extension._file = std::move(issued->file);
+    extension._removeFile = std::move(issued->removeFile);
+    return extension;
+}
+
+void SandboxExtension::requestRemoval() const {
+    if (_removeFile) _removeFile(_token);
+}
+
+}  // namespace quorvane::platform

@@ -1,0 +1,124 @@
+#include "platform/sandbox/SandboxProfile.h"
+
+#include "platform/base/Root.h"
+
+#include <seccomp.h>
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <optional>
+#include <utility>
+
+namespace quorvane::platform {
+
+namespace {
+
+using Failure = std::optional<std::string>;
+
+constexpr std::array<std::pair<std::string_view, SandboxAccess>, 4> kAccesses{
+    {{"read", SandboxAccess::Read},
+     {"write", SandboxAccess::Write},
+     {"load", SandboxAccess::Load},
+     {"socket", SandboxAccess::Socket}}};
+constexpr std::array<std::pair<std::string_view, int>, 2> kErrors{{{"EPERM", EPERM}, {"ENOSYS", ENOSYS}}};
+
+template <typename Table>
+auto* named(const Table& table, std::string_view name) {
+    const auto at =
+        std::find_if(table.begin(), table.end(), [&](const auto& entry) { return entry.first == name; });
+    return at == table.end() ? nullptr : &at->second;
+}
+
+/// Calls the function with each text of the array; the first failure ends it.
+template <typename Function>
+Failure forEachText(const std::string& key, const toml::node& value, Function&& function) {
+    const toml::array* array = value.as_array();
+    if (array == nullptr) return key + ": a list of texts is expected";
+    for (const toml::node& element : *array) {
+        const auto text = element.value_exact<std::string>();
+        if (!text) return key + ": a list of texts is expected";
+        if (auto failure = function(*text)) return key + ": " + *failure;
+    }
+    return std::nullopt;
+}
+
+Failure addPath(std::string path, SandboxAccess access, bool product, SandboxProfile& profile) {
+    if (path.empty() || path.front() != '/') return "\"" + path + "\" is not an absolute path";
+    if (product) path = rooted(path);
+    profile.paths.push_back({std::move(path), access, product});
+    return std::nullopt;
+}
+
+Failure addRefusal(const std::string& name, int error, SandboxProfile& profile) {
+    const int systemCall = ::seccomp_syscall_resolve_name(name.c_str());
+    if (systemCall == __NR_SCMP_ERROR) return "\"" + name + "\" is no system call";
+    // The C library starts a thread with clone once clone3 is said not to exist, and gives up on any other
+    // error.
+    if (name == "clone3" && error != ENOSYS) return "clone3 can be refused with ENOSYS only";
+    profile.refusals.push_back({name, systemCall, error});
+    return std::nullopt;
+}
+
+Failure readPaths(const std::string& section, const toml::table& table, SandboxProfile& profile) {
+    for (const auto& [name, value] : table) {
+        const std::string key = section + "." + std::string(name.str());
+        const SandboxAccess* access = named(kAccesses, name.str());
+        if (access == nullptr) return key + ": unknown key";
+        if (auto failure = forEachText(key, value, [&](const std::string& path) {
+                return addPath(path, *access, section == "product", profile);
+            }))
+            return failure;
+    }
+    return std::nullopt;
+}
+
+Failure readRefusals(const std::string& section, const toml::table& table, SandboxProfile& profile) {
+    for (const auto& [name, value] : table) {
+        const std::string key = section + "." + std::string(name.str());
+        const int* error = named(kErrors, name.str());
+        if (error == nullptr) return key + ": unknown key";
+        if (auto failure = forEachText(
+                key, value, [&](const std::string& call) { return addRefusal(call, *error, profile); }))
+            return failure;
+    }
+    return std::nullopt;
+}
+
+Failure readSections(const toml::table& root, SandboxProfile& profile) {
+    for (const auto& [name, value] : root) {
+        const std::string section(name.str());
+        const bool paths = section == "product" || section == "system";
+        if (!paths && section != "refuse") return section + ": unknown key";
+        const toml::table* table = value.as_table();
+        if (table == nullptr) return section + ": a table is expected";
+        if (auto failure =
+                paths ? readPaths(section, *table, profile) : readRefusals(section, *table, profile))
+            return failure;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::variant<SandboxProfile, std::string> readSandboxProfile(const std::string& file) {
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream) return "cannot read " + file + ": " + std::strerror(errno);
+    SandboxProfile profile;
+    try {
+        if (auto failure = readSections(toml::parse(stream, file), profile)) return file + ": " + *failure;
+    } catch (const toml::parse_error& error) {
+        return file + ": line " + std::to_string(error.source().begin.line) + ": " +
+               std::string(error.description());
+    } catch (const std::exception& error) {
+        return "cannot read " + file + ": " + error.what();
+    }
+    return profile;
+}
+
+}  // namespace quorvane::platform

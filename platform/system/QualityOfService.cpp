@@ -1,0 +1,33 @@
+#include "platform/system/QualityOfService.h"
+
+#include "platform/base/Log.h"
+
+#include <linux/ioprio.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace quorvane::platform {
+
+namespace {
+
+constexpr int kNice = 5;
+constexpr int kIoPriority = 6;
+
+}  // namespace
+
+void setQualityOfServiceUtility() {
+    // On Linux both are a thread's own, named by its thread ID.
+    const auto thread = static_cast<int>(::syscall(SYS_gettid));
+    if (::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), kNice) != 0)
+        logWarning("setQualityOfServiceUtility: nice {} was refused ({})", kNice, std::strerror(errno));
+    if (::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, thread,
+                  IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, kIoPriority)) != 0)
+        logWarning("setQualityOfServiceUtility: I/O priority {} was refused ({})", kIoPriority,
+                   std::strerror(errno));
+}
+
+}  // namespace quorvane::platform

@@ -1,0 +1,73 @@
+#include "platform/value/Url.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <fmt/format.h>
+
+namespace quorvane::platform {
+
+namespace {
+
+bool isLetter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+bool isHexDigit(char c) {
+    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+bool isOneOf(char c, std::string_view characters) {
+    return characters.find(c) != std::string_view::npos;
+}
+
+bool isAllowedInQuery(char c) {
+    return isLetter(c) || isDigit(c) || isOneOf(c, "-._~!$&'()*+,;=:@/?");
+}
+
+bool isScheme(std::string_view text) {
+    const auto allowed = [](char c) { return isLetter(c) || isDigit(c) || isOneOf(c, "+-."); };
+    return !text.empty() && isLetter(text.front()) && std::all_of(text.begin(), text.end(), allowed);
+}
+
+/// The text with all but the allowed bytes percent-encoded.
+template <typename Predicate>
+std::string percentEncoded(std::string_view text, const Predicate& allowed) {
+    std::string encoded;
+    encoded.reserve(text.size());
+    for (const char c : text) {
+        if (allowed(c))
+            encoded += c;
+        else
+            fmt::format_to(std::back_inserter(encoded), "%{:02X}", static_cast<unsigned char>(c));
+    }
+    return encoded;
+}
+
+}  // namespace
+
+std::string queryPercentEncoded(std::string_view text) {
+    return percentEncoded(text, isAllowedInQuery);
+}
+
+std::string percentEncodedBlanks(std::string_view url) {
+    return percentEncoded(url, [](char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7f; });
+}
+
+bool isUrl(std::string_view text) {
+    const std::size_t colon = text.find(':');
+    if (colon == std::string_view::npos || !isScheme(text.substr(0, colon))) return false;
+    for (std::size_t at = colon + 1; at < text.size(); ++at) {
+        const char c = text[at];
+        const bool encoded =
+            c == '%' && at + 2 < text.size() && isHexDigit(text[at + 1]) && isHexDigit(text[at + 2]);
+        if (!encoded && !isAllowedInQuery(c) && !isOneOf(c, "#[]")) return false;
+    }
+    return true;
+}
+
+}  // namespace quorvane::platform
