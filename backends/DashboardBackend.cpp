@@ -96,8 +96,8 @@ std::string textOf(const Dictionary& message) {
     return text;
 }
 
-QuorvaneBackend::Text copyOf(const std::string* text) {
-    return text != nullptr ? QuorvaneBackend::Text(*text) : std::nullopt;
+QuorvaneBackend::OptionalString copyOf(const std::string* text) {
+    return text != nullptr ? QuorvaneBackend::OptionalString(*text) : std::nullopt;
 }
 
 bool namesCollector(const Dictionary& profile) {
@@ -117,7 +117,8 @@ struct Collector {
 };
 
 /// The profile's collector, or without a profile the explicit one, which always gets reliable delivery.
-std::optional<Collector> collectorOf(const Dictionary* profile, const QuorvaneBackend::Text& serverIP,
+std::optional<Collector> collectorOf(const Dictionary* profile,
+                                     const QuorvaneBackend::OptionalString& serverIP,
                                      std::uint16_t serverPort) {
     if (profile == nullptr) {
         if (!serverIP) return std::nullopt;
@@ -133,8 +134,9 @@ std::optional<Collector> collectorOf(const Dictionary* profile, const QuorvaneBa
 }  // namespace
 
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
-    const std::string& name, const std::shared_ptr<const Dictionary>& profile, const Text& productFamily) {
-    const Text serverIP = profile != nullptr ? copyOf(profile->string("ip")) : std::nullopt;
+    const std::string& name, const std::shared_ptr<const Dictionary>& profile,
+    const OptionalString& productFamily) {
+    const OptionalString serverIP = profile != nullptr ? copyOf(profile->string("ip")) : std::nullopt;
     const auto serverPort = static_cast<std::uint16_t>(profile != nullptr ? profile->integer("port") : 0);
     return initWithName(name, profile, serverIP, serverPort, productFamily);
 }
@@ -142,14 +144,14 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::string& name,
                                                                  const std::string& serverIP,
                                                                  std::uint16_t serverPort,
-                                                                 const Text& productFamily) {
+                                                                 const OptionalString& productFamily) {
     if (serverPort == 0) return nullptr;
     return initWithName(name, nullptr, serverIP, serverPort, productFamily);
 }
 
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
-    const std::string& name, const std::shared_ptr<const Dictionary>& profile, const Text& serverIP,
-    std::uint16_t serverPort, const Text& productFamily) {
+    const std::string& name, const std::shared_ptr<const Dictionary>& profile, const OptionalString& serverIP,
+    std::uint16_t serverPort, const OptionalString& productFamily) {
     if (profile != nullptr && !namesCollector(*profile)) return nullptr;
     UniqueDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
@@ -176,7 +178,7 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
 }
 
 DashboardBackend::DashboardBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
-                                   const Text& productFamily, UniqueDescriptor socket,
+                                   const OptionalString& productFamily, UniqueDescriptor socket,
                                    platform::SerialQueue queue)
     : QuorvaneBackend(name, profile, productFamily),
       _socketDescriptor(std::move(socket)),

@@ -49,17 +49,18 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     /// Null, and an error line, when the profile does not name a collector or the system refuses.
     static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
                                                           const std::shared_ptr<const Dictionary>& profile,
-                                                          const Text& productFamily);
+                                                          const OptionalString& productFamily);
     /// As above with a profile. Without one, an explicit address with reliable delivery.
     static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
                                                           const std::shared_ptr<const Dictionary>& profile,
-                                                          const Text& serverIP, std::uint16_t serverPort,
-                                                          const Text& productFamily);
+                                                          const OptionalString& serverIP,
+                                                          std::uint16_t serverPort,
+                                                          const OptionalString& productFamily);
     /// Null for port 0.
     static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
                                                           const std::string& serverIP,
                                                           std::uint16_t serverPort,
-                                                          const Text& productFamily);
+                                                          const OptionalString& productFamily);
     ~DashboardBackend() override;
 
     /// Sends one datagram; the answer is its line for the local log. Sessions do not call this form: their
@@ -101,7 +102,7 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     enum class CleanupState : std::int32_t { Running = 0, Asked = 1, LastResortScheduled = 2 };
 
     DashboardBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
-                     const Text& productFamily, platform::UniqueDescriptor socket,
+                     const OptionalString& productFamily, platform::UniqueDescriptor socket,
                      platform::SerialQueue queue);
     bool start(const sockaddr_in& address, std::optional<std::chrono::milliseconds> reliable);
     bool startTimer(std::chrono::milliseconds period);
@@ -109,7 +110,7 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
                                EventID eventID) const;
     void handOver(Data datagram, EventID eventID);
     bool send(const Data& datagram) const;
-    void sendUploadLocation(const Text& location);
+    void sendUploadLocation(const OptionalString& location);
     bool isStillWaiting(UDPPacketToSend& packet);
     bool retransmit(UDPPacketToSend& packet) const;
     void advanceCleanup();
@@ -122,7 +123,7 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     std::unique_ptr<platform::EventSource> _readSource;
     std::unique_ptr<platform::EventSource> _timer;
     CleanupState _cleanupState = CleanupState::Running;
-    Text _postURL;
+    OptionalString _postURL;
     std::atomic<std::size_t> _handedOver{0};       ///< Datagrams that the network queue has not taken yet.
     std::shared_ptr<DashboardBackend> _keptAlive;  ///< Itself, from a clean-up with datagrams to its end.
 };

@@ -11,15 +11,15 @@ using platform::logDebug;
 
 namespace {
 
-QuorvaneBackend::Text copyOf(const std::string* text) {
-    return text != nullptr ? QuorvaneBackend::Text(*text) : std::nullopt;
+QuorvaneBackend::OptionalString copyOf(const std::string* text) {
+    return text != nullptr ? QuorvaneBackend::OptionalString(*text) : std::nullopt;
 }
 
 }  // namespace
 
 std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::string& name,
                                                                  std::shared_ptr<const Dictionary> profile,
-                                                                 const Text& productFamily) {
+                                                                 const OptionalString& productFamily) {
     if (profile == nullptr || !productFamily) return nullptr;
     if (profile->array("clients") == nullptr) {
         platform::logError("HTTPSPostBackend(initWithName): can't find the client list.");
@@ -29,7 +29,7 @@ std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::stri
 }
 
 HTTPSPostBackend::HTTPSPostBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
-                                   const Text& productFamily)
+                                   const OptionalString& productFamily)
     : QuorvaneBackend(name, std::move(profile), productFamily),
       _postURL(daemonSetting("httpsPostURL")),
       _useDefaultPostURL(_postURL.has_value()),

@@ -25,7 +25,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     /// profile.
     static std::shared_ptr<HTTPSPostBackend> initWithName(const std::string& name,
                                                           std::shared_ptr<const Dictionary> profile,
-                                                          const Text& productFamily);
+                                                          const OptionalString& productFamily);
 
     /// Builds the event's record and posts or holds it. The answer is the posted message's pretty-printed
     /// JSON, when the user's consent lets it be logged.
@@ -52,12 +52,12 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     /// the ordinary one.
     bool updatePostLink(const Dictionary& entry);
 
-    const Text& postURL() const { return _postURL; }
-    void setPostURL(Text postURL) { _postURL = std::move(postURL); }
+    const OptionalString& postURL() const { return _postURL; }
+    void setPostURL(OptionalString postURL) { _postURL = std::move(postURL); }
 
   private:
     HTTPSPostBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
-                     const Text& productFamily);
+                     const OptionalString& productFamily);
 
     // The state: UpdateBackendState.cpp.
     void applyExpedite(const Dictionary& entry);
@@ -92,8 +92,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
               std::optional<std::uint16_t> responseCode, Answer* prettyJson);
 
     // Messages and posts: JSONPosting.cpp.
-    std::optional<Data> createMessageForPostAndLogging(Array events, Text* prettyJsonString) const;
-    Text clientID() const;
+    std::optional<Data> createMessageForPostAndLogging(Array events, OptionalString* prettyJsonString) const;
+    OptionalString clientID() const;
     std::vector<platform::HttpHeader> postHeaders(std::optional<std::uint16_t> method,
                                                   std::optional<std::uint16_t> responseCode) const;
     void postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
@@ -105,9 +105,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     static constexpr std::int32_t kDefaultEventThreshold = 49;
 
-    Text _postURL;
+    OptionalString _postURL;
     bool _useDefaultPostURL;  ///< the URL is the user default's, so client entries do not change it
-    Text _realtimePostURL;
+    OptionalString _realtimePostURL;
     bool _useDefaultRealtimePostURL;
     EventFilters _filters;
     const bool _dnuEnabled;  ///< the user's consent to the submission of diagnostics

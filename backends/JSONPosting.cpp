@@ -63,14 +63,14 @@ std::string headerSafe(std::string text) {
 }  // namespace
 
 std::optional<Data> HTTPSPostBackend::createMessageForPostAndLogging(Array events,
-                                                                     Text* prettyJsonString) const {
+                                                                     OptionalString* prettyJsonString) const {
     const double postTime = finiteOrMinusOne(secondsFromTimeValue(platform::timeOfDay()));
     for (Value& event : events) removeUnserialisable(*event.dictionary());
     const std::size_t count = events.size();
 
     Dictionary envelope;
     // Receivers know a message without "clientId": it has no events either.
-    if (Text client = clientID()) {
+    if (OptionalString client = clientID()) {
         envelope.set("clientId", *std::move(client));
         envelope.set("events", std::move(events));
     }
@@ -87,14 +87,15 @@ std::optional<Data> HTTPSPostBackend::createMessageForPostAndLogging(Array event
     return json;
 }
 
-QuorvaneBackend::Text HTTPSPostBackend::clientID() const {
-    if (_extrasOnInternal != 0 && isInternal()) return udid() != nullptr ? Text(udid()) : std::nullopt;
+QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
+    if (_extrasOnInternal != 0 && isInternal())
+        return udid() != nullptr ? OptionalString(udid()) : std::nullopt;
     return _dnuType == DnuType::None ? _uuidRespectDnu : _uuidOverrideDnu;
 }
 
 void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
                                        std::optional<std::uint16_t> responseCode) {
-    const Text& url = isRealtime(flag) ? _realtimePostURL : _postURL;
+    const OptionalString& url = isRealtime(flag) ? _realtimePostURL : _postURL;
     if (!url) return;
 
     // A failed compression counts as the shorter form and goes out as an empty body.

@@ -17,7 +17,7 @@ constexpr std::string_view kPowerLogEvent = "Strevad-QVN";
 
 std::shared_ptr<JoularyBackend> JoularyBackend::initWithName(const std::string& name,
                                                              std::shared_ptr<const Dictionary> profile,
-                                                             const Text& productFamily) {
+                                                             const OptionalString& productFamily) {
     return std::shared_ptr<JoularyBackend>(new JoularyBackend(name, std::move(profile), productFamily));
 }
 

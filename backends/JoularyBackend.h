@@ -13,7 +13,7 @@ class JoularyBackend final : public QuorvaneBackend {
   public:
     static std::shared_ptr<JoularyBackend> initWithName(const std::string& name,
                                                         std::shared_ptr<const Dictionary> profile,
-                                                        const Text& productFamily);
+                                                        const OptionalString& productFamily);
 
     /// Writes the message, with "method", "respCode" and "event" laid over it, as one registered event. An
     /// event with method 0 or an empty message is dropped. Sessions do not call this form: their events end

@@ -28,14 +28,14 @@ bool DashboardBackend::uploadLogData(const Array& logData) {
         return false;
     }
     // The status counts for nothing: whatever the server answers is where it put the data.
-    const Text location = replyText(result.response);
+    const OptionalString location = replyText(result.response);
     logDebug("DashboardBackend(uploadLogData): Log data uploaded to {}", orNull(location));
     sendUploadLocation(location);
     return true;
 }
 
 /// Numbered like any event and, like the session's own, dropped.
-void DashboardBackend::sendUploadLocation(const Text& location) {
+void DashboardBackend::sendUploadLocation(const OptionalString& location) {
     Dictionary message;
     if (location) message.set("LogDataUploadLocation", *location);
     sendMessage(&message, platform::timeOfDay(), 0, 2, MessageFlag{0});

@@ -14,21 +14,22 @@ namespace {
 
 using BackendPointer = std::shared_ptr<QuorvaneBackend>;
 using Profile = std::shared_ptr<const Dictionary>;
-using Text = QuorvaneBackend::Text;
+using OptionalString = QuorvaneBackend::OptionalString;
 
 template <typename Backend>
-BackendPointer make(const std::string& name, Profile profile, const Text& productFamily, std::int32_t) {
+BackendPointer make(const std::string& name, Profile profile, const OptionalString& productFamily,
+                    std::int32_t) {
     return Backend::initWithName(name, std::move(profile), productFamily);
 }
 
-BackendPointer makeOssel(const std::string& name, Profile profile, const Text& productFamily,
+BackendPointer makeOssel(const std::string& name, Profile profile, const OptionalString& productFamily,
                          std::int32_t clientType) {
     return OsselBackend::initWithName(name, std::move(profile), productFamily, clientType);
 }
 
 struct Maker {
     std::string_view name;
-    BackendPointer (*make)(const std::string& name, Profile profile, const Text& productFamily,
+    BackendPointer (*make)(const std::string& name, Profile profile, const OptionalString& productFamily,
                            std::int32_t clientType);
 };
 
@@ -46,7 +47,7 @@ bool isRefusedHere(std::string_view name) {
 }  // namespace
 
 std::shared_ptr<QuorvaneBackend> QuorvaneBackend::newBackendWithName(
-    const std::string& name, std::shared_ptr<const Dictionary> profile, const Text& productFamily,
+    const std::string& name, std::shared_ptr<const Dictionary> profile, const OptionalString& productFamily,
     std::int32_t clientType) {
     for (const Maker& maker : makers)
         if (maker.name == name && !isRefusedHere(name))

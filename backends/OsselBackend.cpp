@@ -35,13 +35,14 @@ std::optional<Data> bytesOf(const Dictionary* message) {
 
 std::shared_ptr<OsselBackend> OsselBackend::initWithName(const std::string& name,
                                                          std::shared_ptr<const Dictionary> profile,
-                                                         const Text& productFamily) {
+                                                         const OptionalString& productFamily) {
     return initWithName(name, std::move(profile), productFamily, 0);
 }
 
 std::shared_ptr<OsselBackend> OsselBackend::initWithName(const std::string& name,
                                                          std::shared_ptr<const Dictionary> profile,
-                                                         const Text& productFamily, std::int32_t clientType) {
+                                                         const OptionalString& productFamily,
+                                                         std::int32_t clientType) {
     platform::logInfo("OsselBackend(initWithName): Loading Ossel adaptor class for client type {}",
                       clientType);
     if (!hasAdaptor(clientType)) {
@@ -52,7 +53,7 @@ std::shared_ptr<OsselBackend> OsselBackend::initWithName(const std::string& name
 }
 
 OsselBackend::OsselBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
-                           const Text& productFamily)
+                           const OptionalString& productFamily)
     : QuorvaneBackend(name, std::move(profile), productFamily),
       _clientBundle(loadCodeBundle(platform::rooted(kBundlePath))),
       _osselAdaptorClass(classNamed(_clientBundle, kClass)),

@@ -16,12 +16,13 @@ class OsselBackend final : public QuorvaneBackend {
     /// For client type 0, so always null.
     static std::shared_ptr<OsselBackend> initWithName(const std::string& name,
                                                       std::shared_ptr<const Dictionary> profile,
-                                                      const Text& productFamily);
+                                                      const OptionalString& productFamily);
     /// Null, and an error line, for a client type that has no adaptor; 7 and 11 have one. A bundle that
     /// cannot be loaded or lacks the class is no failure: then each event costs an error line.
     static std::shared_ptr<OsselBackend> initWithName(const std::string& name,
                                                       std::shared_ptr<const Dictionary> profile,
-                                                      const Text& productFamily, std::int32_t clientType);
+                                                      const OptionalString& productFamily,
+                                                      std::int32_t clientType);
 
     /// The adaptor gets the method, the response code and the message alone. Waits for it.
     Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
@@ -30,7 +31,7 @@ class OsselBackend final : public QuorvaneBackend {
 
   private:
     OsselBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
-                 const Text& productFamily);
+                 const OptionalString& productFamily);
 
     const QuorvaneCodeBundle* const _clientBundle;
     const QuorvaneClass* const _osselAdaptorClass;

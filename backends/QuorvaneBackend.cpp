@@ -28,7 +28,7 @@ int leadingInteger(std::string_view text) {
 }  // namespace
 
 QuorvaneBackend::QuorvaneBackend(std::string name, std::shared_ptr<const Dictionary> profile,
-                                 Text productFamily)
+                                 OptionalString productFamily)
     : _profile(std::move(profile)),
       _name(std::move(name)),
       _productFamily(std::move(productFamily)),
@@ -84,12 +84,12 @@ void QuorvaneBackend::setStartTimestamp(TimeValue time) {
     _startTimeStamp = secondsFromTimeValue(time);
 }
 
-QuorvaneBackend::Text QuorvaneBackend::combinedSessionIDString() const {
+QuorvaneBackend::OptionalString QuorvaneBackend::combinedSessionIDString() const {
     const MutexLock lock(_lock);
     return _combinedSessionIDString;
 }
 
-void QuorvaneBackend::setCombinedSessionIDString(Text combinedSessionID) {
+void QuorvaneBackend::setCombinedSessionIDString(OptionalString combinedSessionID) {
     const MutexLock lock(_lock);
     _combinedSessionIDString = std::move(combinedSessionID);
 }

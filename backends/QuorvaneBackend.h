@@ -30,12 +30,12 @@ class QuorvaneBackend {
   public:
     using TimeValue = platform::TimeValue;
     using Answer = std::optional<std::string>;
-    using Text = std::optional<std::string>;
+    using OptionalString = std::optional<std::string>;
 
     /// Makes the backend of that name; null, and an error line, for an unknown name.
     static std::shared_ptr<QuorvaneBackend> newBackendWithName(const std::string& name,
                                                                std::shared_ptr<const Dictionary> profile,
-                                                               const Text& productFamily,
+                                                               const OptionalString& productFamily,
                                                                std::int32_t clientType);
 
     virtual ~QuorvaneBackend() = default;
@@ -74,8 +74,8 @@ class QuorvaneBackend {
     void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
 
     /// The ancestors' session identifiers and the session's own, top down, joined by ".".
-    Text combinedSessionIDString() const;
-    void setCombinedSessionIDString(Text combinedSessionID);
+    OptionalString combinedSessionIDString() const;
+    void setCombinedSessionIDString(OptionalString combinedSessionID);
 
     std::int32_t hierarchy() const { return _hierarchy; }
     void setHierarchy(std::int32_t hierarchy) { _hierarchy = hierarchy; }
@@ -97,20 +97,20 @@ class QuorvaneBackend {
     void setName(std::string name) { _name = std::move(name); }
 
     /// A page that a client may show for this backend's data.
-    const Text& displayURL() const { return _displayURL; }
-    void setDisplayURL(Text displayURL) { _displayURL = std::move(displayURL); }
+    const OptionalString& displayURL() const { return _displayURL; }
+    void setDisplayURL(OptionalString displayURL) { _displayURL = std::move(displayURL); }
 
-    const Text& productVersion() const { return _productVersion; }
-    void setProductVersion(Text productVersion) { _productVersion = std::move(productVersion); }
+    const OptionalString& productVersion() const { return _productVersion; }
+    void setProductVersion(OptionalString productVersion) { _productVersion = std::move(productVersion); }
 
-    const Text& buildVersion() const { return _buildVersion; }
-    void setBuildVersion(Text buildVersion) { _buildVersion = std::move(buildVersion); }
+    const OptionalString& buildVersion() const { return _buildVersion; }
+    void setBuildVersion(OptionalString buildVersion) { _buildVersion = std::move(buildVersion); }
 
-    const Text& hardwareType() const { return _hardwareType; }
-    void setHardwareType(Text hardwareType) { _hardwareType = std::move(hardwareType); }
+    const OptionalString& hardwareType() const { return _hardwareType; }
+    void setHardwareType(OptionalString hardwareType) { _hardwareType = std::move(hardwareType); }
 
-    const Text& productFamily() const { return _productFamily; }
-    void setProductFamily(Text productFamily) { _productFamily = std::move(productFamily); }
+    const OptionalString& productFamily() const { return _productFamily; }
+    void setProductFamily(OptionalString productFamily) { _productFamily = std::move(productFamily); }
 
     bool isInternal() const { return _isInternal; }
     void setIsInternal(bool isInternal) { _isInternal = isInternal; }
@@ -135,7 +135,8 @@ class QuorvaneBackend {
     void setSamplingThreshold(std::optional<Value> samplingThreshold);
 
   protected:
-    QuorvaneBackend(std::string name, std::shared_ptr<const Dictionary> profile, Text productFamily);
+    QuorvaneBackend(std::string name, std::shared_ptr<const Dictionary> profile,
+                    OptionalString productFamily);
 
     /// The storebag section's entry for this backend, or null.
     const std::shared_ptr<const Dictionary>& profile() const { return _profile; }
@@ -158,13 +159,13 @@ class QuorvaneBackend {
     const std::shared_ptr<const Dictionary> _profile;
     std::string _name;
     std::atomic<BackendState> _state{BackendState::WaitingForUserInfo};
-    Text _productVersion;
-    Text _buildVersion;
-    Text _hardwareType;
-    Text _productFamily;
+    OptionalString _productVersion;
+    OptionalString _buildVersion;
+    OptionalString _hardwareType;
+    OptionalString _productFamily;
     double _startTimeStamp = 0;
     std::uint32_t _sessionID = 0;
-    Text _combinedSessionIDString GUARDED_BY(_lock);
+    OptionalString _combinedSessionIDString GUARDED_BY(_lock);
     std::atomic<std::int32_t> _hierarchy{0};
     std::int32_t _compType = 0;
     std::uint16_t _clientVersion = 0;
@@ -176,7 +177,7 @@ class QuorvaneBackend {
     std::shared_ptr<const Dictionary> _userInfoDict;
     bool _batchEvents = false;
     const char* _udid = nullptr;
-    Text _displayURL;
+    OptionalString _displayURL;
     double _samplingFactor;
     std::optional<Value> _samplingThreshold GUARDED_BY(_lock);
 };

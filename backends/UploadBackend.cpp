@@ -1,8 +1,8 @@
 #include "backends/UploadBackend.h"
 
 #include "backends/UploadRequest.h"
-#include "platform/base/ByteRoom.h"
 #include "platform/base/Log.h"
+#include "platform/base/MemoryBudget.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "platform/value/Url.h"
 #include "util/Compression.h"
@@ -35,10 +35,10 @@ constexpr std::size_t kRoomBytes = 64u << 20;
 /// A client whose file system stalls holds its room; the others must not wait for ever.
 constexpr std::chrono::minutes kPatience{10};
 
-platform::ByteRoom& roomFor(std::size_t fileBytes) {
+platform::MemoryBudget& roomFor(std::size_t fileBytes) {
     // Neither ends before the process does: uploads may still run then.
-    static auto* const small = new platform::ByteRoom(kRoomBytes);
-    static auto* const large = new platform::ByteRoom(kRoomBytes);
+    static auto* const small = new platform::MemoryBudget(kRoomBytes);
+    static auto* const large = new platform::MemoryBudget(kRoomBytes);
     return fileBytes <= kSmallFileBytes ? *small : *large;
 }
 
@@ -91,7 +91,7 @@ std::optional<std::string> textIn(const Dictionary& profile, std::string_view ke
 
 std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& name,
                                                            const std::shared_ptr<const Dictionary>& profile,
-                                                           const Text& productFamily) {
+                                                           const OptionalString& productFamily) {
     if (profile == nullptr || profile->string("post_url") == nullptr) {
         logError("UploadBackend(initWithName): can't resolve upload post URL.");
         return nullptr;
@@ -100,7 +100,7 @@ std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& na
 }
 
 UploadBackend::UploadBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
-                             const Text& productFamily)
+                             const OptionalString& productFamily)
     : QuorvaneBackend(name, profile, productFamily), _uploadURL(textIn(*profile, "post_url")) {
     setDisplayURL(textIn(*profile, "display_url"));
 }
@@ -116,7 +116,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const char* extens
         logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
         return false;
     }
-    std::optional<platform::ByteRoom::Share> room = roomFor(*size).enter(*size, kPatience);
+    std::optional<platform::MemoryBudget::Reservation> room = roomFor(*size).acquire(*size, kPatience);
     if (!room) {
         logError("UploadBackend(uploadFileAtPath): No room for file {}", path);
         return false;
@@ -149,7 +149,7 @@ bool UploadBackend::post(std::string url, Data compressed) const {
         logError("UploadBackend(uploadFileAtPath): post {}", *result.error);
         return false;
     }
-    const Text reply = replyText(result.response);
+    const OptionalString reply = replyText(result.response);
     logDebug("UploadBackend(uploadFileAtPath): sending to |{}|, Json output: {}", orNull(_uploadURL),
              orNull(reply));
     return reply && reply->find("success") != std::string::npos;

@@ -17,7 +17,7 @@ class UploadBackend final : public QuorvaneBackend {
     /// Reads "post_url" and "display_url" from the profile. Null, and an error line, without the former.
     static std::shared_ptr<UploadBackend> initWithName(const std::string& name,
                                                        const std::shared_ptr<const Dictionary>& profile,
-                                                       const Text& productFamily);
+                                                       const OptionalString& productFamily);
 
     /// Sends the file that the token was issued for, when the path names it, and waits for the answer. True
     /// once the server or the network has answered, whatever the answer; a reply with "success" in it has the
@@ -28,17 +28,17 @@ class UploadBackend final : public QuorvaneBackend {
     /// wait until there is room for them.
     bool uploadFileAtPath(const std::string& path, const char* extensionToken) override;
 
-    const Text& uploadURL() const { return _uploadURL; }
-    void setUploadURL(Text uploadURL) { _uploadURL = std::move(uploadURL); }
+    const OptionalString& uploadURL() const { return _uploadURL; }
+    void setUploadURL(OptionalString uploadURL) { _uploadURL = std::move(uploadURL); }
 
   private:
     UploadBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
-                  const Text& productFamily);
+                  const OptionalString& productFamily);
     std::string requestURL(std::string_view path) const;
     /// Whether the server says that it has the file.
     bool post(std::string url, Data compressed) const;
 
-    Text _uploadURL;
+    OptionalString _uploadURL;
 };
 
 }  // namespace quorvane

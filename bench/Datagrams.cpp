@@ -1,7 +1,7 @@
 #include "backends/DashboardBackend.h"
+#include "bench/BenchOptions.h"
 #include "bench/Die.h"
 #include "bench/Load.h"
-#include "bench/Options.h"
 #include "bench/ProcessFigures.h"
 #include "bench/Report.h"
 #include "platform/base/UniqueDescriptor.h"

@@ -2,7 +2,7 @@
 // HTTPS server. Every claim is a ratio of two measurements of one run, so that the machine and what else it
 // does count in both.
 
-#include "bench/Options.h"
+#include "bench/BenchOptions.h"
 #include "bench/Report.h"
 
 #include <CLI/CLI.hpp>

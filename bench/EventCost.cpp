@@ -1,7 +1,7 @@
+#include "bench/BenchOptions.h"
 #include "bench/Die.h"
 #include "bench/EchoClient.h"
 #include "bench/EchoServer.h"
-#include "bench/Options.h"
 #include "bench/Report.h"
 #include "bench/Sending.h"
 #include "bench/Unavoidable.h"

@@ -1,5 +1,5 @@
+#include "bench/BenchOptions.h"
 #include "bench/Die.h"
-#include "bench/Options.h"
 #include "bench/Report.h"
 #include "bench/Sending.h"
 #include "bench/World.h"

@@ -2,7 +2,7 @@
 #include "client/Connection.h"
 #include "client/LentFiles.h"
 #include "client/ReplyInterface.h"
-#include "client/WireForm.h"
+#include "client/Serialization.h"
 #include "framework/Keys.h"
 #include "platform/base/Root.h"
 #include "platform/bus/BusValue.h"

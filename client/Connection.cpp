@@ -78,7 +78,7 @@ Result<std::unique_ptr<Connection>> Connection::start(platform::UniqueDescriptor
 Connection::Connection(platform::UniqueDescriptor socket, std::shared_ptr<platform::UniqueDescriptor> wake,
                        ConnectOptions options)
     : _wake(std::move(wake)),
-      _delivery(Delivery::create(std::move(options.executor), _wake)),
+      _callbacks(CallbackQueue::create(std::move(options.executor), _wake)),
       _disconnected(std::move(options.disconnected)),
       _socket(std::move(socket)) {}
 
@@ -253,13 +253,13 @@ Error Connection::sendingError(int error) const {
     return systemError("cannot send", error);
 }
 
-void Connection::deliverLater(Delivery::Callback callback) {
+void Connection::deliverLater(CallbackQueue::Callback callback) {
     _readyBytes += callback.bytes;
     _ready.push_back(std::move(callback));
 }
 
 bool Connection::isOverfull() const {
-    return _delivery->waitingBytes() + _readyBytes >= 2 * Delivery::kBoundBytes;
+    return _callbacks->waitingBytes() + _readyBytes >= 2 * CallbackQueue::kBoundBytes;
 }
 
 void Connection::run() {
@@ -267,10 +267,11 @@ void Connection::run() {
     for (;;) {
         const Next next = process();
         _readyBytes = 0;
-        if (!_ready.empty()) _delivery->deliver(std::exchange(_ready, {}));
+        if (!_ready.empty()) _callbacks->deliver(std::exchange(_ready, {}));
         if (next.over) return;
         // Callbacks that ended while what they left was not yet counted as waiting have woken nobody.
-        const bool hasRoomAgain = !next.awaited.reading && _delivery->waitingBytes() < Delivery::kBoundBytes;
+        const bool hasRoomAgain =
+            !next.awaited.reading && _callbacks->waitingBytes() < CallbackQueue::kBoundBytes;
         if (!next.more && !hasRoomAgain) waitFor(next.awaited);
     }
 }
@@ -316,7 +317,7 @@ void Connection::waitFor(const Awaited& awaited) const {
 }
 
 bool Connection::mayRead() const {
-    return _blocked > 0 || _delivery->waitingBytes() + _readyBytes < Delivery::kBoundBytes;
+    return _blocked > 0 || _callbacks->waitingBytes() + _readyBytes < CallbackQueue::kBoundBytes;
 }
 
 bool Connection::hasQueuedWrites() const {
@@ -351,7 +352,7 @@ void Connection::close(Timeout limit) {
         wake();
     }
     if (_thread.joinable()) _thread.join();
-    _delivery->close();
+    _callbacks->close();
     drainUntil(deadline);
     const MutexLock lock(_mutex);
     _bus = ::sd_bus_close_unref(_bus);

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "client/CallbackQueue.h"
 #include "client/Deadline.h"
-#include "client/Delivery.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/base/UniqueDescriptor.h"
 
@@ -59,7 +59,7 @@ class Connection {
     Status callAndWait(const Method& method, const Encoder& encode, const Decoder& decode, Timeout timeout);
 
     /// Hands the callback to the executor once the lock is released. From replies and exported objects only.
-    void deliverLater(Delivery::Callback callback);
+    void deliverLater(CallbackQueue::Callback callback);
     /// Whether the executor has too much waiting for another event to be kept.
     bool isOverfull() const;
 
@@ -110,7 +110,7 @@ class Connection {
     void drainUntil(const Deadline& deadline) const;
 
     const std::shared_ptr<platform::UniqueDescriptor> _wake;
-    const std::shared_ptr<Delivery> _delivery;
+    const std::shared_ptr<CallbackQueue> _callbacks;
     std::function<void(Error)> _disconnected;
     platform::UniqueDescriptor _socket;  ///< A second descriptor of the bus's socket.
     std::thread _thread;
@@ -123,7 +123,8 @@ class Connection {
     std::list<std::unique_ptr<Call>> _calls GUARDED_BY(_mutex);  ///< Not yet answered.
     std::size_t _blocked GUARDED_BY(_mutex) = 0;  ///< Threads that wait for an answer or for room.
     std::size_t _roomWaiters GUARDED_BY(_mutex) = 0;
-    std::vector<Delivery::Callback> _ready;  ///< Touched by the connection's thread only, as is the next.
+    std::vector<CallbackQueue::Callback>
+        _ready;  ///< Touched by the connection's thread only, as is the next.
     std::size_t _readyBytes = 0;
     Awaited _awaited GUARDED_BY(_mutex);
 };

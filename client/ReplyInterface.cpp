@@ -1,6 +1,6 @@
 #include "client/ReplyInterface.h"
 
-#include "client/WireForm.h"
+#include "client/Serialization.h"
 #include "framework/Keys.h"
 #include "platform/bus/BusValue.h"
 

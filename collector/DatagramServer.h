@@ -1,7 +1,7 @@
 #pragma once
 
+#include "collector/DatagramDeduplicator.h"
 #include "collector/EventSink.h"
-#include "collector/RecentDatagrams.h"
 #include "collector/StopSignal.h"
 #include "platform/base/UniqueDescriptor.h"
 
@@ -38,7 +38,7 @@ class DatagramServer {
     const StopSignal& _stop;
     platform::UniqueDescriptor _socket;
     int _port = 0;
-    RecentDatagrams _recent;
+    DatagramDeduplicator _recent;
     std::uint64_t _taken = 0;
     std::uint64_t _repeated = 0;
     std::uint64_t _malformed = 0;

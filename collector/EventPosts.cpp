@@ -61,7 +61,7 @@ std::optional<std::string> linesOf(const PostFacts& facts, const EventEnvelope& 
     return lines;
 }
 
-Answer refused(const PostFacts& facts, std::string_view reason) {
+Response refused(const PostFacts& facts, std::string_view reason) {
     platform::logWarning("{} from {} refused: {}", facts.path, facts.peer, reason);
     return refusal(400, reason);
 }
@@ -73,7 +73,7 @@ EventPosts::EventPosts(EventSink& sink, RemovedKeys removed)
       _removed(std::move(removed)),
       _parsers(std::max(1u, std::thread::hardware_concurrency())) {}
 
-Answer EventPosts::take(const PostFacts& facts, std::string_view message) {
+Response EventPosts::take(const PostFacts& facts, std::string_view message) {
     const Permit permit(_parsers);
     auto parsed = platform::parseJson(message);
     if (!parsed) return refused(facts, "the message is not JSON, holds null or nests too deep");

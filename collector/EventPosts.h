@@ -1,8 +1,8 @@
 #pragma once
 
-#include "collector/Answer.h"
 #include "collector/EventEnvelope.h"
 #include "collector/EventSink.h"
+#include "collector/Response.h"
 
 #include <optional>
 #include <semaphore>
@@ -30,7 +30,7 @@ class EventPosts {
     /// The message's answer: 200 with the number of events, 400 with the reason, or, when nothing can be
     /// written, 503. All events of a message are written or none. 503 makes a device stop reporting until its
     /// configuration is read again, so it stands for nothing else.
-    Answer take(const PostFacts& facts, std::string_view message);
+    Response take(const PostFacts& facts, std::string_view message);
 
   private:
     EventSink& _sink;

@@ -56,7 +56,7 @@ BodyResult readBody(const BodySource& source, bool packed, std::uint64_t limit,
     return whole || body.result() == BodyResult::TooLarge ? body.result() : BodyResult::Cut;
 }
 
-std::optional<Answer> bodyRefusal(BodyResult result) {
+std::optional<Response> bodyRefusal(BodyResult result) {
     switch (result) {
         case BodyResult::TooLarge:
             return refusal(413, "the body is too large");

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "collector/Answer.h"
+#include "collector/Response.h"
 
 #include <cstdint>
 #include <functional>
@@ -28,6 +28,6 @@ BodyResult readBody(const BodySource& source, bool packed, std::uint64_t limit,
                     const std::function<bool(std::string_view)>& take);
 
 /// What a body that did not end well is answered with; nothing for a whole one.
-std::optional<Answer> bodyRefusal(BodyResult result);
+std::optional<Response> bodyRefusal(BodyResult result);
 
 }  // namespace quorvane::collector

@@ -25,7 +25,7 @@ std::string mediaType(const Request& request) {
 }
 
 /// A body's framing is told once and clearly, or the next request would be looked for in the wrong place.
-std::optional<Answer> framingRefusal(const Request& request, std::uint64_t limit) {
+std::optional<Response> framingRefusal(const Request& request, std::uint64_t limit) {
     const bool chunked = request.has_header("Transfer-Encoding");
     if (!chunked && !request.has_header("Content-Length")) return refusal(411, "no length of the body");
     if (chunked &&
@@ -39,14 +39,14 @@ std::optional<Answer> framingRefusal(const Request& request, std::uint64_t limit
     return std::nullopt;
 }
 
-std::optional<Answer> encodingRefusal(const Request& request) {
+std::optional<Response> encodingRefusal(const Request& request) {
     const std::string encoding = request.get_header_value(kEncodingHeader);
     if (encoding.empty() || encoding == "gzip" || encoding == "identity") return std::nullopt;
     return refusal(415, "the body is neither plain nor gzip");
 }
 
 /// What of an upload's query cannot be missing.
-std::optional<Answer> queryRefusal(const Request& request) {
+std::optional<Response> queryRefusal(const Request& request) {
     const std::string sequence = request.get_param_value("sequence");
     if (request.get_param_value("uuid").empty() || request.get_param_value("filename").empty())
         return refusal(400, "no 'uuid' or no 'filename'");
@@ -56,19 +56,19 @@ std::optional<Answer> queryRefusal(const Request& request) {
 }
 
 /// The library would look for parts in it.
-std::optional<Answer> multipartRefusal(const Request& request) {
+std::optional<Response> multipartRefusal(const Request& request) {
     if (!mediaType(request).starts_with("multipart/")) return std::nullopt;
     return refusal(415, "the body has several parts");
 }
 
-std::optional<Answer> bagRefusal(const Request& request) {
+std::optional<Response> bagRefusal(const Request& request) {
     if (request.method != "GET" && request.method != "HEAD") return refusal(405, "GET or HEAD only");
     const bool empty = !request.has_header("Content-Length") || contentLength(request) == 0u;
     if (request.has_header("Transfer-Encoding") || !empty) return refusal(400, "a body where none belongs");
     return std::nullopt;
 }
 
-std::optional<Answer> bodyHeadRefusal(const Request& request, std::uint64_t limit) {
+std::optional<Response> bodyHeadRefusal(const Request& request, std::uint64_t limit) {
     if (request.method != "POST") return refusal(405, "POST only");
     if (auto refused = framingRefusal(request, limit)) return refused;
     return encodingRefusal(request);
@@ -98,7 +98,7 @@ void normaliseHead(Request& request) {
     if (encoding) request.set_header(kEncodingHeader, *encoding);
 }
 
-std::optional<Answer> refusalByHead(const Request& request, const RequestLimits& limits) {
+std::optional<Response> refusalByHead(const Request& request, const RequestLimits& limits) {
     const Resource resource = resourceAt(request.path);
     if (resource == Resource::None) return refusal(404, "there is nothing here");
     if (resource == Resource::Bag) return bagRefusal(request);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "collector/Answer.h"
+#include "collector/Response.h"
 
 #include <httplib.h>
 
@@ -40,7 +40,7 @@ void normaliseHead(httplib::Request& request);
 
 /// Why the request is refused on its head alone; nothing when it is not. The body of a refused request is not
 /// read.
-std::optional<Answer> refusalByHead(const httplib::Request& request, const RequestLimits& limits);
+std::optional<Response> refusalByHead(const httplib::Request& request, const RequestLimits& limits);
 
 /// Whether the body is a gzip stream.
 bool isPacked(const httplib::Request& request);

@@ -25,7 +25,6 @@ namespace quorvane::collector {
 namespace {
 
 using httplib::Request;
-using httplib::Response;
 using std::chrono::seconds;
 
 constexpr seconds kHandshakeTime{10};
@@ -36,7 +35,7 @@ constexpr seconds kBodyTime{30};
 constexpr std::uint64_t kSlowestBytesPerSecond = 16u << 10;
 constexpr std::uint64_t kMaximumHeadBytes = 64u << 10;
 
-void send(const Answer& answer, Response& response) {
+void send(const Response& answer, httplib::Response& response) {
     response.status = answer.status;
     response.set_content(answer.body, answer.contentType);
 }
@@ -45,7 +44,7 @@ std::string peerOf(const Request& request) {
     return fmt::format("{}:{}", request.remote_addr, request.remote_port);
 }
 
-void refuse(const Answer& refused, const Request& request, Response& response) {
+void refuse(const Response& refused, const Request& request, httplib::Response& response) {
     platform::logWarning("{} {} from {} refused: {}", request.method, request.path, peerOf(request),
                          refused.body);
     send(refused, response);
@@ -125,30 +124,30 @@ class WebServer::Listener final : public httplib::Server {
 
     void route() {
         new_task_queue = [count = _settings.connections] { return new httplib::ThreadPool(count); };
-        set_pre_routing_handler([this](const Request& request, Response& response) {
+        set_pre_routing_handler([this](const Request& request, httplib::Response& response) {
             return answerByHead(request, response) ? HandlerResponse::Handled : HandlerResponse::Unhandled;
         });
-        set_expect_100_continue_handler([this](const Request& request, Response& response) {
+        set_expect_100_continue_handler([this](const Request& request, httplib::Response& response) {
             const auto refused = refusalByHead(request, _limits);
             if (refused) send(*refused, response);
             return refused ? refused->status : 100;
         });
-        set_exception_handler([](const Request& request, Response& response, const std::exception_ptr&) {
-            platform::logError("A request from {} failed", peerOf(request));
-            servedConnection->endReading();
-            send(refusal(503, "the request failed"), response);
-        });
+        set_exception_handler(
+            [](const Request& request, httplib::Response& response, const std::exception_ptr&) {
+                platform::logError("A request from {} failed", peerOf(request));
+                servedConnection->endReading();
+                send(refusal(503, "the request failed"), response);
+            });
         for (const char* path : kEventPaths) Post(path, handler(&Listener::takeEvents));
         Post(kUploadPath, handler(&Listener::takeFile));
         Post(kLogDataPath, handler(&Listener::takeLogData));
     }
 
-    HandlerWithContentReader handler(void (Listener::*take)(const Request&, Response&,
+    HandlerWithContentReader handler(void (Listener::*take)(const Request&, httplib::Response&,
                                                             const httplib::ContentReader&) const) const {
         return
-            [this, take](const Request& request, Response& response, const httplib::ContentReader& reader) {
-                (this->*take)(request, response, reader);
-            };
+            [this, take](const Request& request, httplib::Response& response,
+                         const httplib::ContentReader& reader) { (this->*take)(request, response, reader); };
     }
 
     // One connection, on a thread of the library's pool.
@@ -194,7 +193,7 @@ class WebServer::Listener final : public httplib::Server {
         return true;
     }
 
-    bool answerByHead(const Request& request, Response& response) const {
+    bool answerByHead(const Request& request, httplib::Response& response) const {
         if (const auto refused = refusalByHead(request, _limits)) {
             response.set_header("Connection", "close");
             if (refused->status == 405)
@@ -208,7 +207,7 @@ class WebServer::Listener final : public httplib::Server {
         return true;
     }
 
-    void serveBag(const Request& request, Response& response) const {
+    void serveBag(const Request& request, httplib::Response& response) const {
         const std::string_view name = bagName(request.path);
         auto bag = _parts.bags != nullptr ? _parts.bags->bag(name) : std::nullopt;
         if (!bag) {
@@ -229,7 +228,8 @@ class WebServer::Listener final : public httplib::Server {
         platform::logInfo("Bag {} for {}: {}", name, peerOf(request), response.status);
     }
 
-    void takeEvents(const Request& request, Response& response, const httplib::ContentReader& reader) const {
+    void takeEvents(const Request& request, httplib::Response& response,
+                    const httplib::ContentReader& reader) const {
         std::string message;
         const BodyResult result = bodyOf(request, reader, _limits.postBytes)([&](std::string_view bytes) {
             message += bytes;
@@ -244,20 +244,22 @@ class WebServer::Listener final : public httplib::Server {
             send(_parts.posts.take(factsOf(request), message), response);
     }
 
-    void takeFile(const Request& request, Response& response, const httplib::ContentReader& reader) const {
+    void takeFile(const Request& request, httplib::Response& response,
+                  const httplib::ContentReader& reader) const {
         const auto body = bodyOf(request, reader, _limits.uploadBytes);
         send(_parts.uploads->takeFile(uploadFactsOf(request), body), response);
     }
 
-    void takeLogData(const Request& request, Response& response, const httplib::ContentReader& reader) const {
+    void takeLogData(const Request& request, httplib::Response& response,
+                     const httplib::ContentReader& reader) const {
         const auto body = bodyOf(request, reader, _limits.uploadBytes);
         send(_parts.uploads->takeLogData(peerOf(request), body), response);
     }
 
     /// The body as it comes, unpacked; request and reader must outlive it.
-    static Uploads::Body bodyOf(const Request& request, const httplib::ContentReader& reader,
-                                std::uint64_t limit) {
-        return [&request, &reader, limit](const Uploads::Take& take) {
+    static UploadReceiver::Body bodyOf(const Request& request, const httplib::ContentReader& reader,
+                                       std::uint64_t limit) {
+        return [&request, &reader, limit](const UploadReceiver::Take& take) {
             const auto source = [&](const auto& receive) {
                 const bool whole = reader(receive);
                 // Where the next request starts is not known then.

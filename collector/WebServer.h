@@ -4,7 +4,7 @@
 #include "collector/Certificate.h"
 #include "collector/EventPosts.h"
 #include "collector/StopSignal.h"
-#include "collector/Uploads.h"
+#include "collector/UploadReceiver.h"
 
 #include <chrono>
 #include <cstddef>
@@ -36,7 +36,7 @@ class WebServer {
     struct Parts {
         const BagFolder* bags = nullptr;  ///< may be null
         EventPosts& posts;
-        Uploads* uploads = nullptr;  ///< may be null
+        UploadReceiver* uploads = nullptr;  ///< may be null
     };
 
     /// Listens at once, so that a client may connect; nobody is answered before serve(). The parts and the

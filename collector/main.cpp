@@ -1,12 +1,12 @@
 #include "collector/BagFolder.h"
 #include "collector/Certificate.h"
+#include "collector/CollectorOptions.h"
 #include "collector/DatagramServer.h"
 #include "collector/EventPosts.h"
 #include "collector/EventSink.h"
-#include "collector/Options.h"
 #include "collector/StartError.h"
 #include "collector/StopSignal.h"
-#include "collector/Uploads.h"
+#include "collector/UploadReceiver.h"
 #include "collector/WebServer.h"
 #include "platform/base/Clock.h"
 #include "platform/base/FileManager.h"
@@ -101,7 +101,7 @@ int run(const Options& options) {
     EventPosts posts(sink, options.removedKeys);
     std::optional<BagFolder> bags;
     if (options.bagFolder) bags.emplace(*options.bagFolder);
-    std::optional<Uploads> uploads;
+    std::optional<UploadReceiver> uploads;
     if (options.uploadFolder) uploads.emplace(*options.uploadFolder, sink);
     std::optional<DatagramServer> datagrams;
     if (options.udpPort) datagrams.emplace(options.web.address, *options.udpPort, sink, stop);

@@ -9,7 +9,7 @@
 #include "platform/sandbox/Sandbox.h"
 #include "platform/system/QualityOfService.h"
 #include "service/QuorvanedAgent.h"
-#include "service/Termination.h"
+#include "service/Shutdown.h"
 #include "util/DeviceFacts.h"
 
 #include <systemd/sd-daemon.h>
@@ -59,7 +59,7 @@ int serve() {
     if (loop == nullptr || listener == nullptr) return EXIT_FAILURE;
     const auto agent = QuorvanedAgent::init();
     listener->setDelegate([&](const auto& connection) { return agent->listener(*listener, connection); });
-    Termination termination(*loop, *listener);
+    Shutdown termination(*loop, *listener);
     if (!termination.awaitSignals() || !listener->resume(*loop)) {
         platform::logError("main: The run loop refuses to serve.");
         return EXIT_FAILURE;

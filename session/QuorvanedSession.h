@@ -116,7 +116,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     void aggregateMessage(double timestamp, std::uint16_t category, std::uint16_t type,
                           const Dictionary* payload);
 
-    // Uploads: Uploads.cpp.
+    // Uploads: SessionUploads.cpp.
     void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
                            const std::function<void(bool)>& completionHandler);
 

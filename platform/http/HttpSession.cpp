@@ -1,6 +1,6 @@
 #include "platform/http/HttpSession.h"
 
-#include "platform/base/ByteRoom.h"
+#include "platform/base/MemoryBudget.h"
 #include "platform/base/Thread.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/http/HttpTransfer.h"
@@ -34,7 +34,7 @@ struct Task {
     HttpRequest request;
     HttpCompletion completion;
     /// What it takes of the room for waiting bodies, if it counts there.
-    std::optional<ByteRoom::Share> room = {};
+    std::optional<MemoryBudget::Reservation> room = {};
     bool isAwaited = false;  ///< A thread does nothing else until the request is done.
 };
 
@@ -197,8 +197,8 @@ class SessionThread {
 };
 
 /// None of these ends before the process does, since the thread never ends.
-ByteRoom& waitingBytes() {
-    static auto* const shared = new ByteRoom(kWaitingBytes);
+MemoryBudget& waitingBytes() {
+    static auto* const shared = new MemoryBudget(kWaitingBytes);
     return *shared;
 }
 
@@ -232,7 +232,7 @@ void startDataTask(HttpRequest request, HttpCompletion completion) {
     const std::size_t bytes = kRequestBytes + request.body.size();
     start({.request = std::move(request),
            .completion = std::move(completion),
-           .room = waitingBytes().enter(bytes)});
+           .room = waitingBytes().acquire(bytes)});
 }
 
 HttpResult performDataTask(HttpRequest request) {

@@ -9,7 +9,7 @@
 namespace quorvane {
 namespace {
 
-using Text = QuorvaneBackend::Text;
+using Text = QuorvaneBackend::OptionalString;
 
 class DashboardBackendTest : public BackendFixture {
   protected:

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/ctl/Options.h"
+#include "tools/ctl/CtlOptions.h"
 
 namespace quorvane::ctl {
 

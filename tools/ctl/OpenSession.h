@@ -1,7 +1,7 @@
 #pragma once
 
 #include "tools/common/Failure.h"
-#include "tools/ctl/Options.h"
+#include "tools/ctl/CtlOptions.h"
 
 #include <quorvane/Client.h>
 

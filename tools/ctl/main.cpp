@@ -1,6 +1,6 @@
 #include "tools/common/Failure.h"
 #include "tools/ctl/Commands.h"
-#include "tools/ctl/Options.h"
+#include "tools/ctl/CtlOptions.h"
 
 #include <cstdio>
 #include <exception>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/storebag/Options.h"
+#include "tools/storebag/StorebagOptions.h"
 
 namespace quorvane::tools {
 

@@ -1,6 +1,6 @@
 #include "tools/common/Failure.h"
 #include "tools/storebag/Commands.h"
-#include "tools/storebag/Options.h"
+#include "tools/storebag/StorebagOptions.h"
 
 #include <cstdio>
 #include <exception>

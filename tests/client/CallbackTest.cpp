@@ -32,7 +32,7 @@ void relay(sd_bus* bus, const Dictionary* payload, double timestamp = 1, std::ui
     ::sd_bus_message_unref(message);
 }
 
-TEST(Delivery, EventsAndTheirEndReachTheBlock) {
+TEST(CallbackQueue, EventsAndTheirEndReachTheBlock) {
     BusPeer peer(answerNil);
     std::vector<AggregatedEvent> events;
     std::promise<SessionInfo> ended;
@@ -57,7 +57,7 @@ TEST(Delivery, EventsAndTheirEndReachTheBlock) {
     EXPECT_EQ(events[1].payload, Dictionary{});
 }
 
-TEST(Delivery, CallbacksRunWhereTheCallerWantsThem) {
+TEST(CallbackQueue, CallbacksRunWhereTheCallerWantsThem) {
     BusPeer peer(answerNil);
     std::mutex mutex;
     std::deque<std::function<void()>> loop;
@@ -99,7 +99,7 @@ TEST(Delivery, CallbacksRunWhereTheCallerWantsThem) {
     EXPECT_TRUE(runLoop([&] { return lost; }));
 }
 
-TEST(Delivery, ACallbackMayCallTheClient) {
+TEST(CallbackQueue, ACallbackMayCallTheClient) {
     BusPeer peer(answerNil);
     Client client = connectTo(peer);
     std::promise<bool> answered;
@@ -111,7 +111,7 @@ TEST(Delivery, ACallbackMayCallTheClient) {
     EXPECT_TRUE(answered.get_future().get());
 }
 
-TEST(Delivery, AnExecutorThatRunsAtOnceGetsAnErrorInsteadOfADeadlock) {
+TEST(CallbackQueue, AnExecutorThatRunsAtOnceGetsAnErrorInsteadOfADeadlock) {
     BusPeer peer(answerNil);
     Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
     std::promise<ErrorCode> code;
@@ -120,7 +120,7 @@ TEST(Delivery, AnExecutorThatRunsAtOnceGetsAnErrorInsteadOfADeadlock) {
     EXPECT_EQ(code.get_future().get(), ErrorCode::WouldDeadlock);
 }
 
-TEST(Delivery, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
+TEST(CallbackQueue, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
     BusPeer peer(answerNil);
     std::atomic<int> begun = 0;
     std::atomic<int> ended = 0;
@@ -141,7 +141,7 @@ TEST(Delivery, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
     EXPECT_EQ(begun, ended);
 }
 
-TEST(Delivery, ACallbackMayDestroyItsClient) {
+TEST(CallbackQueue, ACallbackMayDestroyItsClient) {
     BusPeer peer(answerNil);
     auto client = std::make_shared<std::unique_ptr<Client>>(std::make_unique<Client>(connectTo(peer)));
     std::promise<void> destroyed;
@@ -152,7 +152,7 @@ TEST(Delivery, ACallbackMayDestroyItsClient) {
     destroyed.get_future().wait();
 }
 
-TEST(Delivery, ACallbackInsideAnotherMayDestroyTheirClient) {
+TEST(CallbackQueue, ACallbackInsideAnotherMayDestroyTheirClient) {
     BusPeer peer(answerNil);
     std::mutex mutex;
     std::deque<std::function<void()>> waiting;
@@ -177,7 +177,7 @@ TEST(Delivery, ACallbackInsideAnotherMayDestroyTheirClient) {
     EXPECT_FALSE(client);
 }
 
-TEST(Delivery, WhatAnExecutorKeepsUpWithIsReadToItsEnd) {
+TEST(CallbackQueue, WhatAnExecutorKeepsUpWithIsReadToItsEnd) {
     BusPeer peer(answerNil);
     std::atomic<unsigned> events = 0;
     Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
@@ -199,7 +199,7 @@ std::uint64_t unwritten(BusPeer& peer) {
     return count;
 }
 
-TEST(Delivery, ASlowCallbackStopsTheReadingUntilItCatchesUp) {
+TEST(CallbackQueue, ASlowCallbackStopsTheReadingUntilItCatchesUp) {
     BusPeer peer(answerNil);
     std::promise<void> gate;
     const auto opened = gate.get_future().share();

@@ -1,4 +1,4 @@
-#include "platform/base/ByteRoom.h"
+#include "platform/base/MemoryBudget.h"
 
 #include <malloc.h>
 
@@ -11,14 +11,14 @@ constexpr std::size_t kLargeBytes = 4u << 20;
 
 }  // namespace
 
-void ByteRoom::Share::shrinkTo(std::size_t bytes) {
+void MemoryBudget::Reservation::shrinkTo(std::size_t bytes) {
     if (bytes >= _bytes) return;
-    _room->leave(_bytes - bytes);
+    _budget->release(_bytes - bytes);
     _bytes = bytes;
 }
 
-std::optional<ByteRoom::Share> ByteRoom::enter(std::size_t bytes,
-                                               std::optional<std::chrono::milliseconds> patience) {
+std::optional<MemoryBudget::Reservation> MemoryBudget::acquire(
+    std::size_t bytes, std::optional<std::chrono::milliseconds> patience) {
     const auto start = std::chrono::steady_clock::now();
     const MutexLock lock(_mutex);
     const std::uint64_t ticket = ++_lastTicket;
@@ -36,15 +36,15 @@ std::optional<ByteRoom::Share> ByteRoom::enter(std::size_t bytes,
     if (!entered) return std::nullopt;
     _taken += bytes;
     _wasLarge = _wasLarge || _taken >= kLargeBytes;
-    return std::optional<Share>(std::in_place, *this, bytes);
+    return std::optional<Reservation>(std::in_place, *this, bytes);
 }
 
-bool ByteRoom::isTurn(std::uint64_t ticket, std::size_t bytes) const {
+bool MemoryBudget::isTurn(std::uint64_t ticket, std::size_t bytes) const {
     if (_waiting.front() != ticket) return false;
     return _taken == 0 || (bytes <= _bytes && _taken <= _bytes - bytes);
 }
 
-void ByteRoom::leave(std::size_t bytes) {
+void MemoryBudget::release(std::size_t bytes) {
     bool largeOneIsGone = false;
     {
         const MutexLock lock(_mutex);
@@ -55,7 +55,7 @@ void ByteRoom::leave(std::size_t bytes) {
     if (largeOneIsGone) ::malloc_trim(0);
 }
 
-void ByteRoom::setBytes(std::size_t bytes) {
+void MemoryBudget::setBytes(std::size_t bytes) {
     const MutexLock lock(_mutex);
     _bytes = bytes;
     _changed.notify_all();

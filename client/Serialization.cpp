@@ -1,4 +1,4 @@
-#include "client/WireForm.h"
+#include "client/Serialization.h"
 
 #include "framework/Keys.h"
 #include "platform/bus/BusValue.h"

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "collector/Answer.h"
 #include "collector/EventSink.h"
 #include "collector/RequestBody.h"
+#include "collector/Response.h"
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/value/Value.h"
 
@@ -25,27 +25,27 @@ struct UploadFacts {
 
 /// Stores uploaded files and log-data archives in a folder, under names of its own, and writes a line about
 /// each to the sink. Bodies go to the disk as they come. Thread-safe.
-class Uploads {
+class UploadReceiver {
   public:
     /// Hands a body on piece by piece until take answers false.
     using Take = std::function<bool(std::string_view)>;
     using Body = std::function<BodyResult(const Take& take)>;
 
     /// Makes the folder when there is none; throws StartError when it cannot.
-    Uploads(const std::string& folder, EventSink& sink);
+    UploadReceiver(const std::string& folder, EventSink& sink);
 
     /// Stores a file. The answer says "success" only once the file is safe on the disk: the device then
     /// deletes its own.
-    Answer takeFile(const UploadFacts& facts, const Body& body);
+    Response takeFile(const UploadFacts& facts, const Body& body);
 
     /// Stores a keyed archive. The answer is the stored file's name, which the device keeps as its location.
-    Answer takeLogData(const std::string& peer, const Body& body);
+    Response takeLogData(const std::string& peer, const Body& body);
 
   private:
     struct Kind;
     class IncomingFile;
 
-    Answer store(const Kind& kind, Dictionary line, const Body& body);
+    Response store(const Kind& kind, Dictionary line, const Body& body);
 
     EventSink& _sink;
     platform::UniqueDescriptor _folder;

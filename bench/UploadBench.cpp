@@ -1,6 +1,6 @@
+#include "bench/BenchOptions.h"
 #include "bench/Die.h"
 #include "bench/Load.h"
-#include "bench/Options.h"
 #include "bench/Report.h"
 #include "bench/Unavoidable.h"
 #include "bench/World.h"

@@ -1,4 +1,4 @@
-#include "collector/Options.h"
+#include "collector/CollectorOptions.h"
 
 #include <CLI/CLI.hpp>
 
@@ -73,7 +73,7 @@ void addContentOptions(CLI::App& app, Options& options) {
 
 void addTestingOptions(CLI::App& app, WebSettings& web, std::uint32_t& delay) {
     app.add_option("--answer", web.answer,
-                   "Answer every event post with this status and keep nothing of it; see how devices cope "
+                   "Response every event post with this status and keep nothing of it; see how devices cope "
                    "(5xx makes them stop)")
         ->check(CLI::Range(200, 599))
         ->group("Trying a deployment");

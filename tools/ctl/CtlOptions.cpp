@@ -1,4 +1,4 @@
-#include "tools/ctl/Options.h"
+#include "tools/ctl/CtlOptions.h"
 
 #include "tools/common/CommandLine.h"
 

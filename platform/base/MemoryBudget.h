@@ -13,38 +13,40 @@
 namespace quorvane::platform {
 
 /// Memory that several may take all together: who finds too little of it waits. Thread-safe.
-class ByteRoom {
+class MemoryBudget {
   public:
     /// What one of them takes, until its end.
-    class Share {
+    class Reservation {
       public:
-        Share(ByteRoom& room, std::size_t bytes) : _room(&room), _bytes(bytes) {}
-        Share(Share&& other) noexcept : _room(std::exchange(other._room, nullptr)), _bytes(other._bytes) {}
-        Share& operator=(Share&&) = delete;
-        ~Share() {
-            if (_room != nullptr) _room->leave(_bytes);
+        Reservation(MemoryBudget& budget, std::size_t bytes) : _budget(&budget), _bytes(bytes) {}
+        Reservation(Reservation&& other) noexcept
+            : _budget(std::exchange(other._budget, nullptr)), _bytes(other._bytes) {}
+        Reservation& operator=(Reservation&&) = delete;
+        ~Reservation() {
+            if (_budget != nullptr) _budget->release(_bytes);
         }
 
         /// Gives back what is beyond so many bytes.
         void shrinkTo(std::size_t bytes);
 
       private:
-        ByteRoom* _room;
+        MemoryBudget* _budget;
         std::size_t _bytes;
     };
 
-    explicit ByteRoom(std::size_t bytes) : _bytes(bytes) {}
+    explicit MemoryBudget(std::size_t bytes) : _bytes(bytes) {}
 
     /// Waits until so many bytes are free, one caller after another in their order; who wants more than the
     /// whole room gets it when nobody else is in. Nothing when it takes longer than the caller's patience, if
     /// that has an end.
-    std::optional<Share> enter(std::size_t bytes, std::optional<std::chrono::milliseconds> patience = {});
+    std::optional<Reservation> acquire(std::size_t bytes,
+                                       std::optional<std::chrono::milliseconds> patience = {});
 
     void setBytes(std::size_t bytes);
 
   private:
     bool isTurn(std::uint64_t ticket, std::size_t bytes) const REQUIRES(_mutex);
-    void leave(std::size_t bytes);
+    void release(std::size_t bytes);
 
     Mutex _mutex;
     std::condition_variable_any _changed;

@@ -1,4 +1,4 @@
-#include "client/Delivery.h"
+#include "client/CallbackQueue.h"
 
 #include "platform/base/Thread.h"
 
@@ -14,12 +14,12 @@ namespace {
 
 /// A callback that the thread is in, and the one around it: a callback may run a loop that runs others.
 struct Frame {
-    const Delivery* delivery;
+    const CallbackQueue* delivery;
     const Frame* outer;
 };
 thread_local const Frame* t_innermost = nullptr;
 
-std::size_t framesOf(const Delivery* delivery) {
+std::size_t framesOf(const CallbackQueue* delivery) {
     std::size_t count = 0;
     for (const Frame* frame = t_innermost; frame != nullptr; frame = frame->outer)
         if (frame->delivery == delivery) ++count;
@@ -28,17 +28,17 @@ std::size_t framesOf(const Delivery* delivery) {
 
 }  // namespace
 
-std::shared_ptr<Delivery> Delivery::create(Executor executor,
-                                           std::shared_ptr<platform::UniqueDescriptor> wake) {
-    return std::shared_ptr<Delivery>(new Delivery(std::move(executor), std::move(wake)));
+std::shared_ptr<CallbackQueue> CallbackQueue::create(Executor executor,
+                                                     std::shared_ptr<platform::UniqueDescriptor> wake) {
+    return std::shared_ptr<CallbackQueue>(new CallbackQueue(std::move(executor), std::move(wake)));
 }
 
-Delivery::Delivery(Executor executor, std::shared_ptr<platform::UniqueDescriptor> wake)
+CallbackQueue::CallbackQueue(Executor executor, std::shared_ptr<platform::UniqueDescriptor> wake)
     : _executor(std::move(executor)), _wake(std::move(wake)) {}
 
-Delivery::~Delivery() = default;
+CallbackQueue::~CallbackQueue() = default;
 
-void Delivery::deliver(std::vector<Callback> callbacks) {
+void CallbackQueue::deliver(std::vector<Callback> callbacks) {
     for (Callback& callback : callbacks) {
         {
             const MutexLock lock(_mutex);
@@ -57,7 +57,7 @@ void Delivery::deliver(std::vector<Callback> callbacks) {
     if (startThread()) _changed.notify_all();
 }
 
-bool Delivery::startThread() {
+bool CallbackQueue::startThread() {
     {
         const MutexLock lock(_mutex);
         if (std::exchange(_hasThread, true)) return true;
@@ -74,7 +74,7 @@ bool Delivery::startThread() {
     return false;
 }
 
-void Delivery::runWaiting() {
+void CallbackQueue::runWaiting() {
     for (;;) {
         Callback callback;
         {
@@ -88,7 +88,7 @@ void Delivery::runWaiting() {
     }
 }
 
-void Delivery::run(Callback callback) {
+void CallbackQueue::run(Callback callback) {
     {
         const MutexLock lock(_mutex);
         if (_closed) return;
@@ -108,7 +108,7 @@ void Delivery::run(Callback callback) {
     if (wasFull && _waitingBytes < kBoundBytes) ::eventfd_write(_wake->get(), 1);
 }
 
-void Delivery::close() {
+void CallbackQueue::close() {
     std::deque<Callback> dropped;
     const MutexLock lock(_mutex);
     _closed = true;
@@ -118,7 +118,7 @@ void Delivery::close() {
     while (_running > own) _changed.wait(_mutex);
 }
 
-std::size_t Delivery::waitingBytes() const {
+std::size_t CallbackQueue::waitingBytes() const {
     const MutexLock lock(_mutex);
     return _waitingBytes;
 }

@@ -93,7 +93,7 @@ class RecordingPeer {
     std::map<std::string, Call> _calls;
 };
 
-TEST(WireForm, SessionAndUserInfoReachTheDaemon) {
+TEST(Serialization, SessionAndUserInfoReachTheDaemon) {
     RecordingPeer recording;
     Client client = connectTo(recording.peer);
     const SessionInfo sessionInfo{
@@ -126,7 +126,7 @@ TEST(WireForm, SessionAndUserInfoReachTheDaemon) {
     EXPECT_EQ(bare.flag, 0);
 }
 
-TEST(WireForm, AnswersKeepNilEmptyAndFullApart) {
+TEST(Serialization, AnswersKeepNilEmptyAndFullApart) {
     RecordingPeer recording;
     Client client = connectTo(recording.peer);
     EXPECT_EQ(*client.start(), std::vector<std::string>{"httppost"});
@@ -140,7 +140,7 @@ TEST(WireForm, AnswersKeepNilEmptyAndFullApart) {
     EXPECT_EQ(recording.last("UploadLogData").array, (Array{Dictionary{{"a", 1}}, "text"}));
 }
 
-TEST(WireForm, EventsReachTheDaemonWhole) {
+TEST(Serialization, EventsReachTheDaemonWhole) {
     RecordingPeer recording;
     Client client = connectTo(recording.peer);
     const Dictionary payload{{"flag", true},

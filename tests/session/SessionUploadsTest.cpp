@@ -26,7 +26,7 @@ TEST(FileURL, RefusesWhatNamesNoFileHere) {
     EXPECT_EQ(pathOfFileURL(std::string_view("file:///a\0b", 11)), std::nullopt);
 }
 
-class UploadsTest : public SessionFixture {
+class SessionUploadsTest : public SessionFixture {
   protected:
     static std::vector<bool> upload(QuorvanedSession& session, const std::string& fileURL) {
         std::vector<bool> replies;
@@ -44,7 +44,7 @@ class UploadsTest : public SessionFixture {
     }
 };
 
-TEST_F(UploadsTest, BackendsThatTakeNoUploadsAnswerNo) {
+TEST_F(SessionUploadsTest, BackendsThatTakeNoUploadsAnswerNo) {
     for (const auto& session : {makeSession(), startedSession()}) {
         EXPECT_THAT(upload(*session, "file:///var/log/a%20b"), ElementsAre(false));
         EXPECT_THAT(upload(*session, Array{Value(Dictionary{{"name", "value"}})}), ElementsAre(false));
@@ -57,7 +57,7 @@ TEST_F(UploadsTest, BackendsThatTakeNoUploadsAnswerNo) {
     EXPECT_EQ(logged("<3>uploadLogData: Log data array upload failed"), 2u);
 }
 
-TEST_F(UploadsTest, AnyTextMayComeAsAFilesURL) {
+TEST_F(SessionUploadsTest, AnyTextMayComeAsAFilesURL) {
     const auto session = startedSession();
     EXPECT_THAT(upload(*session, "no URL\n(forged) line"), ElementsAre(false));
     EXPECT_EQ(logged("<3>uploadFileWithURL: File upload failed for (null)"), 1u);

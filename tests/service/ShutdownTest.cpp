@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint16_t kOurs = 12;
 
-class TerminationTest : public testing::Test {
+class ShutdownTest : public testing::Test {
   protected:
     Client clientWithHeldEvents() {
         Client client = _device.startedClient({.sessionID = 1, .clientType = 5, .batchEvent = true});
@@ -23,7 +23,7 @@ class TerminationTest : public testing::Test {
     DaemonFixture _device;
 };
 
-TEST_F(TerminationTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
+TEST_F(ShutdownTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
     _device.serveStorebag(_device.httpPostSection());
     _device.start();
     {
@@ -46,7 +46,7 @@ TEST_F(TerminationTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
     EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
 }
 
-TEST_F(TerminationTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
+TEST_F(ShutdownTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
     _device.serveStorebag(_device.httpPostSection());
     _device.answerPosts([](const ServerRequest&) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));  // Posts are under way for a while.
@@ -61,7 +61,7 @@ TEST_F(TerminationTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
     EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
 }
 
-TEST_F(TerminationTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
+TEST_F(ShutdownTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
     std::promise<void> posting;
     _device.serveStorebag(_device.httpPostSection());
     _device.answerPosts([&, told = std::make_shared<std::atomic<bool>>(false)](const ServerRequest&) {
@@ -76,13 +76,13 @@ TEST_F(TerminationTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
     EXPECT_EQ(_device.postedEvents(kOurs).size(), 3u);
 }
 
-TEST_F(TerminationTest, WithoutSessionsTheDaemonEndsAtOnce) {
+TEST_F(ShutdownTest, WithoutSessionsTheDaemonEndsAtOnce) {
     _device.start();
     EXPECT_EQ(_device.daemon().terminate(), 0);
     EXPECT_EQ(_device.daemon().errors().find("Told to end"), std::string::npos);
 }
 
-TEST_F(TerminationTest, ASecondSignalCutsTheWaitForAStalledServerShort) {
+TEST_F(ShutdownTest, ASecondSignalCutsTheWaitForAStalledServerShort) {
     std::promise<void> over;
     const auto isOver = over.get_future().share();
     _device.serveStorebag(_device.httpPostSection());
@@ -100,7 +100,7 @@ TEST_F(TerminationTest, ASecondSignalCutsTheWaitForAStalledServerShort) {
     over.set_value();
 }
 
-TEST_F(TerminationTest, ARefusedSandboxProfileEndsTheDaemonBeforeItListens) {
+TEST_F(ShutdownTest, ARefusedSandboxProfileEndsTheDaemonBeforeItListens) {
     const auto profile = _device.root() / "usr/share/quorvane/sandbox/com.velmora.quorvaned.toml";
     std::filesystem::remove(profile);
     ChildProcess& daemon = _device.launch();
@@ -111,7 +111,7 @@ TEST_F(TerminationTest, ARefusedSandboxProfileEndsTheDaemonBeforeItListens) {
     EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
 }
 
-TEST_F(TerminationTest, OnlyOneDaemonListensInARootAndAKilledOnesSocketIsTakenOver) {
+TEST_F(ShutdownTest, OnlyOneDaemonListensInARootAndAKilledOnesSocketIsTakenOver) {
     _device.start();
     const ProgramResult second = runProgram(
         {std::filesystem::read_symlink("/proc/" + std::to_string(_device.daemon().pid()) + "/exe")},

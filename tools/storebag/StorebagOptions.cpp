@@ -1,4 +1,4 @@
-#include "tools/storebag/Options.h"
+#include "tools/storebag/StorebagOptions.h"
 
 #include "tools/common/CommandLine.h"
 

@@ -1,4 +1,4 @@
-#include "collector/Uploads.h"
+#include "collector/UploadReceiver.h"
 
 #include "collector/ReceivedTime.h"
 #include "collector/StartError.h"
@@ -36,15 +36,15 @@ std::string newName(std::string_view prefix, std::string_view suffix) {
 
 }  // namespace
 
-struct Uploads::Kind {
+struct UploadReceiver::Kind {
     std::string_view prefix;
     std::string_view suffix;
     std::string_view magic;  ///< what the bytes must start with
-    Answer (*answer)(const std::string& name);
+    Response (*answer)(const std::string& name);
 };
 
 /// A file that is being received; gone again unless it is kept.
-class Uploads::IncomingFile {
+class UploadReceiver::IncomingFile {
   public:
     IncomingFile(int folder, std::string name)
         : _folder(folder),
@@ -98,17 +98,17 @@ class Uploads::IncomingFile {
     bool _kept = false;
 };
 
-Uploads::Uploads(const std::string& folder, EventSink& sink) : _sink(sink) {
+UploadReceiver::UploadReceiver(const std::string& folder, EventSink& sink) : _sink(sink) {
     platform::createDirectories(folder);
     _folder.reset(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!_folder || ::faccessat(_folder.get(), ".", W_OK | X_OK, 0) != 0)
         throw StartError(fmt::format("cannot store uploads in {}", folder));
 }
 
-Answer Uploads::takeFile(const UploadFacts& facts, const Body& body) {
+Response UploadReceiver::takeFile(const UploadFacts& facts, const Body& body) {
     static constexpr Kind kind{
         "upload", "", "", [](const std::string& name) {
-            return Answer{.body = fmt::format("{{\"result\":\"success\",\"file\":\"{}\"}}", name)};
+            return Response{.body = fmt::format("{{\"result\":\"success\",\"file\":\"{}\"}}", name)};
         }};
     return store(kind,
                  {{"kind", "upload"},
@@ -121,14 +121,14 @@ Answer Uploads::takeFile(const UploadFacts& facts, const Body& body) {
                  body);
 }
 
-Answer Uploads::takeLogData(const std::string& peer, const Body& body) {
+Response UploadReceiver::takeLogData(const std::string& peer, const Body& body) {
     static constexpr Kind kind{"logdata", ".plist", "bplist00", [](const std::string& name) {
-                                   return Answer{.body = name, .contentType = "text/plain"};
+                                   return Response{.body = name, .contentType = "text/plain"};
                                }};
     return store(kind, {{"kind", "logdata"}, {"peer", peer}}, body);
 }
 
-Answer Uploads::store(const Kind& kind, Dictionary line, const Body& body) {
+Response UploadReceiver::store(const Kind& kind, Dictionary line, const Body& body) {
     IncomingFile file(_folder.get(), newName(kind.prefix, kind.suffix));
     const BodyResult result = body([&](std::string_view bytes) { return file.write(bytes); });
     if (auto refused = bodyRefusal(result)) {

@@ -11,7 +11,7 @@ namespace quorvane::collector {
 
 /// Remembers for a while which datagrams have come, so that one that is sent again, because its
 /// acknowledgement was lost, counts once. Used by one thread.
-class RecentDatagrams {
+class DatagramDeduplicator {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 

@@ -16,7 +16,7 @@ namespace quorvane::client {
 
 /// Runs the user's callbacks on the user's executor, or on a thread of its own that starts with the first.
 /// Thread-safe.
-class Delivery : public std::enable_shared_from_this<Delivery> {
+class CallbackQueue : public std::enable_shared_from_this<CallbackQueue> {
   public:
     struct Callback {
         std::function<void()> function;
@@ -24,11 +24,11 @@ class Delivery : public std::enable_shared_from_this<Delivery> {
     };
 
     /// The event descriptor is written to when what waits falls below the bound.
-    static std::shared_ptr<Delivery> create(Executor executor,
-                                            std::shared_ptr<platform::UniqueDescriptor> wake);
-    ~Delivery();
-    Delivery(const Delivery&) = delete;
-    Delivery& operator=(const Delivery&) = delete;
+    static std::shared_ptr<CallbackQueue> create(Executor executor,
+                                                 std::shared_ptr<platform::UniqueDescriptor> wake);
+    ~CallbackQueue();
+    CallbackQueue(const CallbackQueue&) = delete;
+    CallbackQueue& operator=(const CallbackQueue&) = delete;
 
     void deliver(std::vector<Callback> callbacks);
 
@@ -42,7 +42,7 @@ class Delivery : public std::enable_shared_from_this<Delivery> {
     static constexpr std::size_t kBoundBytes = 4u << 20;
 
   private:
-    Delivery(Executor executor, std::shared_ptr<platform::UniqueDescriptor> wake);
+    CallbackQueue(Executor executor, std::shared_ptr<platform::UniqueDescriptor> wake);
     bool startThread();
     void runWaiting();
     void run(Callback callback);

@@ -1,10 +1,10 @@
-#include "collector/Answer.h"
+#include "collector/Response.h"
 
 #include <fmt/format.h>
 
 namespace quorvane::collector {
 
-Answer refusal(int status, std::string_view reason) {
+Response refusal(int status, std::string_view reason) {
     return {.status = status, .body = fmt::format("{{\"error\":\"{}\"}}", reason)};
 }
 

@@ -1,4 +1,4 @@
-#include "service/Termination.h"
+#include "service/Shutdown.h"
 
 #include "platform/base/Log.h"
 #include "platform/http/HttpSession.h"
@@ -12,12 +12,12 @@
 
 namespace quorvane {
 
-bool Termination::awaitSignals() {
+bool Shutdown::awaitSignals() {
     const auto told = [this] { begin(); };
     return _loop.addSignal(SIGTERM, told) && _loop.addSignal(SIGINT, told);
 }
 
-void Termination::begin() {
+void Shutdown::begin() {
     ::sd_notify(0, "STOPPING=1");
     if (std::exchange(_begun, true)) {
         _loop.exit(0);
@@ -32,7 +32,7 @@ void Termination::begin() {
 }
 
 /// In short steps, so that the loop hears of a second signal.
-void Termination::drainPosts() {
+void Shutdown::drainPosts() {
     constexpr std::chrono::milliseconds step{100};
     if (platform::drainHttpSession(step))
         _loop.exit(0);

@@ -7,7 +7,7 @@ namespace {
 
 const char* const kBytes = "application/octet-stream";
 
-class UploadsTest : public CollectorTest {
+class CollectorUploadsTest : public CollectorTest {
   protected:
     std::filesystem::path stored() const { return _root / "stored"; }
 
@@ -38,7 +38,7 @@ bool saysSuccess(const httplib::Response& answer) {
 
 }  // namespace
 
-TEST_F(UploadsTest, StoresAFileUnpackedAndTellsOfIt) {
+TEST_F(CollectorUploadsTest, StoresAFileUnpackedAndTellsOfIt) {
     startStoring();
     std::string contents(300'000, '\0');
     for (std::size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<char>(i * i >> 7);
@@ -57,7 +57,7 @@ TEST_F(UploadsTest, StoresAFileUnpackedAndTellsOfIt) {
     EXPECT_EQ(names().size(), 2u);
 }
 
-TEST_F(UploadsTest, NamesFilesItself) {
+TEST_F(CollectorUploadsTest, NamesFilesItself) {
     startStoring();
     for (const std::string& name :
          std::vector<std::string>{"..%2f..%2fescaped", "%2ftmp%2fescaped", "../escaped", "a%00b",
@@ -70,7 +70,7 @@ TEST_F(UploadsTest, NamesFilesItself) {
     EXPECT_EQ(*lines()[0].string("fileName"), "../../escaped");
 }
 
-TEST_F(UploadsTest, SaysSuccessForNothingThatItDidNotStoreWhole) {
+TEST_F(CollectorUploadsTest, SaysSuccessForNothingThatItDidNotStoreWhole) {
     startStoring({"--max-upload", "100000"});
     std::string text(50'000, 'x');
     text += "end";
@@ -96,7 +96,7 @@ TEST_F(UploadsTest, SaysSuccessForNothingThatItDidNotStoreWhole) {
     EXPECT_TRUE(saysSuccess(upload(packed)));
 }
 
-TEST_F(UploadsTest, LeavesNothingOfAnUploadThatBreaksOff) {
+TEST_F(CollectorUploadsTest, LeavesNothingOfAnUploadThatBreaksOff) {
     startStoring();
     {
         RawConnection connection(port());
@@ -112,7 +112,7 @@ TEST_F(UploadsTest, LeavesNothingOfAnUploadThatBreaksOff) {
     EXPECT_TRUE(lines().empty());
 }
 
-TEST_F(UploadsTest, StoresArchivesOfLogDataAndTellsWhere) {
+TEST_F(CollectorUploadsTest, StoresArchivesOfLogDataAndTellsWhere) {
     startStoring();
     const std::string archive = "bplist00" + std::string(100, '\x01');
     const auto answer = post(archive, {}, kBytes, "/logdata");
@@ -127,7 +127,7 @@ TEST_F(UploadsTest, StoresArchivesOfLogDataAndTellsWhere) {
     EXPECT_EQ(names().size(), 1u);
 }
 
-TEST_F(UploadsTest, TakesNothingWithoutAFolderOrAPlaceToTellOfIt) {
+TEST_F(CollectorUploadsTest, TakesNothingWithoutAFolderOrAPlaceToTellOfIt) {
     start();
     EXPECT_EQ(upload(gzip("x")).status, 404);
     EXPECT_EQ(post("bplist00", {}, kBytes, "/logdata").status, 404);

@@ -6,7 +6,7 @@
 namespace quorvane::collector {
 
 /// What a request is answered with.
-struct Answer {
+struct Response {
     int status = 200;
     std::string body;
     std::string contentType = "application/json";
@@ -14,6 +14,6 @@ struct Answer {
 
 /// A request that is not served: {"error": reason}. The reason is the collector's own text, never a sender's:
 /// uploading devices search answers for the word that lets them delete their file.
-Answer refusal(int status, std::string_view reason);
+Response refusal(int status, std::string_view reason);
 
 }  // namespace quorvane::collector
