@@ -3,9 +3,9 @@
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/Log.h"
 #include "platform/crypto/Crypto.h"
-#include "platform/formats/PropertyList.h"
 #include "platform/http/HttpSession.h"
 #include "platform/value/Url.h"
+#include "storebag/SignedBag.h"
 #include "util/DeviceFacts.h"
 
 #include <algorithm>
@@ -17,7 +17,6 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
-#include <variant>
 
 #include <fmt/format.h>
 
@@ -118,43 +117,32 @@ bool isUnchanged(const platform::HttpResponse& response, std::optional<std::stri
     return false;
 }
 
-std::optional<Dictionary> takeDictionary(platform::PropertyListResult parsed) {
-    auto* value = std::get_if<Value>(&parsed);
-    Dictionary* dictionary = value != nullptr ? value->dictionary() : nullptr;
-    return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
-}
-
-std::optional<Data> decoded(const std::string* base64) {
-    return base64 != nullptr ? platform::base64Decode(*base64) : std::nullopt;
-}
-
 std::unique_ptr<platform::RsaPublicKey> publicKey() {
     const std::optional<Data> der = publicKeyResource();
     return der ? platform::RsaPublicKey::initWithDER(*der) : nullptr;
 }
 
-std::optional<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
-    platform::PropertyListResult parsed = platform::parsePropertyList(body);
-    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed))
-        logError("fetchStorebagWithName: propertyListWithData error {}", error->description);
-    const Dictionary envelope = takeDictionary(std::move(parsed)).value_or(Dictionary());
+void logNotOpened(const SignedBagError& error) {
+    using Fault = SignedBagError::Fault;
+    if (error.fault == Fault::NoPropertyList)
+        logError("fetchStorebagWithName: propertyListWithData error {}", error.message);
+    if (error.fault != Fault::Undecodable) logError("fetchStorebagWithName: Signature is missing");
+}
 
-    const std::string* encodedSignature = envelope.string("signature");
-    if (encodedSignature == nullptr) {
-        logError("fetchStorebagWithName: Signature is missing");
+std::optional<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
+    const auto opened = SignedBag::open(body);
+    if (!opened) {
+        logNotOpened(opened.error());
         return std::nullopt;
     }
     const auto key = publicKey();
     if (key == nullptr) return std::nullopt;
-    const std::optional<Data> signature = decoded(encodedSignature);
-    const std::optional<Data> bag = decoded(envelope.string("bag"));
-    if (!signature || !bag) return std::nullopt;
-
-    if (!key->verifyPKCS1SHA1(platform::sha1(*bag), *signature)) {
+    if (!opened->isSignedWith(*key)) {
         logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(key.get()));
         return std::nullopt;
     }
-    return takeDictionary(platform::parsePropertyList(*bag));
+    platform::Result<Dictionary> bag = opened->bag();
+    return bag ? std::optional(*std::move(bag)) : std::nullopt;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include "util/DeviceFacts.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <iterator>
@@ -17,9 +16,6 @@ namespace quorvane {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> kSectionKeys{"", "development", "velmora_internal", "seed",
-                                                       "release"};
-
 std::once_flag settled;
 std::atomic<EnvironmentType> inForce{EnvironmentType::None};
 
@@ -29,7 +25,7 @@ std::uint32_t environmentNumber() {
         return static_cast<std::uint32_t>(isInternalBuild() ? EnvironmentType::Internal
                                                             : EnvironmentType::Release);
     const std::int64_t number = stored->integer();
-    if (number >= 0 && number < std::ssize(kSectionKeys)) return static_cast<std::uint32_t>(number);
+    if (number >= 0 && number <= std::ssize(kStorebagSections)) return static_cast<std::uint32_t>(number);
     constexpr std::int64_t largest = std::numeric_limits<std::uint32_t>::max();
     platform::logError("userDefaultsEnvironment: Invalid environment type {}",
                        static_cast<std::uint32_t>(std::min(number, largest)));
@@ -50,7 +46,8 @@ EnvironmentType userDefaultsEnvironment() {
 }
 
 std::string_view environmentSectionKey(EnvironmentType type) {
-    return kSectionKeys.at(static_cast<std::size_t>(type));
+    return type == EnvironmentType::None ? std::string_view()
+                                         : kStorebagSections.at(static_cast<std::size_t>(type) - 1);
 }
 
 void replaceEnvironmentType(EnvironmentType type) {

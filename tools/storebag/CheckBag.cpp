@@ -1,8 +1,8 @@
 #include "tools/storebag/CheckBag.h"
 
 #include "framework/Keys.h"
-#include "tools/storebag/Environments.h"
 #include "tools/storebag/KeyRules.h"
+#include "util/Environment.h"
 
 #include <algorithm>
 #include <array>
@@ -53,7 +53,7 @@ class Check {
   public:
     std::vector<std::string> bag(const Dictionary& bag) {
         topLevel(bag);
-        for (const std::string_view environment : kEnvironments)
+        for (const std::string_view environment : kStorebagSections)
             if (const Value* section = bag.find(environment)) this->section(*section, environment);
         return std::move(_findings);
     }
@@ -72,10 +72,10 @@ class Check {
         bool anySection = false;
         for (const auto& [key, value] : bag) {
             const bool isSection =
-                std::find(kEnvironments.begin(), kEnvironments.end(), key) != kEnvironments.end();
+                std::find(kStorebagSections.begin(), kStorebagSections.end(), key) != kStorebagSections.end();
             anySection = anySection || isSection;
             if (!isSection && key != "version" && key != "refresh_cycle")
-                find(key, "no environment; these are {}", fmt::join(kEnvironments, ", "));
+                find(key, "no environment; these are {}", fmt::join(kStorebagSections, ", "));
         }
         if (!anySection) _findings.emplace_back("no environment has a section");
     }

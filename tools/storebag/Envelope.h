@@ -2,24 +2,19 @@
 
 #include "platform/crypto/Crypto.h"
 #include "platform/value/Value.h"
+#include "storebag/SignedBag.h"
 
 #include <memory>
+#include <span>
 #include <string>
+#include <string_view>
 
 namespace quorvane::tools {
 
-/// A signed storebag taken apart as a device does it.
-struct Envelope {
-    Data signature;
-    Data bagBytes;  ///< What is signed.
-};
-
 /// All throw a Failure that names the file, or gives the name.
 
-Envelope openEnvelope(const Data& bytes, std::string_view name);
-Dictionary bagOf(const Envelope& envelope, std::string_view name);
+SignedBag openEnvelope(std::span<const std::uint8_t> bytes, std::string_view name);
+Dictionary bagOf(const SignedBag& envelope, std::string_view name);
 std::unique_ptr<platform::RsaPublicKey> readPublicKey(const std::string& path);
-
-bool isSignedWith(const Envelope& envelope, const platform::RsaPublicKey& key);
 
 }  // namespace quorvane::tools

@@ -5,7 +5,7 @@
 #include "tools/common/Output.h"
 #include "tools/storebag/Commands.h"
 #include "tools/storebag/Envelope.h"
-#include "tools/storebag/Environments.h"
+#include "util/Environment.h"
 
 #include <optional>
 #include <vector>
@@ -24,10 +24,9 @@ struct Contents {
 
 Contents read(const Inspect& command) {
     const std::string_view name = nameOfInput(command.storebag);
-    const Envelope envelope = openEnvelope(readBytes(command.storebag), name);
-    Contents contents{.signatureBytes = envelope.signature.size(), .bag = bagOf(envelope, name)};
-    if (command.publicKey)
-        contents.signatureGood = isSignedWith(envelope, *readPublicKey(*command.publicKey));
+    const SignedBag envelope = openEnvelope(readBytes(command.storebag), name);
+    Contents contents{.signatureBytes = envelope.signatureSize(), .bag = bagOf(envelope, name)};
+    if (command.publicKey) contents.signatureGood = envelope.isSignedWith(*readPublicKey(*command.publicKey));
     return contents;
 }
 
@@ -41,7 +40,7 @@ Array backendsOf(const Value& section) {
 /// The bag's environments with the names of their backends.
 Dictionary environmentsOf(const Dictionary& bag) {
     Dictionary environments;
-    for (const std::string_view environment : kEnvironments)
+    for (const std::string_view environment : kStorebagSections)
         if (const Value* section = bag.find(environment)) environments.set(environment, backendsOf(*section));
     return environments;
 }

@@ -12,8 +12,8 @@ namespace quorvane::tools {
 int run(const Verify& command) {
     const std::string_view name = nameOfInput(command.storebag);
     const auto key = readPublicKey(command.publicKey);
-    const Envelope envelope = openEnvelope(readBytes(command.storebag), name);
-    if (!isSignedWith(envelope, *key))
+    const SignedBag envelope = openEnvelope(readBytes(command.storebag), name);
+    if (!envelope.isSignedWith(*key))
         throw Failure(fmt::format("{}: the signature is not good for {}", name, command.publicKey));
     const Dictionary bag = bagOf(envelope, name);
     warnAbout(bag, name, command.strict);
