@@ -5,20 +5,18 @@
 #include "platform/base/Root.h"
 #include "platform/formats/PropertyList.h"
 
-#include <variant>
-
 namespace quorvane {
 
 std::optional<std::string> bundleVersion() {
     const std::string file = platform::rooted("/usr/share/quorvane/framework/Info.plist");
     const std::optional<Data> bytes = platform::readFile(file);
     if (!bytes) return std::nullopt;
-    const platform::PropertyListResult parsed = platform::parsePropertyList(*bytes);
-    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed)) {
-        platform::logError("bundleVersion: {}: {}", file, error->description);
+    const auto parsed = platform::parsePropertyList(*bytes);
+    if (!parsed) {
+        platform::logError("bundleVersion: {}: {}", file, parsed.error().message);
         return std::nullopt;
     }
-    const Dictionary* info = std::get<Value>(parsed).dictionary();
+    const Dictionary* info = parsed->dictionary();
     const std::string* version = info != nullptr ? info->string("CFBundleVersion") : nullptr;
     return version != nullptr ? std::optional(*version) : std::nullopt;
 }

@@ -49,8 +49,8 @@ std::unique_ptr<platform::BusListener> newListener() {
 
 /// From the confinement to the end of the run loop; the process's exit status.
 int serve() {
-    if (const auto refused = platform::applySandboxProfile(kQuorvaneServiceName)) {
-        platform::logError("main: sandbox_init() fails: {}\n", *refused);
+    if (const auto confined = platform::applySandboxProfile(kQuorvaneServiceName); !confined) {
+        platform::logError("main: sandbox_init() fails: {}\n", confined.error().message);
         return -1;
     }
     const auto loop = platform::RunLoop::init();

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string_view>
 #include <utility>
-#include <variant>
 
 #include <fmt/format.h>
 
@@ -34,10 +33,9 @@ SignedBag::SignedBag(Data signature, Data bytes)
     : _signature(std::move(signature)), _bytes(std::move(bytes)) {}
 
 tl::expected<SignedBag, SignedBagError> SignedBag::open(std::span<const std::uint8_t> envelope) {
-    const platform::PropertyListResult parsed = platform::parsePropertyList(envelope);
-    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed))
-        return notOpened(Fault::NoPropertyList, error->description);
-    const Dictionary* root = std::get<Value>(parsed).dictionary();
+    const auto parsed = platform::parsePropertyList(envelope);
+    if (!parsed) return notOpened(Fault::NoPropertyList, parsed.error().message);
+    const Dictionary* root = parsed->dictionary();
     if (root == nullptr) return notOpened(Fault::NoSignature, "the envelope is no dictionary");
 
     platform::Result<Data> signature = decoded(*root, "signature");
@@ -54,10 +52,10 @@ bool SignedBag::isSignedWith(const platform::RsaPublicKey& key) const {
 }
 
 platform::Result<Dictionary> SignedBag::bag() const {
-    platform::PropertyListResult parsed = platform::parsePropertyList(_bytes);
-    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed))
-        return platform::failure(fmt::format("the bag is no property list: {}", error->description));
-    Dictionary* root = std::get<Value>(parsed).dictionary();
+    auto parsed = platform::parsePropertyList(_bytes);
+    if (!parsed)
+        return platform::failure(fmt::format("the bag is no property list: {}", parsed.error().message));
+    Dictionary* root = parsed->dictionary();
     if (root == nullptr) return platform::failure("the bag is no dictionary");
     return std::move(*root);
 }

@@ -42,10 +42,10 @@ class Reader {
   public:
     explicit Reader(Bytes bytes) : _bytes(bytes) {}
 
-    PropertyListResult read() {
+    Result<Value> read() {
         auto root = readTrailer() ? value(_root) : std::nullopt;
         if (root) return std::move(*root);
-        return PropertyListError{_failure != nullptr ? _failure : "the property list is damaged"};
+        return failure(_failure != nullptr ? _failure : "the property list is damaged");
     }
 
   private:
@@ -277,7 +277,7 @@ class Reader {
 
 }  // namespace
 
-PropertyListResult parseBinaryPropertyList(std::span<const std::uint8_t> bytes) {
+Result<Value> parseBinaryPropertyList(std::span<const std::uint8_t> bytes) {
     return Reader(bytes).read();
 }
 

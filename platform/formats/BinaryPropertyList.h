@@ -1,6 +1,7 @@
 #pragma once
 
-#include "platform/formats/PropertyList.h"
+#include "platform/base/Result.h"
+#include "platform/value/Value.h"
 
 #include <cstdint>
 #include <span>
@@ -10,6 +11,6 @@ namespace quorvane::platform {
 /// Parses a binary property list. libplist is no help with bytes from a server: it follows references as deep
 /// as they go, on the stack, writes a value out anew wherever it is referred to, so that a few hundred bytes
 /// ask for more memory than there is, and asserts that no key has a NUL in it.
-PropertyListResult parseBinaryPropertyList(std::span<const std::uint8_t> bytes);
+Result<Value> parseBinaryPropertyList(std::span<const std::uint8_t> bytes);
 
 }  // namespace quorvane::platform

@@ -204,19 +204,19 @@ Node nodeOf(const Value& value) {
 
 }  // namespace
 
-PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes) {
+Result<Value> parsePropertyList(std::span<const std::uint8_t> bytes) {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     if (text.starts_with("bplist")) return parseBinaryPropertyList(bytes);
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max())
-        return PropertyListError{"the property list is larger than 4 GiB"};
-    if (auto failure = outOfXmlBounds(text)) return PropertyListError{"the property list " + *failure};
+        return failure("the property list is larger than 4 GiB");
+    if (auto bounded = outOfXmlBounds(text); !bounded)
+        return failure("the property list " + bounded.error().message);
     plist_t parsed = nullptr;
     ::plist_from_xml(text.data(), static_cast<std::uint32_t>(text.size()), &parsed);
     const Node root(parsed);
-    if (!root) return PropertyListError{"the bytes are no property list"};
+    if (!root) return failure("the bytes are no property list");
     auto value = valueOf(root.get());
-    if (!value)
-        return PropertyListError{"the property list holds a text that is not UTF-8 or a date out of range"};
+    if (!value) return failure("the property list holds a text that is not UTF-8 or a date out of range");
     return std::move(*value);
 }
 

@@ -1,23 +1,17 @@
 #pragma once
 
+#include "platform/base/Result.h"
 #include "platform/value/Value.h"
 
 #include <optional>
 #include <span>
-#include <string>
 
 namespace quorvane::platform {
-
-struct PropertyListError {
-    std::string description;
-};
-
-using PropertyListResult = std::variant<Value, PropertyListError>;
 
 /// Parses an XML or binary property list. Nesting is bounded to 128 levels, the expanded number of values to
 /// one million and their texts and data to 64 MiB, whatever the bytes say. An integer is signed where it
 /// fits; of equal keys the last counts. UIDs and sets are an error. Thread-safe.
-PropertyListResult parsePropertyList(std::span<const std::uint8_t> bytes);
+Result<Value> parsePropertyList(std::span<const std::uint8_t> bytes);
 
 /// Writes the value as XML; nothing when a text in it is not UTF-8 or holds what XML cannot, or a date in it
 /// is not between 1933 and 2069. Of dates, whole seconds are kept.

@@ -92,30 +92,30 @@ std::string keyOnLine(std::string_view text, std::size_t line) {
 
 }  // namespace
 
-TomlResult parseToml(std::string_view text, std::string_view name) {
+Result<Dictionary> parseToml(std::string_view text, std::string_view name) {
     try {
         return dictionaryFrom(toml::parse(text));
     } catch (const toml::parse_error& error) {
         const std::size_t line = error.source().begin.line;
-        return TomlError{
-            fmt::format("{}: line {}: {}{}", name, line, keyOnLine(text, line), error.description())};
+        return failure(
+            fmt::format("{}: line {}: {}{}", name, line, keyOnLine(text, line), error.description()));
     } catch (const std::exception& error) {
-        return TomlError{fmt::format("{}: {}", name, error.what())};
+        return failure(fmt::format("{}: {}", name, error.what()));
     }
 }
 
-TomlResult readTomlFile(const std::string& file) {
+Result<Dictionary> readTomlFile(const std::string& file) {
     errno = 0;
     const std::optional<Data> bytes = readFile(file, kLargestFile);
-    if (!bytes) return TomlError{fmt::format("{}: {}", file, std::strerror(errno != 0 ? errno : EFBIG))};
+    if (!bytes) return failure(fmt::format("{}: {}", file, std::strerror(errno != 0 ? errno : EFBIG)));
     return parseToml({reinterpret_cast<const char*>(bytes->data()), bytes->size()}, file);
 }
 
 Dictionary readConfiguration(const std::string& file) {
     if (!fileExists(file)) return {};
-    TomlResult read = readTomlFile(file);
-    if (Dictionary* configuration = std::get_if<Dictionary>(&read)) return std::move(*configuration);
-    logError("readConfiguration: {}", std::get<TomlError>(read).description);
+    Result<Dictionary> configuration = readTomlFile(file);
+    if (configuration) return *std::move(configuration);
+    logError("readConfiguration: {}", configuration.error().message);
     return {};
 }
 

@@ -1,27 +1,21 @@
 #pragma once
 
+#include "platform/base/Result.h"
 #include "platform/value/Value.h"
 
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 
 namespace quorvane::platform {
 
-/// What is wrong with a TOML text: the name it was given, the line, the key that stands there and the fault.
-struct TomlError {
-    std::string description;
-};
-
-using TomlResult = std::variant<Dictionary, TomlError>;
-
 /// A TOML 1.0 text as values. A date without a time of day is its midnight, a time of day without an offset
-/// is taken as GMT, and a time of day without a date stays the text "07:32:00.5". Thread-safe.
-TomlResult parseToml(std::string_view text, std::string_view name);
+/// is taken as GMT, and a time of day without a date stays the text "07:32:00.5". An error says the name, the
+/// line, the key that stands there and the fault. Thread-safe.
+Result<Dictionary> parseToml(std::string_view text, std::string_view name);
 
 /// The same for a file of at most 4 MiB.
-TomlResult readTomlFile(const std::string& file);
+Result<Dictionary> readTomlFile(const std::string& file);
 
 /// A configuration file as values: empty when there is none, and, after an error line that names the file,
 /// when it is malformed.

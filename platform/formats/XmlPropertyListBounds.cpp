@@ -15,25 +15,23 @@ constexpr const char* kTooLarge = "has more than a million elements";
 constexpr const char* kOpenQuote = "has a tag with an open quote";
 constexpr const char* kOwnDocumentType = "declares a document type of its own";
 
-using Failure = std::optional<std::string>;
-
 /// Walks over the tags of an XML list. The parser behind it looks for the end of a tag outside of quotes;
 /// where quotes are closed at the first end, both see the same tags.
 class XmlBounds {
   public:
     explicit XmlBounds(std::string_view text) : _rest(text) {}
 
-    Failure check() {
+    Result<void> check() {
         while (skipPast("<")) {
             if (skipWhole("!--", "-->") || skipWhole("![CDATA[", "]]>")) continue;
             const std::string_view tag = takeTag();
-            if (std::count(tag.begin(), tag.end(), '"') % 2 != 0) return kOpenQuote;
+            if (std::count(tag.begin(), tag.end(), '"') % 2 != 0) return failure(kOpenQuote);
             if (tag.starts_with('!') && tag.find_first_of("[<") != std::string_view::npos)
-                return kOwnDocumentType;
+                return failure(kOwnDocumentType);
             if (tag.starts_with('?') || tag.starts_with('!')) continue;
-            if (Failure failure = count(tag)) return failure;
+            if (auto counted = count(tag); !counted) return counted;
         }
-        return std::nullopt;
+        return {};
     }
 
   private:
@@ -59,18 +57,18 @@ class XmlBounds {
         return tag;
     }
 
-    Failure count(std::string_view tag) {
+    Result<void> count(std::string_view tag) {
         const bool closing = tag.starts_with('/');
         if (closing) tag.remove_prefix(1);
         const std::string_view name = tag.substr(0, tag.find_first_of(" \t\r\n/"));
         const bool nests = name == "array" || name == "dict";
         if (closing) {
             if (nests && _depth > 0) --_depth;
-            return std::nullopt;
+            return {};
         }
-        if (++_values > kMaximumValues) return kTooLarge;
-        if (nests && !tag.ends_with('/') && ++_depth > kMaximumDepth) return kTooDeep;
-        return std::nullopt;
+        if (++_values > kMaximumValues) return failure(kTooLarge);
+        if (nests && !tag.ends_with('/') && ++_depth > kMaximumDepth) return failure(kTooDeep);
+        return {};
     }
 
     std::string_view _rest;
@@ -80,8 +78,8 @@ class XmlBounds {
 
 }  // namespace
 
-std::optional<std::string> outOfXmlBounds(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) return "has a NUL in it";
+Result<void> outOfXmlBounds(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) return failure("has a NUL in it");
     return XmlBounds(text).check();
 }
 

@@ -25,14 +25,12 @@
 #include <system_error>
 #include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace quorvane::platform {
 
 namespace {
 
-using Failure = std::optional<std::string>;
 using Filter = Owned<std::remove_pointer_t<scmp_filter_ctx>, ::seccomp_release>;
 
 // Rights that kernels later than the build's headers know.
@@ -71,17 +69,17 @@ std::uint64_t rightsOf(SandboxAccess access) {
     return 0;
 }
 
-std::string failure(std::string_view what, int error = errno) {
-    return "cannot " + std::string(what) + ": " + std::strerror(error);
+tl::unexpected<Error> cannot(std::string_view what, int error = errno) {
+    return failure("cannot " + std::string(what) + ": " + std::strerror(error));
 }
 
-Failure checkSingleThread() {
+Result<void> checkSingleThread() {
     std::error_code error;
     const std::filesystem::directory_iterator threads("/proc/self/task", error);
-    if (error) return failure("count the process's threads", error.value());
+    if (error) return cannot("count the process's threads", error.value());
     if (std::distance(begin(threads), end(threads)) > kThreadsAtStart)
-        return "the process has more than one thread already";
-    return std::nullopt;
+        return failure("the process has more than one thread already");
+    return {};
 }
 
 /// Without the folders that it writes to the product cannot work.
@@ -91,15 +89,15 @@ bool isNeeded(const SandboxPath& entry) {
 
 /// Makes the product's folders that are absent. A readable one that cannot be made is simply not there to
 /// read.
-Failure makeFolders(const SandboxProfile& profile) {
+Result<void> makeFolders(const SandboxProfile& profile) {
     for (const SandboxPath& entry : profile.paths) {
         if (!entry.product) continue;
         std::error_code error;
         if (std::filesystem::exists(entry.path, error)) continue;
         std::filesystem::create_directories(entry.path, error);
-        if (error && isNeeded(entry)) return failure("make the folder " + entry.path, error.value());
+        if (error && isNeeded(entry)) return cannot("make the folder " + entry.path, error.value());
     }
-    return std::nullopt;
+    return {};
 }
 
 /// The rights that this kernel's Landlock can refuse; 0 when it has none or it is switched off.
@@ -109,32 +107,33 @@ std::uint64_t refusableRights() {
     return kBasicRights | (version >= 3 ? kTruncate : 0) | (version >= 5 ? kIoctlDevice : 0);
 }
 
-Failure allow(const UniqueDescriptor& rules, const SandboxPath& entry, std::uint64_t refusable) {
+Result<void> allow(const UniqueDescriptor& rules, const SandboxPath& entry, std::uint64_t refusable) {
     const UniqueDescriptor target(::open(entry.path.c_str(), O_PATH | O_CLOEXEC));
     struct stat status {};
     if (!target || ::fstat(target.get(), &status) != 0) {
         const bool absent = errno == ENOENT || errno == ENOTDIR;
-        return absent && !isNeeded(entry) ? Failure() : failure("open " + entry.path);
+        if (absent && !isNeeded(entry)) return {};
+        return cannot("open " + entry.path);
     }
     landlock_path_beneath_attr rule{};
     rule.parent_fd = target.get();
     rule.allowed_access = rightsOf(entry.access) & refusable;
     if (!S_ISDIR(status.st_mode)) rule.allowed_access &= kFileRights;
     if (::syscall(SYS_landlock_add_rule, rules.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0) != 0)
-        return failure("allow " + entry.path);
-    return std::nullopt;
+        return cannot("allow " + entry.path);
+    return {};
 }
 
-std::variant<UniqueDescriptor, std::string> preparePathRules(const SandboxProfile& profile) {
+Result<UniqueDescriptor> preparePathRules(const SandboxProfile& profile) {
     const std::uint64_t refusable = refusableRights();
-    if (refusable == 0) return failure("use Landlock");
+    if (refusable == 0) return cannot("use Landlock");
     landlock_ruleset_attr attributes{};
     attributes.handled_access_fs = refusable;
     UniqueDescriptor rules(
         static_cast<int>(::syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0)));
-    if (!rules) return failure("make a Landlock ruleset");
+    if (!rules) return cannot("make a Landlock ruleset");
     for (const SandboxPath& entry : profile.paths)
-        if (auto refused = allow(rules, entry, refusable)) return *std::move(refused);
+        if (auto allowed = allow(rules, entry, refusable); !allowed) return tl::unexpected(allowed.error());
     return rules;
 }
 
@@ -177,76 +176,79 @@ int refuseSystemCall(const Filter& filter, const SandboxRefusal& refusal) {
                   refusal.systemCall == SCMP_SYS(clone) ? makesProcess : Conditions{});
 }
 
-std::variant<Filter, std::string> prepareFilter(const SandboxProfile& profile) {
+Result<Filter> prepareFilter(const SandboxProfile& profile) {
     Filter filter(::seccomp_init(SCMP_ACT_ALLOW));
-    if (filter == nullptr) return failure("make a system-call filter", ENOMEM);
+    if (filter == nullptr) return cannot("make a system-call filter", ENOMEM);
     // System calls of another architecture have no business here.
     if (const int result = ::seccomp_attr_set(filter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS))
-        return failure("set up the system-call filter", -result);
+        return cannot("set up the system-call filter", -result);
     if (const int result = refuseEmptyingReadableFiles(filter))
-        return failure("refuse the emptying of readable files", -result);
+        return cannot("refuse the emptying of readable files", -result);
     for (const SandboxRefusal& refusal : profile.refusals)
         if (const int result = refuseSystemCall(filter, refusal))
-            return failure("refuse the system call " + refusal.name, -result);
+            return cannot("refuse the system call " + refusal.name, -result);
     return filter;
 }
 
-Failure confine(const UniqueDescriptor& rules, const Filter& filter) {
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failure("renounce new privileges");
-    if (::syscall(SYS_landlock_restrict_self, rules.get(), 0) != 0)
-        return failure("apply the Landlock rules");
+Result<void> confine(const UniqueDescriptor& rules, const Filter& filter) {
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return cannot("renounce new privileges");
+    if (::syscall(SYS_landlock_restrict_self, rules.get(), 0) != 0) return cannot("apply the Landlock rules");
     if (const int result = ::seccomp_load(filter.get()))
-        return failure("load the system-call filter", -result);
-    return std::nullopt;
+        return cannot("load the system-call filter", -result);
+    return {};
 }
 
 /// Two paths that every user may open and that no profile needs.
-Failure provePathsRefused() {
+Result<void> provePathsRefused() {
     for (const char* outside : {"/", "/etc/passwd"}) {
         const UniqueDescriptor opened(::open(outside, O_RDONLY | O_CLOEXEC));
         if (opened || (errno != EACCES && errno != ENOENT))
-            return std::string("the sandbox does not hold: ") + outside + " can be opened";
+            return failure(std::string("the sandbox does not hold: ") + outside + " can be opened");
     }
-    return std::nullopt;
+    return {};
 }
 
-Failure proveSystemCallsRefused(const SandboxProfile& profile) {
+Result<void> proveSystemCallsRefused(const SandboxProfile& profile) {
     // With arguments of all ones these do nothing but fail, and not with the errors that a profile gives.
     constexpr std::array<std::string_view, 4> harmless{"execve", "ptrace", "setns", "unshare"};
     bool proved = false;
     for (const SandboxRefusal& refusal : profile.refusals) {
         if (std::find(harmless.begin(), harmless.end(), refusal.name) == harmless.end()) continue;
         if (::syscall(refusal.systemCall, -1L, -1L, -1L, -1L) != -1 || errno != refusal.error)
-            return "the sandbox does not hold: " + refusal.name + " is not refused";
+            return failure("the sandbox does not hold: " + refusal.name + " is not refused");
         proved = true;
     }
-    if (!proved) return "the sandbox cannot be proved: execve is not among the refused system calls";
-    return std::nullopt;
+    if (proved) return {};
+    return failure("the sandbox cannot be proved: execve is not among the refused system calls");
 }
 
-Failure apply(std::string_view name) {
-    if (name.find('/') != std::string_view::npos) return "no profile can be named " + std::string(name);
-    auto read = readSandboxProfile(rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml"));
-    if (auto* unreadable = std::get_if<std::string>(&read)) return std::move(*unreadable);
-    const auto& profile = std::get<SandboxProfile>(read);
-    if (auto refused = checkSingleThread()) return refused;
-    if (auto refused = makeFolders(profile)) return refused;
+Result<void> confineTo(const SandboxProfile& profile) {
     auto rules = preparePathRules(profile);
-    if (auto* refused = std::get_if<std::string>(&rules)) return std::move(*refused);
+    if (!rules) return tl::unexpected(std::move(rules).error());
     auto filter = prepareFilter(profile);
-    if (auto* refused = std::get_if<std::string>(&filter)) return std::move(*refused);
-    if (auto refused = confine(std::get<UniqueDescriptor>(rules), std::get<Filter>(filter))) return refused;
-    if (auto refused = provePathsRefused()) return refused;
-    return proveSystemCallsRefused(profile);
+    if (!filter) return tl::unexpected(std::move(filter).error());
+    return confine(*rules, *filter);
+}
+
+Result<void> apply(std::string_view name) {
+    if (name.find('/') != std::string_view::npos)
+        return failure("no profile can be named " + std::string(name));
+    auto profile = readSandboxProfile(rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml"));
+    if (!profile) return tl::unexpected(std::move(profile).error());
+    if (auto checked = checkSingleThread(); !checked) return checked;
+    if (auto made = makeFolders(*profile); !made) return made;
+    if (auto confined = confineTo(*profile); !confined) return confined;
+    if (auto proved = provePathsRefused(); !proved) return proved;
+    return proveSystemCallsRefused(*profile);
 }
 
 }  // namespace
 
-std::optional<std::string> applySandboxProfile(std::string_view name) {
+Result<void> applySandboxProfile(std::string_view name) {
     try {
         return apply(name);
     } catch (const std::exception& error) {
-        return std::string("cannot apply the sandbox profile: ") + error.what();
+        return failure(std::string("cannot apply the sandbox profile: ") + error.what());
     }
 }
 

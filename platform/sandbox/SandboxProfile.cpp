@@ -11,14 +11,11 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
-#include <optional>
 #include <utility>
 
 namespace quorvane::platform {
 
 namespace {
-
-using Failure = std::optional<std::string>;
 
 constexpr std::array<std::pair<std::string_view, SandboxAccess>, 4> kAccesses{
     {{"read", SandboxAccess::Read},
@@ -36,87 +33,87 @@ auto* named(const Table& table, std::string_view name) {
 
 /// Calls the function with each text of the array; the first failure ends it.
 template <typename Function>
-Failure forEachText(const std::string& key, const toml::node& value, Function&& function) {
+Result<void> forEachText(const std::string& key, const toml::node& value, Function&& function) {
     const toml::array* array = value.as_array();
-    if (array == nullptr) return key + ": a list of texts is expected";
+    if (array == nullptr) return failure(key + ": a list of texts is expected");
     for (const toml::node& element : *array) {
         const auto text = element.value_exact<std::string>();
-        if (!text) return key + ": a list of texts is expected";
-        if (auto failure = function(*text)) return key + ": " + *failure;
+        if (!text) return failure(key + ": a list of texts is expected");
+        if (auto taken = function(*text); !taken) return failure(key + ": " + taken.error().message);
     }
-    return std::nullopt;
+    return {};
 }
 
-Failure addPath(std::string path, SandboxAccess access, bool product, SandboxProfile& profile) {
-    if (path.empty() || path.front() != '/') return "\"" + path + "\" is not an absolute path";
+Result<void> addPath(std::string path, SandboxAccess access, bool product, SandboxProfile& profile) {
+    if (path.empty() || path.front() != '/') return failure("\"" + path + "\" is not an absolute path");
     if (product) path = rooted(path);
     profile.paths.push_back({std::move(path), access, product});
-    return std::nullopt;
+    return {};
 }
 
-Failure addRefusal(const std::string& name, int error, SandboxProfile& profile) {
+Result<void> addRefusal(const std::string& name, int error, SandboxProfile& profile) {
     const int systemCall = ::seccomp_syscall_resolve_name(name.c_str());
-    if (systemCall == __NR_SCMP_ERROR) return "\"" + name + "\" is no system call";
+    if (systemCall == __NR_SCMP_ERROR) return failure("\"" + name + "\" is no system call");
     // The C library starts a thread with clone once clone3 is said not to exist, and gives up on any other
     // error.
-    if (name == "clone3" && error != ENOSYS) return "clone3 can be refused with ENOSYS only";
+    if (name == "clone3" && error != ENOSYS) return failure("clone3 can be refused with ENOSYS only");
     profile.refusals.push_back({name, systemCall, error});
-    return std::nullopt;
+    return {};
 }
 
-Failure readPaths(const std::string& section, const toml::table& table, SandboxProfile& profile) {
+Result<void> readPaths(const std::string& section, const toml::table& table, SandboxProfile& profile) {
     for (const auto& [name, value] : table) {
         const std::string key = section + "." + std::string(name.str());
         const SandboxAccess* access = named(kAccesses, name.str());
-        if (access == nullptr) return key + ": unknown key";
-        if (auto failure = forEachText(key, value, [&](const std::string& path) {
-                return addPath(path, *access, section == "product", profile);
-            }))
-            return failure;
+        if (access == nullptr) return failure(key + ": unknown key");
+        auto taken = forEachText(key, value, [&](const std::string& path) {
+            return addPath(path, *access, section == "product", profile);
+        });
+        if (!taken) return taken;
     }
-    return std::nullopt;
+    return {};
 }
 
-Failure readRefusals(const std::string& section, const toml::table& table, SandboxProfile& profile) {
+Result<void> readRefusals(const std::string& section, const toml::table& table, SandboxProfile& profile) {
     for (const auto& [name, value] : table) {
         const std::string key = section + "." + std::string(name.str());
         const int* error = named(kErrors, name.str());
-        if (error == nullptr) return key + ": unknown key";
-        if (auto failure = forEachText(
-                key, value, [&](const std::string& call) { return addRefusal(call, *error, profile); }))
-            return failure;
+        if (error == nullptr) return failure(key + ": unknown key");
+        auto taken = forEachText(key, value,
+                                 [&](const std::string& call) { return addRefusal(call, *error, profile); });
+        if (!taken) return taken;
     }
-    return std::nullopt;
+    return {};
 }
 
-Failure readSections(const toml::table& root, SandboxProfile& profile) {
+Result<void> readSections(const toml::table& root, SandboxProfile& profile) {
     for (const auto& [name, value] : root) {
         const std::string section(name.str());
         const bool paths = section == "product" || section == "system";
-        if (!paths && section != "refuse") return section + ": unknown key";
+        if (!paths && section != "refuse") return failure(section + ": unknown key");
         const toml::table* table = value.as_table();
-        if (table == nullptr) return section + ": a table is expected";
-        if (auto failure =
-                paths ? readPaths(section, *table, profile) : readRefusals(section, *table, profile))
-            return failure;
+        if (table == nullptr) return failure(section + ": a table is expected");
+        auto read = paths ? readPaths(section, *table, profile) : readRefusals(section, *table, profile);
+        if (!read) return read;
     }
-    return std::nullopt;
+    return {};
 }
 
 }  // namespace
 
-std::variant<SandboxProfile, std::string> readSandboxProfile(const std::string& file) {
+Result<SandboxProfile> readSandboxProfile(const std::string& file) {
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
-    if (!stream) return "cannot read " + file + ": " + std::strerror(errno);
+    if (!stream) return failure("cannot read " + file + ": " + std::strerror(errno));
     SandboxProfile profile;
     try {
-        if (auto failure = readSections(toml::parse(stream, file), profile)) return file + ": " + *failure;
+        if (auto read = readSections(toml::parse(stream, file), profile); !read)
+            return failure(file + ": " + read.error().message);
     } catch (const toml::parse_error& error) {
-        return file + ": line " + std::to_string(error.source().begin.line) + ": " +
-               std::string(error.description());
+        return failure(file + ": line " + std::to_string(error.source().begin.line) + ": " +
+                       std::string(error.description()));
     } catch (const std::exception& error) {
-        return "cannot read " + file + ": " + error.what();
+        return failure("cannot read " + file + ": " + error.what());
     }
     return profile;
 }

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "platform/base/Result.h"
+
 #include <string>
-#include <string_view>
-#include <variant>
 #include <vector>
 
 namespace quorvane::platform {
@@ -45,8 +45,8 @@ struct SandboxProfile {
 };
 
 /// Reads the profile in the file. A key or system call that is not known, a value of the wrong type, a
-/// relative path, or a rule that would keep threads from starting is an error; the text names the file and
-/// the key.
-std::variant<SandboxProfile, std::string> readSandboxProfile(const std::string& file);
+/// relative path, or a rule that would keep threads from starting is an error; its text names the file
+/// and the key.
+Result<SandboxProfile> readSandboxProfile(const std::string& file);
 
 }  // namespace quorvane::platform

@@ -13,8 +13,8 @@ namespace {
 std::optional<Value> parsed(std::string_view bytes) {
     const auto result =
         parsePropertyList({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-    if (const auto* value = std::get_if<Value>(&result)) return *value;
-    EXPECT_FALSE(std::get<PropertyListError>(result).description.empty());
+    if (result) return *result;
+    EXPECT_NE(result.error().message, "");
     return std::nullopt;
 }
 

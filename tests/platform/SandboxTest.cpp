@@ -83,7 +83,8 @@ class SandboxTest : public RootFixture {
     template <typename Probe>
     static std::string confined(const std::string& profile, Probe&& probe) {
         return inChild([&] {
-            if (const auto error = applySandboxProfile(profile)) return "error: " + *error;
+            if (const auto applied = applySandboxProfile(profile); !applied)
+                return "error: " + applied.error().message;
             Findings findings;
             probe(findings);
             return findings.text();
@@ -237,9 +238,9 @@ TEST_F(SandboxTest, AProfileThatCannotBeAppliedOrDoesNotHoldIsAnError) {
     writeProfile(refuse);
     EXPECT_EQ(inChild([] {
                   std::thread other(::pause);
-                  const auto error = applySandboxProfile("test");
+                  const auto applied = applySandboxProfile("test");
                   other.detach();
-                  return error.value_or("");
+                  return applied ? "" : applied.error().message;
               }),
               "the process has more than one thread already");
 }

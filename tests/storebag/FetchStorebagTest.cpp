@@ -45,7 +45,7 @@ class FetchStorebagTest : public StorebagFixture {
 
     Dictionary goodEnvelope() const {
         const auto parsed = platform::parsePropertyList(*tools::signStorebag(_bag, *_key));
-        return *std::get<Value>(parsed).dictionary();
+        return *parsed.value().dictionary();
     }
 
     /// The good envelope with one entry changed, or taken away by an absent text.
@@ -168,7 +168,7 @@ TEST_F(FetchStorebagTest, WhatIsNotSignedOrCannotBeReadIsNotTaken) {
     const auto stranger = tools::SigningKey::generate();
     const Dictionary otherBag{{"version", "13"}};
     const auto other = platform::parsePropertyList(*tools::signStorebag(otherBag, *_key));
-    const Value otherBytes = *std::get<Value>(other).dictionary()->find("bag");
+    const Value otherBytes = *other.value().dictionary()->find("bag");
     const std::string unverified = "<3>fetchStorebagWithName: Signature can not be verified, 0x";
     const struct {
         std::string body;

@@ -57,8 +57,7 @@ ProgramResult verify(const std::string& further = "") {
 
 Dictionary dictionaryOf(const std::string& plist) {
     const auto parsed = platform::parsePropertyList(bytesOf(plist));
-    const Value* value = std::get_if<Value>(&parsed);
-    return value != nullptr && value->dictionary() != nullptr ? *value->dictionary() : Dictionary();
+    return parsed && parsed->dictionary() != nullptr ? *parsed->dictionary() : Dictionary();
 }
 
 /// Works in a folder of its own with one pair of keys and a bag's source.

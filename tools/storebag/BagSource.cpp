@@ -30,15 +30,14 @@ Dictionary dictionaryOf(Value value, std::string_view name) {
 
 Dictionary tomlBag(std::string_view text, std::string_view name) {
     auto parsed = platform::parseToml(text, name);
-    if (const auto* error = std::get_if<platform::TomlError>(&parsed)) throw Failure(error->description);
-    return std::get<Dictionary>(std::move(parsed));
+    if (!parsed) throw Failure(parsed.error().message);
+    return *std::move(parsed);
 }
 
 Dictionary propertyListBag(const Data& bytes, std::string_view name) {
     auto parsed = platform::parsePropertyList(bytes);
-    if (const auto* error = std::get_if<platform::PropertyListError>(&parsed))
-        throw Failure(fmt::format("{}: {}", name, error->description));
-    return dictionaryOf(std::get<Value>(std::move(parsed)), name);
+    if (!parsed) throw Failure(fmt::format("{}: {}", name, parsed.error().message));
+    return dictionaryOf(*std::move(parsed), name);
 }
 
 }  // namespace
