@@ -5,12 +5,18 @@
 #include "bench/Load.h"
 #include "platform/bus/BusValue.h"
 #include "platform/formats/Json.h"
+#include "platform/formats/PropertyList.h"
 #include "util/Compression.h"
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstdint>
+#include <string>
+#include <string_view>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace quorvane::bench {
 namespace {
@@ -93,6 +99,37 @@ void gzipBatch(benchmark::State& state) {
                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(gzipBatch);
+
+std::string xmlOf(int entries) {
+    std::string text = "<plist><dict>";
+    for (int i = 0; i < entries; ++i)
+        text += fmt::format("<key>key {}</key><string>&lt;{}&gt;</string>", i, i);
+    return text + "</dict></plist>";
+}
+
+/// In seconds.
+double timeToParse(std::string_view xml) {
+    const auto start = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(
+        platform::parsePropertyList({reinterpret_cast<const std::uint8_t*>(xml.data()), xml.size()}));
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// What a byte of a large list costs, in bytes of a small one: 1 when the time grows with the size, about 64
+/// when it grows with the square.
+void parseXmlPropertyList(benchmark::State& state) {
+    const std::string small = xmlOf(1'000);
+    const std::string large = xmlOf(64'000);
+    double smallTime = 0;
+    double largeTime = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < 64; ++i) smallTime += timeToParse(small) / 64;
+        largeTime += timeToParse(large);
+    }
+    const double sizes = static_cast<double>(large.size()) / static_cast<double>(small.size());
+    state.counters["cost of a byte, large/small"] = largeTime / smallTime / sizes;
+}
+BENCHMARK(parseXmlPropertyList)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace quorvane::bench

@@ -1,6 +1,7 @@
 #include "platform/formats/BinaryPropertyList.h"
 
 #include "platform/formats/PropertyListDate.h"
+#include "platform/formats/ValueLimits.h"
 #include "platform/value/Text.h"
 
 #include <bit>
@@ -16,9 +17,6 @@ namespace quorvane::platform {
 
 namespace {
 
-constexpr unsigned kMaximumDepth = 128;
-constexpr std::uint64_t kMaximumValues = 1'000'000;
-constexpr std::uint64_t kMaximumBytes = std::uint64_t{64} << 20;
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kTrailerSize = 32;
 
@@ -45,7 +43,7 @@ class Reader {
     Result<Value> read() {
         auto root = readTrailer() ? value(_root) : std::nullopt;
         if (root) return std::move(*root);
-        return failure(_failure != nullptr ? _failure : "the property list is damaged");
+        return failure(std::string("the property list ") + (_failure != nullptr ? _failure : "is damaged"));
     }
 
   private:
@@ -114,13 +112,13 @@ class Reader {
             case 0xd:
                 return container(*at);
             default:
-                return fail("the property list holds an object that is no value");
+                return fail("holds an object that is no value");
         }
     }
 
     std::optional<Value> boolean(const Object& at) {
         if (at.lowerHalf == 8 || at.lowerHalf == 9) return Value(at.lowerHalf == 9);
-        return fail("the property list holds an object that is no value");
+        return fail("holds an object that is no value");
     }
 
     /// Up to four bytes are unsigned, eight are signed; sixteen are for what is above those.
@@ -155,7 +153,7 @@ class Reader {
         const auto seconds = floating(at);
         if (!seconds) return std::nullopt;
         constexpr double farthest = 9e12;  // so that microseconds fit in 64 bits
-        if (!(std::abs(*seconds) < farthest)) return fail("the property list holds a date out of range");
+        if (!(std::abs(*seconds) < farthest)) return fail("holds a date out of range");
         return Value(Date{kPropertyListEpoch * 1'000'000 + std::llround(*seconds * 1e6)});
     }
 
@@ -169,7 +167,7 @@ class Reader {
         const auto bytes = contents(at, wide ? 2 : 1);
         if (!bytes) return std::nullopt;
         auto read = wide ? utf8FromUtf16(units(*bytes)) : std::string(textOf(*bytes));
-        if (!read || !isUtf8(*read)) return fail("the property list holds a text that is not Unicode");
+        if (!read || !isUtf8(*read)) return fail("holds a text that is not Unicode");
         return read;
     }
 
@@ -182,7 +180,7 @@ class Reader {
     }
 
     std::optional<Value> container(const Object& at) {
-        if (_depth == kMaximumDepth) return fail("the property list is nested deeper than 128 levels");
+        if (_depth == kMaximumDepth) return fail(kTooDeep);
         ++_depth;
         auto result = at.type == 0xa ? array(at) : dictionary(at);
         --_depth;
@@ -230,7 +228,7 @@ class Reader {
     std::optional<std::string> key(std::uint64_t number) {
         const auto at = object(number);
         if (!at) return std::nullopt;
-        if (at->type != 0x5 && at->type != 0x6) return fail("the property list has a key that is no text");
+        if (at->type != 0x5 && at->type != 0x6) return fail("has a key that is no text");
         return text(*at);
     }
 
@@ -261,7 +259,7 @@ class Reader {
         return bigEndian(*size);
     }
 
-    std::nullopt_t tooLarge() { return fail("the property list has more than a million values or 64 MiB"); }
+    std::nullopt_t tooLarge() { return fail(kTooLarge); }
 
     Bytes _bytes;
     std::uint64_t _offsetSize = 0;

@@ -8,9 +8,9 @@
 
 namespace quorvane::platform {
 
-/// Parses a binary property list. libplist is no help with bytes from a server: it follows references as deep
-/// as they go, on the stack, writes a value out anew wherever it is referred to, so that a few hundred bytes
-/// ask for more memory than there is, and asserts that no key has a NUL in it.
+/// Parses a binary property list. Objects in it refer to each other by number: an object that refers to
+/// itself, or one that is referred to many times and so written out as often, would make more values of a few
+/// hundred bytes than there is memory for. The limits on a value's depth, number and bytes end both.
 Result<Value> parseBinaryPropertyList(std::span<const std::uint8_t> bytes);
 
 }  // namespace quorvane::platform

@@ -11,8 +11,8 @@
 
 namespace quorvane::platform {
 
-/// Writes a binary property list object by object, in time that grows with their number. libplist's writer
-/// compares every object with one in 4,096 of the others: a million of them take it minutes.
+/// Writes a binary property list object by object, in time that grows with their number: equal objects are
+/// not looked for.
 class BinaryPropertyListWriter {
   public:
     /// An object already written.

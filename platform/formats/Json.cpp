@@ -1,5 +1,6 @@
 #include "platform/formats/Json.h"
 
+#include "platform/formats/ValueBuilder.h"
 #include "platform/value/Text.h"
 
 #include <rapidjson/memorystream.h>
@@ -15,14 +16,10 @@
 #include <system_error>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace quorvane::platform {
 
 namespace {
-
-constexpr std::size_t kMaximumDepth = 128;
-constexpr std::size_t kMaximumValues = 1'000'000;
 
 /// RapidJSON's output stream onto the end of a byte buffer, which then is the result itself.
 template <typename Buffer>
@@ -171,10 +168,10 @@ std::optional<Buffer> serialised(const Value& value) {
 }
 
 /// Builds the value from RapidJSON's events; false from an event ends the parse.
-class ValueBuilder {
+class JsonEvents {
   public:
     bool Null() { return false; }
-    bool Bool(bool flag) { return add(Value(flag)); }
+    bool Bool(bool flag) { return _builder.add(Value(flag)); }
     bool Int(int) { return false; }  // Numbers come as RawNumber.
     bool Uint(unsigned) { return false; }
     bool Int64(std::int64_t) { return false; }
@@ -185,61 +182,28 @@ class ValueBuilder {
                addNumber<double>(text, size);
     }
     bool String(const char* text, rapidjson::SizeType size, bool) {
-        return add(Value(std::string_view(text, size)));
+        return _builder.add(Value(std::string_view(text, size)));
     }
     bool Key(const char* text, rapidjson::SizeType size, bool) {
-        _open.back().entries.push_back({std::string(text, size), Value()});
-        return true;
+        return _builder.setKey(std::string(text, size));
     }
-    bool StartArray() { return open(false); }
-    bool StartObject() { return open(true); }
-    bool EndArray(rapidjson::SizeType) { return close(Value(std::move(_open.back().elements))); }
-    bool EndObject(rapidjson::SizeType) {
-        return close(Value(Dictionary::fromEntries(std::move(_open.back().entries))));
-    }
+    bool StartArray() { return _builder.openArray(); }
+    bool StartObject() { return _builder.openDictionary(); }
+    bool EndArray(rapidjson::SizeType) { return _builder.close(); }
+    bool EndObject(rapidjson::SizeType) { return _builder.close(); }
 
-    Value take() { return std::move(_root); }
+    std::optional<Value> take() { return _builder.take(); }
 
   private:
-    struct Container {
-        bool isDictionary = false;
-        Array elements;
-        std::vector<Dictionary::Entry> entries;
-    };
-
-    bool open(bool isDictionary) {
-        if (_open.size() == kMaximumDepth) return false;
-        _open.push_back({isDictionary, {}, {}});
-        return true;
-    }
-
-    bool close(Value value) {
-        _open.pop_back();
-        return add(std::move(value));
-    }
-
     /// RapidJSON has checked the form; false when the type cannot hold the number.
     template <typename Number>
     bool addNumber(const char* text, std::size_t size) {
         Number number{};
         const auto [end, error] = std::from_chars(text, text + size, number);
-        return error == std::errc() && end == text + size && add(Value(number));
+        return error == std::errc() && end == text + size && _builder.add(Value(number));
     }
 
-    bool add(Value value) {
-        if (++_values > kMaximumValues) return false;
-        if (_open.empty())
-            _root = std::move(value);
-        else if (_open.back().isDictionary)
-            _open.back().entries.back().value = std::move(value);
-        else
-            _open.back().elements.push_back(std::move(value));
-        return true;
-    }
-
-    std::vector<Container> _open;
-    Value _root;
-    std::size_t _values = 0;
+    ValueBuilder _builder;
 };
 
 }  // namespace
@@ -257,10 +221,10 @@ std::optional<Value> parseJson(std::string_view text) {
                                rapidjson::kParseNumbersAsStringsFlag;
     rapidjson::MemoryStream stream(text.data(), text.size());
     rapidjson::Reader reader;
-    ValueBuilder builder;
+    JsonEvents events;
     // The stream shows its end and a NUL alike; only the first may end the text.
-    if (reader.Parse<flags>(stream, builder).IsError() || stream.Tell() != text.size()) return std::nullopt;
-    return builder.take();
+    if (reader.Parse<flags>(stream, events).IsError() || stream.Tell() != text.size()) return std::nullopt;
+    return events.take();
 }
 
 }  // namespace quorvane::platform

@@ -3,9 +3,12 @@
 #include "tests/platform/Repeated.h"
 
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <random>
 #include <string_view>
+
+#include <fmt/format.h>
 
 namespace quorvane::platform {
 namespace {
@@ -45,7 +48,7 @@ std::string binary(const std::vector<std::string>& objects, std::uint8_t root = 
 }
 
 const Value kSample(Dictionary{
-    {"text", "a <&> \xc3\xbc"},
+    {"text", "a <&>\r\n \xc3\xbc"},
     {"", ""},
     {"flag", true},
     {"signed", std::numeric_limits<std::int64_t>::min()},
@@ -88,6 +91,8 @@ TEST(PropertyList, XmlAsOthersWriteItIsRead) {
                          "<key>c</key><array/><key>d</key><data>AQI=\n</data>"
                          "<key>a</key><integer>-7</integer></dict>")),
               Value(Dictionary{{"a", -7}, {"b", "x<array>y"}, {"c", Array{}}, {"d", Data{1, 2}}}));
+    EXPECT_EQ(parsed("\n<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><string>\xc3\xbc&#13;</string>"),
+              Value("\xc3\xbc\r"));
 }
 
 TEST(PropertyList, MalformedListsAreAnErrorThatSaysSo) {
@@ -96,6 +101,8 @@ TEST(PropertyList, MalformedListsAreAnErrorThatSaysSo) {
           std::string("bplist00"), std::string("<plist>"), xml(""), xml("<array>"),
           xml("<dict><string>x</string></dict>"), xml("<string>\xff</string>"),
           xml("<string>&#xD800;</string>"), xml("<date>9999-01-01T00:00:00Z</date>"), xml("<nonsense/>"),
+          xml("<date>2026-01</date>"), xml("<data>A</data>"), xml("<array>text<true/></array>"),
+          xml("<dict><key>a</key><key>b</key><true/></dict>"), xml("<string>a<true/>b</string>"),
           xml(std::string("<dict><key>a\0b</key><true/></dict>", 35))})
         EXPECT_FALSE(parsed(bytes)) << bytes;
 }
@@ -112,6 +119,28 @@ TEST(PropertyList, DeepXmlIsRefusedHoweverItIsDisguised) {
     for (const char* documentType : {"<!DOCTYPE plist \"[\">", "<!DOCTYPE plist [", "<!DOCTYPE plist \">\">"})
         EXPECT_FALSE(parsed(documentType + xml(repeated("<array>", deep)))) << documentType;
     EXPECT_FALSE(parsed(xml("<array>" + repeated("<true/>", 1'000'000) + "</array>")));
+}
+
+TEST(PropertyList, NoEntityIsExpanded) {
+    const std::string reference = "<plist><string>&a;</string></plist>";
+    for (const char* documentType :
+         {"", "<!DOCTYPE plist [<!ENTITY a \"a\">]>", "<!DOCTYPE plist SYSTEM \"list.dtd\">",
+          "<!DOCTYPE plist [<!ENTITY a SYSTEM \"/etc/hostname\">]>",
+          "<!DOCTYPE plist [<!ENTITY % a SYSTEM \"list.dtd\"> %a;]>"})
+        EXPECT_FALSE(parsed(documentType + reference)) << documentType;
+    EXPECT_FALSE(parsed("<!DOCTYPE plist [<!ENTITY a \"a\">]><plist><true/></plist>"));
+}
+
+/// Both took minutes where the time grew with the square.
+TEST(PropertyList, ALargeTextOfEntitiesAndALargeDictionaryAreRead) {
+    constexpr int size = 500'000;
+    EXPECT_EQ(parsed(xml("<string>" + repeated("&lt;", size) + "</string>")), Value(std::string(size, '<')));
+    std::string entries;
+    for (int i = size; i > 0; --i) fmt::format_to(std::back_inserter(entries), "<key>{}</key><true/>", i);
+    const auto dictionary = parsed(xml("<dict>" + entries + "</dict>"));
+    ASSERT_TRUE(dictionary && dictionary->dictionary());
+    EXPECT_EQ(dictionary->dictionary()->size(), std::size_t{size});
+    EXPECT_TRUE(dictionary->dictionary()->boolean("1") && dictionary->dictionary()->boolean("500000"));
 }
 
 TEST(PropertyList, BinaryListsThatExpandWithoutBoundAreRefused) {
