@@ -9,6 +9,7 @@ namespace quorvane::bench {
 struct Options {
     std::uint64_t events = 200'000;
     std::uint64_t waitingCalls = 20'000;
+    std::uint64_t countedEvents = 10'000;
     std::uint64_t growthEvents = 1'000'000;
     std::uint64_t sessions = 1'000;
     std::uint64_t datagrams = 100'000;
@@ -22,6 +23,7 @@ struct Options {
 // The measurements, each with a daemon of its own and its own part of the report.
 
 void measureEventCost(const Options& options);
+void measureEventCounts(const Options& options);
 void measureMemory(const Options& options);
 void measureStalledCollector(const Options& options);
 void measureIdleness(const Options& options);

@@ -22,9 +22,9 @@ using Part = std::pair<std::string, std::function<void(const Options&)>>;
 
 const std::vector<Part>& parts() {
     static const std::vector<Part> all{
-        {"events", measureEventCost}, {"memory", measureMemory},       {"stall", measureStalledCollector},
-        {"idle", measureIdleness},    {"hierarchy", measureHierarchy}, {"datagrams", measureDatagrams},
-        {"uploads", measureUploads},
+        {"events", measureEventCost},       {"counts", measureEventCounts}, {"memory", measureMemory},
+        {"stall", measureStalledCollector}, {"idle", measureIdleness},      {"hierarchy", measureHierarchy},
+        {"datagrams", measureDatagrams},    {"uploads", measureUploads},
     };
     return all;
 }

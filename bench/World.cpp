@@ -43,7 +43,7 @@ UserInfo userInfo(const std::string& serviceName) {
     return {.clientName = "Mail", .serviceName = serviceName};
 }
 
-World::World() : _collector(_device.root()) {
+World::World(test::DaemonFixture::Environment environment) : _collector(_device.root()) {
     _device.write("etc/quorvane/device.toml",
                   "UniqueDeviceID = \"00008110-001a2b3c4d5e6f70\"\nProductType = \"Quorum12,1\"\n"
                   "ProductVersion = \"12.4\"\nBuildVersion = \"24E214\"\nDeviceName = \"Hall desk\"\n");
@@ -52,7 +52,8 @@ World::World() : _collector(_device.root()) {
     _device.serveStorebag(section(kQuorvaneBackendUploadServer, {{"post_url", _collector.url("/upload")}}),
                           "vistabox");
     // Lines below this level are not even formatted on devices.
-    _device.start({{"QUORVANE_LOG", "stderr:info"}});
+    environment.emplace("QUORVANE_LOG", "stderr:info");
+    _device.start(environment);
 }
 
 Client World::openSession(const SessionSetup& setup) {

@@ -38,7 +38,8 @@ std::uint64_t arrivingEvents(std::uint64_t sent);
 /// something does not start.
 class World {
   public:
-    World();
+    /// The variables are put into the daemon's environment.
+    explicit World(test::DaemonFixture::Environment environment = {});
 
     pid_t daemon() { return _device.daemon().pid(); }
     CountingServer& collector() { return _collector; }
