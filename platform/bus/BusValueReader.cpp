@@ -1,5 +1,6 @@
 #include "platform/bus/BusValue.h"
 
+#include <array>
 #include <cerrno>
 #include <string_view>
 #include <utility>
@@ -12,6 +13,23 @@ constexpr unsigned kMaximumDepth = 64;
 constexpr std::size_t kMaximumValues = 1'000'000;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
+/// The basic types that keys bore when they were last met. A key nearly always bears the same one again, and
+/// asking sd-bus for it takes nearly as long as entering the variant does.
+class TypesByKey {
+  public:
+    /// A signature, empty while none is known; keys may share it.
+    std::array<char, 2>& of(std::string_view key) {
+        std::uint32_t hash = 2'166'136'261;  // FNV-1a
+        for (const char c : key.substr(0, kHashedCharacters))
+            hash = (hash ^ static_cast<unsigned char>(c)) * 16'777'619;
+        return _types[(hash ^ (hash >> 16)) % _types.size()];
+    }
+
+  private:
+    static constexpr std::size_t kHashedCharacters = 24;
+    std::array<std::array<char, 2>, 512> _types{};
+};
+
 /// Reads values by their signature, which the caller knows or has read once from the variant around them:
 /// asking sd-bus at every step would copy it every time. A signature handed on is one complete type and ends
 /// with a NUL. Like sd-bus, functions return 0 at the end of a container and more for an element.
@@ -19,22 +37,26 @@ class Reader {
   public:
     explicit Reader(sd_bus_message* message) : _message(message) {}
 
-    int dictionary(const char* valueType, Dictionary& out);
+    /// The dictionary's entries are of the type "{sT}".
+    int dictionary(const char* entryType, Dictionary& out);
     int array(const char* elementType, Array& out);
 
   private:
     /// A container entered for as long as its elements are read.
     template <typename Function>
     int inside(char type, const char* contents, Function&& function);
+    int leave(int result);
 
     int value(const char* type, Value& out);
     int variant(Value& out);
+    int variant(Value& out, std::array<char, 2>& basicType);
+    int variantUnder(std::string_view key, Value& out);
     int container(const char* type, Value& out);
     int arrayOf(const char* elementType, Value& out);
-    int dictionaryOf(std::string_view entry, Value& out);
+    int dictionaryOf(const char* entryType, Value& out);
     int date(Value& out);
     int data(Value& out);
-    int text(char type, std::string& out);
+    int text(char type, Value& out);
     template <typename Read, typename Held = Read>
     int number(char type, Value& out);
 
@@ -47,22 +69,34 @@ template <typename Function>
 int Reader::inside(char type, const char* contents, Function&& function) {
     if (const int entered = ::sd_bus_message_enter_container(_message, type, contents); entered <= 0)
         return entered;
-    if (const int result = function(); result < 0) return result;
+    return leave(function());
+}
+
+/// Leaves the container that has been read with this result.
+int Reader::leave(int result) {
+    if (result < 0) return result;
     const int left = ::sd_bus_message_exit_container(_message);
     return left < 0 ? left : 1;
 }
 
-int Reader::dictionary(const char* valueType, Dictionary& out) {
-    const std::string entryType = std::string("s") + valueType;
+int Reader::dictionary(const char* entryType, Dictionary& out) {
+    const std::string_view braced = entryType;
+    const std::string contents(braced.substr(1, braced.size() - 2));
+    const char* valueType = contents.c_str() + 1;
     std::vector<Dictionary::Entry> entries;
-    const int result = inside(SD_BUS_TYPE_ARRAY, ("{" + entryType + "}").c_str(), [&] {
+    const int result = inside(SD_BUS_TYPE_ARRAY, entryType, [&] {
         int more = 0;
         do {
-            more = inside(SD_BUS_TYPE_DICT_ENTRY, entryType.c_str(), [&] {
+            more = inside(SD_BUS_TYPE_DICT_ENTRY, contents.c_str(), [&] {
+                const char* key = nullptr;
+                if (const int read = ::sd_bus_message_read_basic(_message, SD_BUS_TYPE_STRING, &key);
+                    read <= 0)
+                    return read;
                 if (entries.empty()) entries.reserve(8);
-                auto& [key, held] = entries.emplace_back();
-                const int read = text(SD_BUS_TYPE_STRING, key);
-                return read < 0 ? read : value(valueType, held);
+                auto& [held, value] = entries.emplace_back();
+                held = key;
+                return *valueType == SD_BUS_TYPE_VARIANT ? variantUnder(held, value)
+                                                         : this->value(valueType, value);
             });
         } while (more > 0);
         return more;
@@ -87,12 +121,8 @@ int Reader::value(const char* type, Value& out) {
     switch (*type) {
         case SD_BUS_TYPE_STRING:
         case SD_BUS_TYPE_OBJECT_PATH:
-        case SD_BUS_TYPE_SIGNATURE: {
-            std::string read;
-            const int result = text(*type, read);
-            out = Value(std::move(read));
-            return result;
-        }
+        case SD_BUS_TYPE_SIGNATURE:
+            return text(*type, out);
         case SD_BUS_TYPE_BOOLEAN:
             return number<int, bool>(*type, out);
         case SD_BUS_TYPE_BYTE:
@@ -123,7 +153,7 @@ int Reader::container(const char* type, Value& out) {
     if (++_depth > kMaximumDepth) return -E2BIG;
     int result = -ENXIO;
     if (signature.starts_with("a{s"))
-        result = dictionaryOf(signature.substr(1), out);
+        result = dictionaryOf(type + 1, out);
     else if (signature.starts_with('a'))
         result = arrayOf(type + 1, out);
     --_depth;
@@ -131,10 +161,28 @@ int Reader::container(const char* type, Value& out) {
 }
 
 int Reader::variant(Value& out) {
+    std::array<char, 2> ignored{};
+    return variant(out, ignored);
+}
+
+int Reader::variant(Value& out, std::array<char, 2>& basicType) {
     const char* contents = nullptr;
     if (const int result = ::sd_bus_message_peek_type(_message, nullptr, &contents); result <= 0)
         return result < 0 ? result : -ENXIO;
+    basicType[0] = contents[1] == '\0' ? *contents : '\0';
     return inside(SD_BUS_TYPE_VARIANT, contents, [&] { return value(contents, out); });
+}
+
+int Reader::variantUnder(std::string_view key, Value& out) {
+    thread_local TypesByKey types;
+    std::array<char, 2>& expected = types.of(key);
+    if (expected[0] != '\0') {
+        const int entered = ::sd_bus_message_enter_container(_message, SD_BUS_TYPE_VARIANT, expected.data());
+        if (entered > 0) return leave(value(expected.data(), out));
+        // It holds another type, and sd-bus stands where it stood.
+        if (entered != -ENXIO) return entered;
+    }
+    return variant(out, expected);
 }
 
 int Reader::arrayOf(const char* elementType, Value& out) {
@@ -144,11 +192,9 @@ int Reader::arrayOf(const char* elementType, Value& out) {
     return result;
 }
 
-/// The entry is "{sT}".
-int Reader::dictionaryOf(std::string_view entry, Value& out) {
-    const std::string valueType(entry.substr(2, entry.size() - 3));
+int Reader::dictionaryOf(const char* entryType, Value& out) {
     Dictionary read;
-    const int result = dictionary(valueType.c_str(), read);
+    const int result = dictionary(entryType, read);
     out = Value(std::move(read));
     return result;
 }
@@ -178,10 +224,10 @@ int Reader::data(Value& out) {
     return 1;
 }
 
-int Reader::text(char type, std::string& out) {
+int Reader::text(char type, Value& out) {
     const char* read = nullptr;
     const int result = ::sd_bus_message_read_basic(_message, type, &read);
-    if (result > 0) out = read;
+    if (result > 0) out = Value(read);
     return result;
 }
 
@@ -208,7 +254,7 @@ int readOptional(sd_bus_message* message, const char* type, std::optional<T>& ou
 }  // namespace
 
 int readDictionary(sd_bus_message* message, Dictionary& out) {
-    return Reader(message).dictionary("v", out);
+    return Reader(message).dictionary("{sv}", out);
 }
 
 int readOptionalDictionary(sd_bus_message* message, std::optional<Dictionary>& out) {

@@ -154,10 +154,14 @@ void sortByKey(std::vector<Dictionary::Entry>& entries) {
 }  // namespace
 
 Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
-    sortByKey(entries);
-    // Backwards, so that std::unique, which keeps the first of equal ones, keeps the last.
-    const auto sameKey = [](const Entry& a, const Entry& b) { return a.key == b.key; };
-    entries.erase(entries.begin(), std::unique(entries.rbegin(), entries.rend(), sameKey).base());
+    // Whoever sends a dictionary has mostly kept it in order, too.
+    const auto misplaced = [](const Entry& a, const Entry& b) { return a.key >= b.key; };
+    if (std::adjacent_find(entries.begin(), entries.end(), misplaced) != entries.end()) {
+        sortByKey(entries);
+        // Backwards, so that std::unique, which keeps the first of equal ones, keeps the last.
+        const auto sameKey = [](const Entry& a, const Entry& b) { return a.key == b.key; };
+        entries.erase(entries.begin(), std::unique(entries.rbegin(), entries.rend(), sameKey).base());
+    }
     Dictionary result;
     result._entries = std::move(entries);
     return result;
