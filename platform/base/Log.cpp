@@ -2,15 +2,18 @@
 
 #include "platform/value/Text.h"
 
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <utility>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace quorvane::platform {
@@ -57,11 +60,21 @@ bool isControl(char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
+/// The level comes first, where a service manager that reads the lines looks for it.
+std::string standardErrorLine(LogLevel level, std::string_view line) {
+    std::array<char, 16> thread{};
+    ::pthread_getname_np(::pthread_self(), thread.data(), thread.size());
+    using namespace std::chrono;
+    const auto now = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    return fmt::format("<{}>{:%FT%T}.{:06}Z [{}] {}\n", static_cast<int>(level), fmt::gmtime(now / 1'000'000),
+                       now % 1'000'000, thread.data(), line);
+}
+
 void emit(LogLevel level, const std::string& line) {
     if (const auto sink = logSink.load()) {
         sink(level, line);
     } else if (toStandardError) {
-        const std::string text = fmt::format("<{}>{}\n", static_cast<int>(level), line);
+        const std::string text = standardErrorLine(level, line);
         // One write a line, so that lines of several threads do not mix. There is nowhere to report a
         // failure.
         [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());

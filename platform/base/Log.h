@@ -15,8 +15,8 @@ namespace quorvane::platform {
 enum class LogLevel : int { Error = 3, Warning = 4, Info = 6, Debug = 7 };
 
 /// Opens the system log under the ident; the facility is a name of syslog(3) such as "Daemon" (any case).
-/// QUORVANE_LOG=stderr[:error|warning|info|debug] in the environment sends the lines to standard error
-/// instead, each as "<level>text" (sd-daemon(3)); the threshold is info without a word after the colon.
+/// QUORVANE_LOG=stderr[:error|warning|info|debug] in the environment sends lines to standard error instead,
+/// each as "<level>time [thread] text", the time in UTC; without a second word the threshold is info.
 void openLog(const char* ident, std::string_view facility);
 void closeLog();
 

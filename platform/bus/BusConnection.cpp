@@ -1,6 +1,7 @@
 #include "platform/bus/BusConnection.h"
 
 #include "platform/base/Log.h"
+#include "platform/base/Thread.h"
 #include "platform/bus/BusDriver.h"
 
 #include <fcntl.h>
@@ -101,6 +102,7 @@ bool BusConnection::resume(Handler ended) {
 }
 
 void BusConnection::serve() {
+    nameThisThread(fmt::format("client {}", _peer.uid).c_str());
     servedHere = this;
     const Ending ending = serveUntilItEnds();
     servedHere = nullptr;

@@ -8,7 +8,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::string_view kUnreachable = "<3>sendMessageWithDictionary: Failed to get remote object proxy: ";
+constexpr std::string_view kUnreachable = "] sendMessageWithDictionary: Failed to get remote object proxy: ";
 
 class AggregationChainTest : public ChainFixture {
   protected:

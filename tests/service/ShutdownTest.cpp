@@ -105,7 +105,9 @@ TEST_F(ShutdownTest, ARefusedSandboxProfileEndsTheDaemonBeforeItListens) {
     std::filesystem::remove(profile);
     ChildProcess& daemon = _device.launch();
     EXPECT_EQ(daemon.wait(), 255);
-    EXPECT_THAT(daemon.errors(), testing::StartsWith("<3>main: sandbox_init() fails: "));
+    EXPECT_THAT(
+        daemon.errors(),
+        testing::ContainsRegex("^<3>2[-0-9]{9}T[:0-9]{8}\\.[0-9]{6}Z \\[quorvaned\\] main: sandbox_init"));
     EXPECT_THAT(daemon.errors(), testing::HasSubstr(profile.string()));
     EXPECT_EQ(daemon.errors().find('\n'), daemon.errors().size() - 1) << "it is the only line";
     EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));

@@ -176,14 +176,14 @@ TEST_F(Ctl, UploadsFilesAndLogData) {
     const auto uploaded = ctl("upload " + file);
     EXPECT_EQ(uploaded.status, 0) << uploaded.errors;
     EXPECT_EQ(uploaded.output, "uploaded: " + file + "\n");
-    EXPECT_TRUE(device.logs("<7>uploadFileWithURL: File upload successful for " + file + "\n"));
+    EXPECT_TRUE(device.logs("] uploadFileWithURL: File upload successful for " + file + "\n"));
     EXPECT_FALSE(fs::exists(file)) << "the server asked for its removal";
     EXPECT_THAT(ctl("upload " + file).errors, HasSubstr("No such file"));
 
     const std::string log = device.root() / "log.json";
     device.write("log.json", R"([{"line": 1}, "two"])");
     EXPECT_EQ(ctl("upload-log --json " + log).output, "{\"uploaded\":\"" + log + "\"}\n");
-    EXPECT_TRUE(device.logs("<7>uploadLogData: Log data array upload successful\n"));
+    EXPECT_TRUE(device.logs("] uploadLogData: Log data array upload successful\n"));
     std::vector<std::string> bodies;
     for (const ServerRequest& request : device.server().requests())
         if (request.method == "POST" && !request.target.starts_with("/post")) bodies.push_back(request.body);
