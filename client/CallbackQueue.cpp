@@ -12,7 +12,8 @@ using platform::MutexLock;
 
 namespace {
 
-/// A callback that the thread is in, and the one around it: a callback may run a loop that runs others.
+/// A callback that runs on this thread, and the one that it was called from: a callback may run an event loop
+/// that runs further callbacks.
 struct Frame {
     const CallbackQueue* delivery;
     const Frame* outer;
@@ -62,7 +63,7 @@ bool CallbackQueue::startThread() {
         const MutexLock lock(_mutex);
         if (std::exchange(_hasThread, true)) return true;
     }
-    // The thread keeps the object: a callback may destroy the client, and with it everyone else's share.
+    // The thread holds a reference: a callback may destroy the client, which drops all others.
     auto thread =
         platform::startThread("quorvane-deliver", [self = shared_from_this()] { self->runWaiting(); });
     if (thread) {
@@ -70,7 +71,7 @@ bool CallbackQueue::startThread() {
         return true;
     }
     const MutexLock lock(_mutex);
-    _hasThread = false;  // The next callback tries again; what waits is bounded.
+    _hasThread = false;  // The next callback tries again; until then the queue's bound holds.
     return false;
 }
 

@@ -20,10 +20,10 @@ class CallbackQueue : public std::enable_shared_from_this<CallbackQueue> {
   public:
     struct Callback {
         std::function<void()> function;
-        std::size_t bytes = 0;  ///< What it holds of the user's data; counted until it has run.
+        std::size_t bytes = 0;  ///< Size of the event that it holds; counts as waiting until it has run.
     };
 
-    /// The event descriptor is written to when what waits falls below the bound.
+    /// The queue writes to the event descriptor when it falls below its bound.
     static std::shared_ptr<CallbackQueue> create(Executor executor,
                                                  std::shared_ptr<platform::UniqueDescriptor> wake);
     ~CallbackQueue();
@@ -32,13 +32,13 @@ class CallbackQueue : public std::enable_shared_from_this<CallbackQueue> {
 
     void deliver(std::vector<Callback> callbacks);
 
-    /// Drops what has not begun and waits for what runs, unless a callback is the caller.
+    /// Drops callbacks that have not begun and waits for the one that runs, unless it is the caller.
     void close();
 
-    /// What waits for the executor, in bytes.
+    /// Bytes of events that wait for the executor.
     std::size_t waitingBytes() const;
 
-    /// From this many waiting bytes on nothing more should come.
+    /// At this many waiting bytes the connection stops reading.
     static constexpr std::size_t kBoundBytes = 4u << 20;
 
   private:

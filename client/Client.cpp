@@ -242,7 +242,7 @@ Result<bool> Client::uploadFile(const std::string& path,
             return ::sd_bus_message_append(message, "ss", client::fileURL(file.path).c_str(), token->c_str());
         },
         readBoolean, timeout);
-    // What the daemon asks to be removed it has asked for before its answer.
+    // The daemon sends RemoveFile before its answer, so it has been handled by now.
     _implementation->lentFiles.forget(*token);
     if (uploaded) report(UploadProgress::Step::Finished);
     return uploaded;

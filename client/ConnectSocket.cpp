@@ -13,7 +13,8 @@ namespace quorvane::client {
 
 namespace {
 
-/// Waits for room in the listener's queue, also beyond signals. An errno value: EAGAIN when the time is up.
+/// Waits while the listener's backlog is full, and goes on after signals. Returns an errno value, EAGAIN when
+/// the deadline has passed.
 int connectUntil(const Deadline& deadline, int socket, const sockaddr_un& address) {
     for (;;) {
         if (deadline) {

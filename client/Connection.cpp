@@ -20,16 +20,16 @@ using platform::MutexLock;
 
 namespace {
 
-/// Calls that may be unanswered at a time; whoever wants another one waits.
+/// The most calls that may be unanswered at a time; past it callers wait.
 constexpr std::size_t kUnansweredCalls = 1024;
 
-/// Messages handled before callers get their turn with the lock.
+/// How many messages one pass handles before it releases the lock to callers.
 constexpr int kMessagesAtATime = 64;
 
-/// What the kernel holds for a daemon that does not keep up, in bytes; the bus library would ask for 8 MiB.
+/// Send buffer of the socket, in bytes. sd-bus would ask for 8 MiB, which a slow daemon lets fill up.
 constexpr int kSocketBuffer = 256 << 10;
 
-/// The connection that the thread serves.
+/// The connection whose thread this is; null on every other thread.
 thread_local const Connection* t_serves = nullptr;
 
 Error noDaemonError(int error) {
@@ -100,15 +100,15 @@ Status Connection::open(std::span<const Export> exports) {
             result = ::sd_bus_add_object_vtable(_bus, nullptr, kQuorvaneObjectPath, each.interface,
                                                 each.vtable, each.object);
     if (result < 0) return systemError("cannot open the bus", result);
-    // Starting reads already, so a peer that speaks no D-Bus may show here.
+    // sd_bus_start() reads from the socket, so a peer that does not speak D-Bus can fail it.
     if (result = ::sd_bus_start(_bus); result < 0) return noDaemonError(result);
     ::setsockopt(_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
     return std::monostate{};
 }
 
-/// Besides telling whether someone answers, this spares a descriptor from going in the first message behind
-/// the authentication, where it can be lost. The bus library's own waiting call knows no time limit for the
-/// authentication.
+/// Pings the daemon, for two reasons: to know that something answers, and because a descriptor in the first
+/// message after authentication can be lost, so that message carries none. Not with sd_bus_call(): its
+/// timeout does not cover authentication.
 Status Connection::greet(const Deadline& deadline) {
     const MutexLock lock(_mutex);
     std::optional<int> outcome;
@@ -144,7 +144,7 @@ Status Connection::callAndWait(const Method& method, const Encoder& encode, cons
                                Timeout timeout) {
     if (t_serves == this) return wouldDeadlock();
     struct Answer {
-        std::atomic<int> here = 0;  // The type that futex(2) waits on.
+        std::atomic<int> here = 0;  // An int, so that wait() is a futex without a detour.
         Status status = std::monostate{};
     };
     const auto answer = std::make_shared<Answer>();
@@ -239,7 +239,8 @@ void Connection::finish(Call& call, const Result<sd_bus_message*>& answer) {
 
 Error Connection::errorOf(sd_bus_message* message) const {
     const sd_bus_error* error = ::sd_bus_message_get_error(message);
-    // The bus library answers by this name itself, for a call whose time is up and for all when it ends.
+    // sd-bus makes up this error itself: when a call times out, and for every open call when the connection
+    // ends.
     if (::sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) > 0) {
         if (::sd_bus_is_open(_bus) <= 0)
             return {ErrorCode::Disconnected, "the connection ended before the daemon's answer"};
@@ -269,7 +270,8 @@ void Connection::run() {
         _readyBytes = 0;
         if (!_ready.empty()) _callbacks->deliver(std::exchange(_ready, {}));
         if (next.over) return;
-        // Callbacks that ended while what they left was not yet counted as waiting have woken nobody.
+        // A callback wakes this thread when the queue falls below its bound. One that finished before
+        // deliver() had added the new callbacks did not, so look again before sleeping without reading.
         const bool hasRoomAgain =
             !next.awaited.reading && _callbacks->waitingBytes() < CallbackQueue::kBoundBytes;
         if (!next.more && !hasRoomAgain) waitFor(next.awaited);
@@ -278,8 +280,8 @@ void Connection::run() {
 
 Connection::Next Connection::process() {
     const MutexLock lock(_mutex);
-    // While the executor is behind, one message may come in for everything that is written or runs out of
-    // time: the bus library cannot do the one without the other.
+    // At least one call even when nothing should be read: sd_bus_process() also writes what is queued and
+    // times calls out, and cannot do that without reading, too.
     int processed = 1;
     for (int i = 0; i < kMessagesAtATime && processed > 0 && !_stopping && (i == 0 || mayRead()); ++i)
         processed = ::sd_bus_process(_bus, nullptr);
@@ -359,8 +361,8 @@ void Connection::close(Timeout limit) {
 }
 
 void Connection::drainUntil(const Deadline& deadline) const {
-    // A daemon that cannot write its answers ends the connection and drops what it has not read yet. So it is
-    // listened to until it has read the end.
+    // If the socket closed now, the daemon's next answer would fail with EPIPE and it would drop the calls
+    // that it has not read yet. So stop sending, and discard answers until the daemon closes its end.
     if (::shutdown(_socket.get(), SHUT_WR) != 0) return;
     char ignored[4096];
     for (;;) {

@@ -22,9 +22,9 @@
 
 namespace quorvane::client {
 
-/// The client's end of a peer-to-peer D-Bus connection. A caller encodes its message and writes it to the
-/// socket itself, under the lock; a thread of the connection reads, and writes what the socket did not take
-/// at once. Thread-safe.
+/// The client's end of a peer-to-peer D-Bus connection. Callers encode and write their messages themselves,
+/// under the lock; the connection's thread reads, and writes what the socket did not take at once.
+/// Thread-safe.
 class Connection {
   public:
     struct Method {
@@ -60,15 +60,16 @@ class Connection {
 
     /// Hands the callback to the executor once the lock is released. From replies and exported objects only.
     void deliverLater(CallbackQueue::Callback callback);
-    /// Whether the executor has too much waiting for another event to be kept.
+    /// Whether so much waits for the executor that a further event has to be dropped.
     bool isOverfull() const;
 
-    /// Lets the daemon take what was sent, within the limit, and ends the connection and all callbacks.
+    /// Waits up to the limit until the daemon has read everything sent, then ends the connection and all
+    /// callbacks.
     void close(Timeout limit);
 
   private:
     struct Call;
-    /// What the connection's thread waits for, or is about to.
+    /// What the connection's thread sleeps on, or will once the lock is released.
     struct Awaited {
         bool reading = true;
         bool writing = false;
@@ -91,7 +92,7 @@ class Connection {
     int sendUnanswered(sd_bus_message* message) REQUIRES(_mutex);
     int sendCall(sd_bus_message* message, std::unique_ptr<Call> call) REQUIRES(_mutex);
 
-    /// The bus library calls it in process(), so under the lock.
+    /// Called by sd-bus from process(), so under the lock, which the analysis cannot see.
     static int takeReply(sd_bus_message* message, void* call, sd_bus_error* error)
         QUORVANE_TSA(no_thread_safety_analysis);
     void finish(Call& call, const Result<sd_bus_message*>& answer) REQUIRES(_mutex);
@@ -123,8 +124,8 @@ class Connection {
     std::list<std::unique_ptr<Call>> _calls GUARDED_BY(_mutex);  ///< Not yet answered.
     std::size_t _blocked GUARDED_BY(_mutex) = 0;  ///< Threads that wait for an answer or for room.
     std::size_t _roomWaiters GUARDED_BY(_mutex) = 0;
-    std::vector<CallbackQueue::Callback>
-        _ready;  ///< Touched by the connection's thread only, as is the next.
+    // Of the connection's thread only: callbacks to deliver once the lock is released.
+    std::vector<CallbackQueue::Callback> _ready;
     std::size_t _readyBytes = 0;
     Awaited _awaited GUARDED_BY(_mutex);
 };

@@ -9,7 +9,7 @@ namespace quorvane::client {
 using Clock = std::chrono::steady_clock;
 
 Deadline deadlineAfter(Timeout timeout) {
-    // The clock cannot count much further.
+    // The steady clock's 64 bits of nanoseconds overflow after 292 years.
     constexpr Timeout longest = std::chrono::hours(24 * 365 * 100);
     if (timeout > longest) return std::nullopt;
     return Clock::now() + timeout;

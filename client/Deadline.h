@@ -9,18 +9,18 @@
 
 namespace quorvane::client {
 
-/// The point at which the time is up, if ever.
+/// When to give up; std::nullopt for never.
 using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 
 Deadline deadlineAfter(Timeout timeout);
 
-/// The rest as poll(2) takes it: -1 for ever.
+/// Time left, for poll(2): -1 means no limit.
 int millisecondsUntil(const Deadline& deadline);
 
-/// The rest as the bus library takes it: UINT64_MAX for ever, at least 1.
+/// Time left, for sd-bus: at least 1, UINT64_MAX means no limit.
 std::uint64_t microsecondsUntil(const Deadline& deadline);
 
-/// The rest until a point of CLOCK_MONOTONIC in microseconds, as ppoll(2) takes it; nothing for UINT64_MAX.
+/// Time left until a point of CLOCK_MONOTONIC in microseconds, for ppoll(2); std::nullopt for UINT64_MAX.
 std::optional<timespec> timeUntil(std::uint64_t point);
 
 }  // namespace quorvane::client

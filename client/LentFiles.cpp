@@ -16,8 +16,9 @@ using platform::MutexLock;
 
 namespace {
 
-/// Opens the file's folder and tells the path to the file without links, "." and "..": of a file in a folder
-/// that it may not search the daemon knows such a path only. An errno value.
+/// Opens the file's folder and resolves the path to it. The daemon compares paths with the one of the lent
+/// descriptor; it cannot resolve links or ".." itself in a folder that only the client may search. Returns an
+/// errno value.
 int openFolder(const std::filesystem::path& path, OpenFile& file) {
     std::error_code error;
     const std::filesystem::path absolute = std::filesystem::absolute(path, error);
@@ -69,7 +70,8 @@ bool LentFiles::removeFile(const std::string& token) {
     if (at == _files.end()) return false;
     const std::shared_ptr<const OpenFile> file = std::move(at->second);
     _files.erase(at);
-    // In the folder itself: another may have taken its place in the path.
+    // Relative to the folder opened at lending: someone may since have put another folder, or a link to one,
+    // at its path to have a different file removed.
     struct stat now {};
     const int folder = file->folder.get();
     if (::fstatat(folder, file->name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return false;

@@ -14,7 +14,7 @@
 
 namespace quorvane::client {
 
-/// A regular file open for reading. While it is open, no other file can take its place under its number.
+/// A regular file open for reading. While it is open its inode number is not given to another file.
 struct OpenFile {
     std::string path;  ///< Absolute and, but for its last component, without links, "." and "..".
     std::string name;  ///< That last component, in the folder.
@@ -25,8 +25,8 @@ struct OpenFile {
     ino_t number = 0;
 };
 
-/// Opens the file at the path, not through a symbolic link as its last component, without ever waiting for
-/// it.
+/// Opens the file at the path. A symbolic link as the last component is refused, and a named pipe does not
+/// make it wait for a writer.
 Result<std::shared_ptr<const OpenFile>> openRegularFile(const std::string& path);
 
 /// The files that the daemon may ask to be removed, by the tokens it issued for them. Thread-safe.
@@ -35,7 +35,7 @@ class LentFiles {
     void add(const std::string& token, std::shared_ptr<const OpenFile> file);
     void forget(const std::string& token);
 
-    /// Removes the file that the token was issued for, when its name in its folder still names it. False when
+    /// Removes the file that the token was issued for, provided that its name still leads to it. False when
     /// nothing was removed.
     bool removeFile(const std::string& token);
 

@@ -15,14 +15,15 @@
 
 namespace quorvane::client {
 
-/// What the daemon calls back on a client. Its operations run on the connection's thread.
+/// The D-Bus interfaces that the daemon calls on a client: relayed events and the removal of uploaded files.
+/// Handlers run on the connection's thread.
 class ReplyInterface {
   public:
     explicit ReplyInterface(LentFiles& lentFiles) : _lentFiles(lentFiles) {}
 
     /// To be exported on the connection.
     std::array<Connection::Export, 2> exports();
-    /// The connection that callbacks go out by; before the first call comes in.
+    /// The connection whose executor runs the blocks. Calls that come before this are ignored.
     void setConnection(Connection* connection) { _connection = connection; }
 
     /// Thread-safe.

@@ -12,7 +12,7 @@
 
 namespace quorvane::client {
 
-/// The public types as they cross the connection.
+// How the public types are written as D-Bus values.
 
 Dictionary sessionInfoDictionary(const SessionInfo& sessionInfo);
 SessionInfo sessionInfoFromDictionary(const Dictionary& dictionary);

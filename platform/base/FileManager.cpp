@@ -18,7 +18,8 @@ namespace quorvane::platform {
 
 namespace {
 
-/// Of a named pipe in a file's place the calls fail; they do not wait for its other end.
+/// O_NONBLOCK, because open(2) of a named pipe waits for its other end: whoever can put one in a file's place
+/// could otherwise stop the caller for ever. O_NOCTTY, because a terminal there must not become the daemon's.
 UniqueDescriptor openFile(const std::string& path, int flags) {
     return UniqueDescriptor(::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
 }
@@ -33,7 +34,7 @@ bool writeAll(int descriptor, std::span<const std::uint8_t> bytes) {
     return true;
 }
 
-/// Makes the file complete under its temporary name, on the disk too.
+/// Writes and syncs the file before it is renamed, so that a crash leaves the old file or the whole new one.
 bool fillTemporary(int descriptor, std::span<const std::uint8_t> bytes, unsigned mode) {
     return ::fchmod(descriptor, static_cast<mode_t>(mode)) == 0 && writeAll(descriptor, bytes) &&
            ::fsync(descriptor) == 0;
@@ -86,7 +87,7 @@ AppendResult appendToFile(const std::string& path, std::string_view bytes) {
 std::optional<Data> readFile(const std::string& path, std::size_t limit) {
     const UniqueDescriptor file = openFile(path, O_RDONLY);
     if (!file) return std::nullopt;
-    // The size is a hint only: files of the kernel give none or too much.
+    // The size is only a hint: files in /proc and /sys report 0 or a whole page.
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) return std::nullopt;
     constexpr std::size_t kStep = 4096;
