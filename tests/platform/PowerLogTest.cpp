@@ -1,7 +1,6 @@
 #include "platform/system/PowerLog.h"
 
 #include "platform/base/Clock.h"
-#include "platform/base/Owned.h"
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/formats/Json.h"
 #include "tests/support/InChild.h"
@@ -12,7 +11,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <systemd/sd-journal.h>
 
 #include <cmath>
 #include <sstream>
@@ -122,31 +120,6 @@ TEST_F(PowerLogTest, TheJournalIsSentAFieldForEveryEntry) {
           "POWERLOG_VALUE_RAW\n" + std::string("\x03\0\0\0\0\0\0\0\0\n\x01", 11)})
         EXPECT_THAT("\n" + sent, HasSubstr("\n" + line + "\n"));
     EXPECT_THAT("\n" + sent, HasSubstr("\nMESSAGE=Strevad-QVN: {"));
-}
-
-TEST_F(PowerLogTest, AnEventCanBeReadBackFromTheJournal) {
-    if (!fs::exists("/run/systemd/journal/socket")) GTEST_SKIP() << "no journal runs here";
-    sd_journal* opened = nullptr;
-    ASSERT_GE(::sd_journal_open(&opened, SD_JOURNAL_LOCAL_ONLY), 0);
-    const Owned<sd_journal, ::sd_journal_close> journal(opened);
-    const std::string marker = "POWERLOG_VALUE_MARKER=" + _root.string();
-    ::sd_journal_add_match(opened, marker.data(), marker.size());
-    ::sd_journal_seek_tail(opened);
-    ::sd_journal_previous(opened);
-
-    ASSERT_TRUE(
-        writeEventToJournal(28, "Strevad-QVN", {{"marker", _root.string()}, {"raw", Data{0, 10, 1}}}));
-    int found = 0;
-    for (int waits = 0; waits < 100 && (found = ::sd_journal_next(opened)) == 0; ++waits)
-        ::sd_journal_wait(opened, 100'000);
-    ASSERT_EQ(found, 1);
-    const void* data = nullptr;
-    std::size_t size = 0;
-    ASSERT_EQ(::sd_journal_get_data(opened, "POWERLOG_VALUE_RAW", &data, &size), 0);
-    EXPECT_EQ(std::string(static_cast<const char*>(data), size),
-              std::string("POWERLOG_VALUE_RAW=") + std::string("\0\n\x01", 3));
-    ASSERT_EQ(::sd_journal_get_data(opened, "POWERLOG_AGENT", &data, &size), 0);
-    EXPECT_EQ(std::string(static_cast<const char*>(data), size), "POWERLOG_AGENT=28");
 }
 
 }  // namespace

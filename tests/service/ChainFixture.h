@@ -1,9 +1,11 @@
 #pragma once
 
+#include "platform/formats/Json.h"
 #include "tests/support/DaemonFixture.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -27,6 +29,7 @@ class ChainClient {
     struct Options {
         bool aggregates = false;
         bool batches = false;
+        bool leavesAbruptly = false;
     };
 
     ChainClient(DaemonFixture& device, Place place, std::uint32_t sessionID, Options options)
@@ -35,7 +38,8 @@ class ChainClient {
                        .clientType = static_cast<std::uint32_t>(place),
                        .batchEvent = options.batches,
                        .requireUserInfo = true},
-          _aggregates(options.aggregates) {}
+          _aggregates(options.aggregates),
+          _closeTimeout(options.leavesAbruptly ? 0 : 60) {}
 
     std::uint32_t sessionID() const { return _sessionInfo.sessionID.value_or(0); }
 
@@ -43,25 +47,33 @@ class ChainClient {
     /// the session reports.
     bool start(const std::string& name) {
         _client.reset();
-        _client = _device.connect();
+        _client = _device.connect({.timeout = kSoon, .closeTimeout = _closeTimeout});
+        introduce(name);
+        return start();
+    }
+    /// The same again for the connection that it has.
+    bool start() { return reports(_client->start()); }
+
+    /// Tells the session's facts and names, without starting it.
+    void introduce(const std::string& name) {
         EXPECT_TRUE(_client->setSessionInfo(_sessionInfo, names(name), {},
                                             _aggregates ? block() : AggregationBlock()));
-        return reports(_client->start());
     }
 
     bool rename(const std::string& name) { return reports(_client->fetchStates(names(name))); }
 
-    /// Whether the event was posted at once.
-    bool send(std::int64_t number, const std::string& fill = "") {
-        return _client->send({.category = kOurs, .type = 3, .payload = {{{"n", number}, {"fill", fill}}}})
-            ->has_value();
+    /// What was posted at once, if anything.
+    Answer send(std::int64_t number, const std::string& fill = "") {
+        return *_client->send(event(number, fill));
     }
+    void sendAndForget(std::int64_t number) { EXPECT_TRUE(_client->sendAndForget(event(number, ""))); }
 
     bool flush() { return _client->flush()->has_value(); }
 
+    void hangUp() { _client.reset(); }
     /// Ends the session and waits until the daemon has forgotten it.
     void leave() {
-        _client.reset();
+        hangUp();
         EXPECT_TRUE(_device.logs("dealloc: QuorvanedSession dealloc: " + std::to_string(sessionID()) + "\n"));
     }
 
@@ -91,6 +103,10 @@ class ChainClient {
   private:
     static UserInfo names(const std::string& name) { return {.clientName = name, .serviceName = "Chain"}; }
 
+    static Event event(std::int64_t number, const std::string& fill) {
+        return {.category = kOurs, .type = 3, .payload = {{{"n", number}, {"fill", fill}}}};
+    }
+
     static bool reports(const Result<ReportingStates>& states) { return !states->value().empty(); }
 
     bool locked(const bool& flag) const {
@@ -117,6 +133,7 @@ class ChainClient {
     DaemonFixture& _device;
     const SessionInfo _sessionInfo;
     const bool _aggregates;
+    const std::chrono::seconds _closeTimeout;
     mutable std::mutex _mutex;
     std::vector<std::int64_t> _received;
     bool _heardOfAnEnd = false;
@@ -134,8 +151,10 @@ class ChainFixture : public testing::Test {
         for (const char* storebag : {"pelmark", "stremcore", "vistabox"}) {
             // What fills events up is for aggregators only.
             const Array filters{Value(Dictionary{{"key", "fill"}, {"action", "remove"}})};
-            _device.serveStorebag(_device.httpPostSection({{"hierarchy", level++}, {"filters", filters}}),
-                                  storebag);
+            _device.serveStorebag(
+                _device.httpPostSection(
+                    {{"hierarchy", level++}, {"filters", filters}, {"event_threshold", 1'000'000}}),
+                storebag);
         }
         _device.start();
     }
@@ -149,6 +168,13 @@ class ChainFixture : public testing::Test {
         auto made = client(place, options);
         made->start(name);
         return made;
+    }
+
+    /// Has the client send the event; the identifier under which it was posted, at once.
+    static std::string postedBy(ChainClient& client, std::int64_t number) {
+        const auto message = platform::parseJson(client.send(number).value_or(""));
+        if (!message) return "";
+        return *message->dictionary()->array("events")->at(0).dictionary()->string("_sessionID");
     }
 
     /// The identifier under which the event of that number was posted; empty when it is not in time.

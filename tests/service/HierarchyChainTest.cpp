@@ -18,14 +18,7 @@ std::string own(const std::string& identifier) {
     return identifier.substr(identifier.rfind('.') + 1);
 }
 
-class HierarchyChainTest : public ChainFixture {
-  protected:
-    /// Has the client send the event; the identifier under which it was posted.
-    std::string postedBy(ChainClient& client, std::int64_t number) {
-        EXPECT_TRUE(client.send(number));
-        return postedUnder(number);
-    }
-};
+using HierarchyChainTest = ChainFixture;
 
 TEST_F(HierarchyChainTest, TheOrderInWhichThreeLevelsComeDoesNotMatter) {
     const std::array<std::unique_ptr<ChainClient>, 3> clients{client(Place::Top, {.batches = true}),
@@ -81,8 +74,9 @@ TEST_F(HierarchyChainTest, OfTwoTopsTheOneThatCameFirstCountsAndTheOtherOnceItHa
     const auto child = started(Place::Middle, "Pair");
     const std::string ofFirst = postedBy(*first, 1);
     const std::string ofSecond = postedBy(*second, 2);
-    const std::string ofChild = own(postedBy(*child, 3));
-    EXPECT_EQ(postedUnder(3), below(ofFirst) + ofChild);
+    const std::string whole = postedBy(*child, 3);
+    const std::string ofChild = own(whole);
+    EXPECT_EQ(whole, below(ofFirst) + ofChild);
 
     first->leave();
     EXPECT_EQ(postedBy(*child, 4), below(ofFirst) + ofChild) << "until something changes";

@@ -123,5 +123,51 @@ TEST_F(DispatchTest, EveryBackendAndTheAggregatorGetOneTimeAndBackendsCountOnThe
                 first[1].find("_clientTS")->real() - first[0].find("_clientTS")->real(), 1e-6);
 }
 
+TEST_F(DispatchTest, AnAggregatingClientGetsItsOwnEventsBeforeTheBackendsUnlessAnAncestorDoes) {
+    const auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    const std::size_t sent = logged("<7>HTTPSPostBackend(sendMessage): Sending");
+    _client->onEvent = [&] {
+        EXPECT_EQ(logged("<7>HTTPSPostBackend(sendMessage): Sending"), sent);
+        EXPECT_TRUE(_delegate.locked()) << "or the end of aggregation could come before the event";
+    };
+    const Dictionary payload{{"count", 1}};
+    EXPECT_TRUE(send(*session, 5, 6, &payload));
+    _client->onEvent = nullptr;
+    send(*session, 5, 6, nullptr);
+    const auto events = _client->takeEvents();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].sessionInfo, (Dictionary{{"SessionID", 7}, {"ClientType", 7}}));
+    EXPECT_GT(events[0].timestamp, 1.7e9);
+    EXPECT_EQ(events[0].category, 5);
+    EXPECT_EQ(events[0].type, 6);
+    EXPECT_EQ(events[0].payload, payload);
+    EXPECT_EQ(events[1].payload, std::nullopt);
+
+    const auto ancestorClient = std::make_shared<RecordingClient>();
+    const auto ancestor = QuorvanedSession::initWithSessionDelegate(_delegate, ancestorClient);
+    ancestor->setSessionInfo({{"SessionID", 1}}, std::nullopt, {}, true);
+    _delegate.aggregator = ancestor.get();
+    send(*session, 5, 6, nullptr);
+    EXPECT_EQ(ancestorClient->takeEvents().size(), 1u);
+    EXPECT_THAT(_client->takeEvents(), IsEmpty()) << "never to both";
+    _delegate.aggregator = nullptr;
+}
+
+TEST_F(DispatchTest, TheEndOfAggregationIsToldOnceAndForGood) {
+    auto session = startedSession({}, {}, true);
+    _client->takeEvents();
+    session->shutdownSessionAggregation();
+    EXPECT_FALSE(session->hasAggregator());
+    session->shutdownSessionAggregation();
+    EXPECT_EQ(logged("<7>shutdownSessionAggregation: Disable aggregation module for session 7"), 2u);
+    send(*session, 5, 6, nullptr);
+    session.reset();
+    const auto events = _client->takeEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_TRUE(events[0].endsAggregation());
+    EXPECT_EQ(events[0].sessionInfo.integer("SessionID"), 7);
+}
+
 }  // namespace
 }  // namespace quorvane
