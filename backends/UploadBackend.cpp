@@ -1,8 +1,8 @@
 #include "backends/UploadBackend.h"
 
 #include "backends/UploadRequest.h"
+#include "backends/UploadRoom.h"
 #include "platform/base/Log.h"
-#include "platform/base/MemoryBudget.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "platform/value/Url.h"
 #include "util/Compression.h"
@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
 #include <vector>
 
@@ -27,20 +26,6 @@ using platform::orNull;
 namespace {
 
 constexpr std::size_t kPieceBytes = 256u << 10;
-
-/// Files up to here share their room; larger ones have one of their own, so that they keep no small one
-/// waiting.
-constexpr std::size_t kSmallFileBytes = 16u << 20;
-constexpr std::size_t kRoomBytes = 64u << 20;
-/// A client whose file system stalls holds its room; the others must not wait for ever.
-constexpr std::chrono::minutes kPatience{10};
-
-platform::MemoryBudget& roomFor(std::size_t fileBytes) {
-    // Neither ends before the process does: uploads may still run then.
-    static auto* const small = new platform::MemoryBudget(kRoomBytes);
-    static auto* const large = new platform::MemoryBudget(kRoomBytes);
-    return fileBytes <= kSmallFileBytes ? *small : *large;
-}
 
 /// Nothing for what is no regular file, or no file at all.
 std::optional<std::size_t> sizeOfRegularFile(int descriptor) {
@@ -116,7 +101,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const char* extens
         logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
         return false;
     }
-    std::optional<platform::MemoryBudget::Reservation> room = roomFor(*size).acquire(*size, kPatience);
+    auto room = uploadRoom(*_uploadURL, *size);
     if (!room) {
         logError("UploadBackend(uploadFileAtPath): No room for file {}", path);
         return false;

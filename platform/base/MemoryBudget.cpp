@@ -2,6 +2,8 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+
 namespace quorvane::platform {
 
 namespace {
@@ -9,56 +11,97 @@ namespace {
 /// So many bytes are worth giving back to the system when they are free again.
 constexpr std::size_t kLargeBytes = 4u << 20;
 
+bool isWithin(std::size_t limit, std::size_t taken, std::size_t bytes) {
+    return bytes <= limit && taken <= limit - bytes;
+}
+
 }  // namespace
 
 void MemoryBudget::Reservation::shrinkTo(std::size_t bytes) {
     if (bytes >= _bytes) return;
-    _budget->release(_bytes - bytes);
+    _budget->release(_holder, _bytes - bytes, 0);
     _bytes = bytes;
 }
 
-std::optional<MemoryBudget::Reservation> MemoryBudget::acquire(
-    std::size_t bytes, std::optional<std::chrono::milliseconds> patience) {
-    const auto start = std::chrono::steady_clock::now();
+std::optional<MemoryBudget::Reservation> MemoryBudget::acquire(const std::string& name, std::size_t bytes,
+                                                               Patience patience) {
     const MutexLock lock(_mutex);
-    const std::uint64_t ticket = ++_lastTicket;
-    _waiting.push_back(ticket);
-    bool inTime = true;
-    while (inTime && !isTurn(ticket, bytes)) {
-        if (patience)
-            inTime = _changed.wait_until(_mutex, start + *patience) == std::cv_status::no_timeout;
-        else
-            _changed.wait(_mutex);
+    const auto [entry, isNew] = _holders.try_emplace(name);
+    Holder& holder = entry->second;
+    if (isNew) holder.lastGivenBack = Clock::now();
+    Waiter self{bytes, {}};
+    holder.line.push_back(&self);
+    const bool entered =
+        (!isNew || _holders.size() <= _limits.holders) && waitForTurn(holder, self, patience);
+    std::erase(holder.line, &self);
+    if (entered) {
+        holder.taken += bytes;
+        ++holder.reservations;
+        _taken += bytes;
+        _wasLarge = _wasLarge || _taken >= kLargeBytes;
     }
-    const bool entered = isTurn(ticket, bytes);
-    std::erase(_waiting, ticket);
-    if (!_waiting.empty()) _changed.notify_all();
-    if (!entered) return std::nullopt;
-    _taken += bytes;
-    _wasLarge = _wasLarge || _taken >= kLargeBytes;
-    return std::optional<Reservation>(std::in_place, *this, bytes);
+    wakeNext();
+    if (entered) return std::optional<Reservation>(std::in_place, *this, entry, bytes);
+    forgetIdle(entry);
+    return std::nullopt;
 }
 
-bool MemoryBudget::isTurn(std::uint64_t ticket, std::size_t bytes) const {
-    if (_waiting.front() != ticket) return false;
-    return _taken == 0 || (bytes <= _bytes && _taken <= _bytes - bytes);
+bool MemoryBudget::waitForTurn(Holder& holder, Waiter& waiter, Patience patience) {
+    const auto start = Clock::now();
+    while (!hasTurn(holder, waiter)) {
+        const auto end = std::min(start + patience.inAll, holder.lastGivenBack + patience.standstill);
+        if (_waitsEnded || Clock::now() >= end) return false;
+        waiter.mayEnter.wait_until(_mutex, end);
+    }
+    return true;
 }
 
-void MemoryBudget::release(std::size_t bytes) {
+bool MemoryBudget::hasTurn(const Holder& holder, const Waiter& waiter) const {
+    return holder.line.front() == &waiter && fits(holder, waiter.bytes);
+}
+
+bool MemoryBudget::fits(const Holder& holder, std::size_t bytes) const {
+    if (_taken == 0 || isWithin(std::min(_limits.share, _limits.each), holder.taken, bytes)) return true;
+    return (holder.taken == 0 || isWithin(_limits.each, holder.taken, bytes)) &&
+           isWithin(_limits.inAll, _taken, bytes);
+}
+
+void MemoryBudget::wakeNext() {
+    for (const auto& [name, holder] : _holders)
+        if (!holder.line.empty() && hasTurn(holder, *holder.line.front()))
+            holder.line.front()->mayEnter.notify_one();
+}
+
+void MemoryBudget::forgetIdle(Entry holder) {
+    if (holder->second.reservations == 0 && holder->second.line.empty()) _holders.erase(holder);
+}
+
+void MemoryBudget::release(Entry holder, std::size_t bytes, std::size_t reservations) {
     bool largeOneIsGone = false;
     {
         const MutexLock lock(_mutex);
+        holder->second.taken -= bytes;
+        holder->second.reservations -= reservations;
+        holder->second.lastGivenBack = Clock::now();
         _taken -= bytes;
         if (_taken == 0) largeOneIsGone = std::exchange(_wasLarge, false);
-        _changed.notify_all();
+        wakeNext();
+        forgetIdle(holder);
     }
     if (largeOneIsGone) ::malloc_trim(0);
 }
 
-void MemoryBudget::setBytes(std::size_t bytes) {
+void MemoryBudget::setLimits(Limits limits) {
     const MutexLock lock(_mutex);
-    _bytes = bytes;
-    _changed.notify_all();
+    _limits = limits;
+    wakeNext();
+}
+
+void MemoryBudget::endWaits() {
+    const MutexLock lock(_mutex);
+    _waitsEnded = true;
+    for (const auto& [name, holder] : _holders)
+        for (Waiter* waiter : holder.line) waiter->mayEnter.notify_one();
 }
 
 }  // namespace quorvane::platform

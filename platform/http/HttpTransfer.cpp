@@ -12,8 +12,14 @@ namespace quorvane::platform {
 
 namespace {
 
-constexpr long kSecondsWithoutProgress = 60;
 constexpr std::size_t kMaximumHeaderBytes = 256u << 10;
+/// So much of an answer that nobody wants is read, so that the connection can be used again.
+constexpr std::size_t kMaximumUnwantedBytes = 64u << 10;
+/// Longest idle time of a connection that is used again. Common servers close theirs after five seconds or
+/// more; a post that meets the close is lost.
+constexpr long kMaximumIdleSeconds = 4;
+/// The slowest line that a post's time allows for.
+constexpr std::size_t kLowestBytesPerSecond = 16u << 10;
 /// OpenSSL looks trusted roots up here one by one, by the hash of their names (openssl-rehash(1ssl)).
 constexpr const char* kSystemRoots = "/etc/ssl/certs";
 constexpr std::string_view kLineBreakers("\r\n\0", 3);
@@ -69,25 +75,29 @@ std::optional<std::string> HttpResponse::header(std::string_view name) const {
     return joined;
 }
 
-std::variant<std::unique_ptr<HttpTransfer>, std::string> HttpTransfer::initWithRequest(HttpRequest request) {
-    if (std::string fault = faultOf(request); !fault.empty()) return fault;
-    std::unique_ptr<HttpTransfer> transfer(new HttpTransfer(std::move(request)));
+Result<std::unique_ptr<HttpTransfer>> HttpTransfer::initWithRequest(
+    HttpRequest request, Kind kind, const HttpLimits& limits,
+    std::function<void(HttpTransfer&)> phaseChanged) {
+    if (std::string fault = faultOf(request); !fault.empty()) return failure(std::move(fault));
+    std::unique_ptr<HttpTransfer> transfer(
+        new HttpTransfer(std::move(request), kind, limits, std::move(phaseChanged)));
     if (!transfer->setOptions() || !transfer->setBody() || !transfer->setHeaders())
-        return "the HTTP library refused the request";
+        return failure("the HTTP library refused the request");
     return transfer;
 }
 
-HttpTransfer::HttpTransfer(HttpRequest request) : _request(std::move(request)), _easy(curl_easy_init()) {}
+HttpTransfer::HttpTransfer(HttpRequest request, Kind kind, const HttpLimits& limits,
+                           std::function<void(HttpTransfer&)> phaseChanged)
+    : _request(std::move(request)),
+      _kind(kind),
+      _limits(limits),
+      _phaseChanged(std::move(phaseChanged)),
+      _easy(curl_easy_init()),
+      _phase(_request.body.empty() ? Phase::Sent : Phase::Sending) {}
 
 HttpTransfer::~HttpTransfer() {
     curl_easy_cleanup(_easy);
     curl_slist_free_all(_headerLines);
-}
-
-HttpTransfer& HttpTransfer::ofHandle(CURL* handle) {
-    void* transfer = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_PRIVATE, &transfer);
-    return *static_cast<HttpTransfer*>(transfer);
 }
 
 bool HttpTransfer::setOptions() {
@@ -96,7 +106,6 @@ bool HttpTransfer::setOptions() {
     const auto set = [&](CURLoption option, auto value) {
         taken = curl_easy_setopt(_easy, option, value) == CURLE_OK && taken;
     };
-    set(CURLOPT_PRIVATE, static_cast<void*>(this));
     set(CURLOPT_ERRORBUFFER, _errorText.data());
     set(CURLOPT_NOSIGNAL, 1L);
     // A name server that does not answer holds up the lookup's own thread alone.
@@ -105,6 +114,8 @@ bool HttpTransfer::setOptions() {
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     set(CURLOPT_PIPEWAIT, 1L);
+    set(CURLOPT_MAXAGE_CONN, kMaximumIdleSeconds);
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTime().count()));
     set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
     set(CURLOPT_CAPATH, kSystemRoots);
     set(CURLOPT_SSL_CTX_FUNCTION, &prepareContext);
@@ -112,25 +123,57 @@ bool HttpTransfer::setOptions() {
     set(CURLOPT_HEADERDATA, static_cast<void*>(this));
     set(CURLOPT_WRITEFUNCTION, &receiveBody);
     set(CURLOPT_WRITEDATA, static_cast<void*>(this));
-    if (_request.timeout.count() > 0) {
-        set(CURLOPT_TIMEOUT, static_cast<long>(_request.timeout.count()));
-    } else {
-        set(CURLOPT_CONNECTTIMEOUT, kSecondsWithoutProgress);
-        set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-        set(CURLOPT_LOW_SPEED_TIME, kSecondsWithoutProgress);
+    if (_kind == Kind::Awaited) {
+        set(CURLOPT_XFERINFOFUNCTION, &noteProgress);
+        set(CURLOPT_XFERINFODATA, static_cast<void*>(this));
+        set(CURLOPT_NOPROGRESS, 0L);
     }
     return taken;
 }
 
 bool HttpTransfer::setBody() {
-    if (_request.body.empty() && _request.method == "GET") return true;
+    const bool isGet = _request.method == "GET";
+    if (_request.body.empty() && isGet) return true;
     if (_request.method == "HEAD") return curl_easy_setopt(_easy, CURLOPT_NOBODY, 1L) == CURLE_OK;
-    // libcurl reads the body where it stands; the pointer may not be null.
-    const void* bytes = _request.body.empty() ? static_cast<const void*>("") : _request.body.data();
-    return curl_easy_setopt(_easy, CURLOPT_POSTFIELDS, bytes) == CURLE_OK &&
-           curl_easy_setopt(_easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                            static_cast<curl_off_t>(_request.body.size())) == CURLE_OK &&
-           curl_easy_setopt(_easy, CURLOPT_CUSTOMREQUEST, _request.method.c_str()) == CURLE_OK;
+    bool taken = true;
+    const auto set = [&](CURLoption option, auto value) {
+        taken = curl_easy_setopt(_easy, option, value) == CURLE_OK && taken;
+    };
+    set(CURLOPT_POST, 1L);
+    set(CURLOPT_CUSTOMREQUEST, _request.method.c_str());
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_request.body.size()));
+    // When a used connection ends without an answer, libcurl sends the request again on another one, unless
+    // bytes of the body have left, which it then cannot have again; on a new one it does not.
+    set(CURLOPT_READFUNCTION, &giveBody);
+    set(CURLOPT_READDATA, static_cast<void*>(this));
+    set(CURLOPT_SEEKFUNCTION, &refuseRewind);
+    if (_request.body.empty()) set(CURLOPT_FRESH_CONNECT, 1L);
+    if (_kind == Kind::Awaited && !_request.body.empty()) {
+        // A connection of its own: sharing one over HTTP/2, a large body would hold up the posts.
+        set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+        set(CURLOPT_FRESH_CONNECT, 1L);
+        set(CURLOPT_FORBID_REUSE, 1L);
+    }
+    return taken;
+}
+
+std::chrono::milliseconds HttpTransfer::connectTime() const {
+    if (_request.timeout.count() > 0) return _request.timeout;
+    return _kind == Kind::Post ? _limits.postTime : _limits.standstill;
+}
+
+HttpTransfer::Clock::time_point HttpTransfer::deadline() const {
+    if (_phase == Phase::Answered) return _phaseStart + _limits.unwantedBodyTime;
+    if (_request.timeout.count() > 0) return _start + _request.timeout;
+    if (_kind == Kind::Post)
+        return _start + _limits.postTime + std::chrono::seconds(_request.body.size() / kLowestBytesPerSecond);
+    return _phase == Phase::Sending ? _lastMove + _limits.standstill : _phaseStart + _limits.answerTime;
+}
+
+void HttpTransfer::enter(Phase phase) {
+    _phase = phase;
+    _phaseStart = Clock::now();
+    _phaseChanged(*this);
 }
 
 bool HttpTransfer::setHeaders() {
@@ -157,6 +200,21 @@ bool HttpTransfer::hasHeader(std::string_view name) const {
                        [&](const HttpHeader& header) { return sameName(header.name, name); });
 }
 
+std::size_t HttpTransfer::giveBody(char* buffer, std::size_t one, std::size_t count,
+                                   void* transfer) noexcept {
+    auto& self = *static_cast<HttpTransfer*>(transfer);
+    const Data& body = self._request.body;
+    const std::size_t size = std::min(one * count, body.size() - self._given);
+    std::copy_n(body.data() + self._given, size, buffer);
+    self._given += size;
+    if (self._given == body.size() && self._phase == Phase::Sending) self.enter(Phase::Sent);
+    return size;
+}
+
+int HttpTransfer::refuseRewind(void*, curl_off_t, int) noexcept {
+    return CURL_SEEKFUNC_FAIL;
+}
+
 /// Called with one whole header line at a time. The status line of each answer starts the headers anew, since
 /// an interim answer may come before the final one.
 std::size_t HttpTransfer::receiveHeader(const char* bytes, std::size_t one, std::size_t count,
@@ -172,23 +230,43 @@ std::size_t HttpTransfer::receiveHeader(const char* bytes, std::size_t one, std:
     const std::size_t colon = line.find(':');
     if (line.starts_with("HTTP/"))
         self._response.headers.clear();
+    else if (trimmed(line).empty())
+        self.headEnds();
     else if (colon != std::string_view::npos)
         self._response.headers.push_back(
             {std::string(trimmed(line.substr(0, colon))), withoutBreaks(trimmed(line.substr(colon + 1)))});
     return size;
 }
 
+/// An answer that comes before the whole body was taken may be followed by a failure to take it.
+void HttpTransfer::headEnds() {
+    if (_request.wantsBody || _phase != Phase::Sent) return;
+    long status = 0;
+    curl_easy_getinfo(_easy, CURLINFO_RESPONSE_CODE, &status);
+    if (status >= 200) enter(Phase::Answered);
+}
+
 std::size_t HttpTransfer::receiveBody(const char* bytes, std::size_t one, std::size_t count,
                                       void* transfer) noexcept {
     auto& self = *static_cast<HttpTransfer*>(transfer);
     const std::size_t size = one * count;
-    Data& body = self._response.body;
-    if (size > self._request.maximumResponseBytes - body.size()) {
-        self._refusal = fmt::format("the answer is larger than {} bytes", self._request.maximumResponseBytes);
+    const std::size_t most =
+        self._request.wantsBody ? self._request.maximumResponseBytes : kMaximumUnwantedBytes;
+    if (size > most - self._bodyBytes) {
+        self._refusal = fmt::format("the answer is larger than {} bytes", most);
         return 0;
     }
-    body.insert(body.end(), bytes, bytes + size);
+    self._bodyBytes += size;
+    Data& body = self._response.body;
+    if (self._request.wantsBody) body.insert(body.end(), bytes, bytes + size);
     return size;
+}
+
+int HttpTransfer::noteProgress(void* transfer, curl_off_t, curl_off_t received, curl_off_t,
+                               curl_off_t sent) noexcept {
+    auto& self = *static_cast<HttpTransfer*>(transfer);
+    if (std::exchange(self._moved, received + sent) != self._moved) self._lastMove = Clock::now();
+    return 0;
 }
 
 CURLcode HttpTransfer::prepareContext(CURL*, void* context, void*) noexcept {
@@ -200,9 +278,17 @@ HttpResult HttpTransfer::takeResult(CURLcode code) {
     long status = 0;
     curl_easy_getinfo(_easy, CURLINFO_RESPONSE_CODE, &status);
     _response.statusCode = static_cast<int>(status);
-    if (code == CURLE_OK) return {std::move(_response), std::nullopt};
+    if (code == CURLE_OK) return {.response = std::move(_response)};
     _response.body = {};
-    return {std::move(_response), !_refusal.empty() ? std::move(_refusal) : errorText(code)};
+    return {.response = std::move(_response),
+            .error = !_refusal.empty() ? std::move(_refusal) : errorText(code)};
+}
+
+HttpResult HttpTransfer::takeOverdueResult() {
+    const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - _start);
+    _refusal = fmt::format("The request timed out after {} milliseconds with {} of {} bytes sent",
+                           taken.count(), _given, _request.body.size());
+    return takeResult(CURLE_OPERATION_TIMEDOUT);
 }
 
 std::string HttpTransfer::errorText(CURLcode code) const {

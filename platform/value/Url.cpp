@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -68,6 +69,21 @@ bool isUrl(std::string_view text) {
         if (!encoded && !isAllowedInQuery(c) && !isOneOf(c, "#[]")) return false;
     }
     return true;
+}
+
+std::string serverOfUrl(std::string_view url) {
+    const std::size_t scheme = url.find("://");
+    if (scheme == std::string_view::npos) return {};
+    const std::size_t start = scheme + 3;
+    std::string_view authority = url.substr(start, url.find_first_of("/?#\\", start) - start);
+    authority.remove_prefix(authority.rfind('@') + 1);
+    std::string server = fmt::format("{}{}", url.substr(0, start), authority);
+    std::transform(server.begin(), server.end(), server.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    for (const auto& [prefix, port] : {std::pair("https://", ":443"), std::pair("http://", ":80")})
+        if (server.starts_with(prefix) && server.ends_with(port))
+            server.erase(server.size() - std::string_view(port).size());
+    return server;
 }
 
 }  // namespace quorvane::platform

@@ -16,4 +16,8 @@ std::string percentEncodedBlanks(std::string_view url);
 /// allows as it stands, and "%" only before two hex digits.
 bool isUrl(std::string_view text);
 
+/// Scheme, host and port of a URL in lower case, as in "https://host" or "http://host:8080"; the scheme's own
+/// port is left out. Empty for what has no "://".
+std::string serverOfUrl(std::string_view url);
+
 }  // namespace quorvane::platform

@@ -3,10 +3,13 @@
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/RootFixture.h"
+#include "tests/support/StalledServer.h"
 #include "tests/support/TestCertificate.h"
+#include "tests/support/Within.h"
 
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -16,9 +19,11 @@ namespace {
 using namespace std::chrono_literals;
 using test::HttpsServer;
 using test::LocalSocket;
+using test::RawConnection;
 using test::RawServer;
 using test::ServerAnswer;
 using test::ServerRequest;
+using test::StalledServer;
 using testing::AnyOf;
 using testing::HasSubstr;
 
@@ -26,25 +31,10 @@ Data bytes(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
-/// A server that holds every request until it is opened.
-class StalledServer : public HttpsServer {
-  public:
-    explicit StalledServer(const std::filesystem::path& root) : HttpsServer(root) {
-        setHandler([opened = _gate.get_future().share()](const ServerRequest&) {
-            opened.wait();
-            return ServerAnswer();
-        });
-    }
-    void open() { _gate.set_value(); }
-
-  private:
-    std::promise<void> _gate;
-};
-
 class HttpSessionTest : public RootFixture {
   protected:
     void TearDown() override {
-        setHttpWaitingBytesBound(16u << 20);
+        setHttpLimits({});
         RootFixture::TearDown();
     }
 
@@ -56,6 +46,15 @@ class HttpSessionTest : public RootFixture {
     }
     static std::string errorOf(HttpRequest request) {
         return performDataTask(std::move(request)).error.value_or("no error");
+    }
+    /// The sum of the numbers in the lines about it.
+    static std::uint64_t droppedInLog() {
+        std::uint64_t sum = 0;
+        constexpr std::string_view before = "takes too little: dropped ";
+        for (const std::string& line : logLines())
+            if (const auto at = line.find(before); at != std::string::npos)
+                sum += std::stoul(line.substr(at + before.size()));
+        return sum;
     }
     static std::string errorOf(const std::string& url) { return errorOf(get(url)); }
 };
@@ -186,10 +185,9 @@ TEST_F(HttpSessionTest, EndlessAnswersAreCutAtTheBound) {
     EXPECT_EQ(errorOf(request), "the answer is larger than 4 bytes");
 }
 
-TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
+TEST_F(HttpSessionTest, SendersWaitForAServerThatIsSlowAndNothingIsLost) {
     StalledServer stalled(_root);
-    HttpsServer other(_root);
-    setHttpWaitingBytesBound(10 * (1000 + 1024));
+    setHttpLimits({.bytesPerServer = 10 * 2100});
     std::atomic<int> started = 0;
     std::atomic<int> answered = 0;
     const auto count = [&](const HttpResult& result) { answered += !result.error; };
@@ -200,8 +198,6 @@ TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
         }
     });
     while (started < 10) std::this_thread::yield();
-    // A stalled server holds up its own senders, and only where a body has to wait.
-    EXPECT_EQ(errorOf(other.url("/")), "no error");
     EXPECT_FALSE(drainHttpSession(50ms));
     EXPECT_EQ(started, 10);
     stalled.open();
@@ -210,43 +206,192 @@ TEST_F(HttpSessionTest, SendersWaitWhileTheServerStallsAndNothingIsLost) {
     EXPECT_EQ(answered, 40);
     EXPECT_EQ(stalled.requestCount(), 40u);
 
-    startDataTask(post(other.url("/"), Data(20'000, 'x')), count);
+    startDataTask(post(stalled.url("/"), Data(30'000, 'x')), count);
     EXPECT_TRUE(drainHttpSession(30s));
     EXPECT_EQ(answered, 41) << "a body above the bound goes when nothing waits";
 }
 
-TEST_F(HttpSessionTest, WhatAThreadWaitsForDoesNotQueueBehindPostsToItsServer) {
+TEST_F(HttpSessionTest, ServersThatTakeNothingCostOthersNothingAndWhatIsTooMuchIsDroppedAndCounted) {
+    HttpsServer healthy(_root);
+    const auto silent = [](RawConnection& connection) { connection.waitForClose(); };
+    std::vector<std::unique_ptr<RawServer>> stalled;
+    for (int i = 0; i < 3; ++i) stalled.push_back(std::make_unique<RawServer>(silent));
+    setHttpLimits({.bytesPerServer = 50'000,
+                   .bytesInAll = 60'000,
+                   .bytesGuaranteed = 10'000,
+                   .senderPatience = 20ms,
+                   .waitingTime = 1s,
+                   .postTime = 1s});
+    const std::uint64_t droppedBefore = droppedDataTasks();
+    std::atomic<std::uint64_t> dropped = 0;
+    std::atomic<int> answered = 0;
+    const auto count = [&](const HttpResult& result) {
+        dropped += result.wasDropped;
+        answered += !result.error;
+    };
+    for (int i = 0; i < 60; ++i)
+        for (const auto& server : stalled) startDataTask(post(server->url(), Data(1000, 'x')), count);
+    EXPECT_GT(dropped, 0u);
+    for (int i = 0; i < 20; ++i) {
+        startDataTask(post(healthy.url("/"), Data(5000, 'x')), count);
+        EXPECT_TRUE(healthy.waitForRequests(static_cast<std::size_t>(i) + 1, 500ms));
+    }
+    EXPECT_TRUE(drainHttpSession(30s)) << "what waits is bounded in time, too";
+    EXPECT_EQ(answered, 20);
+    EXPECT_EQ(droppedDataTasks() - droppedBefore, dropped);
+    EXPECT_TRUE(test::within(20s, [&] { return droppedInLog() == dropped; })) << droppedInLog();
+    EXPECT_LT(logged("takes too little"), 20u);
+}
+
+TEST_F(HttpSessionTest, ABodyIsSentOnceWhateverBecomesOfItsConnection) {
+    std::atomic<int> received = 0;
+    const RawServer server([&](RawConnection& connection) {
+        for (int i = 0; !connection.readRequest().empty(); ++i) {
+            ++received;
+            if (i == 1) return;
+            connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+        }
+    });
+    for (const Data& body : {bytes("event"), Data()}) {
+        received = 0;
+        EXPECT_EQ(errorOf(HttpRequest{server.url(), "GET", {}, {}}), "no error");
+        std::optional<HttpResult> result;
+        startDataTask(post(server.url(), body), [&](HttpResult got) { result = std::move(got); });
+        EXPECT_TRUE(drainHttpSession(30s));
+        EXPECT_EQ(received, 2);
+        EXPECT_EQ(result->error.has_value(), !body.empty());
+    }
+}
+
+TEST_F(HttpSessionTest, WhoWantsNoBodyHasItsAnswerWithTheHead) {
+    setHttpLimits({.unwantedBodyTime = 200ms});
+    std::atomic<int> closed = 0;
+    std::atomic<bool> mayEnd = false;
+    const auto answering = [&](const char* head, std::size_t piece) {
+        return [&, head, piece](RawConnection& connection) {
+            connection.readRequest();
+            connection.send(head);
+            while (connection.send(std::string(piece, 'x')))
+                if (piece < 100) std::this_thread::sleep_for(10ms);
+            ++closed;
+        };
+    };
+    const RawServer drip(answering("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 503 Busy\r\n\r\n", 1));
+    const RawServer endless(answering("HTTP/1.1 503 Busy\r\n\r\n", 65536));
+    for (const RawServer* server : {&drip, &endless}) {
+        HttpRequest request = post(server->url(), bytes("event"));
+        request.wantsBody = false;
+        std::promise<HttpResult> promised;
+        startDataTask(std::move(request), [&](HttpResult got) { promised.set_value(std::move(got)); });
+        const HttpResult result = promised.get_future().get();
+        EXPECT_EQ(result.error, std::nullopt);
+        EXPECT_EQ(result.response.statusCode, 503);
+        EXPECT_TRUE(result.response.body.empty());
+    }
+    EXPECT_TRUE(test::within(20s, [&] { return closed == 2; }));
+
+    HttpsServer server(_root);
+    server.answerWith({200, {}, std::string(10'000, 'x')});
+    for (std::size_t i = 1; i <= 3; ++i) {
+        HttpRequest request = post(server.url("/"), bytes("event"));
+        request.wantsBody = false;
+        startDataTask(std::move(request), nullptr);
+        EXPECT_TRUE(drainHttpSession(30s));
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_EQ(server.requests().at(2).clientPort, server.requests().at(0).clientPort);
+}
+
+TEST_F(HttpSessionTest, AnAnswerThatDripsEndsWithThePostsTime) {
+    setHttpLimits({.postTime = 300ms});
+    const RawServer drip([](RawConnection& connection) {
+        connection.readRequest();
+        connection.send("HTTP/1.1 200 OK\r\nX-Drip: ");
+        while (connection.send("x")) std::this_thread::sleep_for(10ms);
+    });
+    std::promise<HttpResult> promised;
+    startDataTask(post(drip.url(), bytes("event")), [&](HttpResult got) { promised.set_value(got); });
+    EXPECT_THAT(promised.get_future().get().error.value_or(""), HasSubstr("timed out"));
+}
+
+TEST_F(HttpSessionTest, PostsOfOneKeyStartInTheirOrder) {
+    std::mutex mutex;
+    std::vector<std::string> received;
     HttpsServer server(_root);
     std::promise<void> gate;
-    server.setHandler([opened = gate.get_future().share()](const ServerRequest& request) {
-        if (request.method == "POST") opened.wait();
+    server.setHandler([&, opened = gate.get_future().share()](const ServerRequest& request) {
+        {
+            const std::scoped_lock lock(mutex);
+            received.push_back(request.body);
+        }
+        if (request.body == "barrier") opened.wait();
         return ServerAnswer();
     });
-    for (int i = 0; i < 20; ++i) startDataTask(post(server.url("/"), {}), nullptr);
-    EXPECT_TRUE(server.waitForRequests(8));
-    EXPECT_EQ(errorOf(server.url("/")), "no error");
-    EXPECT_EQ(server.requestCount(), 9u);
+    const auto send = [&](std::string_view body, bool isBarrier = false) {
+        HttpRequest request = post(server.url("/"), bytes(body));
+        request.orderKey = &server;
+        request.isBarrier = isBarrier;
+        startDataTask(std::move(request), nullptr);
+    };
+    setHttpLimits({.orderSpacing = 1h});
+    std::vector<std::string> sent;
+    for (int i = 0; i < 200; ++i) send(sent.emplace_back(std::to_string(i)));
+    EXPECT_TRUE(drainHttpSession(30s));
+    EXPECT_EQ(received, sent);
+
+    // What was sent a moment ago lets the next one go, unless that has to wait for its answer.
+    setHttpLimits({.orderSpacing = 0ms});
+    server.forgetRequests();
+    send("barrier");
+    send("barrier", true);
+    send("last");
+    EXPECT_TRUE(server.waitForRequests(2));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(server.requestCount(), 2u);
+    startDataTask(post(server.url("/"), bytes("other")), nullptr);
+    EXPECT_TRUE(server.waitForRequests(3)) << "others go past it";
     gate.set_value();
+    EXPECT_TRUE(server.waitForRequests(4));
+    EXPECT_EQ(server.requests().at(3).body, "last");
     EXPECT_TRUE(drainHttpSession(30s));
 }
 
-TEST_F(HttpSessionTest, AStalledRequestEndsWhenItsTimeIsUpAndALargeOneHoldsUpNobodyElse) {
-    StalledServer stalled(_root);
-    HttpsServer other(_root);
-    HttpRequest request = get(stalled.url("/"));
-    request.timeout = 1s;
-    EXPECT_THAT(errorOf(request), HasSubstr("timed out"));
+TEST_F(HttpSessionTest, PostsAndWhatThreadsWaitForDoNotQueueBehindEachOther) {
+    StalledServer server(_root);
+    const HttpRequest awaited{server.url("/"), "PUT", {}, bytes("file")};
+    std::vector<std::future<std::string>> uploads;
+    for (int i = 0; i < 10; ++i)
+        uploads.push_back(std::async(std::launch::async, [&] { return errorOf(awaited); }));
+    EXPECT_TRUE(server.waitForRequests(10));
+    for (int i = 0; i < 20; ++i) startDataTask(post(server.url("/"), bytes("event")), nullptr);
+    EXPECT_TRUE(server.waitForRequests(18)) << "posts have places of their own";
+    uploads.push_back(std::async(std::launch::async, [&] { return errorOf(awaited); }));
+    EXPECT_TRUE(server.waitForRequests(19)) << "an upload takes none of them";
+    EXPECT_EQ(server.requestCount(), 19u);
+    server.open();
+    for (auto& upload : uploads) EXPECT_EQ(upload.get(), "no error");
+    EXPECT_TRUE(drainHttpSession(30s));
+}
 
-    setHttpWaitingBytesBound(10'000);
-    auto waiting = std::async(std::launch::async,
-                              [large = post(stalled.url("/"), Data(20'000, 'x'))] { return errorOf(large); });
-    EXPECT_TRUE(stalled.waitForRequests(2));
-    const HttpRequest small = post(other.url("/"), Data(1'000, 'x'));
-    startDataTask(small, nullptr);
-    EXPECT_TRUE(other.waitForRequests(1));
-    EXPECT_EQ(errorOf(small), "no error");
-    stalled.open();
-    EXPECT_EQ(waiting.get(), "no error");
+TEST_F(HttpSessionTest, WhatIsWaitedForMayTakeLongToAnswerButNotToSend) {
+    setHttpLimits({.standstill = 200ms});
+    const Data large(32u << 20, 'x');
+    const RawServer deaf([](RawConnection&) { std::this_thread::sleep_for(2s); });
+    EXPECT_THAT(errorOf(post(deaf.url(), large)), HasSubstr("timed out"));
+
+    const RawServer thinks([](RawConnection& connection) {
+        connection.readRequest();
+        std::this_thread::sleep_for(1s);
+        connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    EXPECT_EQ(errorOf(post(thinks.url(), large)), "no error");
+    setHttpLimits({.answerTime = 100ms});
+    EXPECT_THAT(errorOf(post(thinks.url(), large)), HasSubstr("timed out"));
+
+    HttpRequest request = get(thinks.url());
+    request.timeout = 1s;
+    EXPECT_THAT(errorOf(RawServer([](RawConnection& connection) { connection.waitForClose(); }).url()),
+                HasSubstr("timed out"));
 }
 
 }  // namespace
