@@ -18,13 +18,15 @@
 namespace quorvane::bench {
 namespace {
 
+constexpr int kExitTooBusy = 2;
+
 using Part = std::pair<std::string, std::function<void(const Options&)>>;
 
 const std::vector<Part>& parts() {
     static const std::vector<Part> all{
-        {"events", measureEventCost},       {"counts", measureEventCounts}, {"memory", measureMemory},
-        {"stall", measureStalledCollector}, {"idle", measureIdleness},      {"hierarchy", measureHierarchy},
-        {"datagrams", measureDatagrams},    {"uploads", measureUploads},
+        {"events", measureEventCost},    {"waiting", measureWaitingCalls},   {"counts", measureEventCounts},
+        {"memory", measureMemory},       {"stall", measureStalledCollector}, {"idle", measureIdleness},
+        {"hierarchy", measureHierarchy}, {"datagrams", measureDatagrams},    {"uploads", measureUploads},
     };
     return all;
 }
@@ -52,7 +54,8 @@ int main(int argc, char** argv) try {
     bool quick = false;
     std::vector<std::string> chosen = partNames();
     CLI::App app(
-        "Measures the quorvaned daemon from end to end. The exit status tells whether all bounds were kept.");
+        "Measures the quorvaned daemon from end to end. The exit status is 0 when all bounds were kept, 1 when one was missed, "
+        "and 2 when none was but the machine was too busy to judge them all.");
     app.add_option("part", chosen, "What to measure; everything by default")
         ->check(CLI::IsMember(partNames()));
     app.add_flag("--quick", quick, "A tenth of everything");
@@ -66,7 +69,10 @@ int main(int argc, char** argv) try {
     if (quick) options.shorten();
     for (const Part& part : parts())
         if (std::find(chosen.begin(), chosen.end(), part.first) != chosen.end()) part.second(options);
-    return anyMissed() ? EXIT_FAILURE : EXIT_SUCCESS;
+    if (anyMissed()) return EXIT_FAILURE;
+    if (!anyUnjudged()) return EXIT_SUCCESS;
+    fmt::print("\nThe machine was too busy to judge every bound.\n");
+    return kExitTooBusy;
 } catch (const std::exception& exception) {
     fmt::print(stderr, "quorvane-bench-end-to-end: {}\n", exception.what());
     return EXIT_FAILURE;

@@ -21,10 +21,17 @@ void row(std::string_view name, fmt::format_string<Args...> value, Args&&... arg
 /// A row that also says whether the value keeps its bound.
 void boundedRow(std::string_view name, double value, double bound, std::string_view unit = "");
 
+/// A bounded row of a ratio of times. A value past the bound is not judged when others took up too much of
+/// the machine, as a share in [0, 1], while it was measured: caches and cores that are shared slow some work
+/// more than other work.
+void timedRow(std::string_view name, double value, double bound, double othersShare);
+
 /// A row that says whether the counts agree; a benchmark that loses events measures nothing.
 void countRow(std::string_view name, std::uint64_t counted, std::uint64_t expected);
 
 /// Whether any bounded row or count failed so far.
 bool anyMissed();
+/// Whether any timed row could not be judged so far.
+bool anyUnjudged();
 
 }  // namespace quorvane::bench
