@@ -1,6 +1,7 @@
 #include "service/QuorvanedAgent.h"
 
 #include "framework/Keys.h"
+#include "platform/base/FreedMemory.h"
 #include "platform/base/Log.h"
 #include "platform/system/ProcessTransaction.h"
 #include "service/ClientProxy.h"
@@ -74,8 +75,11 @@ void QuorvanedAgent::remove(const std::shared_ptr<QuorvanedSession>& session) {
         _sessionList.sessions.remove(session);
         if (_sessionList.sessions.empty()) platform::endProcessTransaction();
     }
-    const std::scoped_lock lock(_lock);
-    _correlatedSessions.removeSession(*session);
+    {
+        const std::scoped_lock lock(_lock);
+        _correlatedSessions.removeSession(*session);
+    }
+    platform::memoryIsFreed();
 }
 
 // Storebags.

@@ -7,6 +7,7 @@
 #include "platform/device/UserDefaults.h"
 #include "platform/loop/RunLoop.h"
 #include "platform/sandbox/Sandbox.h"
+#include "platform/system/Memory.h"
 #include "platform/system/QualityOfService.h"
 #include "service/QuorvanedAgent.h"
 #include "service/Shutdown.h"
@@ -55,8 +56,9 @@ int serve() {
     }
     const auto loop = platform::RunLoop::init();
     if (loop == nullptr) platform::logError("main: The run loop cannot be made.");
+    const auto reclaimer = loop != nullptr ? platform::MemoryReclaimer::init(*loop) : nullptr;
     const auto listener = newListener();
-    if (loop == nullptr || listener == nullptr) return EXIT_FAILURE;
+    if (loop == nullptr || reclaimer == nullptr || listener == nullptr) return EXIT_FAILURE;
     const auto agent = QuorvanedAgent::init();
     listener->setDelegate([&](const auto& connection) { return agent->listener(*listener, connection); });
     Shutdown termination(*loop, *listener);
@@ -78,6 +80,7 @@ int serve() {
 }  // namespace
 
 int main() {
+    platform::setUpAllocator();
     platform::setQualityOfServiceUtility();
     startLogging("quorvaned", "Daemon");
     platform::allowAllDescriptors();  // Each connection takes three.

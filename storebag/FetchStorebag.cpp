@@ -1,6 +1,7 @@
 #include "storebag/FetchStorebag.h"
 
 #include "framework/QuorvaneBundle.h"
+#include "platform/base/FreedMemory.h"
 #include "platform/base/Log.h"
 #include "platform/crypto/Crypto.h"
 #include "platform/http/HttpSession.h"
@@ -34,6 +35,8 @@ constexpr const char* kInternalStorebagServer =
 
 constexpr std::chrono::seconds kTimeout{15};
 constexpr std::int32_t kDefaultMaxAge = 86400;
+/// An answer of so many bytes makes values of many times that, most of which are dropped again.
+constexpr std::size_t kLargeAnswer = 256u << 10;
 
 const std::string& baseURL() {
     static const std::string url =
@@ -161,7 +164,9 @@ std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>
         notModified = true;
         return std::nullopt;
     }
-    return verifiedBag(result.response.body);
+    auto bag = verifiedBag(result.response.body);
+    if (result.response.body.size() >= kLargeAnswer) platform::memoryIsFreed();
+    return bag;
 }
 
 }  // namespace quorvane

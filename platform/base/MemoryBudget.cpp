@@ -1,6 +1,6 @@
 #include "platform/base/MemoryBudget.h"
 
-#include <malloc.h>
+#include "platform/base/FreedMemory.h"
 
 #include <algorithm>
 
@@ -88,7 +88,7 @@ void MemoryBudget::release(Entry holder, std::size_t bytes, std::size_t reservat
         wakeNext();
         forgetIdle(holder);
     }
-    if (largeOneIsGone) ::malloc_trim(0);
+    if (largeOneIsGone) memoryIsFreed();
 }
 
 void MemoryBudget::setLimits(Limits limits) {

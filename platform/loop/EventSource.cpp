@@ -66,6 +66,17 @@ std::unique_ptr<EventSource> EventSource::once(sd_event* event, milliseconds del
     return kept(std::move(source), result);
 }
 
+std::unique_ptr<EventSource> EventSource::alarm(sd_event* event, Handler handler) {
+    auto source = once(event, milliseconds(0), std::move(handler));
+    if (source != nullptr) source->setEnabled(false);
+    return source;
+}
+
+bool EventSource::ringIn(milliseconds delay) {
+    return ::sd_event_source_set_time_relative(_source, count(delay)) >= 0 &&
+           ::sd_event_source_set_enabled(_source, SD_EVENT_ONESHOT) >= 0;
+}
+
 std::unique_ptr<EventSource> EventSource::timer(sd_event* event, milliseconds period, milliseconds leeway,
                                                 Handler handler) {
     std::unique_ptr<EventSource> source(new EventSource(std::move(handler)));

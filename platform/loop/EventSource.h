@@ -22,6 +22,8 @@ class EventSource {
     /// Calls the handler once, so long from now.
     static std::unique_ptr<EventSource> once(sd_event* event, std::chrono::milliseconds delay,
                                              Handler handler);
+    /// Calls the handler whenever the time that ringIn() has set last is there.
+    static std::unique_ptr<EventSource> alarm(sd_event* event, Handler handler);
     /// Calls the handler one period from now and then every period, each time late by at most the leeway.
     /// Periods that pass while the loop is busy are left out. From 1 ms to a year.
     static std::unique_ptr<EventSource> timer(sd_event* event, std::chrono::milliseconds period,
@@ -31,6 +33,9 @@ class EventSource {
     ~EventSource();
     EventSource(const EventSource&) = delete;
     EventSource& operator=(const EventSource&) = delete;
+
+    /// Of an alarm: once, so long from now. False when the loop refuses.
+    bool ringIn(std::chrono::milliseconds delay);
 
     /// Turned off, the handler is not called whatever happens.
     void setEnabled(bool enabled);
