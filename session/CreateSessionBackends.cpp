@@ -14,8 +14,7 @@ constexpr std::uint16_t kInternalMethod = 0;
 constexpr std::uint16_t kSessionStart = 0;
 
 bool automaticTimeSet() {
-    const auto setting = platform::userDefault("com.velmora.timed", "TMAutomaticTimeZoneEnabled");
-    return !setting || setting->boolean();
+    return platform::userDefaultBoolean("com.velmora.timed", "TMAutomaticTimeZoneEnabled").value_or(true);
 }
 
 /// The device as its session's first event tells it. Devices outside the maker's house tell their time

@@ -20,11 +20,11 @@ std::once_flag settled;
 std::atomic<EnvironmentType> inForce{EnvironmentType::None};
 
 std::uint32_t environmentNumber() {
-    const std::optional<Value> stored = platform::userDefault(kQuorvaneDefaultsSuite, "environmentType");
+    const auto stored = platform::userDefaultInteger(kQuorvaneDefaultsSuite, "environmentType");
     if (!stored)
         return static_cast<std::uint32_t>(isInternalBuild() ? EnvironmentType::Internal
                                                             : EnvironmentType::Release);
-    const std::int64_t number = stored->integer();
+    const std::int64_t number = *stored;
     if (number >= 0 && number <= std::ssize(kStorebagSections)) return static_cast<std::uint32_t>(number);
     constexpr std::int64_t largest = std::numeric_limits<std::uint32_t>::max();
     platform::logError("userDefaultsEnvironment: Invalid environment type {}",

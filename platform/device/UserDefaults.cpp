@@ -1,5 +1,6 @@
 #include "platform/device/UserDefaults.h"
 
+#include "platform/base/Log.h"
 #include "platform/base/Root.h"
 #include "platform/formats/TomlFile.h"
 
@@ -15,6 +16,14 @@ std::string suiteFile(std::string_view suite) {
     return rooted(fmt::format("/etc/quorvane/defaults/{}.toml", suite));
 }
 
+/// What is no number is logged, as not what was expected.
+std::optional<Value> numberUnder(std::string_view suite, std::string_view key, std::string_view expected) {
+    auto value = userDefault(suite, key);
+    if (value && !value->isNumber())
+        logError("readConfiguration: {}: {}: {} is expected", suiteFile(suite), key, expected);
+    return value;
+}
+
 }  // namespace
 
 std::optional<Value> userDefault(std::string_view suite, std::string_view key) {
@@ -26,6 +35,16 @@ std::optional<Value> userDefault(std::string_view suite, std::string_view key) {
 std::optional<std::string> userDefaultString(std::string_view suite, std::string_view key) {
     const std::string file = suiteFile(suite);
     return textUnder(key, readConfiguration(file), file);
+}
+
+std::optional<std::int64_t> userDefaultInteger(std::string_view suite, std::string_view key) {
+    const auto value = numberUnder(suite, key, "a number");
+    return value ? std::optional(value->integer()) : std::nullopt;
+}
+
+std::optional<bool> userDefaultBoolean(std::string_view suite, std::string_view key) {
+    const auto value = numberUnder(suite, key, "true or false");
+    return value ? std::optional(value->boolean()) : std::nullopt;
 }
 
 }  // namespace quorvane::platform

@@ -87,6 +87,17 @@ TEST_F(ConfigurationTest, UserDefaultsAreReadAfreshAndByType) {
     EXPECT_EQ(logged(kSuite + ": environmentType: a text is expected"), 1u);
     write(kSuite, "httpsPostURL = \"https://b.invalid\"\n");
     EXPECT_EQ(setting("httpsPostURL"), "https://b.invalid");
+
+    write(kSuite, "number = 7\nflag = false\ntext = \"release\"\n");
+    constexpr const char* suite = "com.velmora.quorvane";
+    EXPECT_EQ(userDefaultInteger(suite, "number"), 7);
+    EXPECT_EQ(userDefaultInteger(suite, "gone"), std::nullopt);
+    EXPECT_EQ(userDefaultBoolean(suite, "flag"), false);
+    EXPECT_EQ(logged(": number: ") + logged(": flag: ") + logged(": gone: "), 0u);
+    EXPECT_EQ(userDefaultInteger(suite, "text"), 0);
+    EXPECT_EQ(logged(kSuite + ": text: a number is expected"), 1u);
+    EXPECT_EQ(userDefaultBoolean(suite, "text"), false);
+    EXPECT_EQ(logged(kSuite + ": text: true or false is expected"), 1u);
 }
 
 TEST_F(ConfigurationTest, MalformedFilesAreLoggedByNameAndReadAsEmpty) {
