@@ -2,6 +2,8 @@
 
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
+#include "platform/formats/TomlNesting.h"
+#include "platform/formats/ValueLimits.h"
 
 #include <toml++/toml.h>
 
@@ -93,12 +95,14 @@ std::string keyOnLine(std::string_view text, std::size_t line) {
 }  // namespace
 
 Result<Dictionary> parseToml(std::string_view text, std::string_view name) {
+    const auto faultOnLine = [&](std::size_t line, std::string_view fault) {
+        return failure(fmt::format("{}: line {}: {}{}", name, line, keyOnLine(text, line), fault));
+    };
+    if (const auto line = lineNestedTooDeep(text)) return faultOnLine(*line, kTooDeep);
     try {
         return dictionaryFrom(toml::parse(text));
     } catch (const toml::parse_error& error) {
-        const std::size_t line = error.source().begin.line;
-        return failure(
-            fmt::format("{}: line {}: {}{}", name, line, keyOnLine(text, line), error.description()));
+        return faultOnLine(error.source().begin.line, error.description());
     } catch (const std::exception& error) {
         return failure(fmt::format("{}: {}", name, error.what()));
     }

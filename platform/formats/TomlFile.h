@@ -9,9 +9,9 @@
 
 namespace quorvane::platform {
 
-/// A TOML 1.0 text as values. A date without a time of day is its midnight, a time of day without an offset
-/// is taken as GMT, and a time of day without a date stays the text "07:32:00.5". An error says the name, the
-/// line, the key that stands there and the fault. Thread-safe.
+/// A TOML 1.0 text as values, nested at most 128 levels deep. A date without a time of day is its midnight, a
+/// time of day without an offset is taken as GMT, and a time of day without a date stays the text
+/// "07:32:00.5". An error says the name, the line, the key that stands there and the fault. Thread-safe.
 Result<Dictionary> parseToml(std::string_view text, std::string_view name);
 
 /// The same for a file of at most 4 MiB.

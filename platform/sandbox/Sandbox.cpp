@@ -1,9 +1,7 @@
 #include "platform/sandbox/Sandbox.h"
 
 #include "platform/base/Owned.h"
-#include "platform/base/Root.h"
 #include "platform/base/UniqueDescriptor.h"
-#include "platform/sandbox/SandboxProfile.h"
 
 #include <fcntl.h>
 #include <linux/landlock.h>
@@ -19,7 +17,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <iterator>
 #include <system_error>
@@ -230,26 +227,14 @@ Result<void> confineTo(const SandboxProfile& profile) {
     return confine(*rules, *filter);
 }
 
-Result<void> apply(std::string_view name) {
-    if (name.find('/') != std::string_view::npos)
-        return failure("no profile can be named " + std::string(name));
-    auto profile = readSandboxProfile(rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml"));
-    if (!profile) return tl::unexpected(std::move(profile).error());
-    if (auto checked = checkSingleThread(); !checked) return checked;
-    if (auto made = makeFolders(*profile); !made) return made;
-    if (auto confined = confineTo(*profile); !confined) return confined;
-    if (auto proved = provePathsRefused(); !proved) return proved;
-    return proveSystemCallsRefused(*profile);
-}
-
 }  // namespace
 
-Result<void> applySandboxProfile(std::string_view name) {
-    try {
-        return apply(name);
-    } catch (const std::exception& error) {
-        return failure(std::string("cannot apply the sandbox profile: ") + error.what());
-    }
+Result<void> applySandbox(const SandboxProfile& profile) {
+    if (auto checked = checkSingleThread(); !checked) return checked;
+    if (auto made = makeFolders(profile); !made) return made;
+    if (auto confined = confineTo(profile); !confined) return confined;
+    if (auto proved = provePathsRefused(); !proved) return proved;
+    return proveSystemCallsRefused(profile);
 }
 
 }  // namespace quorvane::platform

@@ -1,17 +1,15 @@
 #pragma once
 
 #include "platform/base/Result.h"
-
-#include <string_view>
+#include "platform/sandbox/SandboxProfile.h"
 
 namespace quorvane::platform {
 
-/// Confines the process, for good, to the profile /usr/share/quorvane/sandbox/NAME.toml (see
-/// SandboxProfile.h) and proves that the confinement holds. After a failure the process may
-/// be confined in part and should end.
+/// Confines the process, for good, to the profile and proves that the confinement holds. After a failure the
+/// process may be confined in part and should end.
 ///
 /// Must run while the calling thread is the only one, because threads that exist already would stay outside.
 /// Files and sockets that are open already stay usable. Programs cannot gain privileges afterwards.
-Result<void> applySandboxProfile(std::string_view name);
+Result<void> applySandbox(const SandboxProfile& profile);
 
 }  // namespace quorvane::platform

@@ -3,14 +3,10 @@
 #include "platform/base/Root.h"
 
 #include <seccomp.h>
-#include <toml++/toml.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
-#include <exception>
-#include <fstream>
 #include <utility>
 
 namespace quorvane::platform {
@@ -33,12 +29,12 @@ auto* named(const Table& table, std::string_view name) {
 
 /// Calls the function with each text of the array; the first failure ends it.
 template <typename Function>
-Result<void> forEachText(const std::string& key, const toml::node& value, Function&& function) {
-    const toml::array* array = value.as_array();
+Result<void> forEachText(const std::string& key, const Value& value, Function&& function) {
+    const Array* array = value.array();
     if (array == nullptr) return failure(key + ": a list of texts is expected");
-    for (const toml::node& element : *array) {
-        const auto text = element.value_exact<std::string>();
-        if (!text) return failure(key + ": a list of texts is expected");
+    for (const Value& element : *array) {
+        const std::string* text = element.string();
+        if (text == nullptr) return failure(key + ": a list of texts is expected");
         if (auto taken = function(*text); !taken) return failure(key + ": " + taken.error().message);
     }
     return {};
@@ -61,10 +57,10 @@ Result<void> addRefusal(const std::string& name, int error, SandboxProfile& prof
     return {};
 }
 
-Result<void> readPaths(const std::string& section, const toml::table& table, SandboxProfile& profile) {
+Result<void> readPaths(const std::string& section, const Dictionary& table, SandboxProfile& profile) {
     for (const auto& [name, value] : table) {
-        const std::string key = section + "." + std::string(name.str());
-        const SandboxAccess* access = named(kAccesses, name.str());
+        const std::string key = section + "." + name;
+        const SandboxAccess* access = named(kAccesses, name);
         if (access == nullptr) return failure(key + ": unknown key");
         auto taken = forEachText(key, value, [&](const std::string& path) {
             return addPath(path, *access, section == "product", profile);
@@ -74,10 +70,10 @@ Result<void> readPaths(const std::string& section, const toml::table& table, San
     return {};
 }
 
-Result<void> readRefusals(const std::string& section, const toml::table& table, SandboxProfile& profile) {
+Result<void> readRefusals(const std::string& section, const Dictionary& table, SandboxProfile& profile) {
     for (const auto& [name, value] : table) {
-        const std::string key = section + "." + std::string(name.str());
-        const int* error = named(kErrors, name.str());
+        const std::string key = section + "." + name;
+        const int* error = named(kErrors, name);
         if (error == nullptr) return failure(key + ": unknown key");
         auto taken = forEachText(key, value,
                                  [&](const std::string& call) { return addRefusal(call, *error, profile); });
@@ -86,12 +82,11 @@ Result<void> readRefusals(const std::string& section, const toml::table& table, 
     return {};
 }
 
-Result<void> readSections(const toml::table& root, SandboxProfile& profile) {
-    for (const auto& [name, value] : root) {
-        const std::string section(name.str());
+Result<void> readSections(const Dictionary& root, SandboxProfile& profile) {
+    for (const auto& [section, value] : root) {
         const bool paths = section == "product" || section == "system";
         if (!paths && section != "refuse") return failure(section + ": unknown key");
-        const toml::table* table = value.as_table();
+        const Dictionary* table = value.dictionary();
         if (table == nullptr) return failure(section + ": a table is expected");
         auto read = paths ? readPaths(section, *table, profile) : readRefusals(section, *table, profile);
         if (!read) return read;
@@ -101,20 +96,9 @@ Result<void> readSections(const toml::table& root, SandboxProfile& profile) {
 
 }  // namespace
 
-Result<SandboxProfile> readSandboxProfile(const std::string& file) {
-    errno = 0;
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream) return failure("cannot read " + file + ": " + std::strerror(errno));
+Result<SandboxProfile> sandboxProfile(const Dictionary& settings) {
     SandboxProfile profile;
-    try {
-        if (auto read = readSections(toml::parse(stream, file), profile); !read)
-            return failure(file + ": " + read.error().message);
-    } catch (const toml::parse_error& error) {
-        return failure(file + ": line " + std::to_string(error.source().begin.line) + ": " +
-                       std::string(error.description()));
-    } catch (const std::exception& error) {
-        return failure("cannot read " + file + ": " + error.what());
-    }
+    if (auto read = readSections(settings, profile); !read) return failure(read.error().message);
     return profile;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/base/Result.h"
+#include "platform/value/Value.h"
 
 #include <string>
 #include <vector>
@@ -28,7 +29,7 @@ struct SandboxRefusal {
     int error;  ///< EPERM or ENOSYS.
 };
 
-/// A sandbox profile as read from its TOML file:
+/// A sandbox profile. Its TOML file:
 ///
 ///     [product]                                   # these paths follow QUORVANE_ROOT
 ///     read = ["/etc/product"]                     # also: write, load, socket
@@ -44,9 +45,8 @@ struct SandboxProfile {
     std::vector<SandboxRefusal> refusals;
 };
 
-/// Reads the profile in the file. A key or system call that is not known, a value of the wrong type, a
-/// relative path, or a rule that would keep threads from starting is an error; its text names the file
-/// and the key.
-Result<SandboxProfile> readSandboxProfile(const std::string& file);
+/// The profile in a TOML file's values. A key or system call that is not known, a value of the wrong type, a
+/// relative path, or a rule that would keep threads from starting is an error that names the key.
+Result<SandboxProfile> sandboxProfile(const Dictionary& settings);
 
 }  // namespace quorvane::platform

@@ -2,11 +2,14 @@
 #include "platform/device/DeviceQuery.h"
 #include "platform/device/UserDefaults.h"
 #include "platform/formats/TomlFile.h"
+#include "tests/platform/Repeated.h"
 #include "tests/support/RootFixture.h"
 
 #include <cmath>
 #include <limits>
 #include <map>
+
+#include <fmt/format.h>
 
 namespace quorvane::platform {
 namespace {
@@ -63,8 +66,30 @@ TEST(TomlFileTest, AFaultIsNamedByFileLineAndKey) {
         {"a = \"\xff\"", "x: line 1: a: "}};
     for (const auto& [text, error] : faults)
         EXPECT_THAT(errorOf(parseToml(text, "x")), testing::StartsWith(error)) << text;
-    EXPECT_NE(errorOf(parseToml("a = " + std::string(100'000, '['), "x")), "no error");
     EXPECT_EQ(errorOf(readTomlFile("/nonexistent.toml")), "/nonexistent.toml: No such file or directory");
+}
+
+TEST(TomlFileTest, DeepTextsAreRefusedHoweverTheyNest) {
+    const std::string parts = repeated(".a", 40'000);
+    for (const std::string& text :
+         {"a" + parts + " = 1", "[a" + parts + "]", "[[a" + repeated(" . \"a\"", 40'000) + "]]",
+          "a = " + repeated("[", 40'000), "a = " + repeated("{a = ", 40'000), "a = {a" + parts + " = 1}",
+          "a = [1, {b = [{a" + parts + " = 1}]}]",
+          "'[' . \"\\\"\" . a = \"\"\"\n\"\"\"\"\"\n[a" + parts + "]"})
+        EXPECT_THAT(errorOf(parseToml(text, "x")), testing::HasSubstr("is nested deeper"))
+            << text.substr(0, 80);
+
+    // The root is the first level, and a header counts for all that stands under it.
+    const auto isRead = [](const std::string& text) { return parseToml(text, "x").has_value(); };
+    EXPECT_TRUE(isRead("a = " + repeated("[", 127) + repeated("]", 127) + "\nb = 1.5"));
+    EXPECT_FALSE(isRead("a = " + repeated("[", 128) + repeated("]", 128)));
+    EXPECT_TRUE(isRead("[a" + repeated(".a", 60) + "]\nb" + repeated(".b", 66) + " = 1"));
+    EXPECT_FALSE(isRead("[a" + repeated(".a", 60) + "]\nb" + repeated(".b", 67) + " = 1"));
+
+    // Nothing of this nests.
+    std::string flat = "list = [" + repeated("1.5, '[.[.[.', # [[[\n", 200) + "]\n";
+    for (int i = 0; i < 200; ++i) flat += fmt::format("[a{}.b]\nc.d = \"\"\"\\\"\"\"\n[[[...\n\"\"\"\n", i);
+    EXPECT_EQ(errorOf(parseToml(flat, "x")), "no error");
 }
 
 class ConfigurationTest : public RootFixture {

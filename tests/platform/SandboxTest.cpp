@@ -1,4 +1,4 @@
-#include "platform/sandbox/Sandbox.h"
+#include "platform/system/NamedSandbox.h"
 
 #include "tests/support/InChild.h"
 #include "tests/support/RootFixture.h"

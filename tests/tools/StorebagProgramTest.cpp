@@ -178,7 +178,7 @@ TEST_F(StorebagProgram, NamesTheFileAndThePlaceOfAMalformedSource) {
         {"d.json", R"({"release": {"ossel": {"list": [1, "\u0001"]}}})",
          "d.json: release.ossel.list[1]: a property list cannot hold"},
         {"e.json", "{\"a\":" + deep + "}", "nested too deeply"},
-        {"b.toml", "a = " + deep, "b.toml: the bag is no property list"},
+        {"b.toml", "a = " + deep, "b.toml: line 1: a: is nested deeper than 128 levels"},
         {"a.plist", "<plist version=\"1.0\"><dict><key>a</key></plist>", "a.plist: "},
         {"absent.toml", std::nullopt, "absent.toml: No such file"},
         {"./.toml", std::nullopt, "--format"},
