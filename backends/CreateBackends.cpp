@@ -77,6 +77,8 @@ std::optional<BackendDictionary> createBackends(const std::shared_ptr<const Dict
     const SessionFacts facts = gatherFacts(*sessionInfo, userInfo, deviceIdentifier);
     BackendDictionary backends;
     for (const auto& [name, entry] : *storebag) {
+        if (entry.dictionary() == nullptr)
+            platform::logError("createBackends: {}: a dictionary is expected in the storebag", name);
         // The profile shares the section's life instead of being copied: many sessions run on one section.
         std::shared_ptr<const Dictionary> profile(storebag, entry.dictionary());
         auto backend =

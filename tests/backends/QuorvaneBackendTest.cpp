@@ -102,6 +102,7 @@ ReleaseType = "Internal"
     ASSERT_TRUE(backends);
     EXPECT_THAT(*backends, ElementsAre(Key("httppost"), Key("httppost2")));
     EXPECT_EQ(logged("<3>QuorvaneBackend(newBackendWithName): "), 2u);
+    EXPECT_EQ(logged("<3>createBackends: other: a dictionary is expected in the storebag"), 1u);
 
     QuorvaneBackend& backend = *backends->at("httppost2");
     EXPECT_EQ(backend.sessionID(), 4'000'000'000u);
