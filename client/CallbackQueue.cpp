@@ -65,7 +65,7 @@ bool CallbackQueue::startThread() {
     }
     // The thread holds a reference: a callback may destroy the client, which drops all others.
     auto thread =
-        platform::startThread("quorvane-deliver", [self = shared_from_this()] { self->runWaiting(); });
+        platform::startThread("quorvane-calls", [self = shared_from_this()] { self->runWaiting(); });
     if (thread) {
         thread->detach();
         return true;

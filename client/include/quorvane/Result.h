@@ -30,7 +30,7 @@ struct Error {
 
 /// What a call came to: a value or an error.
 template <typename T>
-class Result {
+class [[nodiscard]] Result {
   public:
     Result(T value) : _held(std::in_place_index<0>, std::move(value)) {}
     Result(Error error) : _held(std::in_place_index<1>, std::move(error)) {}
