@@ -2,6 +2,7 @@
 
 #include "platform/base/Log.h"
 #include "platform/base/Owned.h"
+#include "platform/base/SettledOnce.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/base/UniqueDescriptor.h"
 
@@ -19,6 +20,7 @@
 #include <map>
 #include <optional>
 #include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -90,14 +92,23 @@ std::variant<const QuorvaneCodeBundle*, std::string> exportedBundle(void* librar
     return bundle;
 }
 
-std::variant<const QuorvaneCodeBundle*, std::string> load(const std::string& path) {
+struct LoadedBundle {
+    Library library;
+    const QuorvaneCodeBundle* bundle;
+};
+
+struct LoadedBundles {
+    Mutex mutex;
+    std::map<std::string, LoadedBundle> byPath GUARDED_BY(mutex);
+};
+
+std::variant<LoadedBundle, std::string> load(const std::string& path) {
     if (auto failure = checkFile(path)) return *std::move(failure);
     Library library(::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
     if (library == nullptr) return ::dlerror();
     auto bundle = exportedBundle(library.get());
-    // Its threads and exit handlers could outlast any use of it.
-    if (std::holds_alternative<const QuorvaneCodeBundle*>(bundle)) static_cast<void>(library.release());
-    return bundle;
+    if (auto* failure = std::get_if<std::string>(&bundle)) return std::move(*failure);
+    return LoadedBundle{std::move(library), std::get<const QuorvaneCodeBundle*>(bundle)};
 }
 
 /// Runs the bundle's function; false, and an error line, when it throws.
@@ -121,16 +132,19 @@ bool isNamed(const char* text, std::string_view name) {
 }  // namespace
 
 const QuorvaneCodeBundle* loadCodeBundle(const std::string& path) {
-    static Mutex mutex;
-    static std::map<std::string, const QuorvaneCodeBundle*> loaded;
-    const MutexLock lock(mutex);
-    if (const auto found = loaded.find(path); found != loaded.end()) return found->second;
-    const auto bundle = load(path);
-    if (const auto* failure = std::get_if<std::string>(&bundle)) {
+    // Never unloaded: the threads and exit handlers of a library could outlast any use of it.
+    static platform::SettledOnce<LoadedBundles> ofThisProcess([] { return LoadedBundles(); });
+    LoadedBundles& loaded = ofThisProcess.value();
+    const MutexLock lock(loaded.mutex);
+    if (const auto found = loaded.byPath.find(path); found != loaded.byPath.end())
+        return found->second.bundle;
+    auto made = load(path);
+    if (const auto* failure = std::get_if<std::string>(&made)) {
         logError("loadCodeBundle: Cannot load {}: {}", path, *failure);
         return nullptr;
     }
-    return loaded[path] = std::get<const QuorvaneCodeBundle*>(bundle);
+    const auto added = loaded.byPath.emplace(path, std::get<LoadedBundle>(std::move(made)));
+    return added.first->second.bundle;
 }
 
 const QuorvaneClass* classNamed(const QuorvaneCodeBundle* bundle, std::string_view name) {

@@ -3,6 +3,7 @@
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/Root.h"
+#include "platform/base/SettledOnce.h"
 #include "platform/crypto/Uuid.h"
 #include "platform/device/Consent.h"
 
@@ -54,8 +55,8 @@ std::string getPersistentIdentifierForDNU(bool respectConsent) {
         static const std::string ofThisProcess = platform::randomUuidText();
         return ofThisProcess;
     }
-    static const std::string persistent = settleIdentifier();
-    return persistent;
+    static platform::SettledOnce<std::string> persistent(settleIdentifier);
+    return persistent.value();
 }
 
 }  // namespace quorvane

@@ -3,6 +3,7 @@
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/FreedMemory.h"
 #include "platform/base/Log.h"
+#include "platform/base/SettledOnce.h"
 #include "platform/crypto/Crypto.h"
 #include "platform/http/HttpSession.h"
 #include "platform/value/Url.h"
@@ -39,10 +40,11 @@ constexpr std::int32_t kDefaultMaxAge = 86400;
 constexpr std::size_t kLargeAnswer = 256u << 10;
 
 const std::string& baseURL() {
-    static const std::string url =
-        daemonSetting("quorvane_storebag_url")
+    static platform::SettledOnce<std::string> url([] {
+        return daemonSetting("quorvane_storebag_url")
             .value_or(isInternalBuild() ? kInternalStorebagServer : kStorebagServer);
-    return url;
+    });
+    return url.value();
 }
 
 std::string storebagURL(const std::optional<std::string>& name) {

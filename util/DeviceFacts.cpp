@@ -1,6 +1,7 @@
 #include "util/DeviceFacts.h"
 
 #include "framework/Keys.h"
+#include "platform/base/SettledOnce.h"
 #include "platform/crypto/Uuid.h"
 #include "platform/device/DeviceQuery.h"
 #include "platform/device/UserDefaults.h"
@@ -44,8 +45,9 @@ std::optional<std::string> serialNumber() {
 }
 
 bool isInternalBuild() {
-    static const bool internal = platform::deviceInformation("ReleaseType") == "Internal";
-    return internal;
+    static platform::SettledOnce<bool> internal(
+        [] { return platform::deviceInformation("ReleaseType") == "Internal"; });
+    return internal.value();
 }
 
 void copyDeviceIdentifier(std::span<char> buffer) {

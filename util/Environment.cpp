@@ -1,23 +1,19 @@
 #include "util/Environment.h"
 
 #include "platform/base/Log.h"
+#include "platform/base/SettledOnce.h"
 #include "platform/device/UserDefaults.h"
 #include "util/DeviceFacts.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <iterator>
 #include <limits>
-#include <mutex>
 #include <optional>
 
 namespace quorvane {
 
 namespace {
-
-std::once_flag settled;
-std::atomic<EnvironmentType> inForce{EnvironmentType::None};
 
 std::uint32_t environmentNumber() {
     const auto stored = platform::userDefaultInteger(kQuorvaneDefaultsSuite, "environmentType");
@@ -32,11 +28,12 @@ std::uint32_t environmentNumber() {
     return static_cast<std::uint32_t>(EnvironmentType::Internal);
 }
 
+platform::SettledOnce<EnvironmentType> inForce(userDefaultsEnvironment);
+
 }  // namespace
 
 EnvironmentType environmentType() {
-    std::call_once(settled, [] { inForce = userDefaultsEnvironment(); });
-    return inForce.load(std::memory_order_relaxed);
+    return inForce.value();
 }
 
 EnvironmentType userDefaultsEnvironment() {
@@ -51,8 +48,7 @@ std::string_view environmentSectionKey(EnvironmentType type) {
 }
 
 void replaceEnvironmentType(EnvironmentType type) {
-    std::call_once(settled, [] {});
-    inForce = type;
+    inForce.replaceForTest(type);
 }
 
 }  // namespace quorvane

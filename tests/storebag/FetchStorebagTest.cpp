@@ -1,7 +1,6 @@
 #include "storebag/FetchStorebag.h"
 
 #include "tests/storebag/StorebagFixture.h"
-#include "tests/support/InChild.h"
 
 namespace quorvane {
 namespace {
@@ -236,19 +235,30 @@ TEST_F(FetchStorebagTest, ABagThatIsTooLargeIsATransportErrorAndConfluxaHasOneTo
     EXPECT_EQ(fetch("confluxa").bag, std::nullopt);
 }
 
-class BuiltInServersTest : public RootFixture {};
+class BuiltInServersTest : public RootFixture {
+  protected:
+    void SetUp() override {
+        RootFixture::SetUp();
+        // Nothing is sent to the server.
+        ::setenv("https_proxy", "http://127.0.0.1:1", 1);
+        for (const char* exceptions : {"no_proxy", "NO_PROXY"}) ::unsetenv(exceptions);
+    }
+    void TearDown() override {
+        ::unsetenv("https_proxy");
+        RootFixture::TearDown();
+    }
+
+    /// The first line of a fetch on a device of that kind.
+    std::string fetchOnDevice(const std::string& facts) const {
+        write("etc/quorvane/device.toml", facts);
+        platform::settleAnewForTest();
+        forgetLines();
+        fetch("tunewave");
+        return logLines().front();
+    }
+};
 
 TEST_F(BuiltInServersTest, TheBuildDecidesWithoutASetting) {
-    // Nothing is sent to the server.
-    ::setenv("https_proxy", "http://127.0.0.1:1", 1);
-    for (const char* exceptions : {"no_proxy", "NO_PROXY"}) ::unsetenv(exceptions);
-    const auto fetchOnDevice = [this](const std::string& facts) {
-        write("etc/quorvane/device.toml", facts);
-        return test::inChild([] {
-            fetch("tunewave");
-            return logLines().front();
-        });
-    };
     EXPECT_EQ(fetchOnDevice(""),
               "<7>fetchStorebagWithName: Storebag Server URL: https://" QUORVANE_STOREBAG_HOST
               "/bags/tamsel/tunewave?version=7.0");

@@ -8,13 +8,17 @@
 #include "util/Environment.h"
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace quorvane {
 
 /// A device with the release environment and bundle version 7.1, its storebag server, which answers with
-/// nothing at first, the server's key, and a clock that stands still. The server is settled once in a
-/// process, so each test needs a process of its own, as ctest gives it.
+/// nothing at first, the server's key, and a clock that stands still.
 class StorebagFixture : public RootFixture {
   protected:
     void SetUp() override {

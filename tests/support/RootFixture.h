@@ -1,25 +1,34 @@
 #pragma once
 
 #include "platform/base/Log.h"
+#include "platform/base/SettledOnce.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <string>
 #include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quorvane {
 
 /// A device in a temporary folder, which QUORVANE_ROOT names; log lines are kept. A process reads the name of
-/// the root once, so all tests of a process have the same one, which each finds empty.
+/// the root once, so all tests of a process have the same one, which each finds empty. What else a process
+/// settles once is settled anew in each test.
 class RootFixture : public testing::Test {
   protected:
     void SetUp() override {
         std::filesystem::create_directory(_root);
         ::setenv("QUORVANE_ROOT", _root.c_str(), 1);
+        platform::settleAnewForTest();
         forgetLines();
         platform::setLogSink([](platform::LogLevel level, std::string_view line) {
             const std::scoped_lock lock(linesGuard);

@@ -44,8 +44,6 @@ TEST_F(DeviceFactsTest, TheUserInfoKeyIsTheTwoNamesInLowerCase) {
     EXPECT_EQ(userInfoKey(nullptr), ":");
 }
 
-/// Build and environment are settled once in a process, so each test needs a process of its own, as ctest
-/// gives it.
 class EnvironmentTest : public RootFixture {
   protected:
     void setting(const std::string& value) const {
