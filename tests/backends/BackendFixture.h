@@ -7,6 +7,17 @@
 #include "tests/support/RootFixture.h"
 #include "util/Environment.h"
 
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <gtest/gtest.h>
+
 namespace quorvane {
 
 /// A device whose user consents, country US, in the release environment.

@@ -8,6 +8,15 @@
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 namespace quorvane::test {
 
 /// Runs the collector in a folder of its own.

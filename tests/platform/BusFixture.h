@@ -9,10 +9,18 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <future>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quorvane::platform {
 

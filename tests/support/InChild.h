@@ -5,6 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <string>
+
 namespace quorvane::test {
 
 /// Runs the function, which returns a text, in a forked process and answers the text, followed by how the

@@ -8,8 +8,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
+
+#include <gtest/gtest.h>
 
 namespace quorvane::test {
 
