@@ -3,16 +3,23 @@
 #include "framework/Keys.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <systemd/sd-id128.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <utility>
 
 namespace quorvane::test {
+
+namespace {
+
+/// How long the peer's thread waits before it looks at what it was told.
+constexpr std::chrono::duration<int, std::milli> kTurn{5};
+
+}  // namespace
 
 std::filesystem::path makeFolder() {
     std::string name = (std::filesystem::temp_directory_path() / "quorvane-client-XXXXXX").string();
@@ -34,56 +41,30 @@ BusPeer::BusPeer(Handler handler)
       _path((_folder / "socket").string()),
       _handler(std::move(handler)),
       _listener(listenAt(_path)),
-      _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       _thread([this] { serve(); }) {}
 
 BusPeer::~BusPeer() {
-    change([this] { _stops = true; });
+    _stops = true;
     _thread.join();
     std::filesystem::remove_all(_folder);
 }
 
-void BusPeer::change(const std::function<void()>& change) {
-    const std::lock_guard lock(_mutex);
-    change();
-    ::eventfd_write(_wake.get(), 1);
-}
-
 void BusPeer::run(const std::function<void(sd_bus*)>& function) {
     std::promise<void> done;
-    change([&] {
+    {
+        const std::lock_guard lock(_mutex);
         _functions.emplace_back([&](sd_bus* bus) {
             function(bus);
             done.set_value();
         });
-    });
+    }
     done.get_future().wait();
 }
 
-void BusPeer::setPaused(bool paused) {
-    change([this, paused] { _paused = paused; });
-}
-
-void BusPeer::disconnect() {
-    change([this] { _disconnects = true; });
-}
-
-bool BusPeer::paused() {
-    const std::lock_guard lock(_mutex);
-    return _paused;
-}
-
 void BusPeer::serve() {
-    for (;;) {
-        pollfd descriptors[] = {{_listener.get(), POLLIN, 0}, {_wake.get(), POLLIN, 0}};
-        ::poll(descriptors, 2, -1);
-        {
-            const std::lock_guard lock(_mutex);
-            if (_stops) return;
-        }
-        eventfd_t count = 0;
-        ::eventfd_read(_wake.get(), &count);
-        if ((descriptors[0].revents & POLLIN) != 0)
+    while (!_stops) {
+        pollfd incoming{_listener.get(), POLLIN, 0};
+        if (::poll(&incoming, 1, kTurn.count()) == 1)
             serveConnection(platform::UniqueDescriptor(
                 ::accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
     }
@@ -104,26 +85,21 @@ void BusPeer::serveConnection(platform::UniqueDescriptor socket) {
     ::sd_bus_add_object(bus, nullptr, kQuorvaneObjectPath, take, this);
     ::sd_bus_start(bus);
     while (heed(bus)) {
-        const bool idle = paused();
-        const int processed = idle ? 0 : ::sd_bus_process(bus, nullptr);
+        const int processed = _paused ? 0 : ::sd_bus_process(bus, nullptr);
         if (processed < 0) break;
         if (processed > 0) continue;
         const int events = ::sd_bus_get_events(bus);
-        pollfd descriptors[] = {{idle ? -1 : descriptor, static_cast<short>(events), 0},
-                                {_wake.get(), POLLIN, 0}};
-        ::poll(descriptors, 2, -1);
-        eventfd_t count = 0;
-        ::eventfd_read(_wake.get(), &count);
+        pollfd waited{_paused ? -1 : descriptor, static_cast<short>(events), 0};
+        ::poll(&waited, 1, kTurn.count());
     }
     ::sd_bus_close_unref(bus);
 }
 
 bool BusPeer::heed(sd_bus* bus) {
+    if (_stops || _disconnects.exchange(false)) return false;
     std::vector<std::function<void(sd_bus*)>> functions;
     {
         const std::lock_guard lock(_mutex);
-        if (_stops) ::eventfd_write(_wake.get(), 1);
-        if (_stops || std::exchange(_disconnects, false)) return false;
         functions.swap(_functions);
     }
     for (const auto& function : functions) function(bus);

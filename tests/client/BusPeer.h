@@ -4,6 +4,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -35,28 +36,25 @@ class BusPeer {
     /// Runs the function with the connection's bus on the peer's thread, and waits until it has.
     void run(const std::function<void(sd_bus*)>& function);
     /// While paused, the peer neither reads nor writes.
-    void setPaused(bool paused);
+    void setPaused(bool paused) { _paused = paused; }
     /// Ends the current connection, also while paused.
-    void disconnect();
+    void disconnect() { _disconnects = true; }
 
   private:
     void serve();
     void serveConnection(platform::UniqueDescriptor socket);
     bool heed(sd_bus* bus);
-    bool paused();
-    void change(const std::function<void()>& change);
 
     const std::filesystem::path _folder;
     const std::string _path;
     const Handler _handler;
     const platform::UniqueDescriptor _listener;
-    const platform::UniqueDescriptor _wake;
 
     std::mutex _mutex;
     std::vector<std::function<void(sd_bus*)>> _functions;
-    bool _paused = false;
-    bool _disconnects = false;
-    bool _stops = false;
+    std::atomic<bool> _paused = false;
+    std::atomic<bool> _disconnects = false;
+    std::atomic<bool> _stops = false;
     std::thread _thread;
 };
 

@@ -11,11 +11,43 @@ namespace {
 
 using std::chrono::milliseconds;
 
-int answerNil(sd_bus_message* message) {
-    if (std::strcmp(::sd_bus_message_get_member(message), "SetSessionInfo") == 0)
-        return ::sd_bus_reply_method_return(message, nullptr);
-    return ::sd_bus_reply_method_return(message, "as", 0);
+/// Makes the client an aggregating one, whose events go to the function.
+void aggregate(Client& client, std::function<void(const AggregatedEvent&)> event,
+               std::function<void(const SessionInfo&)> ended = {}) {
+    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {std::move(event), std::move(ended)}));
 }
+
+/// An executor whose functions the test runs.
+class Loop {
+  public:
+    Executor executor() {
+        return [this](std::function<void()> function) {
+            const std::lock_guard lock(_mutex);
+            _waiting.push_back(std::move(function));
+        };
+    }
+
+    std::size_t waiting() {
+        const std::lock_guard lock(_mutex);
+        return _waiting.size();
+    }
+
+    /// Runs the next function, if there is one.
+    void runNext() {
+        std::function<void()> next;
+        {
+            const std::lock_guard lock(_mutex);
+            if (_waiting.empty()) return;
+            next = std::move(_waiting.front());
+            _waiting.pop_front();
+        }
+        next();
+    }
+
+  private:
+    std::mutex _mutex;
+    std::deque<std::function<void()>> _waiting;
+};
 
 /// Sends one event to the client as the daemon does.
 void relay(sd_bus* bus, const Dictionary* payload, double timestamp = 1, std::uint16_t category = 1,
@@ -37,10 +69,9 @@ TEST(CallbackQueue, EventsAndTheirEndReachTheBlock) {
     std::vector<AggregatedEvent> events;
     std::promise<SessionInfo> ended;
     Client client = connectTo(peer);
-    ASSERT_TRUE(
-        client.setSessionInfo({}, std::nullopt, {},
-                              {.event = [&](const AggregatedEvent& event) { events.push_back(event); },
-                               .ended = [&](const SessionInfo& info) { ended.set_value(info); }}));
+    aggregate(
+        client, [&](const AggregatedEvent& event) { events.push_back(event); },
+        [&](const SessionInfo& info) { ended.set_value(info); });
     peer.run([](sd_bus* bus) {
         relay(bus, nullptr, 1'700'000'000.25, 65535, 7);
         const Dictionary empty;
@@ -59,19 +90,10 @@ TEST(CallbackQueue, EventsAndTheirEndReachTheBlock) {
 
 TEST(CallbackQueue, CallbacksRunWhereTheCallerWantsThem) {
     BusPeer peer(answerNil);
-    std::mutex mutex;
-    std::deque<std::function<void()>> loop;
+    Loop loop;
     const auto runLoop = [&](const std::function<bool()>& done) {
         return eventually([&] {
-            std::function<void()> next;
-            {
-                const std::lock_guard lock(mutex);
-                if (!loop.empty()) {
-                    next = std::move(loop.front());
-                    loop.pop_front();
-                }
-            }
-            if (next) next();
+            loop.runNext();
             return done();
         });
     };
@@ -79,16 +101,12 @@ TEST(CallbackQueue, CallbacksRunWhereTheCallerWantsThem) {
     int completions = 0;
     bool lost = false;
     const auto here = std::this_thread::get_id();
-    Client client = connectTo(peer, {.executor =
-                                         [&](std::function<void()> function) {
-                                             const std::lock_guard lock(mutex);
-                                             loop.push_back(std::move(function));
-                                         },
-                                     .disconnected = [&](const Error&) { lost = true; }});
-    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
-                                          EXPECT_EQ(std::this_thread::get_id(), here);
-                                          ++events;
-                                      }}));
+    Client client =
+        connectTo(peer, {.executor = loop.executor(), .disconnected = [&](const Error&) { lost = true; }});
+    aggregate(client, [&](const AggregatedEvent&) {
+        EXPECT_EQ(std::this_thread::get_id(), here);
+        ++events;
+    });
     ASSERT_TRUE(client.sendAsync({}, [&](const Result<Answer>& answer) {
         EXPECT_TRUE(answer);
         ++completions;
@@ -103,10 +121,10 @@ TEST(CallbackQueue, ACallbackMayCallTheClient) {
     BusPeer peer(answerNil);
     Client client = connectTo(peer);
     std::promise<bool> answered;
-    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
-                                          const bool sent = static_cast<bool>(client.sendAndForget({}));
-                                          answered.set_value(sent && client.send({}));
-                                      }}));
+    aggregate(client, [&](const AggregatedEvent&) {
+        const bool sent = static_cast<bool>(client.sendAndForget({}));
+        answered.set_value(sent && client.send({}));
+    });
     peer.run([](sd_bus* bus) { relay(bus, nullptr); });
     EXPECT_TRUE(answered.get_future().get());
 }
@@ -127,11 +145,11 @@ TEST(CallbackQueue, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
     std::promise<void> running;
     {
         Client client = connectTo(peer);
-        ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
-                                              if (++begun == 1) running.set_value();
-                                              std::this_thread::sleep_for(milliseconds(50));
-                                              ++ended;
-                                          }}));
+        aggregate(client, [&](const AggregatedEvent&) {
+            if (++begun == 1) running.set_value();
+            std::this_thread::sleep_for(milliseconds(50));
+            ++ended;
+        });
         peer.run([](sd_bus* bus) {
             for (int i = 0; i < 1000; ++i) relay(bus, nullptr);
         });
@@ -154,26 +172,12 @@ TEST(CallbackQueue, ACallbackMayDestroyItsClient) {
 
 TEST(CallbackQueue, ACallbackInsideAnotherMayDestroyTheirClient) {
     BusPeer peer(answerNil);
-    std::mutex mutex;
-    std::deque<std::function<void()>> waiting;
-    const auto runNext = [&] {
-        std::unique_lock lock(mutex);
-        const auto next = std::move(waiting.front());
-        waiting.pop_front();
-        lock.unlock();
-        next();
-    };
-    std::optional<Client> client = connectTo(peer, {.executor = [&](std::function<void()> function) {
-                                                 const std::lock_guard lock(mutex);
-                                                 waiting.push_back(std::move(function));
-                                             }});
-    ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { runNext(); }));
+    Loop loop;
+    std::optional<Client> client = connectTo(peer, {.executor = loop.executor()});
+    ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { loop.runNext(); }));
     ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { client.reset(); }));
-    ASSERT_TRUE(eventually([&] {
-        const std::lock_guard lock(mutex);
-        return waiting.size() == 2;
-    }));
-    runNext();
+    ASSERT_TRUE(eventually([&] { return loop.waiting() == 2; }));
+    loop.runNext();
     EXPECT_FALSE(client);
 }
 
@@ -181,8 +185,7 @@ TEST(CallbackQueue, WhatAnExecutorKeepsUpWithIsReadToItsEnd) {
     BusPeer peer(answerNil);
     std::atomic<unsigned> events = 0;
     Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
-    ASSERT_TRUE(
-        client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) { ++events; }}));
+    aggregate(client, [&](const AggregatedEvent&) { ++events; });
     // Few enough messages to be read in one go hold more than the bound.
     constexpr unsigned kEvents = 100;
     const Dictionary payload{{"text", std::string(1 << 20, 'x')}};
@@ -205,10 +208,10 @@ TEST(CallbackQueue, ASlowCallbackStopsTheReadingUntilItCatchesUp) {
     const auto opened = gate.get_future().share();
     std::atomic<unsigned> events = 0;
     Client client = connectTo(peer);
-    ASSERT_TRUE(client.setSessionInfo({}, std::nullopt, {}, {.event = [&](const AggregatedEvent&) {
-                                          opened.wait();
-                                          ++events;
-                                      }}));
+    aggregate(client, [&](const AggregatedEvent&) {
+        opened.wait();
+        ++events;
+    });
     // 40 MiB is more than bound and socket buffers hold together.
     constexpr unsigned kEvents = 640;
     const Dictionary payload{{"text", std::string(64 << 10, 'x')}};

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -31,6 +32,13 @@ inline Client connectTo(const BusPeer& peer, ConnectOptions options = {}) {
         std::abort();
     }
     return *std::move(client);
+}
+
+/// Answers as the daemon does that has nothing to tell.
+inline int answerNil(sd_bus_message* message) {
+    if (std::strcmp(::sd_bus_message_get_member(message), "SetSessionInfo") == 0)
+        return ::sd_bus_reply_method_return(message, nullptr);
+    return ::sd_bus_reply_method_return(message, "as", 0);
 }
 
 }  // namespace quorvane::test

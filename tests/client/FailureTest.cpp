@@ -13,17 +13,9 @@ using std::chrono::milliseconds;
 
 constexpr Event kEvent{.category = 1, .type = 2};
 
-bool isCall(sd_bus_message* message, const char* member) {
-    return std::strcmp(::sd_bus_message_get_member(message), member) == 0;
-}
-
 /// Answers nothing.
 int silent(sd_bus_message*) {
     return 1;
-}
-
-int answerNil(sd_bus_message* message) {
-    return ::sd_bus_reply_method_return(message, "as", 0);
 }
 
 TEST(Failures, NobodyListens) {
@@ -59,7 +51,8 @@ TEST(Failures, AListenerThatSaysNothingOrSpeaksNoDBusIsGivenUp) {
 
 TEST(Failures, TheDaemonsErrorsAndMalformedAnswersComeBack) {
     BusPeer peer([](sd_bus_message* message) {
-        if (isCall(message, "StartConfig")) return ::sd_bus_reply_method_return(message, "u", 7);
+        if (std::strcmp(::sd_bus_message_get_member(message), "StartConfig") == 0)
+            return ::sd_bus_reply_method_return(message, "u", 7);
         return ::sd_bus_reply_method_errorf(message, "com.velmora.Busy", "no %s today", "events");
     });
     Client client = connectTo(peer);

@@ -76,12 +76,6 @@ TEST_F(ShutdownTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
     EXPECT_EQ(_device.postedEvents(kOurs).size(), 3u);
 }
 
-TEST_F(ShutdownTest, WithoutSessionsTheDaemonEndsAtOnce) {
-    _device.start();
-    EXPECT_EQ(_device.daemon().terminate(), 0);
-    EXPECT_EQ(_device.daemon().errors().find("Told to end"), std::string::npos);
-}
-
 TEST_F(ShutdownTest, ASecondSignalCutsTheWaitForAStalledServerShort) {
     std::promise<void> over;
     const auto isOver = over.get_future().share();
