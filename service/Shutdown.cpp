@@ -1,5 +1,6 @@
 #include "service/Shutdown.h"
 
+#include "backends/UploadRoom.h"
 #include "platform/base/Log.h"
 #include "platform/http/HttpSession.h"
 #include "platform/system/ProcessTransaction.h"
@@ -28,6 +29,8 @@ void Shutdown::begin() {
         platform::logWarning("main: Sessions or posts did not end in time.");
         _loop.exit(0);
     });
+    // A session that waits for a server cannot end, and may hold what others need for their end.
+    cancelTransfers();
     _listener.invalidateAll([this] { drainPosts(); });
 }
 

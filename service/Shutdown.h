@@ -7,9 +7,10 @@
 
 namespace quorvane {
 
-/// Ends the run loop when the process is told to end (SIGTERM, SIGINT). Every connection is ended first, so
-/// that the sessions send what they hold, and the posts under way are waited for, those of sessions that have
-/// left already among them; a second signal cuts that short. With nothing of it the loop ends at once.
+/// Ends the run loop when the process is told to end (SIGTERM, SIGINT). Downloads and uploads are cancelled,
+/// then every connection is ended, so that the sessions send what they hold, and the posts under way are
+/// waited for, those of sessions that have left already among them; a second signal cuts that short. With
+/// nothing of it the loop ends at once.
 class Shutdown {
   public:
     /// Longest wait for sessions and posts.

@@ -21,6 +21,8 @@ std::unique_ptr<RunLoop> RunLoop::init(Watchdog watchdog) {
     std::unique_ptr<RunLoop> loop(new RunLoop);
     if (::sd_event_new(&loop->_event) < 0) return nullptr;
     if (watchdog == Watchdog::Answered) ::sd_event_set_watchdog(loop->_event, 1);
+    // The first timer makes the descriptor of all, which might not be had later.
+    if (EventSource::once(loop->_event, std::chrono::hours(1), [] {}) == nullptr) return nullptr;
     loop->_posted = std::make_unique<Posted>();
     loop->_posted->wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     RunLoop* self = loop.get();

@@ -61,6 +61,28 @@ TEST_F(ShutdownTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
     EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
 }
 
+TEST_F(ShutdownTest, ADownloadThatStallsCostsOtherSessionsNothing) {
+    std::promise<void> over;
+    _device.serveStorebag(_device.httpPostSection());
+    _device.start();
+    const Client client = clientWithHeldEvents();
+    _device.server().setHandler([isOver = over.get_future().share()](const ServerRequest& request) {
+        if (request.target.starts_with("/bags/")) isOver.wait();
+        return ServerAnswer();
+    });
+    const std::size_t before = _device.server().requestCount();
+    auto starting = std::async(std::launch::async, [&] {
+        Client other = _device.connect();
+        return other.setSessionInfo({.sessionID = 2, .clientType = 6}) && other.start();
+    });
+    ASSERT_TRUE(_device.server().waitForRequests(before + 1));
+    EXPECT_EQ(_device.daemon().terminate(), 0);
+    EXPECT_EQ(_device.daemon().errors().find("did not end in time"), std::string::npos);
+    EXPECT_EQ(_device.postedEvents(kOurs).size(), 3u);
+    over.set_value();
+    starting.get();
+}
+
 TEST_F(ShutdownTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
     std::promise<void> posting;
     _device.serveStorebag(_device.httpPostSection());
