@@ -109,6 +109,8 @@ void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::opti
     request.headers = postHeaders(method, responseCode);
     request.headers.push_back({"Content-Length", fmt::format("{}", request.body.size())});
     if (isCompressed) request.headers.push_back({"Content-Encoding", "gzip"});
+    request.wantsBody = false;
+    request.orderKey = this;
     platform::startDataTask(std::move(request),
                             [self = shared_from_this(), name = name()](const platform::HttpResult& result) {
                                 self->postCompleted(name, result);
@@ -136,7 +138,8 @@ std::vector<platform::HttpHeader> HTTPSPostBackend::postHeaders(
 
 /// On the HTTP session's thread: touches nothing but the state.
 void HTTPSPostBackend::postCompleted(const std::string& name, const platform::HttpResult& result) {
-    if (result.error) platform::logError("HTTPSPostBackend(postJsonMessage): post error: {}", *result.error);
+    if (result.error && !result.wasDropped)
+        platform::logError("HTTPSPostBackend(postJsonMessage): post error: {}", *result.error);
     const int status = result.response.statusCode;
     if (status < 500 || status > 599) return;
     platform::logInfo("postJSONMessage: backend {} disabled by server {} return code", name, status);

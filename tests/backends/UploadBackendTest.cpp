@@ -1,5 +1,6 @@
 #include "backends/UploadBackend.h"
 
+#include "backends/UploadRoom.h"
 #include "framework/Keys.h"
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/http/HttpSession.h"
@@ -231,6 +232,30 @@ TEST_F(UploadBackendTest, ALargeUploadThatStallsHoldsUpNoSmallOne) {
     opened.set_value();
     EXPECT_TRUE(large.get());
     EXPECT_EQ(_server->requests().at(0).body.size(), 20u << 20);
+}
+
+TEST_F(UploadBackendTest, RoomIsSharedByServerAndLogDataTakesSomeOfIt) {
+    constexpr std::size_t large = 60u << 20;
+    constexpr std::size_t small = 16u << 20;
+    const std::string url = _server->url("/upload");
+    const auto first = uploadRoom("https://stalled.invalid/a", large);
+    const auto second = uploadRoom(url, large);
+    std::vector<std::optional<platform::MemoryBudget::Reservation>> full;
+    for (int i = 0; i < 4; ++i) full.push_back(uploadRoom(url, small));
+
+    const auto dashboard = QuorvaneBackend::newBackendWithName(
+        std::string(kQuorvaneBackendDashboard),
+        std::make_shared<const Dictionary>(Dictionary{{"ip", "127.0.0.1"}, {"port", 9}, {"post_url", url}}),
+        "F", 7);
+    ASSERT_NE(dashboard, nullptr);
+    auto uploading = std::async(std::launch::async, [&] {
+        return dashboard->uploadLogData({Dictionary{{"a", 1}}});
+    });
+    EXPECT_EQ(uploading.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(_server->requestCount(), 0u);
+    full.clear();
+    EXPECT_TRUE(uploading.get());
+    EXPECT_EQ(_server->requestCount(), 1u);
 }
 
 }  // namespace
