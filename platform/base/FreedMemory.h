@@ -4,9 +4,9 @@
 
 namespace quorvane::platform {
 
-/// Tells that much memory has been freed, or will be within the second, so that it is given back to the
-/// system: the allocator keeps what a burst took. From any thread; costs little and nothing in a process in
-/// which nobody gives memory back.
+/// Tells that much memory was freed or is about to be, so that it is given back to the system soon: by
+/// itself, the allocator keeps most of what a burst took. From any thread, cheap; without a listener it does
+/// nothing.
 void memoryIsFreed();
 
 /// Who hears of it, on the thread that tells. Null for nobody. Only while no other thread tells.

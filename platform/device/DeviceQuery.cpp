@@ -22,7 +22,7 @@ std::string readText(const char* file) {
     return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
 }
 
-/// Without the blanks, line ends and zeros around it; nothing when nothing else is there.
+/// Without the whitespace and NULs around it; nothing when that is all there is.
 Answer trimmed(std::string_view text) {
     const auto blank = [](char c) { return c == '\0' || std::isspace(static_cast<unsigned char>(c)) != 0; };
     while (!text.empty() && blank(text.front())) text.remove_prefix(1);
@@ -31,7 +31,7 @@ Answer trimmed(std::string_view text) {
 }
 
 /// A fact that the firmware tells: from the DMI tables, else from the device tree. A device-tree file may
-/// hold several texts, each ended by a zero; the first counts.
+/// hold several texts, each ended by a NUL; the first counts.
 Answer firmware(const char* dmiFile, const char* deviceTreeFile) {
     if (auto fact = trimmed(readText(dmiFile))) return fact;
     const std::string texts = readText(deviceTreeFile);
@@ -67,14 +67,13 @@ utsname kernel() {
     return names;
 }
 
-/// A distribution without numbered versions or image builds gives none; the kernel's release tells them apart
-/// then.
+/// Rolling distributions state no version and most state no build: the kernel's release stands in for both.
 Answer release(const char* field) {
     Answer stated = osRelease(field);
     return stated ? stated : trimmed(kernel().release);
 }
 
-/// Machines whose firmware does not say what they are, containers among them, are told by architecture.
+/// Containers, and machines whose firmware does not say what they are, answer with their architecture.
 Answer productType() {
     Answer product = firmware("/sys/class/dmi/id/product_name", "/proc/device-tree/model");
     return product ? product : trimmed(kernel().machine);

@@ -30,8 +30,7 @@ std::optional<std::string> currentCountryCode() {
 
 long timeZoneOffset() {
     const auto now = static_cast<std::time_t>(timeOfDay().seconds);
-    // localtime_r does not see that /etc/localtime has changed; looking costs a system call, so not each
-    // time.
+    // localtime_r does not read a changed /etc/localtime; tzset does, for a system call, so once a second.
     static std::atomic<std::time_t> lastLook = -1;
     if (lastLook.exchange(now, std::memory_order_relaxed) != now) ::tzset();
     std::tm local{};

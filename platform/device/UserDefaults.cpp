@@ -16,7 +16,7 @@ std::string suiteFile(std::string_view suite) {
     return rooted(fmt::format("/etc/quorvane/defaults/{}.toml", suite));
 }
 
-/// What is no number is logged, as not what was expected.
+/// Logs a value that is no number, with what was expected instead.
 std::optional<Value> numberUnder(std::string_view suite, std::string_view key, std::string_view expected) {
     auto value = userDefault(suite, key);
     if (value && !value->isNumber())

@@ -32,10 +32,10 @@ std::string_view textOf(Bytes bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-/// A list is a table of objects: one marker byte each, whose upper half is the type and whose lower half the
-/// size or, for 0xf, says that an integer object with the size follows; then the contents, for containers the
-/// numbers of the objects in them. The trailer says where the table of the objects' offsets is. Functions
-/// return nothing after a failure.
+/// An object is a marker byte and its contents. The marker's upper half is the type, its lower half the size;
+/// 0xf there says that an integer object with the size comes first. A container's contents are the numbers of
+/// its objects in the offset table, whose place is in the trailer at the list's end. Functions return nothing
+/// after a failure.
 class Reader {
   public:
     explicit Reader(Bytes bytes) : _bytes(bytes) {}
@@ -247,7 +247,7 @@ class Reader {
         return _written <= kMaximumBytes ? bytes : tooLarge();
     }
 
-    /// Moves start behind a size that stands on its own.
+    /// Moves start past an integer object that holds the size.
     std::optional<std::uint64_t> readSize(unsigned lowerHalf, std::uint64_t& start) const {
         if (lowerHalf != 0xf) return lowerHalf;
         const auto marker = part(start, 1);

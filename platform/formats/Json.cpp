@@ -61,8 +61,9 @@ class BufferStream {
     std::size_t _size = 0;
 };
 
-/// Whether the text is ASCII that JSON takes as it stands (RFC 8259, section 7). Word by word: 0x80 is left
-/// in each byte of a word that is not.
+/// Whether the text is ASCII that JSON takes as it stands (RFC 8259, section 7). Looks at eight bytes at a
+/// time: special() sets the highest bit of each byte that is a control character, a quote, a backslash or not
+/// ASCII.
 bool isPlain(std::string_view text) {
     constexpr std::uint64_t each = 0x0101'0101'0101'0101;
     const auto zeroBytes = [](std::uint64_t word) { return (word - each) & ~word; };
@@ -82,7 +83,7 @@ bool isPlain(std::string_view text) {
     return (found | special(rest)) == 0;
 }
 
-/// Puts out a plain text in one piece, where RapidJSON goes by the character.
+/// Writes a plain text in one piece; RapidJSON would write it character by character.
 template <typename Stream, typename Pool>
 class CompactWriter : public rapidjson::Writer<Stream, rapidjson::UTF8<>, rapidjson::UTF8<>, Pool> {
   public:
@@ -222,7 +223,7 @@ std::optional<Value> parseJson(std::string_view text) {
     rapidjson::MemoryStream stream(text.data(), text.size());
     rapidjson::Reader reader;
     JsonEvents events;
-    // The stream shows its end and a NUL alike; only the first may end the text.
+    // RapidJSON's stream reads as NUL at its end, so a NUL in the text would end the text there.
     if (reader.Parse<flags>(stream, events).IsError() || stream.Tell() != text.size()) return std::nullopt;
     return events.take();
 }

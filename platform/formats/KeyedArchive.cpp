@@ -18,8 +18,8 @@ constexpr std::int64_t kVersion = 100'000;
 
 using Reference = BinaryPropertyListWriter::Reference;
 
-/// Writes the objects, inner ones first. All references are the property list's own; the functions that add
-/// an object to the archive give that of its UID.
+/// Writes the objects, inner ones first. A Reference is to an object of the property list. Archived objects
+/// are named by a UID, itself such an object, and that is what the functions that archive one return.
 class Archiver {
   public:
     std::optional<Data> archive(const Array& root) {
@@ -121,7 +121,7 @@ class Archiver {
 
     BinaryPropertyListWriter _list;
     std::vector<Reference> _objects;
-    /// The texts stand in the archived value.
+    /// Views into the archived value.
     std::unordered_map<std::string_view, Reference> _texts;
     std::unordered_map<std::string_view, Reference> _classes;
     std::unordered_map<std::string_view, Reference> _literals;

@@ -15,7 +15,8 @@ inline double propertyListTime(Date date) {
     return static_cast<double>(date.microseconds) / 1e6 - static_cast<double>(kPropertyListEpoch);
 }
 
-/// Whether an XML property list may hold the date, in seconds since 1970: readers count it in 32 bits.
+/// Whether an XML property list may hold the date, in seconds since 1970. Common readers count from 2001 in
+/// 32 bits, which reach from 1933 to 2069.
 constexpr bool isXmlDate(std::int64_t seconds) {
     using Limits = std::numeric_limits<std::int32_t>;
     return seconds > kPropertyListEpoch + Limits::min() && seconds < kPropertyListEpoch + Limits::max();

@@ -10,8 +10,8 @@ namespace quorvane::platform {
 
 namespace {
 
-/// Follows the depth through a TOML text. Of a malformed text it says nothing that counts beyond the place
-/// where a parser gives up.
+/// Follows the depth through a TOML text. What it makes of a malformed text does not matter: toml++ stops at
+/// the first error, and up to there both read the same.
 class Nesting {
   public:
     explicit Nesting(std::string_view text) : _rest(text) {
@@ -87,7 +87,7 @@ class Nesting {
         _isKey = true;
     }
 
-    /// Three quotes start a text of several lines, which three end; up to two more before those are its own.
+    /// A text in three quotes may hold lines. Up to two quotes right before the closing three belong to it.
     void skipText(char quote) {
         _isStatement = true;
         const std::string longQuote(3, quote);

@@ -4,7 +4,8 @@
 
 namespace quorvane::platform {
 
-// What a document from outside may become as a Value, whatever its format and however few bytes ask for it.
+// Limits on a value read from outside, whatever its format. A few hundred bytes can ask for more values than
+// there is memory for, or for more depth than the stack has.
 inline constexpr std::size_t kMaximumDepth = 128;         ///< Arrays and dictionaries in each other.
 inline constexpr std::size_t kMaximumValues = 1'000'000;  ///< Keys are not counted.
 inline constexpr std::size_t kMaximumBytes = std::size_t{64} << 20;  ///< In texts, keys and data.

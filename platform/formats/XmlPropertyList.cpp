@@ -46,8 +46,8 @@ bool isContainer(Element element) {
     return element <= Element::Dictionary;
 }
 
-/// As C reads numbers: in base 8, 10 or 16, up to what is none, held to the range. A positive one that needs
-/// all 64 bits is unsigned.
+/// As strtoull(3) reads numbers: in base 8, 10 or 16, up to the first character that is no digit, held to the
+/// range. A number above the signed range is unsigned.
 Value integerIn(const std::string& text) {
     const bool negative = text.starts_with('-');
     const std::uint64_t number = std::strtoull(text.c_str() + (negative ? 1 : 0), nullptr, 0);
@@ -69,7 +69,8 @@ std::optional<Value> dataIn(const std::string& text) {
     return bytes ? std::optional<Value>(*std::move(bytes)) : std::nullopt;
 }
 
-/// Expat's handlers. None of them throws: expat is C. Expat may call a few more after it was told to stop.
+/// Expat's handlers. None of them throws, since expat is C. After XML_StopParser() expat still calls the
+/// handlers of the tag it is at, so each checks for an earlier failure.
 class XmlReader {
   public:
     XmlReader() : _parser(::XML_ParserCreate("UTF-8")) {
@@ -86,7 +87,7 @@ class XmlReader {
                                                     const XML_Char*, int hasDeclarations) noexcept {
             if (hasDeclarations != 0) at(reader).fail("declares a document type of its own");
         });
-        // With a document type elsewhere, which is not fetched, an unknown entity is no error to expat.
+        // When the document type names a file, which is never fetched, expat skips unknown entities silently.
         ::XML_SetSkippedEntityHandler(parser, [](void* reader, const XML_Char*, int) noexcept {
             at(reader).fail("holds an unknown entity");
         });
@@ -181,7 +182,7 @@ class XmlReader {
 }  // namespace
 
 Result<Value> parseXmlPropertyList(std::string_view text) {
-    // XML allows no blanks in front of its declaration, but servers send them.
+    // XML allows no blanks in front of its declaration, but some servers send them.
     text.remove_prefix(std::min(text.find_first_not_of(kWhitespace), text.size()));
     if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
         return failure("the property list is larger than 2 GiB");

@@ -30,7 +30,7 @@ namespace {
 
 using Filter = Owned<std::remove_pointer_t<scmp_filter_ctx>, ::seccomp_release>;
 
-// Rights that kernels later than the build's headers know.
+// Landlock's rights since its versions 3 and 5, which the headers of the build may not name yet.
 constexpr std::uint64_t kTruncate = 1u << 14;
 constexpr std::uint64_t kIoctlDevice = 1u << 15;
 
@@ -79,13 +79,12 @@ Result<void> checkSingleThread() {
     return {};
 }
 
-/// Without the folders that it writes to the product cannot work.
+/// Whether the product cannot work without the folder: it writes there.
 bool isNeeded(const SandboxPath& entry) {
     return entry.product && (entry.access == SandboxAccess::Write || entry.access == SandboxAccess::Socket);
 }
 
-/// Makes the product's folders that are absent. A readable one that cannot be made is simply not there to
-/// read.
+/// Makes the product's folders that are absent. One that is only read need not be there: it would be empty.
 Result<void> makeFolders(const SandboxProfile& profile) {
     for (const SandboxPath& entry : profile.paths) {
         if (!entry.product) continue;
@@ -139,16 +138,18 @@ using Conditions = std::vector<scmp_arg_cmp>;
 int refuse(const Filter& filter, int systemCall, int error, const Conditions& when = {}) {
     const int result = ::seccomp_rule_add_array(filter.get(), SCMP_ACT_ERRNO(static_cast<unsigned>(error)),
                                                 systemCall, static_cast<unsigned>(when.size()), when.data());
-    // This machine's architecture lacks the system call.
+    // EDOM: this architecture has no such system call.
     return result == -EDOM ? 0 : result;
 }
 
-/// Whether all bits of the mask in the argument have this value.
+/// That the argument's bits under the mask have this value.
 scmp_arg_cmp argument(unsigned index, scmp_datum_t mask, scmp_datum_t value) {
     return {index, SCMP_CMP_MASKED_EQ, mask, value};
 }
 
-/// Landlock before its third version lets a file that may only be read be emptied.
+/// Landlock restricts truncation only from its version 3 (Linux 6.2) on: before, a process empties a file
+/// that it may only read with truncate(2), or with open(2) and O_RDONLY | O_TRUNC. openat2(2) has its flags
+/// in memory, where seccomp cannot look, so it is said not to exist.
 int refuseEmptyingReadableFiles(const Filter& filter) {
     constexpr scmp_datum_t mask = O_ACCMODE | O_TRUNC;
     constexpr scmp_datum_t emptying = O_RDONLY | O_TRUNC;
@@ -176,7 +177,7 @@ int refuseSystemCall(const Filter& filter, const SandboxRefusal& refusal) {
 Result<Filter> prepareFilter(const SandboxProfile& profile) {
     Filter filter(::seccomp_init(SCMP_ACT_ALLOW));
     if (filter == nullptr) return cannot("make a system-call filter", ENOMEM);
-    // System calls of another architecture have no business here.
+    // Through 32-bit system calls, which have other numbers, a process would get past the filter.
     if (const int result = ::seccomp_attr_set(filter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS))
         return cannot("set up the system-call filter", -result);
     if (const int result = refuseEmptyingReadableFiles(filter))
@@ -195,7 +196,7 @@ Result<void> confine(const UniqueDescriptor& rules, const Filter& filter) {
     return {};
 }
 
-/// Two paths that every user may open and that no profile needs.
+/// Tries two paths that every user may open and that no profile needs.
 Result<void> provePathsRefused() {
     for (const char* outside : {"/", "/etc/passwd"}) {
         const UniqueDescriptor opened(::open(outside, O_RDONLY | O_CLOEXEC));
@@ -206,7 +207,7 @@ Result<void> provePathsRefused() {
 }
 
 Result<void> proveSystemCallsRefused(const SandboxProfile& profile) {
-    // With arguments of all ones these do nothing but fail, and not with the errors that a profile gives.
+    // Not refused, these fail for their arguments, which are bad, with another error, and do nothing.
     constexpr std::array<std::string_view, 4> harmless{"execve", "ptrace", "setns", "unshare"};
     bool proved = false;
     for (const SandboxRefusal& refusal : profile.refusals) {
