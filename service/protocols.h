@@ -95,7 +95,8 @@ class QuorvanedSessionDelegate {
     /// The ancestors' identifiers joined by ".", top down.
     virtual std::optional<std::string> parentSessionIDStringForSession(const QuorvanedSession& session) = 0;
 
-    /// Both are called with the lock held, and what they return is valid while it is.
+    /// Both are called with the lock held, and what they return is valid while it is. A session of level 0,
+    /// which has no ancestor, asks for one without it.
     virtual QuorvanedSession* parentSessionForChild(const QuorvanedSession& session) = 0;
     virtual QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession& session) = 0;
 

@@ -9,8 +9,10 @@ namespace quorvane {
 void QuorvanedSession::aggregateMessage(double timestamp, std::uint16_t category, std::uint16_t type,
                                         const Dictionary* payload) {
     // The lock keeps the ancestor in its group until it has the event, and the end of this session's own
-    // aggregation from overtaking it.
-    const std::scoped_lock lock(_sessionDelegate.lock());
+    // aggregation from overtaking it. It is also held while a storebag is downloaded, so a session that has
+    // neither an aggregator nor an ancestor does without it.
+    std::unique_lock lock(_sessionDelegate.lock(), std::defer_lock);
+    if (hasAggregator() || getSessionHierarchy() > 0) lock.lock();
     QuorvanedSession* aggregator = _sessionDelegate.getAncestorWithAggregatorForSession(*this);
     if (aggregator == nullptr && hasAggregator()) aggregator = this;
     if (aggregator != nullptr)

@@ -2,6 +2,9 @@
 #include "tests/session/SessionFixture.h"
 
 #include <atomic>
+#include <chrono>
+#include <future>
+#include <mutex>
 
 namespace quorvane {
 namespace {
@@ -167,6 +170,15 @@ TEST_F(DispatchTest, TheEndOfAggregationIsToldOnceAndForGood) {
     ASSERT_EQ(events.size(), 1u);
     EXPECT_TRUE(events[0].endsAggregation());
     EXPECT_EQ(events[0].sessionInfo.integer("SessionID"), 7);
+}
+
+TEST_F(DispatchTest, EventsOfASessionThatRelaysNothingPassADownload) {
+    const auto session = startedSession({}, {}, false);
+    std::future<bool> sent;
+    const std::scoped_lock download(_delegate.lock());
+    sent = std::async(std::launch::async, [&] { return send(*session, 5, 6, nullptr).has_value(); });
+    ASSERT_EQ(sent.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_TRUE(sent.get());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "service/protocols.h"
+#include "session/QuorvanedSession.h"
 
 #include <functional>
 #include <future>
@@ -26,7 +27,7 @@ class RecordingDelegate : public QuorvanedSessionDelegate {
 
     /// The names of the operations called since the last time.
     std::vector<std::string> takeCalls() {
-        const std::scoped_lock lock(_lock);
+        const std::scoped_lock lock(_callsLock);
         return std::exchange(_calls, {});
     }
 
@@ -51,8 +52,8 @@ class RecordingDelegate : public QuorvanedSessionDelegate {
         keep("parentSessionForChild");
         return parent;
     }
-    QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession&) override {
-        EXPECT_TRUE(locked());
+    QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession& session) override {
+        EXPECT_TRUE(locked() || (session.getSessionHierarchy() == 0 && !session.hasAggregator()));
         keep("getAncestorWithAggregatorForSession");
         return aggregator;
     }
@@ -70,11 +71,12 @@ class RecordingDelegate : public QuorvanedSessionDelegate {
 
   private:
     void keep(const char* call) {
-        const std::scoped_lock lock(_lock);
+        const std::scoped_lock lock(_callsLock);
         _calls.emplace_back(call);
     }
 
     std::recursive_mutex _lock;
+    std::mutex _callsLock;
     std::vector<std::string> _calls;
 };
 
