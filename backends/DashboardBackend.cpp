@@ -2,6 +2,7 @@
 
 #include "backends/EventRecord.h"
 #include "platform/base/Log.h"
+#include "platform/value/Bytes.h"
 #include "platform/value/Text.h"
 #include "util/Conversions.h"
 
@@ -64,7 +65,7 @@ std::string_view untilZero(std::string_view text) {
 }
 
 std::string_view textAt(std::span<const std::uint8_t> bytes, std::size_t at, std::size_t count) {
-    return untilZero({reinterpret_cast<const char*>(bytes.data()) + at, count});
+    return untilZero(platform::textOf(bytes.subspan(at, count)));
 }
 
 struct Rendering {
@@ -94,10 +95,6 @@ std::string textOf(const Dictionary& message) {
         break;
     }
     return text;
-}
-
-QuorvaneBackend::OptionalString copyOf(const std::string* text) {
-    return text != nullptr ? QuorvaneBackend::OptionalString(*text) : std::nullopt;
 }
 
 bool namesCollector(const Dictionary& profile) {
@@ -136,7 +133,7 @@ std::optional<Collector> collectorOf(const Dictionary* profile,
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     const std::string& name, const std::shared_ptr<const Dictionary>& profile,
     const OptionalString& productFamily) {
-    const OptionalString serverIP = profile != nullptr ? copyOf(profile->string("ip")) : std::nullopt;
+    const OptionalString serverIP = profile != nullptr ? profile->text("ip") : std::nullopt;
     const auto serverPort = static_cast<std::uint16_t>(profile != nullptr ? profile->integer("port") : 0);
     return initWithName(name, profile, serverIP, serverPort, productFamily);
 }
@@ -185,8 +182,8 @@ DashboardBackend::DashboardBackend(const std::string& name, const std::shared_pt
       _usingProfile(profile != nullptr),
       _networkProcQueue(queue) {
     if (profile == nullptr) return;
-    setDisplayURL(copyOf(profile->string("display_url")));
-    _postURL = copyOf(profile->string("post_url"));
+    setDisplayURL(profile->text("display_url"));
+    _postURL = profile->text("post_url");
 }
 
 DashboardBackend::~DashboardBackend() {

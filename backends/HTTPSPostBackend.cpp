@@ -9,14 +9,6 @@ namespace quorvane {
 
 using platform::logDebug;
 
-namespace {
-
-QuorvaneBackend::OptionalString copyOf(const std::string* text) {
-    return text != nullptr ? QuorvaneBackend::OptionalString(*text) : std::nullopt;
-}
-
-}  // namespace
-
 std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::string& name,
                                                                  std::shared_ptr<const Dictionary> profile,
                                                                  const OptionalString& productFamily) {
@@ -42,7 +34,7 @@ HTTPSPostBackend::HTTPSPostBackend(const std::string& name, std::shared_ptr<cons
     if (_realtimePostURL)
         logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for realtimePostURL",
                  *_realtimePostURL);
-    setDisplayURL(copyOf(this->profile()->string("display_url")));
+    setDisplayURL(this->profile()->text("display_url"));
 }
 
 bool HTTPSPostBackend::updatePostLink(const Dictionary& entry) {

@@ -2,6 +2,7 @@
 
 #include "platform/crypto/Crypto.h"
 #include "platform/crypto/RandomDraw.h"
+#include "platform/value/Bytes.h"
 #include "platform/value/Text.h"
 #include "util/Conversions.h"
 
@@ -35,18 +36,10 @@ QuorvaneBackend::QuorvaneBackend(std::string name, std::shared_ptr<const Diction
       _samplingFactor(platform::randomDraw()) {}
 
 std::string QuorvaneBackend::convertIntoSHA256(std::string_view text) {
-    static constexpr char digits[] = "0123456789abcdef";
     // Deliberately fewer bytes than the text has when it is not ASCII; receivers compare with digests made
     // so.
     const std::string_view hashed = text.substr(0, platform::utf16Length(text));
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(hashed.data());
-    const platform::Sha256Digest digest = platform::sha256(std::span(bytes, hashed.size()));
-    std::string hex(2 * digest.size(), '0');
-    for (std::size_t at = 0; at < digest.size(); ++at) {
-        hex[2 * at] = digits[digest[at] >> 4];
-        hex[2 * at + 1] = digits[digest[at] & 0xf];
-    }
-    return hex;
+    return platform::hexOf(platform::sha256(platform::bytesOf(hashed)));
 }
 
 QuorvaneBackend::Answer QuorvaneBackend::sendMessage(const Dictionary* message, TimeValue timestamp,

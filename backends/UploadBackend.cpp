@@ -67,11 +67,6 @@ std::string_view lastPathComponent(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-std::optional<std::string> textIn(const Dictionary& profile, std::string_view key) {
-    const std::string* text = profile.string(key);
-    return text != nullptr ? std::optional(*text) : std::nullopt;
-}
-
 }  // namespace
 
 std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& name,
@@ -86,8 +81,8 @@ std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& na
 
 UploadBackend::UploadBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,
                              const OptionalString& productFamily)
-    : QuorvaneBackend(name, profile, productFamily), _uploadURL(textIn(*profile, "post_url")) {
-    setDisplayURL(textIn(*profile, "display_url"));
+    : QuorvaneBackend(name, profile, productFamily), _uploadURL(profile->text("post_url")) {
+    setDisplayURL(profile->text("display_url"));
 }
 
 bool UploadBackend::uploadFileAtPath(const std::string& path, const char* extensionToken) {

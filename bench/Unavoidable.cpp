@@ -5,6 +5,7 @@
 #include "bench/Load.h"
 #include "platform/base/Owned.h"
 #include "platform/formats/Json.h"
+#include "platform/value/Bytes.h"
 
 #include <openssl/evp.h>
 #include <rapidjson/stringbuffer.h>
@@ -53,7 +54,7 @@ void write(const Dictionary& record, Writer& writer) {
 }
 
 Array eventsOf(const Data& message) {
-    const auto parsed = platform::parseJson({reinterpret_cast<const char*>(message.data()), message.size()});
+    const auto parsed = platform::parseJson(platform::textOf(message));
     const Array* events = parsed && parsed->dictionary() ? parsed->dictionary()->array("events") : nullptr;
     if (events == nullptr || events->empty()) die("posted message", "holds no events");
     return *events;

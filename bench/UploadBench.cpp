@@ -4,6 +4,7 @@
 #include "bench/Report.h"
 #include "bench/Unavoidable.h"
 #include "bench/World.h"
+#include "platform/value/Bytes.h"
 
 #include <unistd.h>
 
@@ -45,8 +46,7 @@ void measureUploads(const Options& options) {
     const Data text = logText(options.uploadMegabytes << 20);
     World world;
     const std::filesystem::path file = world.root() / "log.txt";
-    std::ofstream(file, std::ios::binary)
-        .write(reinterpret_cast<const char*>(text.data()), static_cast<std::streamsize>(text.size()));
+    std::ofstream(file, std::ios::binary) << platform::textOf(text);
     Client client = world.openSession({.profile = Profile::Upload});
 
     const Took zlib = measure(::getpid(), [&] { compressAlone(text); });

@@ -2,6 +2,7 @@
 
 #include "framework/Keys.h"
 #include "platform/bus/BusValue.h"
+#include "platform/value/Url.h"
 
 #include <string_view>
 
@@ -31,12 +32,6 @@ int appendPayload(sd_bus_message* message, const Dictionary& payload) {
     if (result >= 0) result = platform::appendDictionary(message, payload);
     if (result >= 0) result = ::sd_bus_message_close_container(message);
     return result < 0 ? result : ::sd_bus_message_close_container(message);
-}
-
-bool standsInURL(char character) {
-    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-           (character >= '0' && character <= '9') ||
-           std::string_view("/-._~!$&'()*+,;=:@").find(character) != std::string_view::npos;
 }
 
 }  // namespace
@@ -70,17 +65,7 @@ std::optional<Dictionary> userInfoDictionary(const std::optional<UserInfo>& user
 }
 
 std::string fileURL(const std::string& path) {
-    constexpr char digits[] = "0123456789ABCDEF";
-    std::string url = "file://";
-    for (const char character : path) {
-        if (standsInURL(character)) {
-            url += character;
-        } else {
-            const auto byte = static_cast<unsigned char>(character);
-            url += {'%', digits[byte >> 4], digits[byte & 15]};
-        }
-    }
-    return url;
+    return "file://" + platform::pathPercentEncoded(path);
 }
 
 int appendMessage(sd_bus_message* message, const Event& event) {

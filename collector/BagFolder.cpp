@@ -1,36 +1,27 @@
 #include "collector/BagFolder.h"
 
 #include "collector/StartError.h"
+#include "platform/base/DescriptorIO.h"
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/value/Bytes.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <system_error>
 #include <utility>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace quorvane::collector {
 
 namespace {
-
-std::optional<std::string> readWhole(int descriptor, std::size_t size) {
-    std::string bytes(size, '\0');
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t count = ::pread(descriptor, bytes.data() + done, size - done, static_cast<off_t>(done));
-        if (count <= 0) return std::nullopt;
-        done += static_cast<std::size_t>(count);
-    }
-    return bytes;
-}
 
 /// Not blocking, so that a FIFO in the folder cannot hold the server up.
 std::optional<BagFolder::Bag> readBag(const std::string& path) {
@@ -38,9 +29,9 @@ std::optional<BagFolder::Bag> readBag(const std::string& path) {
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
     if (status.st_size > static_cast<off_t>(BagFolder::kMaximumBagBytes)) return std::nullopt;
-    auto bytes = readWhole(file.get(), static_cast<std::size_t>(status.st_size));
-    if (!bytes) return std::nullopt;
-    return BagFolder::Bag{.bytes = *std::move(bytes), .modified = status.st_mtim.tv_sec};
+    Data bytes(static_cast<std::size_t>(status.st_size));
+    if (platform::readAt(file.get(), bytes, 0) != bytes.size()) return std::nullopt;
+    return BagFolder::Bag{.bytes = std::string(platform::textOf(bytes)), .modified = status.st_mtim.tv_sec};
 }
 
 }  // namespace
@@ -64,16 +55,10 @@ std::optional<BagFolder::Bag> BagFolder::bag(std::string_view name) const {
 }
 
 std::string httpDate(std::int64_t seconds) {
-    static constexpr std::array days{"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static constexpr std::array months{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    const std::time_t time = seconds;
-    std::tm parts{};
-    ::gmtime_r(&time, &parts);
-    return fmt::format("{}, {:02} {} {:04} {:02}:{:02}:{:02} GMT",
-                       days.at(static_cast<std::size_t>(parts.tm_wday)), parts.tm_mday,
-                       months.at(static_cast<std::size_t>(parts.tm_mon)), parts.tm_year + 1900, parts.tm_hour,
-                       parts.tm_min, parts.tm_sec);
+    // Years have four digits there; a file system's times reach further.
+    constexpr std::int64_t first = -62'167'219'200;
+    constexpr std::int64_t last = 253'402'300'799;
+    return fmt::format("{:%a, %d %b %Y %H:%M:%S} GMT", fmt::gmtime(std::clamp(seconds, first, last)));
 }
 
 }  // namespace quorvane::collector

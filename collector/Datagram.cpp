@@ -1,5 +1,7 @@
 #include "collector/Datagram.h"
 
+#include "platform/value/Bytes.h"
+
 #include <algorithm>
 #include <string_view>
 #include <utility>
@@ -33,10 +35,6 @@ class Header {
   private:
     std::span<const std::uint8_t> _bytes;
 };
-
-std::string_view textOf(std::span<const std::uint8_t> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 /// A text that was cut may end within a character.
 std::string_view withoutHalfCharacter(std::string_view text) {
@@ -98,7 +96,7 @@ Dictionary valuesOfText(std::string_view text) {
 std::optional<Datagram> decodeDatagram(std::span<const std::uint8_t> bytes) {
     if (bytes.size() < Datagram::kHeaderBytes) return std::nullopt;
     const Header header(bytes);
-    std::string_view text = textOf(bytes.subspan(Datagram::kHeaderBytes));
+    std::string_view text = platform::textOf(bytes.subspan(Datagram::kHeaderBytes));
     if (header.byte(2) != kFormat || header.complementedWord(14) != bytes.size() ||
         text.size() > Datagram::kMaximumTextBytes)
         return std::nullopt;
@@ -111,7 +109,7 @@ std::optional<Datagram> decodeDatagram(std::span<const std::uint8_t> bytes) {
     datagram.clientVersion = header.complementedWord(12);
     datagram.method = header.word(16);
     datagram.status = header.word(18);
-    const std::string_view deviceID = textOf(bytes.subspan(20, kDeviceIDBytes));
+    const std::string_view deviceID = platform::textOf(bytes.subspan(20, kDeviceIDBytes));
     datagram.deviceID = deviceID.substr(0, deviceID.find('\0'));
     datagram.eventNumber = header.word(60);
     datagram.reliable = (header.word(62) & kReliableFlag) != 0;

@@ -6,6 +6,7 @@
 #include "platform/base/Log.h"
 #include "platform/base/Owned.h"
 #include "platform/formats/Json.h"
+#include "platform/value/Bytes.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -47,10 +48,6 @@ UniqueDescriptor boundSocket(const std::string& address, int port) {
 int portOf(const sockaddr_storage& address) {
     return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
                                                : reinterpret_cast<const sockaddr_in&>(address).sin_port);
-}
-
-std::string_view textOf(std::span<const std::uint8_t> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 /// Nothing when a text in it is not UTF-8.
@@ -123,13 +120,13 @@ void DatagramServer::take(const Sender& sender, std::span<const std::uint8_t> by
     const std::string peer = sender.text();
     const auto name = fmt::format("{} {} {}", peer, datagram->sessionID, datagram->eventNumber);
     const auto now = steady_clock::now();
-    if (_recent.contains(name, textOf(bytes), now)) {
+    if (_recent.contains(name, platform::textOf(bytes), now)) {
         ++_repeated;
     } else {
         const auto line = lineOf(*std::move(datagram), peer);
         if (!line) return drop(sender);
         if (!_sink.append(*line)) return;
-        _recent.remember(name, textOf(bytes), now);
+        _recent.remember(name, platform::textOf(bytes), now);
         ++_taken;
     }
     if (reliable) acknowledge(sender, bytes);

@@ -119,7 +119,7 @@ std::variant<EventEnvelope, EnvelopeFault> checkEnvelope(Value message, const Re
     if (const auto fault = faultOfEnvelope(envelope)) return EnvelopeFault{std::string(*fault)};
     EventEnvelope result;
     result.postTime = envelope->find("postTime")->real();
-    if (const std::string* clientID = envelope->string("clientId")) result.clientID = *clientID;
+    result.clientID = envelope->text("clientId").value_or("");
     if (Value* events = envelope->find("events")) result.events = std::move(*events->array());
     for (std::size_t index = 0; index < result.events.size(); ++index)
         if (const auto fault = faultOfRecord(result.events[index], removed))

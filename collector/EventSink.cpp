@@ -1,7 +1,9 @@
 #include "collector/EventSink.h"
 
 #include "collector/StartError.h"
+#include "platform/base/DescriptorIO.h"
 #include "platform/base/Log.h"
+#include "platform/value/Bytes.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -28,19 +30,6 @@ std::string reasonText(int error) {
     return std::generic_category().message(error);
 }
 
-/// How many of the bytes went in.
-std::size_t writeAll(int descriptor, std::string_view bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t count = ::write(descriptor, bytes.data() + done, bytes.size() - done);
-        if (count > 0)
-            done += static_cast<std::size_t>(count);
-        else if (errno != EINTR)
-            break;
-    }
-    return done;
-}
-
 /// Takes a part of a line back, so that the next line starts at the beginning of one.
 void takeBack(int descriptor, std::size_t bytes) {
     struct stat status {};
@@ -60,7 +49,7 @@ EventSink::EventSink(std::optional<std::string> file) : _file(std::move(file)) {
 bool EventSink::append(std::string_view lines) {
     const MutexLock lock(_lock);
     const int descriptor = _opened ? _opened.get() : STDOUT_FILENO;
-    const std::size_t done = writeAll(descriptor, lines);
+    const std::size_t done = platform::writeAll(descriptor, platform::bytesOf(lines));
     if (done == lines.size()) return true;
     platform::logError("Cannot write what arrived: {}", reasonText(errno));
     takeBack(descriptor, done);

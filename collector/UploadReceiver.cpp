@@ -2,10 +2,12 @@
 
 #include "collector/ReceivedTime.h"
 #include "collector/StartError.h"
+#include "platform/base/DescriptorIO.h"
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/crypto/Uuid.h"
 #include "platform/formats/Json.h"
+#include "platform/value/Bytes.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include <ctime>
 #include <utility>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace quorvane::collector {
@@ -26,11 +29,7 @@ using platform::UniqueDescriptor;
 namespace {
 
 std::string newName(std::string_view prefix, std::string_view suffix) {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    ::gmtime_r(&now, &parts);
-    return fmt::format("{}-{:04}{:02}{:02}-{:02}{:02}{:02}-{}{}", prefix, parts.tm_year + 1900,
-                       parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+    return fmt::format("{}-{:%Y%m%d-%H%M%S}-{}{}", prefix, fmt::gmtime(std::time(nullptr)),
                        platform::randomUuidText(), suffix);
 }
 
@@ -67,13 +66,7 @@ class UploadReceiver::IncomingFile {
     bool write(std::string_view bytes) {
         _start += bytes.substr(0, kStartBytes - std::min(kStartBytes, _start.size()));
         _size += bytes.size();
-        while (!bytes.empty()) {
-            const ssize_t count = ::write(_file.get(), bytes.data(), bytes.size());
-            if (count < 0 && errno == EINTR) continue;
-            if (count <= 0) return false;
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        }
-        return true;
+        return platform::writeAll(_file.get(), platform::bytesOf(bytes)) == bytes.size();
     }
 
     /// Gives the file its name; true once it would outlast a crash of the machine.

@@ -11,6 +11,7 @@
 #include "platform/base/Clock.h"
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
+#include "platform/value/Bytes.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@
 #include <span>
 #include <thread>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 using namespace quorvane;
@@ -33,11 +35,8 @@ namespace {
 
 void printLogLine(platform::LogLevel level, std::string_view line) {
     const auto now = platform::timeOfDay();
-    const std::time_t seconds = now.seconds;
-    std::tm parts{};
-    ::localtime_r(&seconds, &parts);
     const char* mark = level <= platform::LogLevel::Warning ? "! " : "";
-    const auto text = fmt::format("{:02}:{:02}:{:02}.{:03} {}{}\n", parts.tm_hour, parts.tm_min, parts.tm_sec,
+    const auto text = fmt::format("{:%H:%M:%S}.{:03} {}{}\n", fmt::localtime(now.seconds),
                                   now.microseconds / 1000, mark, line);
     // One write a line, so that lines of several threads do not mix.
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
@@ -63,10 +62,9 @@ void waitForEnd(const sigset_t& signals, EventSink& sink) {
 }
 
 void writeFile(const std::string& path, std::string_view text) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
     const std::string folder = std::filesystem::path(path).parent_path();
     const bool made = folder.empty() || platform::createDirectories(folder);
-    if (!made || !platform::replaceFile(path, std::span(bytes, text.size()), 0644))
+    if (!made || !platform::replaceFile(path, platform::bytesOf(text), 0644))
         throw StartError(fmt::format("cannot write {}", path));
 }
 

@@ -6,10 +6,10 @@
 #include "platform/base/SettledOnce.h"
 #include "platform/crypto/Uuid.h"
 #include "platform/device/Consent.h"
+#include "platform/value/Bytes.h"
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string_view>
 
 namespace quorvane {
@@ -24,7 +24,7 @@ bool isIdentifier(std::string_view text) {
 std::optional<std::string> storedIdentifier(const std::string& file) {
     const std::optional<Data> bytes = platform::readFile(file, 4096);
     if (!bytes) return std::nullopt;
-    std::string_view text(reinterpret_cast<const char*>(bytes->data()), bytes->size());
+    std::string_view text = platform::textOf(*bytes);
     if (text.ends_with('\n')) text.remove_suffix(1);
     if (isIdentifier(text)) return std::string(text);
     platform::logWarning("getPersistentIdentifierForDNU: {} holds no identifier; a new one is made", file);
@@ -32,9 +32,7 @@ std::optional<std::string> storedIdentifier(const std::string& file) {
 }
 
 void store(const std::string& file, const std::string& identifier) {
-    const std::string line = identifier + '\n';
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(line.data());
-    if (!platform::replaceFile(file, std::span(bytes, line.size()), 0600))
+    if (!platform::replaceFile(file, platform::bytesOf(identifier + '\n'), 0600))
         platform::logError("getPersistentIdentifierForDNU: Could not store the identifier in {}", file);
 }
 

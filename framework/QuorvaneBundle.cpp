@@ -17,8 +17,7 @@ std::optional<std::string> bundleVersion() {
         return std::nullopt;
     }
     const Dictionary* info = parsed->dictionary();
-    const std::string* version = info != nullptr ? info->string("CFBundleVersion") : nullptr;
-    return version != nullptr ? std::optional(*version) : std::nullopt;
+    return info != nullptr ? info->text("CFBundleVersion") : std::nullopt;
 }
 
 std::optional<Data> publicKeyResource() {

@@ -76,12 +76,12 @@ std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(std::int32_t 
     Dictionary* section = sectionForEnvironment(*bag, clientType);
     if (section == nullptr) return std::nullopt;
 
-    const std::string* bagVersion = bag->string("version");
-    if (bagVersion == nullptr) {
+    std::optional<std::string> bagVersion = bag->text("version");
+    if (!bagVersion) {
         logFetchFailure(clientType);
         return std::nullopt;
     }
-    version = *bagVersion;
+    version = std::move(bagVersion);
     if (const Value* seconds = bag->find("refresh_cycle")) {
         maxAge = refreshCycle(*seconds);
         logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);

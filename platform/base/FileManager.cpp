@@ -1,5 +1,6 @@
 #include "platform/base/FileManager.h"
 
+#include "platform/base/DescriptorIO.h"
 #include "platform/base/UniqueDescriptor.h"
 
 #include <fcntl.h>
@@ -24,20 +25,10 @@ UniqueDescriptor openFile(const std::string& path, int flags) {
     return UniqueDescriptor(::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
 }
 
-bool writeAll(int descriptor, std::span<const std::uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        bytes = bytes.subspan(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 /// Writes and syncs the file before it is renamed, so that a crash leaves the old file or the whole new one.
 bool fillTemporary(int descriptor, std::span<const std::uint8_t> bytes, unsigned mode) {
-    return ::fchmod(descriptor, static_cast<mode_t>(mode)) == 0 && writeAll(descriptor, bytes) &&
-           ::fsync(descriptor) == 0;
+    return ::fchmod(descriptor, static_cast<mode_t>(mode)) == 0 &&
+           writeAll(descriptor, bytes) == bytes.size() && ::fsync(descriptor) == 0;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "platform/formats/PropertyListDate.h"
 #include "platform/formats/ValueLimits.h"
+#include "platform/value/Bytes.h"
 #include "platform/value/Text.h"
 
 #include <bit>
@@ -26,10 +27,6 @@ std::uint64_t bigEndian(Bytes bytes) {
     std::uint64_t number = 0;
     for (const std::uint8_t byte : bytes) number = (number << 8) | byte;
     return number;
-}
-
-std::string_view textOf(Bytes bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 /// An object is a marker byte and its contents. The marker's upper half is the type, its lower half the size;

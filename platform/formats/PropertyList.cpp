@@ -3,13 +3,14 @@
 #include "platform/formats/BinaryPropertyList.h"
 #include "platform/formats/BinaryPropertyListWriter.h"
 #include "platform/formats/XmlPropertyList.h"
+#include "platform/value/Bytes.h"
 
 #include <string_view>
 
 namespace quorvane::platform {
 
 Result<Value> parsePropertyList(std::span<const std::uint8_t> bytes) {
-    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    const std::string_view text = textOf(bytes);
     return text.starts_with("bplist") ? parseBinaryPropertyList(bytes) : parseXmlPropertyList(text);
 }
 

@@ -4,6 +4,7 @@
 #include "platform/base/Log.h"
 #include "platform/formats/TomlNesting.h"
 #include "platform/formats/ValueLimits.h"
+#include "platform/value/Bytes.h"
 
 #include <toml++/toml.h>
 
@@ -112,7 +113,7 @@ Result<Dictionary> readTomlFile(const std::string& file) {
     errno = 0;
     const std::optional<Data> bytes = readFile(file, kLargestFile);
     if (!bytes) return failure(fmt::format("{}: {}", file, std::strerror(errno != 0 ? errno : EFBIG)));
-    return parseToml({reinterpret_cast<const char*>(bytes->data()), bytes->size()}, file);
+    return parseToml(textOf(*bytes), file);
 }
 
 Dictionary readConfiguration(const std::string& file) {

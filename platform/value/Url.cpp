@@ -1,7 +1,9 @@
 #include "platform/value/Url.h"
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -26,8 +28,12 @@ bool isOneOf(char c, std::string_view characters) {
     return characters.find(c) != std::string_view::npos;
 }
 
+bool isAllowedInPath(char c) {
+    return isLetter(c) || isDigit(c) || isOneOf(c, "-._~!$&'()*+,;=:@/");
+}
+
 bool isAllowedInQuery(char c) {
-    return isLetter(c) || isDigit(c) || isOneOf(c, "-._~!$&'()*+,;=:@/?");
+    return isAllowedInPath(c) || c == '?';
 }
 
 bool isScheme(std::string_view text) {
@@ -49,7 +55,19 @@ std::string percentEncoded(std::string_view text, const Predicate& allowed) {
     return encoded;
 }
 
+std::optional<char> decodedByte(std::string_view digits) {
+    unsigned byte = 0;
+    const char* end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, byte, 16);
+    if (digits.size() != 2 || error != std::errc() || stop != end) return std::nullopt;
+    return static_cast<char>(byte);
+}
+
 }  // namespace
+
+std::string pathPercentEncoded(std::string_view path) {
+    return percentEncoded(path, isAllowedInPath);
+}
 
 std::string queryPercentEncoded(std::string_view text) {
     return percentEncoded(text, isAllowedInQuery);
@@ -57,6 +75,22 @@ std::string queryPercentEncoded(std::string_view text) {
 
 std::string percentEncodedBlanks(std::string_view url) {
     return percentEncoded(url, [](char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7f; });
+}
+
+std::optional<std::string> percentDecoded(std::string_view text) {
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] != '%') {
+            decoded += text[at];
+            continue;
+        }
+        const std::optional<char> byte = decodedByte(text.substr(at + 1, 2));
+        if (!byte) return std::nullopt;
+        decoded += *byte;
+        at += 2;
+    }
+    return decoded;
 }
 
 bool isUrl(std::string_view text) {

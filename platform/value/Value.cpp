@@ -1,5 +1,7 @@
 #include "platform/value/Value.h"
 
+#include "platform/value/Bytes.h"
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -7,6 +9,7 @@
 #include <limits>
 #include <type_traits>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace quorvane::platform {
@@ -50,7 +53,7 @@ void describe(const Array& array, std::string& out) {
 
 void describe(const Data& data, std::string& out) {
     out += '<';
-    for (const std::uint8_t byte : data) fmt::format_to(std::back_inserter(out), "{:02x}", byte);
+    out += hexOf(data);
     out += '>';
 }
 
@@ -226,6 +229,11 @@ const std::string* Dictionary::string(std::string_view key) const {
     return value != nullptr ? value->string() : nullptr;
 }
 
+std::optional<std::string> Dictionary::text(std::string_view key) const {
+    const std::string* held = string(key);
+    return held != nullptr ? std::optional(*held) : std::nullopt;
+}
+
 const Dictionary* Dictionary::dictionary(std::string_view key) const {
     const Value* value = find(key);
     return value != nullptr ? value->dictionary() : nullptr;
@@ -296,11 +304,7 @@ std::string Value::description() const {
 
 std::string description(Date date) {
     const auto seconds = static_cast<std::time_t>(std::floor(static_cast<double>(date.microseconds) / 1e6));
-    std::tm parts{};
-    if (gmtime_r(&seconds, &parts) == nullptr) return fmt::format("{} s since 1970", seconds);
-    char text[64];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts);
-    return text;
+    return fmt::format("{:%Y-%m-%d %H:%M:%S} +0000", fmt::gmtime(seconds));
 }
 
 std::string description(const Array& array) {

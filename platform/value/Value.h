@@ -64,6 +64,8 @@ class Dictionary {
 
     /// The value under the key read as one type; null, 0 or false when it is absent or of another type.
     const std::string* string(std::string_view key) const;
+    /// A copy of the text under the key, for who keeps it; nothing when it is absent or of another type.
+    std::optional<std::string> text(std::string_view key) const;
     const Dictionary* dictionary(std::string_view key) const;
     const Array* array(std::string_view key) const;
     std::int64_t integer(std::string_view key) const;

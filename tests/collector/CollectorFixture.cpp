@@ -1,6 +1,7 @@
 #include "tests/collector/CollectorFixture.h"
 
 #include "platform/formats/Json.h"
+#include "platform/value/Bytes.h"
 #include "util/Compression.h"
 
 #include <poll.h>
@@ -123,8 +124,7 @@ std::string RawConnection::readToEnd() {
 }
 
 std::string gzip(std::string_view bytes) {
-    const auto packed =
-        gzipDeflate(std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+    const auto packed = gzipDeflate(platform::bytesOf(bytes));
     return {packed.value().begin(), packed.value().end()};
 }
 

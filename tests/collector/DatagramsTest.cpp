@@ -1,3 +1,4 @@
+#include "platform/value/Bytes.h"
 #include "tests/collector/CollectorFixture.h"
 #include "tests/support/UdpPeer.h"
 
@@ -32,9 +33,7 @@ class Device : public UdpPeer {
   public:
     using UdpPeer::UdpPeer;
 
-    void sendText(const std::string& bytes) const {
-        send({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-    }
+    void sendText(const std::string& bytes) const { send(platform::bytesOf(bytes)); }
 
     /// Sends a datagram that is answered when it is stored, and tells the answer.
     std::string ask(const std::string& text, int eventNumber, std::uint16_t flags = 0) {

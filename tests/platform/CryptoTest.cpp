@@ -1,5 +1,7 @@
 #include "platform/crypto/Crypto.h"
 
+#include "platform/value/Bytes.h"
+
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -12,24 +14,16 @@
 namespace quorvane::platform {
 namespace {
 
-std::span<const std::uint8_t> bytesOf(std::string_view text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-std::string hex(std::span<const std::uint8_t> bytes) {
-    return fmt::format("{:02x}", fmt::join(bytes, ""));
-}
-
 TEST(CryptoTest, DigestsAreThoseOfTheStandardOnEveryThread) {
     std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([] {
             for (int round = 0; round < 100; ++round) {
-                EXPECT_EQ(hex(sha1(bytesOf("abc"))), "a9993e364706816aba3e25717850c26c9cd0d89d");
-                EXPECT_EQ(hex(sha1({})), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
-                EXPECT_EQ(hex(sha256(bytesOf("abc"))),
+                EXPECT_EQ(hexOf(sha1(bytesOf("abc"))), "a9993e364706816aba3e25717850c26c9cd0d89d");
+                EXPECT_EQ(hexOf(sha1({})), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+                EXPECT_EQ(hexOf(sha256(bytesOf("abc"))),
                           "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-                EXPECT_EQ(hex(sha256({})),
+                EXPECT_EQ(hexOf(sha256({})),
                           "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
             }
         });
@@ -97,7 +91,7 @@ TEST_F(RsaTest, OnlyTheSignatureOfThisDigestUnderThisKeyIsValid) {
     EXPECT_FALSE(key->verifyPKCS1SHA1(sha1(bytesOf("another bag")), good));
     for (const Data& bad : {flipped, Data(good.begin(), good.end() - 1), Data(), Data(256, 0xff),
                             signature(message, EVP_sha256())})
-        EXPECT_FALSE(key->verifyPKCS1SHA1(digest, bad)) << hex(bad);
+        EXPECT_FALSE(key->verifyPKCS1SHA1(digest, bad)) << hexOf(bad);
     EXPECT_TRUE(key->verifyPKCS1SHA1(digest, good)) << "a bad signature leaves nothing behind";
 }
 
@@ -111,7 +105,7 @@ TEST_F(RsaTest, BytesThatAreNoRsaKeyGiveNone) {
     const Data otherKind = der(i2d_PUBKEY);
     const std::string_view text = "-----BEGIN PUBLIC KEY-----";
     for (const Data& bad : {longer, shorter, otherKind, Data(), Data(text.begin(), text.end())})
-        EXPECT_EQ(RsaPublicKey::initWithDER(bad), nullptr) << hex(bad);
+        EXPECT_EQ(RsaPublicKey::initWithDER(bad), nullptr) << hexOf(bad);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "platform/base/FileManager.h"
 
 #include "platform/base/Clock.h"
+#include "platform/value/Bytes.h"
 #include "tests/support/RootFixture.h"
 
 #include <sys/stat.h>
@@ -17,9 +18,6 @@ using testing::UnorderedElementsAre;
 class FileManagerTest : public RootFixture {
   protected:
     std::string path(const char* name) const { return (_root / name).string(); }
-    static std::span<const std::uint8_t> bytes(std::string_view text) {
-        return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-    }
     perms mode(const char* name) const { return std::filesystem::status(_root / name).permissions(); }
 };
 
@@ -68,7 +66,7 @@ TEST_F(FileManagerTest, WritingFollowsNoLinkAndWaitsForNoPipe) {
     EXPECT_EQ(appendToFile(path("link"), "x"), AppendResult::OpenFailed);
     EXPECT_FALSE(createFile(path("dangling")));
     EXPECT_FALSE(fileExists(path("made")));
-    EXPECT_TRUE(replaceFile(path("link"), bytes("new")));
+    EXPECT_TRUE(replaceFile(path("link"), bytesOf("new")));
     EXPECT_EQ(read("target"), "kept");
     EXPECT_EQ(read("link"), "new");
 
@@ -95,13 +93,13 @@ TEST_F(FileManagerTest, ReadsWholeFilesUpToTheLimit) {
 }
 
 TEST_F(FileManagerTest, AFileIsReplacedAsAWhole) {
-    EXPECT_TRUE(replaceFile(path("file"), bytes("first"), 0600));
-    EXPECT_TRUE(replaceFile(path("file"), bytes("2"), 0640));
+    EXPECT_TRUE(replaceFile(path("file"), bytesOf("first"), 0600));
+    EXPECT_TRUE(replaceFile(path("file"), bytesOf("2"), 0640));
     EXPECT_EQ(read("file"), "2");
     EXPECT_EQ(mode("file"), perms::owner_read | perms::owner_write | perms::group_read);
     std::filesystem::create_directory(_root / "folder");
-    EXPECT_FALSE(replaceFile(path("folder"), bytes("x")));
-    EXPECT_FALSE(replaceFile(path("gone/file"), bytes("x")));
+    EXPECT_FALSE(replaceFile(path("folder"), bytesOf("x")));
+    EXPECT_FALSE(replaceFile(path("gone/file"), bytesOf("x")));
     std::error_code error;
     EXPECT_THAT(listDirectory(_root.string(), error), UnorderedElementsAre("file", "folder"))
         << "no temporary file stays";

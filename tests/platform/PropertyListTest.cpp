@@ -1,5 +1,6 @@
 #include "platform/formats/PropertyList.h"
 
+#include "platform/value/Bytes.h"
 #include "tests/platform/Repeated.h"
 
 #include <cmath>
@@ -14,15 +15,14 @@ namespace quorvane::platform {
 namespace {
 
 std::optional<Value> parsed(std::string_view bytes) {
-    const auto result =
-        parsePropertyList({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+    const auto result = parsePropertyList(bytesOf(bytes));
     if (result) return *result;
     EXPECT_NE(result.error().message, "");
     return std::nullopt;
 }
 
 std::optional<Value> parsed(const Data& bytes) {
-    return parsed({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    return parsed(textOf(bytes));
 }
 
 std::string xml(std::string_view contents) {
@@ -65,7 +65,7 @@ TEST(PropertyList, EveryKindSurvivesBothForms) {
     const auto asXml = xmlPropertyList(kSample);
     const auto asBinary = binaryPropertyList(kSample);
     ASSERT_TRUE(asXml && asBinary);
-    EXPECT_TRUE(std::string_view(reinterpret_cast<const char*>(asXml->data()), 5) == "<?xml");
+    EXPECT_TRUE(textOf(*asXml).starts_with("<?xml"));
     EXPECT_EQ(parsed(*asXml), kSample);
     EXPECT_EQ(parsed(*asBinary), kSample);
 

@@ -1,5 +1,6 @@
 #include "storebag/FetchStorebag.h"
 
+#include "platform/value/Bytes.h"
 #include "tests/storebag/StorebagFixture.h"
 
 namespace quorvane {
@@ -38,8 +39,7 @@ class FetchStorebagTest : public StorebagFixture {
     static std::string xml(const Value& value) { return text(*platform::xmlPropertyList(value)); }
 
     std::string signedBytes(std::string_view bytes) const {
-        return text(*tools::signStorebagBytes(
-            {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()}, *_key));
+        return text(*tools::signStorebagBytes(platform::bytesOf(bytes), *_key));
     }
 
     Dictionary goodEnvelope() const {

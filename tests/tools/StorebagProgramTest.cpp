@@ -1,6 +1,7 @@
 #include "platform/crypto/Crypto.h"
 #include "platform/formats/Json.h"
 #include "platform/formats/PropertyList.h"
+#include "platform/value/Bytes.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/RootFixture.h"
 #include "tests/tools/Words.h"
@@ -38,13 +39,6 @@ constexpr const char* kJson = R"({"version": "3.1", "refresh_cycle": 600,
    "filters": [{"key": "_sessionID", "action": "sha256"}]}]}},
  "development": {"joulary": {}}})";
 
-std::string textOf(const Data& bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-std::span<const std::uint8_t> bytesOf(const std::string& text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
 ProgramResult storebag(const std::string& words) {
     return runProgram(commandLine(QUORVANE_STOREBAG, words));
 }
@@ -56,7 +50,7 @@ ProgramResult verify(const std::string& further = "") {
 }
 
 Dictionary dictionaryOf(const std::string& plist) {
-    const auto parsed = platform::parsePropertyList(bytesOf(plist));
+    const auto parsed = platform::parsePropertyList(platform::bytesOf(plist));
     return parsed && parsed->dictionary() != nullptr ? *parsed->dictionary() : Dictionary();
 }
 
@@ -69,7 +63,7 @@ class StorebagProgram : public RootFixture {
         // Making a key takes a while, and one is as good as another.
         static const auto key = tools::SigningKey::generate();
         write("private.pem", key->privatePEM());
-        write("public.der", textOf(key->publicDER()));
+        write("public.der", platform::textOf(key->publicDER()));
         write("bag.toml", kToml);
     }
 
@@ -80,19 +74,19 @@ class StorebagProgram : public RootFixture {
 
     /// The bag in the envelope.
     std::string signedBytes() const {
-        return textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
+        return platform::textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
     }
 
     void writeEnvelope(const Dictionary& envelope) const {
-        write("bag", textOf(*platform::xmlPropertyList(Value(envelope))));
+        write("bag", platform::textOf(*platform::xmlPropertyList(Value(envelope))));
     }
 };
 
 TEST_F(StorebagProgram, SignsTheSameBagFromEverySourceAndVerifiesIt) {
     const Dictionary bag = *platform::parseJson(kJson)->dictionary();
     write("bag.json", kJson);
-    write("xml.plist", textOf(*platform::xmlPropertyList(Value(bag))));
-    write("binary.plist", textOf(*platform::binaryPropertyList(Value(bag))));
+    write("xml.plist", platform::textOf(*platform::xmlPropertyList(Value(bag))));
+    write("binary.plist", platform::textOf(*platform::binaryPropertyList(Value(bag))));
     for (const char* source : {"bag.toml", "bag.json", "xml.plist", "binary.plist"}) {
         const auto result = sign(source);
         EXPECT_EQ(result.status, 0) << source << result.errors;
@@ -127,7 +121,7 @@ TEST_F(StorebagProgram, TellsWhatIsWrongWithAnEnvelope) {
     std::string tampered = signedBytes();
     tampered.replace(tampered.find("Alpha"), 5, "Gamma");
     Dictionary envelope = good;
-    envelope.set("bag", platform::base64Encode(bytesOf(tampered)));
+    envelope.set("bag", platform::base64Encode(platform::bytesOf(tampered)));
     writeEnvelope(envelope);
     expectReason("the signature is not good for");
     const auto inspected = storebag("inspect bag --public-key public.der");
@@ -150,7 +144,7 @@ TEST_F(StorebagProgram, TellsWhatIsWrongWithAnEnvelope) {
 
 TEST_F(StorebagProgram, RefusesKeysThatAreNone) {
     ASSERT_EQ(sign("bag.toml").status, 0);
-    write("public.der", textOf(tools::SigningKey::generate()->publicDER()));
+    write("public.der", platform::textOf(tools::SigningKey::generate()->publicDER()));
     EXPECT_THAT(verify().errors, HasSubstr("not good for"));
     write("public.der", read("private.pem"));
     EXPECT_THAT(verify().errors, HasSubstr("public.der: no RSA public key in DER form"));
@@ -282,7 +276,7 @@ TEST_F(StorebagProgram, MakesKeysThatOnlyTheirOwnerReadsAndNeverReplacesThemUnas
     const std::string first = read("new.pem");
     const auto key = tools::SigningKey::initWithPEM(first);
     ASSERT_NE(key, nullptr);
-    EXPECT_EQ(read("new.der"), textOf(key->publicDER()));
+    EXPECT_EQ(read("new.der"), platform::textOf(key->publicDER()));
 
     const auto refused = storebag(keygen);
     EXPECT_EQ(refused.status, 1);

@@ -2,6 +2,8 @@
 
 #include "platform/value/Value.h"
 
+#include "platform/value/Bytes.h"
+
 #include <span>
 #include <string>
 #include <string_view>
@@ -24,11 +26,7 @@ void writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes, 
 /// What messages call the file.
 std::string_view nameOfInput(const std::string& path);
 
-inline std::string_view textOf(std::span<const std::uint8_t> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-inline std::span<const std::uint8_t> bytesOf(std::string_view text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
+using platform::bytesOf;
+using platform::textOf;
 
 }  // namespace quorvane::tools

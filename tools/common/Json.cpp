@@ -45,9 +45,7 @@ std::string timeText(Date date) {
     constexpr std::int64_t kPerSecond = 1'000'000;
     const std::int64_t part = ((date.microseconds % kPerSecond) + kPerSecond) % kPerSecond;
     const std::time_t seconds = (date.microseconds - part) / kPerSecond;
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    const std::string whole = fmt::format("{:%Y-%m-%dT%H:%M:%S}", parts);
+    const std::string whole = fmt::format("{:%Y-%m-%dT%H:%M:%S}", fmt::gmtime(seconds));
     return part == 0 ? whole + "Z" : fmt::format("{}.{:06}Z", whole, part);
 }
 

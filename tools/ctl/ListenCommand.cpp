@@ -56,9 +56,7 @@ class Ending {
 std::string localTime(double timestamp) {
     const std::int64_t microseconds = std::llround(timestamp * 1e6);
     const std::time_t seconds = microseconds / 1'000'000;
-    std::tm parts{};
-    ::localtime_r(&seconds, &parts);
-    return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:06}", parts, microseconds % 1'000'000);
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:06}", fmt::localtime(seconds), microseconds % 1'000'000);
 }
 
 void print(bool json, const AggregatedEvent& event) {
