@@ -1,4 +1,5 @@
 #include "platform/base/Log.h"
+#include "platform/value/Text.h"
 #include "platform/value/Url.h"
 #include "platform/value/ValueFormat.h"
 #include "session/FileURL.h"
@@ -40,7 +41,7 @@ void QuorvanedSession::uploadFileWithURL(const std::string& fileURL, const std::
     else
         logError("uploadFileWithURL: File upload failed for {}", platform::orNull(path));
     writeToLogFile("[uploadFileWithURL] Upload {} for file {}", success ? "succeeded" : "failed",
-                   platform::percentEncodedBlanks(fileURL));
+                   platform::escapedControls(platform::percentEncodedBlanks(fileURL), ""));
     if (completionHandler) completionHandler(success);
 }
 

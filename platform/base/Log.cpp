@@ -56,8 +56,19 @@ void readEnvironment() {
     if (colon != std::string::npos) logThreshold = static_cast<int>(levelNamed(text.substr(colon + 1)));
 }
 
-bool isControl(char c) {
-    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+/// A control character of ASCII, or a byte that may be part of one above it.
+bool mayBeControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x7f;
+}
+
+/// Warnings print what clients sent, of any size; its beginning tells enough.
+void shortenWarning(std::string& line) {
+    constexpr std::size_t most = 1024;
+    constexpr std::string_view mark = "...";
+    if (line.size() <= most) return;
+    std::size_t end = most - mark.size();
+    while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xc0) == 0x80) --end;
+    line.replace(end, std::string::npos, mark);
 }
 
 /// The level comes first, where a service manager that reads the lines looks for it.
@@ -103,7 +114,8 @@ void writeLog(LogLevel level, fmt::string_view format, fmt::format_args argument
     try {
         std::string line = fmt::vformat(format, arguments);
         if (!line.empty() && line.back() == '\n') line.pop_back();
-        emit(level, std::any_of(line.begin(), line.end(), isControl) ? escapedControls(line, "\t") : line);
+        if (level == LogLevel::Warning) shortenWarning(line);
+        emit(level, std::any_of(line.begin(), line.end(), mayBeControl) ? escapedControls(line, "\t") : line);
     } catch (...) {
         ::syslog(LOG_ERR, "writeLog: a line could not be formatted");
     }

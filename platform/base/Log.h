@@ -32,7 +32,7 @@ inline bool logs(LogLevel level) {
 }
 
 /// Formats and writes one line. Control characters in it are written as \n, \r or \xNN; a line feed at its
-/// end is dropped. Use the functions below.
+/// end is dropped, and so is what a warning has beyond 1 KiB. Use the functions below.
 void writeLog(LogLevel level, fmt::string_view format, fmt::format_args arguments) noexcept;
 
 /// Log lines. Arguments are formatted only when the level is written, so pass things (a Value, a Dictionary)

@@ -106,6 +106,22 @@ char32_t takeLowered(std::string_view& text) {
     return static_cast<char32_t>(c);
 }
 
+void appendEscape(std::string& out, unsigned char value) {
+    fmt::format_to(std::back_inserter(out), "\\x{:02x}", value);
+}
+
+void appendEscaped(std::string& out, char c, std::string_view kept) {
+    const bool control = static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+    if (!control || kept.find(c) != std::string_view::npos)
+        out += c;
+    else if (c == '\n')
+        out += "\\n";
+    else if (c == '\r')
+        out += "\\r";
+    else
+        appendEscape(out, static_cast<unsigned char>(c));
+}
+
 }  // namespace
 
 std::string lowercased(std::string_view text) {
@@ -186,19 +202,28 @@ std::optional<std::u16string> utf16FromUtf8(std::string_view text) {
     return out;
 }
 
+std::string escapedAsciiControls(std::string_view text, std::string_view kept) {
+    std::string out;
+    out.reserve(text.size() + 8);
+    for (const char c : text) appendEscaped(out, c, kept);
+    return out;
+}
+
 std::string escapedControls(std::string_view text, std::string_view kept) {
     std::string out;
     out.reserve(text.size() + 8);
-    for (const char c : text) {
-        const bool control = static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-        if (!control || kept.find(c) != std::string_view::npos)
-            out += c;
-        else if (c == '\n')
-            out += "\\n";
-        else if (c == '\r')
-            out += "\\r";
+    while (!text.empty()) {
+        if (isAscii(text.front())) {
+            appendEscaped(out, text.front(), kept);
+            text.remove_prefix(1);
+            continue;
+        }
+        const char32_t point = takeCodePoint(text);
+        const char32_t value = point >= kRawByte ? point - kRawByte : point;
+        if (value >= 0x80 && value < 0xa0)
+            appendEscape(out, static_cast<unsigned char>(value));
         else
-            fmt::format_to(std::back_inserter(out), "\\x{:02x}", static_cast<unsigned char>(c));
+            appendCodePoint(out, point);
     }
     return out;
 }

@@ -26,6 +26,9 @@ std::optional<std::string> utf8FromUtf16(std::u16string_view text);
 std::optional<std::u16string> utf16FromUtf8(std::string_view text);
 
 /// The text with its ASCII control characters written as \n, \r or \xNN, all but the kept ones.
+std::string escapedAsciiControls(std::string_view text, std::string_view kept);
+/// The same, and also the controls above ASCII (U+0080 to U+009F), which steer a terminal as well, whether in
+/// UTF-8 or as bytes on their own.
 std::string escapedControls(std::string_view text, std::string_view kept);
 
 }  // namespace quorvane::platform

@@ -37,6 +37,9 @@ TEST(TextTest, ControlCharactersAreWrittenOut) {
     using namespace std::string_view_literals;
     EXPECT_EQ(escapedControls("a\n\r\t\0\x1b\x7fä"sv, ""), "a\\n\\r\\x09\\x00\\x1b\\x7fä");
     EXPECT_EQ(escapedControls("a\n\tb\r"sv, "\n\t"), "a\n\tb\\r");
+    EXPECT_EQ(escapedControls("\u0080\u009b2J\u009f\u00a0\x9b\xff"sv, ""),
+              "\\x80\\x9b2J\\x9f\u00a0\\x9b\xff");
+    EXPECT_EQ(escapedAsciiControls("\u009b\x7f\r"sv, "\x7f"), "\u009b\x7f\\r");
 }
 
 TEST(UrlTest, AQueryTakesOnlyItsOwnCharactersAsTheyStand) {

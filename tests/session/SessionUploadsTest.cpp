@@ -59,9 +59,9 @@ TEST_F(SessionUploadsTest, BackendsThatTakeNoUploadsAnswerNo) {
 
 TEST_F(SessionUploadsTest, AnyTextMayComeAsAFilesURL) {
     const auto session = startedSession();
-    EXPECT_THAT(upload(*session, "no URL\n(forged) line"), ElementsAre(false));
+    EXPECT_THAT(upload(*session, "no URL\n(forged) line\u009b"), ElementsAre(false));
     EXPECT_EQ(logged("<3>uploadFileWithURL: File upload failed for (null)"), 1u);
-    EXPECT_THAT(messageLog(), HasSubstr("Upload failed for file no%20URL%0A(forged)%20line\n"));
+    EXPECT_THAT(messageLog(), HasSubstr("Upload failed for file no%20URL%0A(forged)%20line\\x9b\n"));
     session->uploadFileAtPath("", "", {});
     session->uploadLogData({}, {});
 }
