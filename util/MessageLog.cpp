@@ -4,9 +4,15 @@
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/Root.h"
+#include "platform/device/UserDefaults.h"
 #include "platform/value/Text.h"
+#include "util/DeviceFacts.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -27,6 +33,7 @@ constexpr std::string_view kDirectory = "/var/mobile/Library/Logs/Faultrel/Retir
 constexpr std::string_view kPrefix = "quorvaned_";
 constexpr std::string_view kSuffix = "_messageLog.diag";
 constexpr std::int64_t kLifetimeMicroseconds = 86'400'000'000;
+constexpr std::int64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
 
 struct LogFile {
     std::string path;
@@ -77,11 +84,34 @@ void deleteLogFile(const LogFile& file) {
     logInfo("writeToLogFile: Deleted expired quorvaned log file {} ({})", file.path, dateText(file.created));
 }
 
-bool expired(const LogFile& file, Date at) {
-    return file.created && at.microseconds - file.created->microseconds > kLifetimeMicroseconds;
+std::int64_t configuredSizeLimit() {
+    const auto limit = platform::userDefaultInteger(kQuorvaneDefaultsSuite, "message_log_bytes");
+    return limit && *limit > 0 ? *limit : kUnlimited;
 }
 
-/// The file created last of those younger than a day; the others are deleted.
+/// How large a file may become before another takes its place. Looked up once a second at most: every event
+/// that is not batched writes a line.
+std::int64_t sizeLimit(Date at) {
+    static std::atomic<std::int64_t> lookedUp{-1};
+    static std::atomic<std::int64_t> limit{kUnlimited};
+    const std::int64_t second = at.microseconds / 1'000'000;
+    if (lookedUp.exchange(second) != second) limit = configuredSizeLimit();
+    return limit;
+}
+
+bool full(const LogFile& file, std::int64_t limit) {
+    if (limit == kUnlimited) return false;
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(file.path, error);
+    return !error && size >= static_cast<std::uintmax_t>(limit);
+}
+
+bool expired(const LogFile& file, Date at) {
+    const bool old = file.created && at.microseconds - file.created->microseconds > kLifetimeMicroseconds;
+    return old || full(file, sizeLimit(at));
+}
+
+/// The file created last of those younger than a day that still have room; the others are deleted.
 std::optional<LogFile> currentLogFile(std::vector<LogFile> files, Date at) {
     std::optional<LogFile> chosen;
     for (LogFile& file : files) {
@@ -111,9 +141,10 @@ std::optional<LogFile> createLogFile(const std::string& directory, Date at) {
 }
 
 void append(const LogFile& file, std::string_view message, Date at) {
-    // A message is several lines where it holds JSON printed for reading; no other control character passes.
-    const std::string line =
-        fmt::format("({}) {}\n", platform::description(at), platform::escapedControls(message, "\n\t"));
+    // An answer that is JSON stands as it was given, over several lines where it is printed for reading: JSON
+    // holds DEL and what is above ASCII as they are. What may not stand in JSON may not stand here either.
+    const std::string line = fmt::format("({}) {}\n", platform::description(at),
+                                         platform::escapedAsciiControls(message, "\n\t\x7f"));
     if (platform::appendToFile(file.path, line) == platform::AppendResult::WriteFailed)
         deleteLogFile(file);
     else

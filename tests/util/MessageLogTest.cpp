@@ -4,6 +4,7 @@
 #include "platform/base/FileManager.h"
 #include "tests/support/RootFixture.h"
 
+#include <algorithm>
 #include <sstream>
 #include <thread>
 
@@ -68,9 +69,9 @@ TEST_F(MessageLogTest, TheFirstMessageMakesFolderAndFile) {
     EXPECT_EQ(logged("<6>writeToLogFile: Created new quorvaned log file " + path(kFirst) + " ("), 1u);
     EXPECT_EQ(logged("<6>writeToLogFile: Saved log message to " + path(kFirst)), 2u);
 
-    writeToLogFile("{\n\t\"a\": 1\n}\0\r\x1b[31m"sv);
-    EXPECT_THAT(text(kFirst), testing::EndsWith(") {\n\t\"a\": 1\n}\\x00\\r\\x1b[31m\n"))
-        << "only line ends and tabs pass raw";
+    writeToLogFile("{\n\t\"a\": \"\x7f\u009b\"\n}\0\r\x1b[31m"sv);
+    EXPECT_THAT(text(kFirst), testing::EndsWith(") {\n\t\"a\": \"\x7f\u009b\"\n}\\x00\\r\\x1b[31m\n"))
+        << "only what may stand in JSON passes raw";
 }
 
 TEST_F(MessageLogTest, AFileLivesForADayAndIsThenReplaced) {
@@ -90,6 +91,26 @@ TEST_F(MessageLogTest, AFileLivesForADayAndIsThenReplaced) {
     EXPECT_EQ(logged("<6>writeToLogFile: Deleted expired quorvaned log file " + path(kFirst) + " (" +
                      platform::description(birth) + ")"),
               1u);
+}
+
+TEST_F(MessageLogTest, AFileThatReachedItsSizeIsReplaced) {
+    write("etc/quorvane/defaults/com.velmora.quorvane.toml", "message_log_bytes = 64\n");
+    moveClock({clockMicroseconds + 10'000'000});
+    const std::string name = fmt::format("quorvaned_{}_messageLog.diag", clockMicroseconds / 1'000'000);
+    writeToLogFile("one");
+    writeToLogFile("{}", std::string(64, 'x'));
+    EXPECT_EQ(std::ranges::count(text(name), '\n'), 2) << "there was room when it came";
+    EXPECT_EQ(logged("Deleted expired"), 0u);
+    writeToLogFile("three");
+    EXPECT_THAT(files(), ElementsAre(name));
+    EXPECT_THAT(text(name), testing::MatchesRegex("\\(.*\\) three\n"));
+    EXPECT_EQ(logged("<6>writeToLogFile: Deleted expired quorvaned log file " + path(name)), 1u);
+
+    write("etc/quorvane/defaults/com.velmora.quorvane.toml", "message_log_bytes = \"64\"\n");
+    moveClock({clockMicroseconds + 1'000'000});
+    for (int i = 0; i < 3; ++i) writeToLogFile("{}", std::string(64, 'x'));
+    EXPECT_EQ(std::ranges::count(text(name), '\n'), 4) << "no limit";
+    EXPECT_EQ(logged(": message_log_bytes: a number is expected"), 1u);
 }
 
 TEST_F(MessageLogTest, OfTwoFilesTheOneCreatedLastIsKept) {
