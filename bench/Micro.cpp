@@ -6,6 +6,7 @@
 #include "platform/bus/BusValue.h"
 #include "platform/formats/Json.h"
 #include "platform/formats/PropertyList.h"
+#include "platform/value/Bytes.h"
 #include "util/Compression.h"
 
 #include <benchmark/benchmark.h>
@@ -110,8 +111,7 @@ std::string xmlOf(int entries) {
 /// In seconds.
 double timeToParse(std::string_view xml) {
     const auto start = std::chrono::steady_clock::now();
-    benchmark::DoNotOptimize(
-        platform::parsePropertyList({reinterpret_cast<const std::uint8_t*>(xml.data()), xml.size()}));
+    benchmark::DoNotOptimize(platform::parsePropertyList(platform::bytesOf(xml)));
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 

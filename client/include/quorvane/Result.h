@@ -28,7 +28,12 @@ struct Error {
     std::string message;  ///< For people, in English, one line.
 };
 
-/// What a call came to: a value or an error.
+/// What a call came to: a value or an error. Must be looked at; who does not mind an error says so with
+/// static_cast<void>().
+///
+///     Result<Client> client = Client::connect();
+///     if (!client) return report(client.error().message);
+///     use(*client);
 template <typename T>
 class [[nodiscard]] Result {
   public:
