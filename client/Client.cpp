@@ -242,8 +242,11 @@ Result<bool> Client::uploadFile(const std::string& path,
             return ::sd_bus_message_append(message, "ss", client::fileURL(file.path).c_str(), token->c_str());
         },
         readBoolean, timeout);
-    // The daemon sends RemoveFile before its answer, so it has been handled by now.
-    _implementation->lentFiles.forget(*token);
+    // The daemon sends RemoveFile before its answer, so with an answer it has been handled by now.
+    if (!uploaded && uploaded.error().code == ErrorCode::TimedOut)
+        _implementation->lentFiles.keepLate(*token);
+    else
+        _implementation->lentFiles.forget(*token);
     if (uploaded) report(UploadProgress::Step::Finished);
     return uploaded;
 }

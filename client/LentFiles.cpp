@@ -64,6 +64,15 @@ void LentFiles::forget(const std::string& token) {
     _files.erase(token);
 }
 
+void LentFiles::keepLate(const std::string& token) {
+    constexpr std::size_t most = 16;
+    const MutexLock lock(_mutex);
+    _late.push_back(token);
+    if (_late.size() <= most) return;
+    _files.erase(_late.front());
+    _late.pop_front();
+}
+
 bool LentFiles::removeFile(const std::string& token) {
     const MutexLock lock(_mutex);
     const auto at = _files.find(token);

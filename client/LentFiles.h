@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,6 +35,9 @@ class LentFiles {
   public:
     void add(const std::string& token, std::shared_ptr<const OpenFile> file);
     void forget(const std::string& token);
+    /// Keeps the token of an upload that timed out: the daemon goes on with it and may still ask for the
+    /// removal. Only the latest few are kept, since each holds two descriptors.
+    void keepLate(const std::string& token);
 
     /// Removes the file that the token was issued for, provided that its name still leads to it. False when
     /// nothing was removed.
@@ -42,6 +46,7 @@ class LentFiles {
   private:
     platform::Mutex _mutex;
     std::map<std::string, std::shared_ptr<const OpenFile>> _files GUARDED_BY(_mutex);
+    std::deque<std::string> _late GUARDED_BY(_mutex);
 };
 
 }  // namespace quorvane::client

@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
+#include <future>
 
 namespace quorvane::test {
 namespace {
@@ -115,6 +117,20 @@ TEST(Upload, KeepsTheFileWhenNotAskedOrAskedForAnother) {
     });
     EXPECT_EQ(*client.uploadFile(file.string()), false);
     EXPECT_TRUE(fs::exists(file));
+}
+
+TEST(Upload, RemovesTheFileAlsoWhenTheAnswerComesTooLate) {
+    UploadPeer uploads;
+    Client client = connectTo(uploads.peer);
+    const fs::path file = uploads.peer.folder() / "log";
+    writeFile(file, "x");
+    std::promise<void> late;
+    uploads.onPeer([&] { uploads.whileUploading = [&] { late.get_future().wait(); }; });
+    const auto uploaded = client.uploadFile(file.string(), nullptr, std::chrono::seconds(1));
+    EXPECT_EQ(uploaded.error().code, ErrorCode::TimedOut);
+    EXPECT_TRUE(fs::exists(file));
+    late.set_value();
+    EXPECT_TRUE(eventually([&] { return !fs::exists(file); }));
 }
 
 TEST(Upload, NeverRemovesWhatHasTakenTheFilesPlace) {

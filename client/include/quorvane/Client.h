@@ -106,8 +106,9 @@ class Client {
                                            Timeout timeout = std::chrono::seconds(30));
 
     /// Lends the regular file at the path to the daemon, which uploads it and answers whether a backend took
-    /// it. When a server asks for it, the file is removed afterwards, provided the path still names it. The
-    /// progress function, if any, runs on the calling thread.
+    /// it. When a server asks for it, the file is removed afterwards, provided the path still names it; so it
+    /// may be, while the client lives, after a time-out. The progress function, if any, runs on the calling
+    /// thread.
     Result<bool> uploadFile(const std::string& path,
                             const std::function<void(const UploadProgress&)>& progress = nullptr,
                             Timeout timeout = kNoTimeout);
