@@ -4,13 +4,15 @@
 #include <array>
 #include <cstdint>
 #include <limits>
-#include <optional>
 #include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
 
 namespace quorvane::collector {
+
+using platform::failure;
+using platform::Result;
 
 namespace {
 
@@ -87,43 +89,43 @@ std::string_view described(Shape shape) {
     return "";
 }
 
-/// What is wrong with the record; nothing when nothing is.
-std::optional<std::string> faultOfRecord(const Value& event, const RemovedKeys& removed) {
+Result<void> checkRecord(const Value& event, const RemovedKeys& removed) {
     const Dictionary* record = event.dictionary();
-    if (record == nullptr) return "is no object";
+    if (record == nullptr) return failure("is no object");
     for (const RecordKey& key : kRecordKeys) {
         const Value* value = record->find(key.name);
-        if (value == nullptr && !removed.contains(key.name)) return fmt::format("has no '{}'", key.name);
+        if (value == nullptr && !removed.contains(key.name))
+            return failure(fmt::format("has no '{}'", key.name));
         if (value != nullptr && !hasShape(*value, key.shape))
-            return fmt::format("has a '{}' that is not {}", key.name, described(key.shape));
+            return failure(fmt::format("has a '{}' that is not {}", key.name, described(key.shape)));
     }
-    return std::nullopt;
+    return {};
 }
 
-std::optional<std::string_view> faultOfEnvelope(const Dictionary* envelope) {
-    if (envelope == nullptr) return "the message is no object";
+Result<void> checkTopLevel(const Dictionary* envelope) {
+    if (envelope == nullptr) return failure("the message is no object");
     const Value* postTime = envelope->find("postTime");
-    if (postTime == nullptr || !isNumber(*postTime)) return "'postTime' is not a number";
+    if (postTime == nullptr || !isNumber(*postTime)) return failure("'postTime' is not a number");
     if (envelope->contains("clientId") != envelope->contains("events"))
-        return "'clientId' and 'events' come together or not at all";
-    if (!envelope->contains("events")) return std::nullopt;
-    if (envelope->string("clientId") == nullptr) return "'clientId' is not a text";
-    if (envelope->array("events") == nullptr) return "'events' is not an array";
-    return std::nullopt;
+        return failure("'clientId' and 'events' come together or not at all");
+    if (!envelope->contains("events")) return {};
+    if (envelope->string("clientId") == nullptr) return failure("'clientId' is not a text");
+    if (envelope->array("events") == nullptr) return failure("'events' is not an array");
+    return {};
 }
 
 }  // namespace
 
-std::variant<EventEnvelope, EnvelopeFault> checkEnvelope(Value message, const RemovedKeys& removed) {
+Result<EventEnvelope> checkEnvelope(Value message, const RemovedKeys& removed) {
     Dictionary* envelope = message.dictionary();
-    if (const auto fault = faultOfEnvelope(envelope)) return EnvelopeFault{std::string(*fault)};
+    if (const auto checked = checkTopLevel(envelope); !checked) return failure(checked.error().message);
     EventEnvelope result;
     result.postTime = envelope->find("postTime")->real();
     result.clientID = envelope->text("clientId").value_or("");
     if (Value* events = envelope->find("events")) result.events = std::move(*events->array());
     for (std::size_t index = 0; index < result.events.size(); ++index)
-        if (const auto fault = faultOfRecord(result.events[index], removed))
-            return EnvelopeFault{fmt::format("event {} {}", index, *fault)};
+        if (const auto checked = checkRecord(result.events[index], removed); !checked)
+            return failure(fmt::format("event {} {}", index, checked.error().message));
     return result;
 }
 

@@ -77,15 +77,13 @@ Response EventPosts::take(const PostFacts& facts, std::string_view message) {
     const Permit permit(_parsers);
     auto parsed = platform::parseJson(message);
     if (!parsed) return refused(facts, "the message is not JSON, holds null or nests too deep");
-    auto checked = checkEnvelope(*std::move(parsed), _removed);
-    if (const auto* fault = std::get_if<EnvelopeFault>(&checked)) return refused(facts, fault->reason);
-
-    const auto& envelope = std::get<EventEnvelope>(checked);
-    const auto lines = linesOf(facts, envelope);
+    const auto envelope = checkEnvelope(*std::move(parsed), _removed);
+    if (!envelope) return refused(facts, envelope.error().message);
+    const auto lines = linesOf(facts, *envelope);
     if (!lines) return refused(facts, "a text is not UTF-8");
     if (!lines->empty() && !_sink.append(*lines)) return refusal(503, "nothing can be stored");
-    platform::logInfo("{} from {}: {} events", facts.path, facts.peer, envelope.events.size());
-    return {.body = fmt::format("{{\"events\":{}}}", envelope.events.size())};
+    platform::logInfo("{} from {}: {} events", facts.path, facts.peer, envelope->events.size());
+    return {.body = fmt::format("{{\"events\":{}}}", envelope->events.size())};
 }
 
 }  // namespace quorvane::collector
