@@ -6,7 +6,6 @@
 namespace quorvane {
 
 using platform::logDebug;
-using platform::MutexLock;
 
 namespace {
 
@@ -36,7 +35,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
         batchEvent(std::move(event));
         return std::nullopt;
     }
-    if (state() == BackendState::Enabled && !batchEvents() && holdsEvents()) {
+    if (state() == BackendState::Enabled && !batchEvents() && !_batch.isEmpty()) {
         logDebug(
             "HTTPSPostBackend(sendMessage): Backend has changed its state to 'Enabled', batching is not requested and some events have already been batched. Forcing Flush here to keep events in order.");
         flush(nullptr);
@@ -57,14 +56,9 @@ bool HTTPSPostBackend::mustHold(MessageFlag flag) const {
            batchEvents() || awaitsUserInfo();
 }
 
-bool HTTPSPostBackend::holdsEvents() const {
-    const MutexLock lock(_lock);
-    return _batchedEvents && !_batchedEvents->empty();
-}
-
 void HTTPSPostBackend::batchEvent(Dictionary event) {
     const std::int64_t method = event.integer("_method");
-    std::int32_t count = openBatch(method);
+    std::int32_t count = _batch.open(method);
     if (count > _eventThreshold) {
         logDebug(
             "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
@@ -72,38 +66,16 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
         flush(nullptr);
         count = 0;
     }
-    if (hold(event, method, count + 1)) return;
+    // A flush that posted closed the batch, and the record that caused it is lost with it, on purpose.
+    if (_batch.hold(event, method, count + 1)) return;
     // What is held may be posted to make room.
     flush(nullptr);
-    count = openBatch(method);
-    if (!hold(event, method, count + 1)) warnOfDrop();
+    count = _batch.open(method);
+    if (!_batch.hold(event, method, count + 1)) dropEvent();
 }
 
-std::int32_t HTTPSPostBackend::openBatch(std::int64_t method) {
-    const MutexLock lock(_lock);
-    if (!_batchedEvents) _batchedEvents.emplace();
-    const auto held = _eventMethodCounts.find(method);
-    return held != _eventMethodCounts.end() ? held->second : 0;
-}
-
-/// False, and the event stays the caller's, when there is no room for it.
-bool HTTPSPostBackend::hold(Dictionary& event, std::int64_t method, std::int32_t count) {
-    const std::size_t bytes = sizeof(Value) + platform::heldBytes(event);
-    const MutexLock lock(_lock);
-    // A flush that posted took the batch away, and the record that caused it goes with it, on purpose.
-    if (_batchedEvents) {
-        if (!_heldBytes.add(bytes)) return false;
-        _batchedEvents->emplace_back(std::move(event));
-    }
-    _eventMethodCounts[method] = count;
-    return true;
-}
-
-void HTTPSPostBackend::warnOfDrop() {
-    {
-        const MutexLock lock(_lock);
-        if (std::exchange(_dropWarned, true)) return;
-    }
+void HTTPSPostBackend::dropEvent() {
+    if (!_batch.noteDrop()) return;
     platform::logWarning("HTTPSPostBackend(batchEvent): {} has no room to hold further events and drops them",
                          name());
 }
@@ -115,21 +87,11 @@ QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
 }
 
 void HTTPSPostBackend::flush(Answer* prettyJson) {
-    if (!holdsEvents() || state() != BackendState::Enabled || awaitsUserInfo()) return;
+    if (_batch.isEmpty() || state() != BackendState::Enabled || awaitsUserInfo()) return;
     logDebug("HTTPSPostBackend(flushMessages): called");
-    Array events = takeBatch();
+    Array events = _batch.take();
     addUserInfo(events);
     post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson);
-}
-
-Array HTTPSPostBackend::takeBatch() {
-    const MutexLock lock(_lock);
-    Array events = std::move(*_batchedEvents);
-    _batchedEvents.reset();
-    _eventMethodCounts.clear();
-    _heldBytes.clear();
-    _dropWarned = false;
-    return events;
 }
 
 void HTTPSPostBackend::addUserInfo(Array& events) const {
@@ -147,9 +109,7 @@ void HTTPSPostBackend::addUserInfo(Array& events) const {
 
 void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSessionID) {
     setCombinedSessionIDString(combinedSessionID);
-    const MutexLock lock(_lock);
-    if (!_batchedEvents) return;
-    for (Value& event : *_batchedEvents) event.dictionary()->set("_sessionID", combinedSessionID);
+    _batch.setSessionID(combinedSessionID);
 }
 
 void HTTPSPostBackend::post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,

@@ -1,16 +1,16 @@
 #pragma once
 
+#include "backends/EventBatch.h"
 #include "backends/EventFilters.h"
-#include "backends/HeldBytes.h"
+#include "backends/PostTargets.h"
 #include "backends/QuorvaneBackend.h"
+#include "backends/ReportingRules.h"
 #include "platform/http/HttpSession.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace quorvane {
@@ -50,22 +50,20 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     /// Takes the post URLs of a client entry where no user default is in force; whether the entry supplied
     /// the ordinary one.
-    bool updatePostLink(const Dictionary& entry);
+    bool updatePostLink(const Dictionary& entry) { return _targets.update(entry); }
 
-    const OptionalString& postURL() const { return _postURL; }
-    void setPostURL(OptionalString postURL) { _postURL = std::move(postURL); }
+    const OptionalString& postURL() const { return _targets.postURL(); }
+    void setPostURL(OptionalString postURL) { _targets.setPostURL(std::move(postURL)); }
 
   private:
     HTTPSPostBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
                      const OptionalString& productFamily);
 
     // The state: UpdateBackendState.cpp.
+    ReportingFacts reportingFacts() const;
     void applyExpedite(const Dictionary& entry);
-    BackendState stateWithoutUserInfo(const Array& clients);
-    bool consentAllows(const Dictionary& entry);
-    bool deviceAllows(const Dictionary& entry) const;
-    bool readFilters(const Dictionary& entry);
-    BackendState sampledState(const Dictionary& entry);
+    void takeFirstTargets(const Array& clients);
+    void applyEntry(const ReportingDecision& decision, const ReportingFacts& facts);
     void readEventThreshold(const Dictionary& entry);
     void readExtrasOnInternal(const Dictionary& entry);
 
@@ -79,12 +77,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     // Sending, holding and flushing: EventBatching.cpp.
     bool awaitsUserInfo() const { return requireUserInfo() && userInfoDict() == nullptr; }
     bool mustHold(MessageFlag flag) const;
-    bool holdsEvents() const;
     void batchEvent(Dictionary event);
-    std::int32_t openBatch(std::int64_t method);
-    bool hold(Dictionary& event, std::int64_t method, std::int32_t count);
-    void warnOfDrop();
-    Array takeBatch();
+    void dropEvent();
     void addUserInfo(Array& events) const;
     /// Both write the posted text where it is asked for: it costs as much as the message itself.
     void flush(Answer* prettyJson);
@@ -100,15 +94,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
                          std::optional<std::uint16_t> responseCode);
     void postCompleted(const std::string& name, const platform::HttpResult& result);
 
-    /// How a consent override stands; the numbers are what session-stop events report.
-    enum class DnuType : std::int32_t { None = 0, OverriddenWithoutConsent = 1, OverriddenWithConsent = 2 };
-
     static constexpr std::int32_t kDefaultEventThreshold = 49;
 
-    OptionalString _postURL;
-    bool _useDefaultPostURL;  ///< the URL is the user default's, so client entries do not change it
-    OptionalString _realtimePostURL;
-    bool _useDefaultRealtimePostURL;
+    PostTargets _targets;
     EventFilters _filters;
     const bool _dnuEnabled;  ///< the user's consent to the submission of diagnostics
     DnuType _dnuType = DnuType::None;
@@ -117,14 +105,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     std::optional<Value> _overrideSampling;
     const std::string _uuidRespectDnu;
     const std::string _uuidOverrideDnu;
-
-    /// Nothing, rather than empty, once a flush has taken the records.
-    std::optional<Array> _batchedEvents GUARDED_BY(_lock);
-    std::unordered_map<std::int64_t, std::int32_t> _eventMethodCounts GUARDED_BY(_lock);
-    /// Estimated. A record that has no room and cannot be posted is dropped, with one warning until the batch
-    /// is emptied: a client whose backend never gets to report would otherwise fill the memory.
-    HeldBytes _heldBytes GUARDED_BY(_lock);
-    bool _dropWarned GUARDED_BY(_lock) = false;
+    EventBatch _batch;
 };
 
 }  // namespace quorvane

@@ -95,7 +95,7 @@ QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
 
 void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
                                        std::optional<std::uint16_t> responseCode) {
-    const OptionalString& url = isRealtime(flag) ? _realtimePostURL : _postURL;
+    const OptionalString& url = isRealtime(flag) ? _targets.realtimePostURL() : _targets.postURL();
     if (!url) return;
 
     // A failed compression counts as the shorter form and goes out as an empty body.

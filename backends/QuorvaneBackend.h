@@ -1,5 +1,6 @@
 #pragma once
 
+#include "backends/BackendState.h"
 #include "platform/base/Clock.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/value/Value.h"
@@ -16,9 +17,6 @@ namespace quorvane {
 
 enum class EventID : std::uint16_t {};
 enum class MessageFlag : std::uint32_t {};
-
-/// Whether a backend reports. Parent synchronisation leaves SampledOut alone.
-enum class BackendState : std::int32_t { WaitingForUserInfo = 0, Disabled = 1, Enabled = 2, SampledOut = 3 };
 
 /// The base of every reporting backend: the facts of its session and the operations that a session calls. The
 /// base's own delivery operations do nothing.

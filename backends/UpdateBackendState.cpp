@@ -1,7 +1,10 @@
 #include "backends/HTTPSPostBackend.h"
+#include "backends/ReportingRules.h"
 #include "framework/Keys.h"
 #include "platform/base/Log.h"
 #include "platform/device/Locale.h"
+
+#include <cassert>
 
 namespace quorvane {
 
@@ -9,41 +12,6 @@ using platform::logDebug;
 using platform::orNull;
 
 namespace {
-
-/// The texts between the commas, as they stand; empty for a missing text.
-Array commaSeparated(const std::string* text) {
-    Array parts;
-    if (text == nullptr) return parts;
-    std::string_view rest = *text;
-    for (auto comma = rest.find(','); comma != std::string_view::npos; comma = rest.find(',')) {
-        parts.emplace_back(rest.substr(0, comma));
-        rest.remove_prefix(comma + 1);
-    }
-    parts.emplace_back(rest);
-    return parts;
-}
-
-bool matchClientNameAndServiceID(const Dictionary& entry, const std::string* clientName,
-                                 const std::string* serviceName) {
-    const Array clients = commaSeparated(entry.string("client"));
-    if (!matchExactStringWithList(&clients, clientName, true)) return false;
-    const Array services = commaSeparated(entry.string("service"));
-    return matchStringWithList(&services, serviceName, true);
-}
-
-const Dictionary* firstMatchingClient(const Array& clients, const std::string* clientName,
-                                      const std::string* serviceName) {
-    for (const Value& client : clients) {
-        const Dictionary* entry = client.dictionary();
-        if (entry != nullptr && matchClientNameAndServiceID(*entry, clientName, serviceName)) return entry;
-    }
-    return nullptr;
-}
-
-std::optional<Value> numberUnder(const Dictionary& entry, std::string_view key) {
-    const Value* value = entry.find(key);
-    return value != nullptr && value->isNumber() ? std::optional(*value) : std::nullopt;
-}
 
 std::int32_t integerUnder(const Dictionary& entry, std::string_view key) {
     return static_cast<std::int32_t>(entry.integer(key));
@@ -55,45 +23,48 @@ const Value& printable(const Value* list) {
     return list != nullptr ? *list : absent;
 }
 
-const std::string* pointerTo(const std::optional<std::string>& text) {
-    return text ? &*text : nullptr;
-}
-
-/// A device without a country code passes any list; an entry without a list passes no device.
-bool localeAllows(const Dictionary& entry) {
-    const std::optional<std::string> country = platform::currentCountryCode();
-    if (matchStringWithList(entry.array("locale_whitelist"), pointerTo(country), false)) return true;
-    logDebug("HTTPSPostBackend(updateBackendState): ({}) isn't in locale list {}", orNull(country),
-             printable(entry.find("locale_whitelist")));
-    return false;
+/// Writes the line of a rule that keeps the backend from reporting, where the rule has one.
+void logRefusal(const ReportingDecision& decision, const ReportingFacts& facts) {
+    switch (decision.reason) {
+        case ReportingReason::NoConsent:
+            logDebug("HTTPSPostBackend(updateBackendState): reporting disabled by DNU: {}.",
+                     decision.entry->integer("override_dnu"));
+            break;
+        case ReportingReason::CountryNotListed:
+            logDebug("HTTPSPostBackend(updateBackendState): ({}) isn't in locale list {}",
+                     orNull(facts.country), printable(decision.entry->find("locale_whitelist")));
+            break;
+        case ReportingReason::DeviceNotListed:
+            logDebug("HTTPSPostBackend(updateBackendState): ({}) isn't in device list {}",
+                     orNull(facts.productFamily), printable(decision.entry->find("device_whitelist")));
+            break;
+        case ReportingReason::NoFilters:
+            platform::logWarning("HTTPSPostBackend(updateBackendState): filters are required.");
+            break;
+        default:
+            break;
+    }
 }
 
 }  // namespace
 
 BackendState HTTPSPostBackend::updateBackendState() {
     const Array* clients = profile()->array("clients");
-    if (clients == nullptr) return BackendState::Disabled;
+    const ReportingFacts facts = reportingFacts();
+    const ReportingDecision decision = decideReporting(clients, facts);
+    if (decision.entry != nullptr) applyExpedite(*decision.entry);
+    if (decision.reason == ReportingReason::NoRuleApplies) takeFirstTargets(*clients);
+    if (decision.judgedEntry()) applyEntry(decision, facts);
+    return decision.state;
+}
 
-    const Dictionary* user = userInfoDict().get();
-    const std::string* clientName = user != nullptr ? user->string(kQuorvaneUserInfoClientName) : nullptr;
-    const std::string* serviceName = user != nullptr ? user->string(kQuorvaneUserInfoServiceName) : nullptr;
-    const Dictionary* entry = firstMatchingClient(*clients, clientName, serviceName);
-
-    if (entry != nullptr) applyExpedite(*entry);
-    if (!requireUserInfo()) return stateWithoutUserInfo(*clients);
-    if (user == nullptr) return BackendState::WaitingForUserInfo;
-    if (entry == nullptr) return BackendState::Disabled;
-
-    setHierarchy(integerUnder(*entry, "hierarchy"));
-    if (!consentAllows(*entry) || !localeAllows(*entry) || !deviceAllows(*entry) || !readFilters(*entry))
-        return BackendState::Disabled;
-    const BackendState state = sampledState(*entry);
-    readEventThreshold(*entry);
-    readExtrasOnInternal(*entry);
-    logDebug("HTTPSPostBackend(updateBackendState): {}: client found {}, state? {}, {:f}", name(),
-             orNull(clientName), static_cast<int>(state), samplingFactor());
-    updatePostLink(*entry);
-    return state;
+ReportingFacts HTTPSPostBackend::reportingFacts() const {
+    return {.userInfo = userInfoDict().get(),
+            .requireUserInfo = requireUserInfo(),
+            .consent = _dnuEnabled,
+            .country = platform::currentCountryCode(),
+            .productFamily = productFamily(),
+            .draw = samplingFactor()};
 }
 
 void HTTPSPostBackend::applyExpedite(const Dictionary& entry) {
@@ -102,53 +73,34 @@ void HTTPSPostBackend::applyExpedite(const Dictionary& entry) {
     logDebug("HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent={:d}", batchEvents());
 }
 
-BackendState HTTPSPostBackend::stateWithoutUserInfo(const Array& clients) {
+void HTTPSPostBackend::takeFirstTargets(const Array& clients) {
     for (const Value& client : clients) {
         const Dictionary* entry = client.dictionary();
         if (entry == nullptr || !updatePostLink(*entry)) continue;
         readExtrasOnInternal(*entry);
         break;
     }
-    return BackendState::Enabled;
 }
 
-bool HTTPSPostBackend::consentAllows(const Dictionary& entry) {
-    const std::int64_t override = entry.integer("override_dnu");
-    if (override == 1) {
-        _dnuType = _dnuEnabled ? DnuType::OverriddenWithConsent : DnuType::OverriddenWithoutConsent;
-        return true;
-    }
-    _dnuType = DnuType::None;
-    if (!_dnuEnabled)
-        logDebug("HTTPSPostBackend(updateBackendState): reporting disabled by DNU: {}.", override);
-    return _dnuEnabled;
-}
+/// What the rules did not come to keeps the value that an earlier entry gave it.
+void HTTPSPostBackend::applyEntry(const ReportingDecision& decision, const ReportingFacts& facts) {
+    assert(decision.entry != nullptr);
+    const Dictionary& entry = *decision.entry;
+    setHierarchy(integerUnder(entry, "hierarchy"));
+    _dnuType = dnuTypeUnder(entry, facts.consent);
+    logRefusal(decision, facts);
+    if (!decision.settledBySampling()) return;
 
-bool HTTPSPostBackend::deviceAllows(const Dictionary& entry) const {
-    if (matchStringWithList(entry.array("device_whitelist"), pointerTo(productFamily()), true)) return true;
-    logDebug("HTTPSPostBackend(updateBackendState): ({}) isn't in device list {}", orNull(productFamily()),
-             printable(entry.find("device_whitelist")));
-    return false;
-}
-
-bool HTTPSPostBackend::readFilters(const Dictionary& entry) {
-    const Array* filters = entry.array("filters");
-    if (filters == nullptr) {
-        platform::logWarning("HTTPSPostBackend(updateBackendState): filters are required.");
-        return false;
-    }
-    _filters.createFiltersFromArray(*filters);
-    return true;
-}
-
-BackendState HTTPSPostBackend::sampledState(const Dictionary& entry) {
-    const std::optional<Value> threshold = numberUnder(entry, "sampling_threshold");
-    setSamplingThreshold(threshold);
-    if (!threshold) return BackendState::Disabled;
-    if (samplingFactor() <= threshold->real()) return BackendState::Enabled;
-    _overrideSampling = numberUnder(entry, "override_sampling");
-    const bool beyondOverride = _overrideSampling && samplingFactor() > _overrideSampling->real();
-    return beyondOverride ? BackendState::Disabled : BackendState::SampledOut;
+    _filters.createFiltersFromArray(*entry.array("filters"));
+    setSamplingThreshold(numberUnder(entry, "sampling_threshold"));
+    if (decision.reason > ReportingReason::BelowThreshold)
+        _overrideSampling = numberUnder(entry, "override_sampling");
+    readEventThreshold(entry);
+    readExtrasOnInternal(entry);
+    logDebug("HTTPSPostBackend(updateBackendState): {}: client found {}, state? {}, {:f}", name(),
+             orNull(facts.userInfo->string(kQuorvaneUserInfoClientName)), static_cast<int>(decision.state),
+             facts.draw);
+    updatePostLink(entry);
 }
 
 void HTTPSPostBackend::readEventThreshold(const Dictionary& entry) {

@@ -1,3 +1,4 @@
+#include "backends/ReportingRules.h"
 #include "tests/backends/BackendFixture.h"
 
 namespace quorvane {
@@ -87,6 +88,36 @@ TEST_F(UpdateBackendStateTest, SamplingComparesTheDrawWithBothThresholds) {
 
     platform::replaceRandomDraw([] { return 0.25; });
     EXPECT_EQ(enabledBackend()->samplingFactor(), 0.25);
+}
+
+TEST_F(UpdateBackendStateTest, TheRulesTellWhatDecidedWithoutABackend) {
+    const auto user = userInfo();
+    const ReportingFacts reporting{
+        .userInfo = user.get(), .requireUserInfo = true, .consent = true, .country = "US", .draw = 0.5};
+    const auto reasonFor = [&](const Dictionary& entry, auto&&... changes) {
+        ReportingFacts facts = reporting;
+        (changes(facts), ...);
+        const Array clients{Value("no entry"), Value(entry)};
+        return decideReporting(&clients, facts).reason;
+    };
+    using Reason = ReportingReason;
+    const Dictionary entry = permissiveEntry();
+    EXPECT_EQ(decideReporting(nullptr, reporting).reason, Reason::NoClientList);
+    EXPECT_EQ(reasonFor({}, [](auto& facts) { facts.requireUserInfo = false; }), Reason::NoRuleApplies);
+    EXPECT_EQ(reasonFor(entry, [](auto& facts) { facts.userInfo = nullptr; }), Reason::AwaitsUserInfo);
+    EXPECT_EQ(reasonFor({{"client", "Maps"}}), Reason::NoMatchingClient);
+    EXPECT_EQ(reasonFor(entry, [](auto& facts) { facts.consent = false; }), Reason::NoConsent);
+    EXPECT_EQ(reasonFor({}), Reason::CountryNotListed);
+    EXPECT_EQ(reasonFor(entryWith("device_whitelist", Array{"Moss"}),
+                        [](auto& facts) { facts.productFamily = "Fernlight"; }),
+              Reason::DeviceNotListed);
+    EXPECT_EQ(reasonFor(entryWithout("filters")), Reason::NoFilters);
+    EXPECT_EQ(reasonFor(entryWithout("sampling_threshold")), Reason::NoSamplingThreshold);
+    EXPECT_EQ(reasonFor(entry), Reason::BelowThreshold);
+    EXPECT_EQ(reasonFor(entryWith("sampling_threshold", 0.1)), Reason::BetweenThresholds);
+    Dictionary overridden = entryWith("sampling_threshold", 0.1);
+    overridden.set("override_sampling", 0.4);
+    EXPECT_EQ(reasonFor(overridden), Reason::AboveThresholds);
 }
 
 TEST_F(UpdateBackendStateTest, TheMatchingEntrySetsTheBackendUp) {

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "platform/value/Value.h"
+
+#include <optional>
+#include <string>
+
+namespace quorvane {
+
+/// The URLs that an HTTPS backend posts to: the user defaults' where they are set, else its client entries'.
+/// Not thread-safe.
+class PostTargets {
+  public:
+    /// Takes the user defaults "httpsPostURL" and "httpsRealtimePostURL".
+    PostTargets();
+
+    /// Takes the entry's URLs where no user default is in force; whether it supplied the ordinary one.
+    bool update(const Dictionary& entry);
+
+    const std::optional<std::string>& postURL() const { return _postURL; }
+    void setPostURL(std::optional<std::string> postURL) { _postURL = std::move(postURL); }
+    const std::optional<std::string>& realtimePostURL() const { return _realtimePostURL; }
+
+  private:
+    std::optional<std::string> _postURL;
+    bool _useDefaultPostURL;  ///< the URL is the user default's, so client entries do not change it
+    std::optional<std::string> _realtimePostURL;
+    bool _useDefaultRealtimePostURL;
+};
+
+}  // namespace quorvane
