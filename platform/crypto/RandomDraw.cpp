@@ -1,20 +1,26 @@
 #include "platform/crypto/RandomDraw.h"
 
+#include <unistd.h>
+
 #include <atomic>
-#include <cstdlib>
-#include <mutex>
+#include <cmath>
+#include <cstdint>
 
 namespace quorvane::platform {
 
 namespace {
 
-double nextOfGenerator() {
-    static std::mutex guard;
-    const std::scoped_lock lock(guard);
-    return ::drand48();
+/// As many bits as a double's mantissa holds, so that every draw is exact and none rounds up to 1.
+constexpr int kDrawBits = 53;
+
+double drawFromSystem() {
+    std::uint64_t bits = 0;
+    // Fails only where the kernel gives no random bytes at all.
+    if (::getentropy(&bits, sizeof bits) != 0) return 0;
+    return std::ldexp(static_cast<double>(bits >> (64 - kDrawBits)), -kDrawBits);
 }
 
-std::atomic<double (*)()> drawSource{nextOfGenerator};
+std::atomic<double (*)()> drawSource{drawFromSystem};
 
 }  // namespace
 
@@ -23,7 +29,7 @@ double randomDraw() {
 }
 
 void replaceRandomDraw(double (*source)()) {
-    drawSource = source != nullptr ? source : nextOfGenerator;
+    drawSource = source != nullptr ? source : drawFromSystem;
 }
 
 }  // namespace quorvane::platform

@@ -1,4 +1,5 @@
 #include "platform/crypto/Crypto.h"
+#include "platform/crypto/RandomDraw.h"
 
 #include "platform/value/Bytes.h"
 
@@ -106,6 +107,19 @@ TEST_F(RsaTest, BytesThatAreNoRsaKeyGiveNone) {
     const std::string_view text = "-----BEGIN PUBLIC KEY-----";
     for (const Data& bad : {longer, shorter, otherKind, Data(), Data(text.begin(), text.end())})
         EXPECT_EQ(RsaPublicKey::initWithDER(bad), nullptr) << hexOf(bad);
+}
+
+TEST(RandomDrawTest, DrawsAreSpreadEvenlyFromTheFirstOn) {
+    constexpr int kDraws = 10'000;
+    EXPECT_NE(randomDraw(), 0) << "what the unseeded generator begins with";
+    double sum = 0;
+    for (int draw = 0; draw < kDraws; ++draw) {
+        const double number = randomDraw();
+        ASSERT_GE(number, 0);
+        ASSERT_LT(number, 1);
+        sum += number;
+    }
+    EXPECT_NEAR(sum / kDraws, 0.5, 0.03) << "ten standard deviations";
 }
 
 }  // namespace
