@@ -95,8 +95,8 @@ QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
 
 void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
                                        std::optional<std::uint16_t> responseCode) {
-    const OptionalString& url = isRealtime(flag) ? _targets.realtimePostURL() : _targets.postURL();
-    if (!url) return;
+    const std::string* url = isRealtime(flag) ? _targets.realtime() : _targets.ordinary();
+    if (url == nullptr) return;
 
     // A failed compression counts as the shorter form and goes out as an empty body.
     Data compressed = gzipDeflate(message).value_or(Data());

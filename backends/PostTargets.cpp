@@ -1,11 +1,29 @@
 #include "backends/PostTargets.h"
 
 #include "platform/base/Log.h"
+#include "platform/value/Url.h"
 #include "util/DeviceFacts.h"
+
+#include <string_view>
 
 namespace quorvane {
 
 using platform::logDebug;
+
+namespace {
+
+void checkScheme(std::string_view key, const std::optional<std::string>& url) {
+    if (url && !platform::hasScheme(*url))
+        platform::logError(
+            "HTTPSPostBackend(updateBackendState): '{}' holds no URL with a scheme, nothing is posted to {}",
+            key, *url);
+}
+
+const std::string* sendable(const std::optional<std::string>& url) {
+    return url && platform::hasScheme(*url) ? &*url : nullptr;
+}
+
+}  // namespace
 
 PostTargets::PostTargets()
     : _postURL(daemonSetting("httpsPostURL")),
@@ -16,6 +34,8 @@ PostTargets::PostTargets()
     if (_realtimePostURL)
         logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for realtimePostURL",
                  *_realtimePostURL);
+    checkScheme("httpsPostURL", _postURL);
+    checkScheme("httpsRealtimePostURL", _realtimePostURL);
 }
 
 bool PostTargets::update(const Dictionary& entry) {
@@ -27,6 +47,7 @@ bool PostTargets::update(const Dictionary& entry) {
             _postURL = *url;
             supplied = true;
             logDebug("HTTPSPostBackend(updateBackendState): Storebag '{}' for postURL", *url);
+            checkScheme("post_url", _postURL);
         }
     }
     if (_useDefaultRealtimePostURL && _realtimePostURL) return supplied;
@@ -35,12 +56,21 @@ bool PostTargets::update(const Dictionary& entry) {
     if (const std::string* url = entry.string("realtime_post_url")) {
         _realtimePostURL = *url;
         logDebug("HTTPSPostBackend(updateBackendState): Storebag '{}' for realtimePostURL", *url);
+        checkScheme("realtime_post_url", _realtimePostURL);
     } else {
         _realtimePostURL = _postURL;
         logDebug("HTTPSPostBackend(updateBackendState): realtimePostURL defaults to postURL '{}'",
                  platform::orNull(_postURL));
     }
     return supplied;
+}
+
+const std::string* PostTargets::ordinary() const {
+    return sendable(_postURL);
+}
+
+const std::string* PostTargets::realtime() const {
+    return sendable(_realtimePostURL);
 }
 
 }  // namespace quorvane

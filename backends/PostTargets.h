@@ -19,7 +19,11 @@ class PostTargets {
 
     const std::optional<std::string>& postURL() const { return _postURL; }
     void setPostURL(std::optional<std::string> postURL) { _postURL = std::move(postURL); }
-    const std::optional<std::string>& realtimePostURL() const { return _realtimePostURL; }
+
+    /// The URL to post to; null when there is none or none with a scheme, which has cost an error line. Valid
+    /// until the targets change.
+    const std::string* ordinary() const;
+    const std::string* realtime() const;
 
   private:
     std::optional<std::string> _postURL;

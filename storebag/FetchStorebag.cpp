@@ -156,6 +156,11 @@ std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>
                                                 bool& notModified, std::optional<std::string>* lastModified) {
     const std::string url = storebagURL(name);
     logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
+    if (!platform::hasScheme(url)) {
+        logError(
+            "fetchStorebagWithName: 'quorvane_storebag_url' holds no URL with a scheme, nothing is fetched");
+        return unreachable(name, url, "the URL has no scheme");
+    }
 
     const platform::HttpResult result = platform::performDataTask(conditionalRequest(url, lastModified));
     if (result.error) return unreachable(name, url, *result.error);

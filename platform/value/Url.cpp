@@ -120,4 +120,9 @@ std::string serverOfUrl(std::string_view url) {
     return server;
 }
 
+bool hasScheme(std::string_view url) {
+    const std::size_t end = url.find("://");
+    return end != std::string_view::npos && isScheme(url.substr(0, end));
+}
+
 }  // namespace quorvane::platform

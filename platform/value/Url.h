@@ -27,4 +27,8 @@ bool isUrl(std::string_view text);
 /// port is left out. Empty for what has no "://".
 std::string serverOfUrl(std::string_view url);
 
+/// Whether the text begins with a scheme and "://". Without them, an HTTP client would take a host's name and
+/// guess that it is to be asked in clear.
+bool hasScheme(std::string_view url);
+
 }  // namespace quorvane::platform

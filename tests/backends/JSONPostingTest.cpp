@@ -135,6 +135,25 @@ TEST_F(JSONPostingTest, AFailedPostIsLoggedAndOutlivesItsBackend) {
     EXPECT_TRUE(test::within(std::chrono::seconds(10), [&] { return held.expired(); }));
 }
 
+TEST_F(JSONPostingTest, NothingGoesToAUrlWithoutAScheme) {
+    const test::RawServer clear("HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n");
+    const std::string bare = clear.url().substr(sizeof "http://" - 1);
+    auto backend = enabledBackend({{"post_url", bare}, {"realtime_post_url", _server->url("/now")}});
+    EXPECT_EQ(logged("<3>HTTPSPostBackend(updateBackendState): 'post_url' holds no URL with a scheme"), 1u);
+    send(*backend, {{"n", 1}});
+    send(*backend, {{"n", 2}}, 5, 0, 1);
+    EXPECT_EQ(takeOnlyRequest().target, "/now");
+    EXPECT_EQ(backend->state(), BackendState::Enabled) << "the server without TLS was not asked";
+
+    write("etc/quorvane/defaults/com.velmora.quorvane.toml", "httpsRealtimePostURL = \"" + bare + "\"\n");
+    backend = enabledBackend();
+    EXPECT_EQ(logged("<3>HTTPSPostBackend(updateBackendState): 'httpsRealtimePostURL' holds no URL"), 1u);
+    send(*backend, {}, 5, 0, 1);
+    EXPECT_TRUE(takeRequests().empty());
+    EXPECT_EQ(backend->state(), BackendState::Enabled);
+    EXPECT_EQ(logged("post error"), 0u);
+}
+
 TEST_F(JSONPostingTest, TellsThePrettyTextOnlyWithPlainConsent) {
     std::vector<std::string> clients;
     for (const auto& [consents, override, answers, opt] :

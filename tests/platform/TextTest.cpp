@@ -62,6 +62,9 @@ TEST(UrlTest, KnowsAUrlByItsCharacters) {
           "https://\xc3\xbc", "https://a\"b", "https://a\\b"})
         EXPECT_FALSE(isUrl(text)) << text;
     EXPECT_FALSE(isUrl(std::string("https://a\0b", 11)));
+    EXPECT_TRUE(hasScheme("HTTPS://host"));
+    for (const char* text : {"", "host/path", "host:80/a", "//host", "://host", "host/a://b"})
+        EXPECT_FALSE(hasScheme(text)) << text;
 }
 
 }  // namespace

@@ -61,6 +61,14 @@ class FetchStorebagTest : public StorebagFixture {
                           {"release", Dictionary{{"ossel", Dictionary{{"active", false}}}}}};
 };
 
+TEST_F(FetchStorebagTest, AServerWithoutASchemeIsAnErrorAndIsNotAsked) {
+    write("etc/quorvane/defaults/com.velmora.quorvane.toml",
+          "quorvane_storebag_url = \"127.0.0.1:1/bags\"\n");
+    EXPECT_FALSE(fetch().bag);
+    EXPECT_EQ(logged("<3>fetchStorebagWithName: 'quorvane_storebag_url' holds no URL with a scheme"), 1u);
+    EXPECT_EQ(logged("sendSynchronousRequest error the URL has no scheme"), 1u);
+}
+
 TEST_F(FetchStorebagTest, AVerifiedBagComesWithItsAgeAndDateWhateverTheStatus) {
     answer(signedBag(_bag), {{"Cache-Control", "public, max-age=600"}, {"Last-Modified", kMonday}});
     const Fetched fetched = fetch();
