@@ -2,93 +2,58 @@
 
 #include "platform/base/Log.h"
 #include "platform/base/Owned.h"
+#include "platform/base/Result.h"
 #include "platform/base/SettledOnce.h"
 #include "platform/base/ThreadAnnotations.h"
-#include "platform/base/UniqueDescriptor.h"
 
 #include <dlfcn.h>
-#include <elf.h>
-#include <fcntl.h>
-#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <map>
-#include <optional>
-#include <type_traits>
 #include <utility>
-#include <variant>
-#include <vector>
 
 #include <fmt/format.h>
 
 namespace quorvane {
 
+using platform::failure;
 using platform::logError;
 using platform::Mutex;
 using platform::MutexLock;
 using platform::Owned;
-using platform::UniqueDescriptor;
+using platform::Result;
 
 namespace {
-
-using Failure = std::optional<std::string>;
 
 using Library = Owned<void, ::dlclose>;
 
 constexpr const char* kSymbol = "quorvaneCodeBundle";
-constexpr unsigned char kNativeClass = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
 
-template <typename T>
-bool readAt(int file, std::uint64_t offset, std::span<T> into) {
-    return ::pread(file, into.data(), into.size_bytes(), static_cast<off_t>(offset)) ==
-           static_cast<ssize_t>(into.size_bytes());
+/// Root's files, and, for a daemon under a root folder of its own, those of the user who runs it.
+bool isTrusted(uid_t owner) {
+    return owner == 0 || owner == ::geteuid();
 }
 
-/// Whether the file ends before a segment of its does. dlopen() maps such a file all the same, and the first
-/// touch of what is not there ends the process. It refuses by itself what is no shared object.
-bool isCutShort(int file, std::uint64_t size) {
-    ElfW(Ehdr) header{};
-    const bool whole = readAt(file, 0, std::span(&header, 1));
-    if (!whole || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
-        header.e_ident[EI_CLASS] != kNativeClass)
-        return false;
-    std::vector<ElfW(Phdr)> segments(header.e_phnum);
-    if (!readAt(file, header.e_phoff, std::span(segments))) return true;
-    return std::any_of(segments.begin(), segments.end(), [size](const ElfW(Phdr) & segment) {
-        return segment.p_type == PT_LOAD &&
-               (segment.p_offset > size || segment.p_filesz > size - segment.p_offset);
-    });
-}
-
-Failure checkFile(const std::string& path) {
-    // Of a named pipe in the file's place the call does not wait for the other end.
-    const UniqueDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+/// The path, if what lies there is a file whose owner may run code in the daemon.
+Result<const char*> checkedPath(const std::string& path) {
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0) return std::strerror(errno);
-    if (!S_ISREG(status.st_mode)) return "it is no file";
-    if (isCutShort(file.get(), static_cast<std::uint64_t>(status.st_size))) return "the file is cut short";
-    return std::nullopt;
+    if (::stat(path.c_str(), &status) != 0) return failure(std::strerror(errno));
+    // dlopen() would wait for the other end of a named pipe.
+    if (!S_ISREG(status.st_mode)) return failure("it is no file");
+    if (!isTrusted(status.st_uid)) return failure(fmt::format("it belongs to user {}", status.st_uid));
+    return path.c_str();
 }
 
-/// The bundle that the library exports, or what is wrong with it.
-std::variant<const QuorvaneCodeBundle*, std::string> exportedBundle(void* library) {
-    const void* address = ::dlsym(library, kSymbol);
-    if (address == nullptr) return fmt::format("it exports no {}", kSymbol);
-    Dl_info info{};
-    void* entry = nullptr;
-    const bool known = ::dladdr1(address, &info, &entry, RTLD_DL_SYMENT) != 0 && entry != nullptr;
-    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
-    if (!known || ELF64_ST_TYPE(symbol->st_info) != STT_OBJECT || symbol->st_size < sizeof(std::uint32_t))
-        return fmt::format("its {} is no bundle", kSymbol);
-    const auto* bundle = static_cast<const QuorvaneCodeBundle*>(address);
+Result<const QuorvaneCodeBundle*> exportedBundle(void* library) {
+    const auto* bundle = static_cast<const QuorvaneCodeBundle*>(::dlsym(library, kSymbol));
+    if (bundle == nullptr) return failure(fmt::format("it exports no {}", kSymbol));
     if (bundle->version != QUORVANE_CODE_BUNDLE_VERSION)
-        return fmt::format("its version is {}, not {}", bundle->version, QUORVANE_CODE_BUNDLE_VERSION);
-    if (symbol->st_size < sizeof(QuorvaneCodeBundle)) return fmt::format("its {} is no bundle", kSymbol);
+        return failure(
+            fmt::format("its version is {}, not {}", bundle->version, QUORVANE_CODE_BUNDLE_VERSION));
     return bundle;
 }
 
@@ -102,13 +67,14 @@ struct LoadedBundles {
     std::map<std::string, LoadedBundle> byPath GUARDED_BY(mutex);
 };
 
-std::variant<LoadedBundle, std::string> load(const std::string& path) {
-    if (auto failure = checkFile(path)) return *std::move(failure);
-    Library library(::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
-    if (library == nullptr) return ::dlerror();
-    auto bundle = exportedBundle(library.get());
-    if (auto* failure = std::get_if<std::string>(&bundle)) return std::move(*failure);
-    return LoadedBundle{std::move(library), std::get<const QuorvaneCodeBundle*>(bundle)};
+Result<LoadedBundle> load(const std::string& path) {
+    const Result<const char*> checked = checkedPath(path);
+    if (!checked) return failure(checked.error().message);
+    Library library(::dlopen(*checked, RTLD_NOW | RTLD_LOCAL));
+    if (library == nullptr) return failure(::dlerror());
+    const Result<const QuorvaneCodeBundle*> bundle = exportedBundle(library.get());
+    if (!bundle) return failure(bundle.error().message);
+    return LoadedBundle{std::move(library), *bundle};
 }
 
 /// Runs the bundle's function; false, and an error line, when it throws.
@@ -138,12 +104,12 @@ const QuorvaneCodeBundle* loadCodeBundle(const std::string& path) {
     const MutexLock lock(loaded.mutex);
     if (const auto found = loaded.byPath.find(path); found != loaded.byPath.end())
         return found->second.bundle;
-    auto made = load(path);
-    if (const auto* failure = std::get_if<std::string>(&made)) {
-        logError("loadCodeBundle: Cannot load {}: {}", path, *failure);
+    Result<LoadedBundle> made = load(path);
+    if (!made) {
+        logError("loadCodeBundle: Cannot load {}: {}", path, made.error().message);
         return nullptr;
     }
-    const auto added = loaded.byPath.emplace(path, std::get<LoadedBundle>(std::move(made)));
+    const auto added = loaded.byPath.emplace(path, *std::move(made));
     return added.first->second.bundle;
 }
 

@@ -13,7 +13,8 @@ namespace quorvane {
 /// Code bundles: shared objects with the interface of OsselAdaptor.h, which says what they must hold to.
 
 /// The bundle in the file, loaded when it is not yet; a loaded one stays until the process ends. Null, and an
-/// error line, when the file is no whole bundle of the version that is known here. Thread-safe.
+/// error line, when the path leads to no file of root's or of the daemon's own user, to no shared object, or
+/// to a bundle of another version. Thread-safe.
 const QuorvaneCodeBundle* loadCodeBundle(const std::string& path);
 
 /// Null when there is none, or no bundle.

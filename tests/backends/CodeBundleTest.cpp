@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace quorvane {
 namespace {
@@ -59,25 +60,13 @@ TEST_F(CodeBundleTest, WhatIsNoBundleCostsALogLine) {
     EXPECT_TRUE(isRefused("/proc/self/exe", "")) << "a program is no shared object";
 
     EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_WITHOUT_BUNDLE, "it exports no quorvaneCodeBundle"));
-    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_FUNCTION, "its quorvaneCodeBundle is no bundle"));
-    EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_TOO_SMALL, "its quorvaneCodeBundle is no bundle"));
     EXPECT_TRUE(isRefused(QUORVANE_BUNDLE_OTHER_VERSION, "its version is 2, not 1"));
     EXPECT_EQ(classNamed(nullptr, "Keeping"), nullptr);
-}
 
-TEST_F(CodeBundleTest, AFileCutShortIsRefusedUntilAllThatIsLoadedIsThere) {
-    const std::string path = _root / "bundle.so";
-    const auto whole = fs::file_size(QUORVANE_BUNDLE_GOOD);
-    std::uintmax_t size = 0;
-    for (const QuorvaneCodeBundle* bundle = nullptr; bundle == nullptr && size <= whole; size += 499) {
-        fs::copy_file(QUORVANE_BUNDLE_GOOD, path, fs::copy_options::overwrite_existing);
-        fs::resize_file(path, size);
-        bundle = loadCodeBundle(path);
-    }
-    // The file's end, with names for debuggers, is not loaded.
-    EXPECT_LE(size, whole);
-    EXPECT_GT(logged("bundle.so: the file is cut short"), 10u);
-    EXPECT_NE(loadCodeBundle(path), nullptr);
+    const std::string foreign = _root / "foreign.so";
+    fs::copy_file(QUORVANE_BUNDLE_GOOD, foreign);
+    const bool isRoot = ::chown(foreign.c_str(), 12345, 12345) == 0;
+    EXPECT_TRUE(!isRoot || isRefused(foreign, "it belongs to user 12345"));
 }
 
 TEST_F(CodeBundleTest, AnObjectAnswersTheOperationsOfItsClassAndIsGivenBack) {

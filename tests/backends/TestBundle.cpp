@@ -9,10 +9,8 @@
 
 #define GOOD 1
 #define WITHOUT_BUNDLE 2
-#define FUNCTION 3
-#define TOO_SMALL 4
-#define OTHER_VERSION 5
-#define MUTE 6
+#define OTHER_VERSION 3
+#define MUTE 4
 
 #if BUNDLE == GOOD
 
@@ -68,18 +66,6 @@ const QuorvaneCodeBundle quorvaneCodeBundle = {QUORVANE_CODE_BUNDLE_VERSION, cla
 extern "C" const char* whatHappened() {
     return seen;
 }
-
-#elif BUNDLE == FUNCTION
-
-extern "C" void function() __asm__("quorvaneCodeBundle");
-extern "C" void function() {
-    std::abort();
-}
-
-#elif BUNDLE == TOO_SMALL
-
-extern "C" const std::uint32_t number __asm__("quorvaneCodeBundle");
-extern "C" const std::uint32_t number = QUORVANE_CODE_BUNDLE_VERSION;
 
 #elif BUNDLE == MUTE
 

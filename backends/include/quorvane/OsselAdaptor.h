@@ -11,10 +11,11 @@
        const QuorvaneCodeBundle quorvaneCodeBundle = {QUORVANE_CODE_BUNDLE_VERSION, classes, 1};
 
    Loading. The bundle is loaded for the first session that needs it and stays until the daemon ends, so a new
-   one takes effect with a restart. Replace the file by renaming another over it; a loaded one must not
-   change. A bundle that is missing, is no shared object or has another version costs the daemon a log line
-   and is tried again for the next session. Without the class or the operation, each event is refused with a
-   log line.
+   one takes effect with a restart. It is a file of root's, or of the user who runs the daemon. Replace it by
+   renaming another over it: one that is loaded must not change, and one that is cut short ends the daemon. A
+   bundle that is missing, belongs to somebody else, is no shared object or has another version costs the
+   daemon a log line and is tried again for the next session. Without the class or the operation, each event
+   is refused with a log line.
 
    Ownership. Everything that quorvaneCodeBundle leads to, texts included, must stay as it is until the daemon
    ends. The daemon owns what init returns and gives it back to dealloc once. The dictionary's bytes are lent
