@@ -68,10 +68,17 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
     }
     // A flush that posted closed the batch, and the record that caused it is lost with it, on purpose.
     if (_batch.hold(event, method, count + 1)) return;
-    // What is held may be posted to make room.
+    // What is held may be posted to make room, and so may a record for which there is none.
     flush(nullptr);
     count = _batch.open(method);
-    if (!_batch.hold(event, method, count + 1)) dropEvent();
+    if (!_batch.hold(event, method, count + 1)) postOrDrop(std::move(event));
+}
+
+void HTTPSPostBackend::postOrDrop(Dictionary event) {
+    if (!mayFlush()) return dropEvent();
+    Array events;
+    events.emplace_back(std::move(event));
+    post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, nullptr);
 }
 
 void HTTPSPostBackend::dropEvent() {
@@ -87,7 +94,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
 }
 
 void HTTPSPostBackend::flush(Answer* prettyJson) {
-    if (_batch.isEmpty() || state() != BackendState::Enabled || awaitsUserInfo()) return;
+    if (_batch.isEmpty() || !mayFlush()) return;
     logDebug("HTTPSPostBackend(flushMessages): called");
     Array events = _batch.take();
     addUserInfo(events);

@@ -76,8 +76,10 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     // Sending, holding and flushing: EventBatching.cpp.
     bool awaitsUserInfo() const { return requireUserInfo() && userInfoDict() == nullptr; }
+    bool mayFlush() const { return state() == BackendState::Enabled && !awaitsUserInfo(); }
     bool mustHold(MessageFlag flag) const;
     void batchEvent(Dictionary event);
+    void postOrDrop(Dictionary event);
     void dropEvent();
     void addUserInfo(Array& events) const;
     /// Both write the posted text where it is asked for: it costs as much as the message itself.

@@ -1,6 +1,8 @@
+#include "platform/http/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
 
 #include <array>
+#include <chrono>
 
 namespace quorvane {
 namespace {
@@ -98,6 +100,32 @@ TEST_F(EventBatchingTest, BoundsWhatItHolds) {
     EXPECT_EQ(eventsIn(backend->flushMessages()).size(), 5u) << "a full batch is posted";
     EXPECT_EQ(logged("<7>HTTPSPostBackend(flushMessages): called"), 3u);
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 1u);
+}
+
+using EventRoomTest = PostingFixture;
+
+TEST_F(EventRoomTest, AReportingBackendPostsWhatItHasNoRoomFor) {
+    auto backend = enabledBackend({{"post_url", _server->url("/post")}});
+    backend->setBatchEvents(true);
+    const auto posted = [&] {
+        EXPECT_TRUE(platform::drainHttpSession(std::chrono::seconds(30)));
+        std::vector<std::int64_t> numbers;
+        for (const test::ServerRequest& request : _server->requests())
+            for (const Value& event : eventsIn(request.body))
+                numbers.push_back(event.dictionary()->integer("n"));
+        _server->forgetRequests();
+        return numbers;
+    };
+    const Dictionary large{{"n", 2}, {"text", std::string(17u << 20, 'x')}};
+    EXPECT_FALSE(send(*backend, {{"n", 1}}));
+    EXPECT_FALSE(send(*backend, large)) << "answered as a held one";
+    EXPECT_THAT(posted(), testing::ElementsAre(1, 2));
+
+    std::array<HeldBytes, HeldBytes::kMaximumInAll / HeldBytes::kMaximum> others;
+    for (HeldBytes& each : others) EXPECT_TRUE(each.add(HeldBytes::kMaximum));
+    for (const int n : {3, 4}) EXPECT_FALSE(send(*backend, {{"n", n}}));
+    EXPECT_THAT(posted(), testing::ElementsAre(3, 4));
+    EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 0u);
 }
 
 TEST(HeldBytes, AreBoundedForOneAndForAll) {
