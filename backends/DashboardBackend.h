@@ -96,6 +96,8 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     /// Cancels timer and read source, which closes the socket. Does nothing when they are cancelled.
     void cleanupSources();
     const std::deque<UDPPacketToSend>& messageQueue() const { return _messageQueue; }
+    /// How many datagrams left the queue neither delivered nor acknowledged.
+    std::uint64_t givenUp() const { return _givenUp; }
     int socketDescriptor() const { return _socketDescriptor.get(); }
 
   private:
@@ -112,11 +114,12 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     bool send(const Data& datagram) const;
     void sendUploadLocation(const OptionalString& location);
     bool isStillWaiting(UDPPacketToSend& packet);
-    bool retransmit(UDPPacketToSend& packet) const;
+    bool retransmit(UDPPacketToSend& packet);
     void advanceCleanup();
 
     platform::UniqueDescriptor _socketDescriptor;
     std::deque<UDPPacketToSend> _messageQueue;
+    std::uint64_t _givenUp = 0;
     bool _reliableUDP = false;   ///< Settled before anybody else knows the backend.
     bool _usingProfile = false;  ///< As above.
     const platform::SerialQueue _networkProcQueue;

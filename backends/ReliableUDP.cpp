@@ -58,7 +58,9 @@ void DashboardBackend::tryToSendMsg(Data message, std::uint16_t eventNumber) {
     packet.eventNumber = eventNumber;
     packet.data = std::move(message);
     _messageQueue.push_back(std::move(packet));
-    if (_messageQueue.size() > kWaitingDatagrams) _messageQueue.pop_front();
+    if (_messageQueue.size() <= kWaitingDatagrams) return;
+    _messageQueue.pop_front();
+    ++_givenUp;
 }
 
 void DashboardBackend::processSocketRead() {
@@ -87,9 +89,12 @@ bool DashboardBackend::isStillWaiting(UDPPacketToSend& packet) {
 }
 
 /// One tick of a datagram that awaits its acknowledgement; false when it is given up.
-bool DashboardBackend::retransmit(UDPPacketToSend& packet) const {
+bool DashboardBackend::retransmit(UDPPacketToSend& packet) {
     const auto retransmits = static_cast<std::size_t>(packet.numberOfRetransmits);
-    if (retransmits >= kChecksBeforeRetransmit.size()) return false;
+    if (retransmits >= kChecksBeforeRetransmit.size()) {
+        ++_givenUp;
+        return false;
+    }
     if (packet.numberOfChecks + 1 < kChecksBeforeRetransmit[retransmits]) {
         ++packet.numberOfChecks;
     } else if (send(packet.data)) {
@@ -116,9 +121,10 @@ void DashboardBackend::advanceCleanup() {
 
 void DashboardBackend::cleanup() {
     _networkProcQueue.post([self = shared_from_this()] {
-        if (self->_messageQueue.empty()) {
+        // Without a timer, which ends what waits, there would be no end; a second call starts nothing anew.
+        if (self->_messageQueue.empty() || self->_timer == nullptr) {
             self->cleanupSources();
-        } else {
+        } else if (self->_cleanupState == CleanupState::Running) {
             self->_cleanupState = CleanupState::Asked;
             self->_keptAlive = self;
         }

@@ -5,6 +5,7 @@
 #include "backends/DashboardBackend.h"
 #include "backends/JoularyBackend.h"
 #include "framework/Keys.h"
+#include "framework/QuorvaneLogging.h"
 #include "platform/base/Clock.h"
 #include "util/DeviceFacts.h"
 
@@ -52,15 +53,27 @@ std::shared_ptr<Backend> find(const BackendDictionary& backends, std::string_vie
     return found != backends.end() ? std::dynamic_pointer_cast<Backend>(found->second) : nullptr;
 }
 
-/// Waits until nothing is left that waits for its acknowledgement; whether it came to that.
-bool awaitDelivery(const DashboardBackend& dashboard) {
+/// Waits until fewer datagrams than that are left. There is an end to it: a datagram is given up in time, or
+/// goes out as soon as the system takes it.
+void awaitFewer(const DashboardBackend& dashboard, std::size_t bound) {
     using namespace std::chrono_literals;
-    for (int step = 0; step < 100; ++step, std::this_thread::sleep_for(100ms)) {
-        std::size_t waiting = 0;
+    std::size_t waiting = bound;
+    while (true) {
         dashboard.networkProcQueue().perform([&] { waiting = dashboard.messageQueue().size(); });
-        if (waiting == 0) return true;
+        if (waiting < bound) return;
+        std::this_thread::sleep_for(5ms);
     }
-    return false;
+}
+
+/// Says what became of the datagrams; whether none was given up.
+bool reportDelivery(const DashboardBackend& dashboard, const Options& options) {
+    std::uint64_t givenUp = 0;
+    dashboard.networkProcQueue().perform([&] { givenUp = dashboard.givenUp(); });
+    if (givenUp > 0)
+        std::cout << givenUp << " of " << options.count << " were never acknowledged\n";
+    else
+        std::cout << "all " << options.count << (options.reliable > 0 ? " acknowledged\n" : " sent\n");
+    return givenUp == 0;
 }
 
 }  // namespace
@@ -74,6 +87,8 @@ int main(int argc, char** argv) {
                    "Deliver with acknowledgement, and the period of its clock in milliseconds");
     app.add_option("--count", options.count, "How many events")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
+    // With QUORVANE_LOG=stderr, to standard error.
+    startLogging("direct-backends", "User");
 
     DeviceIdentifier device{};
     copyDeviceIdentifier(device);
@@ -83,15 +98,18 @@ int main(int argc, char** argv) {
     const auto powerLog = backends ? find<JoularyBackend>(*backends, kQuorvaneBackendJoulary) : nullptr;
     if (dashboard == nullptr || powerLog == nullptr) return EXIT_FAILURE;
 
-    for (std::uint16_t number = 1; number <= options.count; ++number) {
+    // Wider than an event's number, so that it gets past the largest.
+    for (std::uint32_t number = 1; number <= options.count; ++number) {
         const Dictionary message{{"number", number}, {"took", 0.25}};
         const auto now = platform::timeOfDay();
-        std::cout << dashboard->sendMessage(&message, now, 1, 200, EventID{number}).value_or("(none)")
-                  << '\n';
-        powerLog->sendMessage(&message, now, 1, 200, EventID{number});
+        const EventID eventID{static_cast<std::uint16_t>(number)};
+        // One more than may wait would push the oldest out.
+        awaitFewer(*dashboard, DashboardBackend::kWaitingDatagrams);
+        std::cout << dashboard->sendMessage(&message, now, 1, 200, eventID).value_or("(none)") << '\n';
+        powerLog->sendMessage(&message, now, 1, 200, eventID);
     }
-    const bool delivered = awaitDelivery(*dashboard);
-    std::cout << (delivered ? "all are on their way or acknowledged\n" : "some were never acknowledged\n");
+    awaitFewer(*dashboard, 1);
+    const bool delivered = reportDelivery(*dashboard, options);
     dashboard->cleanup();
     return delivered ? EXIT_SUCCESS : EXIT_FAILURE;
 }

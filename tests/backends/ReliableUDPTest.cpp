@@ -41,6 +41,12 @@ class ReliableUDPTest : public BackendFixture {
         return events;
     }
 
+    static std::uint64_t givenUp(DashboardBackend& backend) {
+        std::uint64_t count = 0;
+        backend.networkProcQueue().perform([&] { count = backend.givenUp(); });
+        return count;
+    }
+
     static bool isClosed(DashboardBackend& backend) {
         bool closed = false;
         backend.networkProcQueue().perform([&] { closed = backend.socketDescriptor() < 0; });
@@ -67,6 +73,7 @@ TEST_F(ReliableUDPTest, SendsFiveTimesInAllAndGivesUpOnTick20) {
     EXPECT_THAT(retransmissions, ElementsAre(2, 5, 10, 19));
     tick(*sender);
     EXPECT_THAT(waiting(*sender), ElementsAre());
+    EXPECT_EQ(givenUp(*sender), 1u);
     EXPECT_EQ(_collector.receiveAll(), 0);
 }
 
@@ -80,6 +87,7 @@ TEST_F(ReliableUDPTest, AnAcknowledgementEndsTheOldestOfItsNumberAndNoOther) {
     EXPECT_TRUE(within(kSoon, [&] { return waiting(*sender) == std::vector{8, 7, 5}; }));
     for (const std::uint16_t event : {8, 8, 5}) _collector.acknowledge(event);
     EXPECT_TRUE(within(kSoon, [&] { return waiting(*sender) == std::vector{7}; }));
+    EXPECT_EQ(givenUp(*sender), 0u);
 }
 
 TEST_F(ReliableUDPTest, IgnoresRepliesThatNameNoEvent) {
@@ -104,6 +112,7 @@ TEST_F(ReliableUDPTest, TheFiftyFirstPushesTheOldestOut) {
     EXPECT_EQ(events.size(), 50u);
     EXPECT_EQ(events.front(), 2);
     EXPECT_EQ(events.back(), 51);
+    EXPECT_EQ(givenUp(*sender), 1u);
 }
 
 TEST_F(ReliableUDPTest, GivesUpWhereNobodyListens) {
@@ -143,12 +152,16 @@ TEST_F(ReliableUDPTest, PlainDeliveryKeepsOnlyWhatCouldNotBeSent) {
     EXPECT_EQ(_collector.receiveAll(), 2);
 }
 
-TEST_F(ReliableUDPTest, CleansUpAtOnceWhenNothingWaits) {
-    for (const auto& sender : {backend(_collector.port()), backend(_collector.port(), std::nullopt)}) {
+TEST_F(ReliableUDPTest, CleansUpAtOnceWhenNothingWaitsAndNeverAnew) {
+    for (const std::optional<int> reliable : {std::optional(3'600'000), std::optional<int>()}) {
+        auto sender = backend(_collector.port(), reliable);
         for (int times = 0; times < 2; ++times) sender->cleanup();
         EXPECT_TRUE(isClosed(*sender));
         sendEvent(*sender, 1);
-        EXPECT_TRUE(isClosed(*sender));
+        EXPECT_THAT(waiting(*sender), ElementsAre(1)) << "without a socket, the send failed";
+        sender->cleanup();
+        const std::weak_ptr<DashboardBackend> weak = std::exchange(sender, nullptr);
+        EXPECT_TRUE(within(kSoon, [&] { return weak.expired(); }));
     }
 }
 
