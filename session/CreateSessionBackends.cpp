@@ -35,6 +35,8 @@ Dictionary deviceFacts() {
 }  // namespace
 
 void QuorvanedSession::createBackendsWithStorebag(const std::shared_ptr<const Dictionary>& storebag) {
+    // What the backends of an earlier start hold would go with them.
+    if (_backends.own() != nullptr) flushMessages();
     platform::logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
     auto backends = createBackends(storebag, _sessionInfo.own().get(), _userInfo.own(), _deviceid.data());
     if (backends)

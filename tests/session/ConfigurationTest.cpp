@@ -142,7 +142,7 @@ TEST_F(ConfigurationTest, ARestartReplacesTheBackendsAndTheVersion) {
     send(*session, 5, 6, nullptr);
     session.reset();
 
-    EXPECT_THAT(posted("/post"), IsEmpty()) << "what a replaced backend holds goes with it";
+    EXPECT_EQ(posted("/post").size(), 2u) << "what a replaced backend holds and may post is posted first";
     const auto events = posted("/elsewhere");
     ASSERT_EQ(events.size(), 3u);
     EXPECT_EQ(events[0].integer("_eventNumber"), 1);
