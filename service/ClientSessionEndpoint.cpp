@@ -6,8 +6,6 @@
 #include "platform/bus/BusMessage.h"
 #include "platform/bus/BusValue.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -41,6 +39,10 @@ void ClientSessionEndpoint::exportSession(platform::BusConnection& connection,
         !connection.setExportedObject(kQuorvaneObjectPath, kSandboxExtensionInterface, extensionVtable,
                                       endpoint))
         platform::logError("listener: a session could not be exported on the {}", connection.description());
+    connection.setFileHandler({kQuorvaneObjectPath, kSandboxExtensionInterface, "Issue"},
+                              [endpoint](sd_bus_message* call, platform::UniqueDescriptor file) {
+                                  endpoint->issueForFile(call, std::move(file));
+                              });
 }
 
 ClientSessionEndpoint::ClientSessionEndpoint(platform::BusConnection& connection,
@@ -209,10 +211,12 @@ int ClientSessionEndpoint::sendMessageWithSessionInfo(sd_bus_message* call) {
     return 0;
 }
 
-int ClientSessionEndpoint::issue(sd_bus_message* call) {
-    int passed = -1;
-    if (const int result = ::sd_bus_message_read(call, "h", &passed); result < 0) return result;
-    platform::UniqueDescriptor file(::fcntl(passed, F_DUPFD_CLOEXEC, 3));
+/// Reached by a call without a file only.
+int ClientSessionEndpoint::issue(sd_bus_message*) {
+    return -EBADMSG;
+}
+
+void ClientSessionEndpoint::issueForFile(sd_bus_message* call, platform::UniqueDescriptor file) {
     const auto token = platform::issueSandboxExtension(
         _extensionOwner, std::move(file),
         [client = _client](const std::string& extensionToken) { client->removeFile(extensionToken); });
@@ -222,7 +226,6 @@ int ClientSessionEndpoint::issue(sd_bus_message* call) {
         ::sd_bus_reply_method_errorf(
             call, SD_BUS_ERROR_FAILED,
             "The file cannot be lent: it is not open for reading, or too many files are lent already");
-    return 0;
 }
 
 // The answers.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/base/UniqueDescriptor.h"
 #include "platform/bus/BusConnection.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "service/ClientProxy.h"
@@ -47,6 +48,7 @@ class ClientSessionEndpoint {
     int uploadLogData(sd_bus_message* call);
     int sendMessageWithSessionInfo(sd_bus_message* call);
     int issue(sd_bus_message* call);
+    void issueForFile(sd_bus_message* call, platform::UniqueDescriptor file);
 
     template <typename Append>
     void answer(sd_bus_message* call, std::size_t bytes, const Append& append);

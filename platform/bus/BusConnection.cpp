@@ -3,6 +3,8 @@
 #include "platform/base/Log.h"
 #include "platform/base/Thread.h"
 #include "platform/bus/BusDriver.h"
+#include "platform/bus/BusHeader.h"
+#include "platform/bus/BusMessage.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,8 +13,12 @@
 #include <sys/socket.h>
 #include <systemd/sd-id128.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
@@ -27,6 +33,9 @@ constexpr std::uint64_t kQueuedReplies = 256;
 constexpr std::size_t kQueuedReplyBytes = 1u << 20;
 
 constexpr std::chrono::seconds kAuthenticationTime{10};
+
+/// How long to wait for the rest of a header of which only some bytes have come.
+constexpr std::chrono::milliseconds kHeaderPause{100};
 
 /// What the kernel holds for a client that does not read, in bytes; the bus library asks for 8 MiB.
 constexpr int kSocketBuffer = 256 << 10;
@@ -48,38 +57,76 @@ bool startThread(void* (*entry)(void*), void* argument) {
     return result == 0;
 }
 
+UniqueDescriptor socketPair(UniqueDescriptor& other) {
+    std::array<int, 2> ends{-1, -1};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) != 0) return {};
+    other.reset(ends[1]);
+    return UniqueDescriptor(ends[0]);
+}
+
+/// A socket from which nothing ever comes, for a bus that shall write only. -1 when there is no descriptor.
+int silentSocket() {
+    static Mutex mutex;
+    static UniqueDescriptor other;
+    static UniqueDescriptor silent;
+    const MutexLock lock(mutex);
+    if (!silent) silent = socketPair(other);
+    return silent.get();
+}
+
 }  // namespace
 
+// The bus.
+
 std::shared_ptr<BusConnection> BusConnection::initWithDescriptor(UniqueDescriptor socket, Peer peer) {
-    std::shared_ptr<BusConnection> connection(new BusConnection(std::move(socket), peer));
-    if (!connection->openBus()) return nullptr;
+    std::shared_ptr<BusConnection> connection(new BusConnection(socket.get(), peer));
+    connection->_wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!connection->_wake || silentSocket() < 0 || !connection->openBus(std::move(socket))) return nullptr;
+    if (::setsockopt(connection->_socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer) != 0)
+        return nullptr;
     return connection;
 }
 
-BusConnection::BusConnection(UniqueDescriptor socket, Peer peer) : _peer(peer), _socket(std::move(socket)) {}
+BusConnection::BusConnection(int socket, Peer peer) : _peer(peer), _socket(socket), _input(socket) {}
 
 BusConnection::~BusConnection() {
     ::sd_bus_close_unref(_bus);
 }
 
-bool BusConnection::openBus() {
-    UniqueDescriptor ofBus(::fcntl(_socket.get(), F_DUPFD_CLOEXEC, 3));
-    _wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+/// The bus takes its output over. It has no descriptors to negotiate (BusInput.h), and need not check who its
+/// client is: it could ask its input only, and the kernel has told already.
+bool BusConnection::openBus(UniqueDescriptor output) {
+    UniqueDescriptor input = _authentication.makeInput();
     sd_id128_t id;
-    if (!ofBus || !_wake || ::sd_id128_randomize(&id) < 0 || ::sd_bus_new(&_bus) < 0) return false;
-    if (::sd_bus_set_fd(_bus, ofBus.get(), ofBus.get()) < 0) return false;
-    ofBus.release();
-    return ::sd_bus_set_server(_bus, 1, id) >= 0 && ::sd_bus_negotiate_fds(_bus, 1) >= 0 &&
-           addBusDriver(_bus) >= 0 && ::sd_bus_start(_bus) >= 0 &&
-           ::setsockopt(_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer) == 0;
+    if (!input || ::sd_id128_randomize(&id) < 0 || ::sd_bus_new(&_bus) < 0) return false;
+    if (::sd_bus_set_fd(_bus, input.get(), output.get()) < 0) return false;
+    _busInput = input.release();
+    output.release();
+    const auto messageRead = [](sd_bus_message*, void* read, sd_bus_error*) {
+        static_cast<BusInput*>(read)->messageRead();
+        return 0;
+    };
+    return ::sd_bus_set_server(_bus, 1, id) >= 0 && ::sd_bus_set_anonymous(_bus, 1) >= 0 &&
+           ::sd_bus_negotiate_fds(_bus, 0) >= 0 && addBusDriver(_bus) >= 0 &&
+           ::sd_bus_add_filter(_bus, nullptr, messageRead, &_input) >= 0 && ::sd_bus_start(_bus) >= 0;
 }
 
 bool BusConnection::setExportedObject(const char* path, const char* interface, const sd_bus_vtable* vtable,
                                       std::shared_ptr<void> object) {
-    const int result = ::sd_bus_add_object_vtable(_bus, nullptr, path, interface, vtable, object.get());
-    _exportedObject = std::move(object);
-    return result >= 0;
+    return exportOnBus(_exported.emplace_back(Exported{path, interface, vtable, std::move(object)}));
 }
+
+bool BusConnection::exportOnBus(const Exported& exported) {
+    return ::sd_bus_add_object_vtable(_bus, nullptr, exported.path, exported.interface, exported.vtable,
+                                      exported.object.get()) >= 0;
+}
+
+void BusConnection::setFileHandler(FileMethod method, FileHandler handler) {
+    _fileMethod = method;
+    _fileHandler = std::move(handler);
+}
+
+// The thread.
 
 bool BusConnection::resume(Handler ended) {
     _ended = std::move(ended);
@@ -113,7 +160,7 @@ void BusConnection::finish(Ending ending) {
     std::vector<QueuedCall> dropped;
     {
         const MutexLock lock(_mutex);
-        _over = true;
+        _over = true;  // The bus closes the socket soon.
         dropped.swap(_calls);
     }
     for (const QueuedCall& queued : dropped) queued.call(nullptr);
@@ -121,58 +168,159 @@ void BusConnection::finish(Ending ending) {
     if (_invalidationHandler) _invalidationHandler();
     _interruptionHandler = nullptr;
     _invalidationHandler = nullptr;
-    _exportedObject.reset();
+    _fileHandler = nullptr;
+    _exported.clear();
     _bus = ::sd_bus_close_unref(_bus);
 }
 
 BusConnection::Ending BusConnection::serveUntilItEnds() {
-    const auto authenticationEnd = std::chrono::steady_clock::now() + kAuthenticationTime;
-    bool authenticated = false;
-    for (;;) {
-        // What arrives together with the end of authentication waits inside the bus without a readable
-        // descriptor, so everything is processed before waiting.
-        if (processAll() < 0) return endingOfSocket();
-        if (!authenticated) {
-            authenticated = ::sd_bus_is_ready(_bus) > 0;
-            if (!authenticated && std::chrono::steady_clock::now() >= authenticationEnd)
-                return Ending::Broken;
-        }
-        if (waitForWork(authenticated) < 0) return Ending::Broken;
+    int result = authenticate();
+    if (result < 0) return endingOfSocket();
+    while (result >= 0) {
+        result = serveWaiting();
+        if (result >= 0) result = waitForWork();
     }
+    if (result == -EBADMSG) return Ending::Broken;
+    serveRest();
+    return endingOfSocket();
 }
 
-int BusConnection::processAll() {
+int BusConnection::authenticate() {
+    const auto end = std::chrono::steady_clock::now() + kAuthenticationTime;
     for (;;) {
-        runQueuedCalls();
-        if (const int drained = drainReplies(); drained < 0) return drained;
-        const int processed = ::sd_bus_process(_bus, nullptr);
-        if (processed <= 0) return processed;
+        const int result = _authentication.process(_bus, _socket);
+        if (result < 0) return result;
+        if (result > 0) break;
+        if (std::chrono::steady_clock::now() >= end) return -ETIMEDOUT;
+        if (const int waited = wait(POLLIN, std::chrono::seconds(1)); waited < 0) return waited;
     }
+    _authentication = {};
+    return ::dup3(_socket, _busInput, O_CLOEXEC) < 0 ? -errno : 0;
+}
+
+/// Serves all that is there; negative errno at the connection's end, -EBADMSG when it is ended.
+int BusConnection::serveWaiting() {
+    for (int result = 1; result > 0;) {
+        result = drainReplies();
+        if (result >= 0) {
+            runQueuedCalls();  // Behind draining, which takes the sign that they have come.
+            result = serveNext(_input.next());
+        }
+        if (::sd_bus_is_open(_bus) <= 0) {
+            // It could not write: processed once more it would close its descriptors, which are needed still.
+            _vanished = true;
+            return -ECONNRESET;
+        }
+        if (result <= 0) return result;
+    }
+    return 0;
+}
+
+int BusConnection::serveNext(BusInput::Next next) {
+    switch (next) {
+        case BusInput::Next::Message:
+            return ::sd_bus_process(_bus, nullptr);
+        case BusInput::Next::File:
+            return serveFileCall();
+        case BusInput::Next::End:
+            return -ECONNRESET;
+        case BusInput::Next::Refused:
+            return -EBADMSG;
+        case BusInput::Next::Nothing:
+        case BusInput::Next::Part:
+            break;
+    }
+    return 0;
+}
+
+/// The handler gets a call of the bus library's own making, as it would have read it.
+int BusConnection::serveFileCall() {
+    auto taken = _input.takeFileMessage();
+    if (!taken) return -EBADMSG;
+    const auto read = readBusFileCall(taken->bytes);
+    const auto& [path, interface, member] = _fileMethod;
+    if (!_fileHandler || !read || read->path != path || read->member != member ||
+        (!read->interface.empty() && read->interface != interface))
+        return -EBADMSG;
+    sd_bus_message* raw = nullptr;
+    int result =
+        ::sd_bus_message_new_method_call(_bus, &raw, nullptr, path.data(), interface.data(), member.data());
+    const BusMessage call(raw);
+    if (result >= 0) result = ::sd_bus_message_set_expect_reply(raw, read->expectsReply ? 1 : 0);
+    if (result >= 0) result = ::sd_bus_message_seal(raw, read->serial, 0);
+    if (result < 0) return result;
+    _fileHandler(raw, std::move(taken->file));
+    return 1;
+}
+
+/// A bus gives up at the first answer that it cannot send. What its client had sent until then is served all
+/// the same, by a second one whose answers nobody reads: there is no more of it than the kernel holds.
+void BusConnection::serveRest() {
+    if (!_input.betweenMessages()) return;
+    UniqueDescriptor nobody;
+    sd_bus* const first = std::exchange(_bus, nullptr);
+    bool serves = openBus(socketPair(nobody));
+    for (const Exported& exported : _exported) serves = serves && exportOnBus(exported);
+    serves = serves && _authentication.skip(_bus) >= 0 && ::dup3(_socket, _busInput, O_CLOEXEC) >= 0;
+    while (serves) {
+        BusInput::Next next = _input.next();
+        if (next == BusInput::Next::Nothing) next = _input.next();
+        serves = serveNext(next) > 0;
+    }
+    ::sd_bus_close_unref(std::exchange(_bus, first));
+}
+
+/// A bus that may read reads, too.
+int BusConnection::writeQueued() {
+    if (::dup3(silentSocket(), _busInput, O_CLOEXEC) < 0) return -errno;
+    const int result = ::sd_bus_process(_bus, nullptr);
+    if (::dup3(_socket, _busInput, O_CLOEXEC) < 0) return -errno;
+    return result;
 }
 
 int BusConnection::drainReplies() {
-    std::uint64_t waiting = 0;
-    if (const int result = ::sd_bus_get_n_queued_write(_bus, &waiting); result < 0) return result;
-    if (waiting == 0) _replyBytes = 0;
-    if (waiting < kQueuedReplies && _replyBytes < kQueuedReplyBytes) return 0;
-    _replyBytes = 0;
-    return ::sd_bus_flush(_bus);
+    for (;;) {
+        std::uint64_t waiting = 0;
+        if (const int result = ::sd_bus_get_n_queued_write(_bus, &waiting); result < 0) return result;
+        if (waiting == 0) _replyBytes = 0;
+        if (waiting < kQueuedReplies && _replyBytes < kQueuedReplyBytes) return 0;
+        if (_ending) return -ECANCELED;
+        if (const int waited = wait(POLLOUT, std::nullopt); waited < 0) return waited;
+        if (const int result = writeQueued(); result < 0) return result;
+        if (::sd_bus_is_open(_bus) <= 0) return -ECONNRESET;
+    }
 }
 
-int BusConnection::waitForWork(bool authenticated) {
-    const int events = ::sd_bus_get_events(_bus);
-    if (events < 0) return events;
-    pollfd descriptors[] = {{_socket.get(), static_cast<short>(events), 0}, {_wake.get(), POLLIN, 0}};
-    const int timeout = authenticated ? -1 : 1000;
-    if (::poll(descriptors, 2, timeout) < 0 && errno != EINTR) return -errno;
+int BusConnection::waitForWork() {
+    const auto now = std::chrono::steady_clock::now();
+    std::uint64_t waiting = 0;
+    ::sd_bus_get_n_queued_write(_bus, &waiting);
+    std::optional<std::chrono::milliseconds> longest;
+    if (const auto deadline = _input.deadline())
+        longest = std::chrono::ceil<std::chrono::milliseconds>(std::max(*deadline - now, {}));
+    if (_input.hasPart()) longest = std::min(*longest, kHeaderPause);
+    const int events = (_input.hasPart() ? POLLRDHUP : POLLIN) | (waiting > 0 ? POLLOUT : 0);
+    const int happened = wait(static_cast<short>(events), longest);
+    if (happened < 0) return happened;
+    if (_input.hasPart() && (happened & (POLLRDHUP | POLLHUP)) != 0) return -EBADMSG;
+    return waiting > 0 && (happened & POLLOUT) != 0 ? writeQueued() : 0;
+}
+
+/// Until one of the events has come to the socket, or something to do to the thread. Gives the events.
+int BusConnection::wait(short events, std::optional<std::chrono::milliseconds> longest) {
+    pollfd descriptors[] = {{_socket, events, 0}, {_wake.get(), POLLIN, 0}};
+    if (::poll(descriptors, 2, longest ? static_cast<int>(longest->count()) : -1) < 0 && errno != EINTR)
+        return -errno;
     // Reading, which comes next, takes the error away.
     if ((descriptors[0].revents & POLLERR) != 0) _vanished = true;
     if ((descriptors[1].revents & POLLIN) != 0) {
         eventfd_t count = 0;
         ::eventfd_read(_wake.get(), &count);
     }
-    return 0;
+    return descriptors[0].revents;
 }
+
+// Calls out.
 
 void BusConnection::runQueuedCalls() {
     std::vector<QueuedCall> calls;
@@ -195,11 +343,16 @@ BusConnection::Ending BusConnection::endingOfSocket() const {
     // more bytes.
     char next = 0;
     if (_vanished) return Ending::Broken;
-    return ::recv(_socket.get(), &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0 ? Ending::Orderly : Ending::Broken;
+    return ::recv(_socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0 ? Ending::Orderly : Ending::Broken;
 }
 
+/// What has come already stays to be read, and answers still reach a client that reads.
 void BusConnection::invalidate() {
-    ::shutdown(_socket.get(), SHUT_RDWR);
+    const MutexLock lock(_mutex);
+    if (_over) return;
+    _ending = true;
+    ::shutdown(_socket, SHUT_RD);
+    ::eventfd_write(_wake.get(), 1);
 }
 
 bool BusConnection::queueCall(std::size_t bytes, std::function<void(sd_bus*)> call) {

@@ -2,15 +2,21 @@
 
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/bus/BusAuthentication.h"
+#include "platform/bus/BusInput.h"
 
 #include <systemd/sd-bus.h>
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorvane::platform {
@@ -36,6 +42,14 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// the bus library refuses the vtable.
     bool setExportedObject(const char* path, const char* interface, const sd_bus_vtable* vtable,
                            std::shared_ptr<void> object);
+    /// What a call that brings a file reaches, set before resume(). No other call may bring any: it ends the
+    /// connection, and the bus library refuses descriptors altogether. The call's arguments cannot be read.
+    ///   method  must live as long as the connection
+    struct FileMethod {
+        std::string_view path, interface, member;
+    };
+    using FileHandler = std::function<void(sd_bus_message* call, UniqueDescriptor file)>;
+    void setFileHandler(FileMethod method, FileHandler handler);
     /// Runs when the connection ends in anything but an orderly close, before the invalidation handler.
     void setInterruptionHandler(Handler handler) { _interruptionHandler = std::move(handler); }
     /// Runs once when the connection has ended, on the connection's thread.
@@ -45,7 +59,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// can be started: the connection has ended then, and only that handler does not run.
     bool resume(Handler ended);
 
-    /// Ends the connection. From any thread, also while it waits for its client to read.
+    /// Ends the connection once what its client has sent so far is served. From any thread, also while it
+    /// waits for its client to read.
     void invalidate();
 
     /// Runs the function with the bus, so that it can send: at once when the connection's thread calls, so
@@ -70,26 +85,45 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
         std::size_t bytes;
         std::function<void(sd_bus*)> call;
     };
+    struct Exported {
+        const char* path;
+        const char* interface;
+        const sd_bus_vtable* vtable;
+        std::shared_ptr<void> object;
+    };
 
-    BusConnection(UniqueDescriptor socket, Peer peer);
-    bool openBus();
+    BusConnection(int socket, Peer peer);
+    bool openBus(UniqueDescriptor output);
+    bool exportOnBus(const Exported& exported);
     void serve();
     void finish(Ending ending);
     Ending serveUntilItEnds();
-    int processAll();
+    int authenticate();
+    int serveWaiting();
+    void serveRest();
+    int serveNext(BusInput::Next next);
+    int serveFileCall();
+    int writeQueued();
     int drainReplies();
-    int waitForWork(bool authenticated);
+    int waitForWork();
+    int wait(short events, std::optional<std::chrono::milliseconds> longest);
     void runQueuedCalls();
     void run(const QueuedCall& queued);
     Ending endingOfSocket() const;
 
     const Peer _peer;
-    UniqueDescriptor _socket;  ///< A second descriptor of the bus's socket: it outlives the bus's own.
+    const int _socket;  ///< The bus owns it and writes to it, until the connection is over.
     UniqueDescriptor _wake;
     sd_bus* _bus = nullptr;  ///< Touched by the connection's thread only, once resumed.
+    int _busInput = -1;      ///< The bus owns it and reads from it.
+    BusAuthentication _authentication;
+    BusInput _input;
     std::size_t _replyBytes = 0;
+    std::atomic<bool> _ending = false;
     bool _vanished = false;  ///< The client closed without reading what it was sent.
-    std::shared_ptr<void> _exportedObject;
+    std::vector<Exported> _exported;
+    FileMethod _fileMethod;
+    FileHandler _fileHandler;
     Handler _interruptionHandler;
     Handler _invalidationHandler;
     Handler _ended;

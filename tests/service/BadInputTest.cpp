@@ -8,9 +8,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <iterator>
 #include <random>
@@ -37,33 +39,47 @@ void sendUnanswered(const BusClient& client, const Message& message) {
     ASSERT_GE(::sd_bus_flush(client.bus()), 0);
 }
 
-/// What a client of the bus library writes to set a session up and to send an event, authentication first.
-std::string recordedBytes() {
+/// What a client of the bus library writes when it sends so, authentication first.
+std::string recorded(const std::function<void(const BusClient&)>& send) {
     auto [ours, theirs] = socketPair();
     constexpr std::string_view welcome = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n";
     EXPECT_GT(::send(ours.get(), welcome.data(), welcome.size(), 0), 0);
     const BusClient client(std::move(theirs));
-    const Message info = client.newCall(kClientSessionInterface, "SetSessionInfo");
-    platform::appendDictionary(info.get(), {{"SessionID", 4711}, {"ClientType", 5}, {"BatchEvent", true}});
-    const Dictionary user{{"ClientName", "Mail"}, {"ServiceName", "Sync"}};
-    platform::appendOptionalDictionary(info.get(), &user);
-    ::sd_bus_message_append(info.get(), "asb", 2, "One", "Two", 1);
-    sendUnanswered(client, info);
-    const Message event = client.newCall(kClientSessionInterface, "SendMessageWithDictionary");
-    platform::appendDictionary(
-        event.get(),
-        {{"Category", 12},
-         {"Type", 1},
-         {"Payload", Dictionary{{"list", Array{1, "two", 3.0, Value(Dictionary{{"deep", Date{5}}})}},
-                                {"data", Data{1, 2, 3}},
-                                {"text", "some text"}}}});
-    sendUnanswered(client, event);
-
-    std::string bytes(65536, '\0');
-    const ssize_t size = ::recv(ours.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-    EXPECT_GT(size, 500);
-    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    send(client);
+    std::string bytes;
+    std::array<char, 4096> some{};
+    ssize_t size = 0;
+    while ((size = ::recv(ours.get(), some.data(), some.size(), MSG_DONTWAIT)) > 0)
+        bytes.append(some.data(), static_cast<std::size_t>(size));
+    EXPECT_GT(bytes.size(), 100u);
     return bytes;
+}
+
+/// Where the first message begins.
+std::size_t endOfAuthentication(const std::string& bytes) {
+    return bytes.find("BEGIN\r\n") + 7;
+}
+
+/// To set a session up and to send an event.
+std::string recordedBytes() {
+    return recorded([](const BusClient& client) {
+        const Message info = client.newCall(kClientSessionInterface, "SetSessionInfo");
+        platform::appendDictionary(info.get(),
+                                   {{"SessionID", 4711}, {"ClientType", 5}, {"BatchEvent", true}});
+        const Dictionary user{{"ClientName", "Mail"}, {"ServiceName", "Sync"}};
+        platform::appendOptionalDictionary(info.get(), &user);
+        ::sd_bus_message_append(info.get(), "asb", 2, "One", "Two", 1);
+        sendUnanswered(client, info);
+        const Message event = client.newCall(kClientSessionInterface, "SendMessageWithDictionary");
+        platform::appendDictionary(
+            event.get(),
+            {{"Category", 12},
+             {"Type", 1},
+             {"Payload", Dictionary{{"list", Array{1, "two", 3.0, Value(Dictionary{{"deep", Date{5}}})}},
+                                    {"data", Data{1, 2, 3}},
+                                    {"text", "some text"}}}});
+        sendUnanswered(client, event);
+    });
 }
 
 class BadInputTest : public testing::Test {
@@ -106,7 +122,7 @@ TEST_F(BadInputTest, TruncatedAndChangedBytesCostTheirConnectionOnly) {
 
     for (std::size_t size = 0; size < valid.size(); size += 7) offer(valid.substr(0, size));
     std::minstd_rand random(1);  // The same bytes every time.
-    const std::size_t afterAuthentication = valid.find("BEGIN\r\n") + 7;
+    const std::size_t afterAuthentication = endOfAuthentication(valid);
     for (int round = 0; round < 400; ++round) {
         std::string changed = valid;
         const std::size_t from = round % 4 == 0 ? 0 : afterAuthentication;
@@ -150,6 +166,56 @@ TEST_F(BadInputTest, AMalformedCallGetsTheStandardErrorAndCostsNothingElse) {
     EXPECT_EQ(client.call(deep).error, kInvalidArguments);
     expectService(client);
     EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
+}
+
+TEST_F(BadInputTest, DescriptorsThatNoCallBringsAreNeverKept) {
+    _device.start();
+    const BusClient bystander(_device.socketPath());
+    expectService(bystander);
+    const std::size_t before = openDescriptors();
+    const std::string event = recordedBytes();
+    const std::string issue = recorded([](const BusClient& client) {
+        const Message call = client.newCall(kSandboxExtensionInterface, "Issue");
+        ::sd_bus_message_append(call.get(), "h", STDIN_FILENO);
+        sendUnanswered(client, call);
+    });
+    const std::size_t first = endOfAuthentication(issue);
+    std::string malformed = issue;
+    malformed[first + 16] = '\0';  // No field has this code.
+    std::string other = issue;
+    other.replace(other.find("Issue"), 5, "Other");
+    struct Attack {
+        std::string bytes;
+        std::size_t piece;  ///< So many bytes are sent at a time, each time with
+        std::size_t descriptors;
+    };
+    constexpr std::size_t whole = 4096;
+    const Attack attacks[] = {
+        {event.substr(first), whole, 5},     {issue.substr(first), whole, 2},
+        {malformed.substr(first), whole, 1}, {malformed.substr(first), whole, 97},
+        {other.substr(first), whole, 1},     {issue.substr(first, 33), 1, 250},
+        {issue.substr(first), 40, 1},        {std::string(200, 'x'), whole, 97},
+    };
+    int messages = 0;
+    std::size_t most = 0;
+    for (int round = 0; messages < 10'000; ++round) {
+        const UniqueDescriptor socket = connectSocket(_device.socketPath());
+        ASSERT_TRUE(socket);
+        ASSERT_GT(::send(socket.get(), issue.data(), first, MSG_NOSIGNAL), 0);
+        if (round % 2 == 0) expectService(bystander);  // Part of what follows comes while it is served.
+        const Attack& attack = attacks[static_cast<std::size_t>(round) % std::size(attacks)];
+        for (std::size_t at = 0, times = 0; times < 40; at += attack.piece, ++times) {
+            if (at >= attack.bytes.size()) at = 0;
+            ++messages;
+            if (!sendWithDescriptors(socket, std::string_view(attack.bytes).substr(at, attack.piece),
+                                     attack.descriptors))
+                break;
+        }
+        if (round % 16 == 0) most = std::max(most, openDescriptors());
+    }
+    EXPECT_LT(most, before + 200);
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }));
+    expectService(bystander);
 }
 
 TEST_F(BadInputTest, LentFilesAreBoundedAndGivenBackWithTheConnection) {

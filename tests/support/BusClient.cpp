@@ -4,6 +4,10 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
 
 namespace quorvane::test {
 
@@ -15,6 +19,24 @@ platform::UniqueDescriptor connectSocket(const std::string& path) {
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         socket.reset();
     return socket;
+}
+
+bool sendWithDescriptors(const platform::UniqueDescriptor& socket, std::string_view bytes,
+                         std::size_t count) {
+    const std::vector<int> descriptors(count, STDIN_FILENO);
+    std::vector<char> control(CMSG_SPACE(count * sizeof(int)));
+    iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(count * sizeof(int));
+    std::memcpy(CMSG_DATA(rights), descriptors.data(), count * sizeof(int));
+    return ::sendmsg(socket.get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 BusClient::BusClient(platform::UniqueDescriptor socket) {

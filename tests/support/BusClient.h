@@ -5,7 +5,9 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace quorvane::test {
 
@@ -19,6 +21,9 @@ struct BusReply {
 
 /// A socket connected to the Unix socket at the path; none when nobody listens there.
 platform::UniqueDescriptor connectSocket(const std::string& path);
+
+/// Sends the bytes with so many descriptors of standard input; whether they were taken.
+bool sendWithDescriptors(const platform::UniqueDescriptor& socket, std::string_view bytes, std::size_t count);
 
 /// The client's end of a peer-to-peer D-Bus connection, by the bus library alone, for what libquorvane would
 /// not do. Belongs to one thread.

@@ -1,0 +1,120 @@
+#include "platform/bus/BusInput.h"
+
+#include "platform/bus/BusHeader.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <utility>
+
+namespace quorvane::platform {
+
+namespace {
+
+/// So much is looked at in one go: dozens of events.
+constexpr std::size_t kPeekedBytes = 16u << 10;
+
+bool isAcceptable(const std::optional<BusHeader>& header) {
+    return header && header->fieldBytes <= BusHeader::kMaximumFieldBytes;
+}
+
+}  // namespace
+
+BusInput::Next BusInput::next() {
+    if (_deadline && std::chrono::steady_clock::now() >= *_deadline) return Next::Refused;
+    if (_wholeMessages > 0 || _unfinishedBytes > 0) return Next::Message;
+    if (_fileMessageBytes > 0) return Next::File;
+    return std::exchange(_nothingBehind, false) ? Next::Nothing : look();
+}
+
+void BusInput::messageRead() {
+    if (_wholeMessages > 0) --_wholeMessages;
+    _unfinishedBytes = 0;
+    _deadline.reset();
+}
+
+/// Without room for control data the kernel tells that descriptors are there and makes none of them.
+BusInput::Peeked BusInput::peek(std::uint8_t* into, std::size_t most) const {
+    iovec part{into, most};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    const ssize_t size = ::recvmsg(_socket, &message, MSG_PEEK | MSG_DONTWAIT);
+    return {size, size >= 0 && (message.msg_flags & MSG_CTRUNC) != 0};
+}
+
+BusInput::Next BusInput::look() {
+    std::array<std::uint8_t, kPeekedBytes> bytes;
+    const Peeked peeked = peek(bytes.data(), bytes.size());
+    if (peeked.bytes < 0) return errno == EAGAIN || errno == EINTR ? Next::Nothing : Next::Refused;
+    if (peeked.bytes == 0) return Next::End;
+    const auto size = static_cast<std::size_t>(peeked.bytes);
+    return peeked.withDescriptors ? firstMessage(bytes.data(), size) : wholeMessages(bytes.data(), size);
+}
+
+BusInput::Next BusInput::wholeMessages(const std::uint8_t* bytes, std::size_t size) {
+    std::span<const std::uint8_t> left(bytes, size);
+    while (left.size() >= BusHeader::kBytes) {
+        const auto header = readBusHeader(left);
+        if (!isAcceptable(header)) return _wholeMessages > 0 ? Next::Message : Next::Refused;
+        if (header->messageBytes > left.size()) {
+            if (_wholeMessages == 0) begin(header->messageBytes);
+            return Next::Message;
+        }
+        ++_wholeMessages;
+        left = left.subspan(header->messageBytes);
+    }
+    _nothingBehind = left.empty() && size < kPeekedBytes;
+    if (_wholeMessages > 0) return Next::Message;
+    if (!_deadline) _deadline = std::chrono::steady_clock::now() + kMessageTime;
+    return Next::Part;
+}
+
+/// The kernel's look ends behind the first bytes that came with descriptors, which need not be the first
+/// message's.
+BusInput::Next BusInput::firstMessage(std::uint8_t* bytes, std::size_t size) {
+    const auto header = readBusHeader({bytes, size});
+    if (!isAcceptable(header) || header->messageBytes > size) return Next::Refused;
+    const Peeked exactly = peek(bytes, header->messageBytes);
+    if (exactly.bytes != static_cast<std::ptrdiff_t>(header->messageBytes)) return Next::Refused;
+    if (!exactly.withDescriptors) {
+        _wholeMessages = 1;
+        return Next::Message;
+    }
+    _fileMessageBytes = header->messageBytes;
+    return Next::File;
+}
+
+void BusInput::begin(std::size_t bytes) {
+    _unfinishedBytes = bytes;
+    if (!_deadline) _deadline = std::chrono::steady_clock::now() + kMessageTime;
+}
+
+std::optional<BusInput::FileMessage> BusInput::takeFileMessage() {
+    FileMessage taken;
+    taken.bytes.resize(std::exchange(_fileMessageBytes, 0));
+    _deadline.reset();
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    iovec part{taken.bytes.data(), taken.bytes.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = CMSG_LEN(sizeof(int));  // Its padding would have room for a second one.
+    const ssize_t size = ::recvmsg(_socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (size < 0) return std::nullopt;
+    const cmsghdr* rights = CMSG_FIRSTHDR(&message);
+    if (rights != nullptr && rights->cmsg_level == SOL_SOCKET && rights->cmsg_type == SCM_RIGHTS) {
+        int descriptor = -1;
+        std::memcpy(&descriptor, CMSG_DATA(rights), sizeof descriptor);
+        taken.file.reset(descriptor);
+    }
+    const bool isWhole = static_cast<std::size_t>(size) == taken.bytes.size();
+    if (!isWhole || !taken.file || (message.msg_flags & MSG_CTRUNC) != 0) return std::nullopt;
+    return taken;
+}
+
+}  // namespace quorvane::platform

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "platform/base/UniqueDescriptor.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace quorvane::platform {
+
+/// Looks at what a client has sent before the bus library reads it. Attack and fact: the library takes every
+/// descriptor that comes along, and of a malformed message it never closes them; it makes room for a message
+/// as soon as the header has told its size. So descriptors are refused to it (it ends a connection that
+/// brings one all the same), the one call that brings a file is taken out of the stream here, and what no
+/// call of this daemon looks like ends the connection.
+///
+/// Looking takes one system call for all that has come, up to some kilobytes, and saves the one by which the
+/// library would find out that nothing is left. Belongs to the connection's thread.
+class BusInput {
+  public:
+    enum class Next {
+        Nothing,  ///< Wait for the socket.
+        Part,     ///< Too little to know what it is: wait a moment, the socket is readable all the time.
+        Message,  ///< One for the bus library, which may be unfinished yet.
+        File,     ///< A message with one descriptor: takeFileMessage().
+        End,      ///< The client has closed.
+        Refused,  ///< End the connection.
+    };
+
+    /// A message with its descriptor.
+    struct FileMessage {
+        std::vector<std::uint8_t> bytes;
+        UniqueDescriptor file;
+    };
+
+    /// Longest time that a message may take from its first byte to its last.
+    static constexpr std::chrono::seconds kMessageTime{30};
+
+    /// Borrows the socket, whose next byte is a message's first.
+    explicit BusInput(int socket) : _socket(socket) {}
+
+    Next next();
+    /// Without a message when more than one descriptor has come. After Next::File only.
+    std::optional<FileMessage> takeFileMessage();
+    /// To be told of every message that the bus library has read whole.
+    void messageRead();
+
+    /// Bytes of the message that is unfinished, or 0.
+    std::size_t unfinishedBytes() const { return _unfinishedBytes; }
+    /// When an unfinished message has taken too long.
+    std::optional<std::chrono::steady_clock::time_point> deadline() const { return _deadline; }
+    /// Whether Next::Part was the last answer.
+    bool hasPart() const { return _deadline && _wholeMessages == 0 && _unfinishedBytes == 0; }
+    /// Whether what comes next is a message's first byte.
+    bool betweenMessages() const { return _unfinishedBytes == 0; }
+
+  private:
+    struct Peeked {
+        std::ptrdiff_t bytes;
+        bool withDescriptors;
+    };
+
+    Peeked peek(std::uint8_t* into, std::size_t most) const;
+    Next look();
+    Next wholeMessages(const std::uint8_t* bytes, std::size_t size);
+    Next firstMessage(std::uint8_t* bytes, std::size_t size);
+    void begin(std::size_t bytes);
+
+    const int _socket;
+    std::size_t _wholeMessages = 0;  ///< That are there and have no descriptors.
+    bool _nothingBehind = false;     ///< Nothing came after them when they were looked at.
+    std::size_t _fileMessageBytes = 0;
+    std::size_t _unfinishedBytes = 0;
+    std::optional<std::chrono::steady_clock::time_point> _deadline;
+};
+
+}  // namespace quorvane::platform
