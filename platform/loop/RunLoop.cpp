@@ -26,6 +26,9 @@ std::unique_ptr<RunLoop> RunLoop::init(Watchdog watchdog) {
     loop->_posted = std::make_unique<Posted>();
     loop->_posted->wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     RunLoop* self = loop.get();
+    // The loop's first timer takes a descriptor for its clock. Later ones, such as that which waits until
+    // there are descriptors again, take none.
+    if (!loop->addTimer(std::chrono::milliseconds(0), [] {})) return nullptr;
     if (!loop->_posted->wake ||
         !loop->addReadSource(loop->_posted->wake.get(), [self] { self->runPosted(); }))
         return nullptr;

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include <random>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 namespace quorvane::test {
 namespace {
@@ -216,6 +218,24 @@ TEST_F(BadInputTest, DescriptorsThatNoCallBringsAreNeverKept) {
     EXPECT_LT(most, before + 200);
     EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }));
     expectService(bystander);
+}
+
+TEST_F(BadInputTest, ClientsAreServedAgainWhenDescriptorsHadRunOut) {
+    _device.start();
+    std::vector<UniqueDescriptor> others;
+    // A connection takes several: with one of these limits all of them are taken by whole connections.
+    for (rlim_t limit = 64; limit < 68; ++limit) {
+        const rlimit few{limit, 1024};
+        ASSERT_EQ(::prlimit(_device.daemon().pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+        for (int i = 0; i < 40; ++i) others.push_back(connectSocket(_device.socketPath()));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    ASSERT_TRUE(_device.logs("listener: no more connections can be accepted for now"));
+    others.clear();
+    EXPECT_TRUE(eventually([&] {
+        const BusClient client(_device.socketPath());
+        return client.call(kClientSessionInterface, "FlushMessages").error.empty();
+    }));
 }
 
 TEST_F(BadInputTest, LentFilesAreBoundedAndGivenBackWithTheConnection) {
