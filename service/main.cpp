@@ -3,6 +3,7 @@
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/Root.h"
+#include "platform/base/UserAccount.h"
 #include "platform/bus/BusListener.h"
 #include "platform/device/UserDefaults.h"
 #include "platform/loop/RunLoop.h"
@@ -16,36 +17,45 @@
 #include <systemd/sd-daemon.h>
 
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string>
+#include <optional>
 #include <utility>
-#include <variant>
 
 namespace {
 
 using namespace quorvane;
 
-void setConnectionsPerUser(platform::BusListener& listener) {
-    const auto most = platform::userDefault(kQuorvaneDefaultsSuite, "connections_per_user");
-    if (!most) return;
-    if (most->integer() > 0)
-        listener.setConnectionsPerUser(most->unsignedInteger());
-    else
-        platform::logError("main: connections_per_user in the defaults of {} is no number above 0: {}",
-                           kQuorvaneDefaultsSuite, most->description());
+std::optional<std::size_t> positiveDefault(const char* key) {
+    const auto set = platform::userDefault(kQuorvaneDefaultsSuite, key);
+    if (!set) return std::nullopt;
+    if (set->integer() > 0) return set->unsignedInteger();
+    platform::logError("main: {} in the defaults of {} is no number above 0: {}", key, kQuorvaneDefaultsSuite,
+                       set->description());
+    return std::nullopt;
+}
+
+/// What users may make the daemon hold, as the defaults say.
+void setUserBounds() {
+    using platform::UserAccount;
+    const auto set = [](UserAccount::Slot slot, const char* perUserKey, const char* inAllKey,
+                        std::size_t unit) {
+        UserAccount::Bounds bounds = UserAccount::bounds(slot);
+        if (const auto perUser = positiveDefault(perUserKey)) bounds.perUser = *perUser * unit;
+        if (const auto inAll = positiveDefault(inAllKey)) bounds.inAll = *inAll * unit;
+        UserAccount::setBounds(slot, bounds);
+    };
+    set(UserAccount::Slot::Connections, "connections_per_user", "connections", 1);
+    set(UserAccount::Slot::Bytes, "megabytes_per_user", "megabytes", 1u << 20);
 }
 
 std::unique_ptr<platform::BusListener> newListener() {
     auto made = platform::BusListener::initWithSocketPath(platform::rooted(kQuorvaneSocketPath));
-    if (const auto* failure = std::get_if<std::string>(&made)) {
-        platform::logError("main: The listener fails: {}", *failure);
-        return nullptr;
-    }
-    auto listener = std::get<std::unique_ptr<platform::BusListener>>(std::move(made));
-    setConnectionsPerUser(*listener);
-    return listener;
+    if (made) return *std::move(made);
+    platform::logError("main: The listener fails: {}", made.error().message);
+    return nullptr;
 }
 
 /// From the confinement to the end of the run loop; the process's exit status.
@@ -57,6 +67,7 @@ int serve() {
     const auto loop = platform::RunLoop::init();
     if (loop == nullptr) platform::logError("main: The run loop cannot be made.");
     const auto reclaimer = loop != nullptr ? platform::MemoryReclaimer::init(*loop) : nullptr;
+    setUserBounds();
     const auto listener = newListener();
     if (loop == nullptr || reclaimer == nullptr || listener == nullptr) return EXIT_FAILURE;
     const auto agent = QuorvanedAgent::init();

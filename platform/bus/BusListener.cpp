@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <systemd/sd-daemon.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -17,8 +18,6 @@
 namespace quorvane::platform {
 
 namespace {
-
-using Failure = std::string;
 
 /// Connections accepted before the loop's other handlers get their turn.
 constexpr int kAtATime = 64;
@@ -39,29 +38,29 @@ bool someoneListens(const sockaddr_un& address) {
     return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-std::variant<UniqueDescriptor, Failure> socketAt(const std::string& path) {
-    const auto failure = [&path](const char* what) {
-        return Failure("cannot " + std::string(what) + " " + path + ": " + std::strerror(errno));
+Result<UniqueDescriptor> socketAt(const std::string& path) {
+    const auto failed = [&path](const char* what) {
+        return failure("cannot " + std::string(what) + " " + path + ": " + std::strerror(errno));
     };
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) {
         errno = ENAMETOOLONG;
-        return failure("listen at");
+        return failed("listen at");
     }
     path.copy(address.sun_path, path.size());
-    if (!createDirectories(path.substr(0, path.rfind('/')))) return failure("make the folder of");
+    if (!createDirectories(path.substr(0, path.rfind('/')))) return failed("make the folder of");
     if (someoneListens(address)) {
         errno = EADDRINUSE;
-        return failure("listen at");
+        return failed("listen at");
     }
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return failure("remove the stale socket");
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return failed("remove the stale socket");
     UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return failure("bind");
+        return failed("bind");
     // Any user's services may report.
-    if (::chmod(path.c_str(), 0666) != 0) return failure("open to all users");
-    if (::listen(socket.get(), SOMAXCONN) != 0) return failure("listen at");
+    if (::chmod(path.c_str(), 0666) != 0) return failed("open to all users");
+    if (::listen(socket.get(), SOMAXCONN) != 0) return failed("listen at");
     return socket;
 }
 
@@ -74,14 +73,13 @@ BusConnection::Peer peerOf(int socket) {
 
 }  // namespace
 
-std::variant<std::unique_ptr<BusListener>, std::string> BusListener::initWithSocketPath(
-    const std::string& path) {
+Result<std::unique_ptr<BusListener>> BusListener::initWithSocketPath(const std::string& path) {
     UniqueDescriptor socket = socketFromLauncher();
     std::string ownedPath;
     if (!socket) {
         auto made = socketAt(path);
-        if (auto* failure = std::get_if<Failure>(&made)) return std::move(*failure);
-        socket = std::move(std::get<UniqueDescriptor>(made));
+        if (!made) return tl::unexpected(std::move(made).error());
+        socket = *std::move(made);
         ownedPath = path;
     }
     const int flags = ::fcntl(socket.get(), F_GETFL);
@@ -124,11 +122,11 @@ void BusListener::acceptWaiting() {
 
 void BusListener::accept(UniqueDescriptor socket) {
     const BusConnection::Peer peer = peerOf(socket.get());
-    if (!admit(peer.uid)) return;
+    auto admitted = admit(peer.uid);
+    if (!admitted) return;
     const auto connection = BusConnection::initWithDescriptor(std::move(socket), peer);
     if (connection == nullptr) {
         logError("listener: a connection of process {} could not be set up", peer.pid);
-        connectionEnded(nullptr, peer.uid);
         return;
     }
     const BusConnection* key = connection.get();
@@ -136,30 +134,31 @@ void BusListener::accept(UniqueDescriptor socket) {
         const MutexLock lock(_mutex);
         _connections.emplace(key, connection);
     }
-    if (_delegate(connection) && connection->resume([this, key, peer] { connectionEnded(key, peer.uid); }))
-        return;
+    const auto charge = std::make_shared<UserAccount::Charge>(*std::move(admitted));
+    const auto ended = [this, key, charge] {
+        *charge = {};
+        connectionEnded(key);
+    };
+    if (_delegate(connection) && connection->resume(ended)) return;
     logError("listener: a connection of process {} could not be served", peer.pid);
-    connectionEnded(key, peer.uid);
+    connectionEnded(key);
 }
 
-bool BusListener::admit(uid_t user) {
-    const MutexLock lock(_mutex);
-    Share& share = _perUser[user];
-    if (share.connections < _connectionsPerUser) {
-        ++share.connections;
-        share.isFull = false;
-        return true;
-    }
-    // One line however many are refused.
-    if (!std::exchange(share.isFull, true))
-        logWarning("listener: user {} has {} connections, no more are taken", user, share.connections);
-    return false;
+std::optional<UserAccount::Charge> BusListener::admit(uid_t user) {
+    const auto account = UserAccount::of(user);
+    auto admitted = account->charge(UserAccount::Slot::Connections, 1);
+    if (admitted)
+        _refused.erase(user);
+    else if (_refused.insert(user).second)  // One line however many are refused.
+        logWarning("listener: user {} has {} connections, no more are taken", user,
+                   account->taken(UserAccount::Slot::Connections));
+    return admitted;
 }
 
-void BusListener::connectionEnded(const BusConnection* connection, uid_t user) {
+void BusListener::connectionEnded(const BusConnection* connection) {
     const MutexLock lock(_mutex);
-    _connections.erase(connection);
-    if (const auto at = _perUser.find(user); --at->second.connections == 0) _perUser.erase(at);
+    [[maybe_unused]] const std::size_t erased = _connections.erase(connection);
+    assert(erased == 1);  // One left behind, or ended twice, would keep the process from ending, or hurry it.
     if (_allGone && _connections.empty()) _loop->post(std::exchange(_allGone, nullptr));
 }
 

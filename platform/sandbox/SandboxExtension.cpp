@@ -1,6 +1,7 @@
 #include "platform/sandbox/SandboxExtension.h"
 
 #include "platform/base/ThreadAnnotations.h"
+#include "platform/base/UserAccount.h"
 #include "platform/crypto/Uuid.h"
 
 #include <fcntl.h>
@@ -23,20 +24,15 @@ struct Issued {
     ExtensionOwner owner;
     UniqueDescriptor file;
     RemoveFileRequest removeFile;
+    UserAccount::Charge charge;
 };
 
 Mutex mutex;
 std::map<std::string, Issued> issuedTokens GUARDED_BY(mutex);
 
-bool mayHaveAnother(ExtensionOwner owner) REQUIRES(mutex) {
-    std::size_t ofOwner = 0;
-    std::size_t ofUser = 0;
-    for (const auto& [token, issued] : issuedTokens) {
-        if (issued.owner.number == owner.number) ++ofOwner;
-        if (issued.owner.user == owner.user) ++ofUser;
-    }
-    return ofOwner < kExtensionsPerOwner && ofUser < kExtensionsPerUser &&
-           issuedTokens.size() < kExtensionsInAll;
+std::size_t countOf(ExtensionOwner owner) REQUIRES(mutex) {
+    const auto isOwners = [=](const auto& entry) { return entry.second.owner.number == owner.number; };
+    return static_cast<std::size_t>(std::count_if(issuedTokens.begin(), issuedTokens.end(), isOwners));
 }
 
 std::optional<Issued> take(const std::string& token) {
@@ -83,8 +79,10 @@ std::optional<std::string> issueSandboxExtension(ExtensionOwner owner, UniqueDes
     if (!canBeReadFrom(file)) return std::nullopt;
     std::string token = randomUuidText();
     const MutexLock lock(mutex);
-    if (!mayHaveAnother(owner)) return std::nullopt;
-    issuedTokens.emplace(token, Issued{owner, std::move(file), std::move(removeFile)});
+    if (countOf(owner) >= kExtensionsPerOwner) return std::nullopt;
+    auto charge = UserAccount::of(owner.user)->charge(UserAccount::Slot::Files, 1);
+    if (!charge) return std::nullopt;
+    issuedTokens.emplace(token, Issued{owner, std::move(file), std::move(removeFile), *std::move(charge)});
     return token;
 }
 

@@ -26,11 +26,9 @@ struct ExtensionOwner {
 /// With a number that no other connection has had.
 ExtensionOwner newExtensionOwner(uid_t user);
 
-/// What an owner, all owners of one user, and all together may have outstanding. Each holds a descriptor
-/// open.
+/// What an owner may have outstanding; for users the account has a slot (UserAccount.h). Each holds a
+/// descriptor open.
 inline constexpr std::size_t kExtensionsPerOwner = 64;
-inline constexpr std::size_t kExtensionsPerUser = 1024;
-inline constexpr std::size_t kExtensionsInAll = 4096;
 
 /// Asks the file's owner to remove it. Called at most once, from any thread; must not block.
 using RemoveFileRequest = std::function<void(const std::string& token)>;

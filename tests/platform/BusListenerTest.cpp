@@ -6,8 +6,6 @@
 #include <poll.h>
 #include <sys/stat.h>
 
-#include <variant>
-
 namespace quorvane::platform {
 namespace {
 
@@ -35,13 +33,13 @@ class BusListenerTest : public RootFixture {
         _thread.join();
         _listener.reset();
         _loop.reset();
+        UserAccount::setBounds(UserAccount::Slot::Connections, _bounds);
         RootFixture::TearDown();
     }
 
     std::unique_ptr<BusListener> listenAtThePath() {
         auto made = BusListener::initWithSocketPath(_path);
-        auto* listener = std::get_if<std::unique_ptr<BusListener>>(&made);
-        return listener != nullptr ? std::move(*listener) : nullptr;
+        return made ? *std::move(made) : nullptr;
     }
 
     void start() {
@@ -68,6 +66,7 @@ class BusListenerTest : public RootFixture {
         return ::poll(&readable, 1, 30'000) == 1 && ::recv(socket.get(), &byte, 1, 0) <= 0;
     }
 
+    const UserAccount::Bounds _bounds = UserAccount::bounds(UserAccount::Slot::Connections);
     const std::string _path = (_root / "sub/socket").string();
     std::unique_ptr<RunLoop> _loop;
     std::unique_ptr<BusListener> _listener;
@@ -96,7 +95,7 @@ TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcessUntilAllAreEnded)
 }
 
 TEST_F(BusListenerTest, ClosesConnectionsThatTheDelegateRefusesAndThosePastAUsersShareUntilOneEnds) {
-    _listener->setConnectionsPerUser(2);
+    UserAccount::setBounds(UserAccount::Slot::Connections, {2, 8});
     _refuses = true;
     start();
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(isClosed(test::connectSocket(_path)));

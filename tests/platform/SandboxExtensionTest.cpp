@@ -1,5 +1,7 @@
 #include "platform/sandbox/SandboxExtension.h"
 
+#include "platform/base/UserAccount.h"
+
 #include "tests/support/RootFixture.h"
 
 #include <fcntl.h>
@@ -122,14 +124,15 @@ TEST_F(SandboxExtensionTest, OutstandingTokensAreBoundedAndEndWithTheirOwner) {
 }
 
 TEST_F(SandboxExtensionTest, OneUserLeavesTokensToTheOthers) {
+    const std::size_t perUser = UserAccount::bounds(UserAccount::Slot::Files).perUser;
     std::vector<ExtensionOwner> owners;
     std::size_t issued = 0;
-    for (std::size_t owner = 0; owner <= kExtensionsPerUser / kExtensionsPerOwner; ++owner) {
+    for (std::size_t owner = 0; owner <= perUser / kExtensionsPerOwner; ++owner) {
         owners.push_back(newExtensionOwner(kUser + 1));
         for (std::size_t token = 0; token < kExtensionsPerOwner; ++token)
             issued += issue("file", O_RDONLY, {}, owners.back()) != "refused";
     }
-    EXPECT_EQ(issued, kExtensionsPerUser);
+    EXPECT_EQ(issued, perUser);
     EXPECT_NE(issue("file"), "refused");
     for (const ExtensionOwner owner : owners) revokeSandboxExtensions(owner);
 }
