@@ -21,6 +21,9 @@ namespace {
 /// About what a message takes beside its contents.
 constexpr std::size_t kMessageBytes = 128;
 
+/// Largest session info, user info, and framework names: they stay for the session's life.
+constexpr std::size_t kMaximumKeptBytes = 64u << 10;
+
 const Dictionary* orNone(const std::optional<Dictionary>& dictionary) {
     return dictionary ? &*dictionary : nullptr;
 }
@@ -64,6 +67,12 @@ int ClientSessionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_er
     try {
         const int result = (static_cast<ClientSessionEndpoint*>(endpoint)->*method)(call);
         if (result >= 0) return 1;
+        if (result == -EMSGSIZE)
+            return ::sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                      "Session info, user info and framework names may have 64 KiB each");
+        if (result == -ENOBUFS)
+            return ::sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                      "Too much is held for the client's user already");
         return ::sd_bus_error_setf(error, SD_BUS_ERROR_INVALID_ARGS, "The arguments cannot be read (%s)",
                                    std::strerror(-result));
     } catch (const std::exception& thrown) {
@@ -117,6 +126,8 @@ int ClientSessionEndpoint::setSessionInfo(sd_bus_message* call) {
     if (result >= 0) result = platform::readOptionalDictionary(call, userInfo);
     if (result >= 0) result = platform::readStrings(call, frameworks);
     if (result >= 0) result = ::sd_bus_message_read(call, "b", &aggregates);
+    if (result >= 0) result = keepInfos(sessionInfo, userInfo);
+    if (result >= 0) result = keepFrameworks(frameworks);
     if (result < 0) return result;
     _session->setSessionInfo(std::move(sessionInfo), std::move(userInfo), std::move(frameworks),
                              aggregates != 0);
@@ -132,7 +143,9 @@ int ClientSessionEndpoint::startConfig(sd_bus_message* call) {
 
 int ClientSessionEndpoint::fetchStatesWithUserInfo(sd_bus_message* call) {
     std::optional<Dictionary> userInfo;
-    if (const int result = platform::readOptionalDictionary(call, userInfo); result < 0) return result;
+    int result = platform::readOptionalDictionary(call, userInfo);
+    if (result >= 0) result = keepUserInfo(userInfo);
+    if (result < 0) return result;
     _session->fetchStatesWithUserInfo(std::move(userInfo),
                                       [&](const ReportingStates& states) { answerStates(call, states); });
     return 0;
@@ -205,6 +218,7 @@ int ClientSessionEndpoint::sendMessageWithSessionInfo(sd_bus_message* call) {
     if (result >= 0) result = platform::readOptionalDictionary(call, userInfo);
     if (result >= 0) result = ::sd_bus_message_read(call, "qq", &category, &type);
     if (result >= 0) result = platform::readOptionalDictionary(call, payload);
+    if (result >= 0) result = keepInfos(sessionInfo, userInfo);
     if (result < 0) return result;
     _session->sendMessageWithSessionInfo(sessionInfo, std::move(userInfo), category, type, orNone(payload),
                                          [&](const std::string& text) { answerText(call, text); });
@@ -226,6 +240,32 @@ void ClientSessionEndpoint::issueForFile(sd_bus_message* call, platform::UniqueD
         ::sd_bus_reply_method_errorf(
             call, SD_BUS_ERROR_FAILED,
             "The file cannot be lent: it is not open for reading, or too many files are lent already");
+}
+
+// What is kept.
+
+int ClientSessionEndpoint::keep(platform::UserAccount::Charge& charge, std::size_t bytes) {
+    if (bytes > kMaximumKeptBytes) return -EMSGSIZE;
+    auto charged = _connection.account().charge(platform::UserAccount::Slot::Bytes, bytes);
+    if (!charged) return -ENOBUFS;
+    charge = *std::move(charged);
+    return 0;
+}
+
+int ClientSessionEndpoint::keepInfos(const Dictionary& sessionInfo,
+                                     const std::optional<Dictionary>& userInfo) {
+    const int result = keep(_sessionInfo, heldBytes(sessionInfo));
+    return result < 0 ? result : keepUserInfo(userInfo);
+}
+
+int ClientSessionEndpoint::keepUserInfo(const std::optional<Dictionary>& userInfo) {
+    return keep(_userInfo, userInfo ? heldBytes(*userInfo) : 0);
+}
+
+int ClientSessionEndpoint::keepFrameworks(const std::vector<std::string>& frameworks) {
+    std::size_t bytes = 0;
+    for (const std::string& name : frameworks) bytes += sizeof name + name.size();
+    return keep(_frameworks, bytes);
 }
 
 // The answers.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/base/UserAccount.h"
 #include "platform/bus/BusConnection.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "service/ClientProxy.h"
@@ -8,7 +9,11 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstddef>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace quorvane {
 
@@ -50,6 +55,13 @@ class ClientSessionEndpoint {
     int issue(sd_bus_message* call);
     void issueForFile(sd_bus_message* call, platform::UniqueDescriptor file);
 
+    /// What the session keeps of its client, charged to the client's user. Negative errno when it is too
+    /// much.
+    int keep(platform::UserAccount::Charge& charge, std::size_t bytes);
+    int keepInfos(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo);
+    int keepUserInfo(const std::optional<Dictionary>& userInfo);
+    int keepFrameworks(const std::vector<std::string>& frameworks);
+
     template <typename Append>
     void answer(sd_bus_message* call, std::size_t bytes, const Append& append);
     void answerNothing(sd_bus_message* call);
@@ -61,6 +73,7 @@ class ClientSessionEndpoint {
     const std::shared_ptr<ClientSessionInterface> _session;
     const std::shared_ptr<const ClientProxy> _client;
     const platform::ExtensionOwner _extensionOwner;
+    platform::UserAccount::Charge _sessionInfo, _userInfo, _frameworks;
 };
 
 }  // namespace quorvane

@@ -87,7 +87,8 @@ std::shared_ptr<BusConnection> BusConnection::initWithDescriptor(UniqueDescripto
     return connection;
 }
 
-BusConnection::BusConnection(int socket, Peer peer) : _peer(peer), _socket(socket), _input(socket) {}
+BusConnection::BusConnection(int socket, Peer peer)
+    : _peer(peer), _account(UserAccount::of(peer.uid)), _socket(socket), _input(socket, _account) {}
 
 BusConnection::~BusConnection() {
     ::sd_bus_close_unref(_bus);
@@ -282,13 +283,23 @@ int BusConnection::drainReplies() {
     for (;;) {
         std::uint64_t waiting = 0;
         if (const int result = ::sd_bus_get_n_queued_write(_bus, &waiting); result < 0) return result;
-        if (waiting == 0) _replyBytes = 0;
-        if (waiting < kQueuedReplies && _replyBytes < kQueuedReplyBytes) return 0;
+        if (mayKeepReplies(waiting)) return 0;
         if (_ending) return -ECANCELED;
         if (const int waited = wait(POLLOUT, std::nullopt); waited < 0) return waited;
         if (const int result = writeQueued(); result < 0) return result;
         if (::sd_bus_is_open(_bus) <= 0) return -ECONNRESET;
     }
+}
+
+/// What is queued is charged as a whole: it is little, or its client does not read.
+bool BusConnection::mayKeepReplies(std::uint64_t waiting) {
+    if (waiting == 0) {
+        _replyBytes = 0;
+        _replyCharge.reset();
+        return true;
+    }
+    if (!_replyCharge) _replyCharge = _account->charge(UserAccount::Slot::Bytes, kQueuedReplyBytes);
+    return _replyCharge && waiting < kQueuedReplies && _replyBytes < kQueuedReplyBytes;
 }
 
 int BusConnection::waitForWork() {
@@ -361,11 +372,13 @@ bool BusConnection::queueCall(std::size_t bytes, std::function<void(sd_bus*)> ca
         run({bytes, std::move(call)});
         return true;
     }
+    auto charge = _account->charge(UserAccount::Slot::Bytes, bytes);
+    if (!charge) return false;
     {
         const MutexLock lock(_mutex);
         if (_over || (!_calls.empty() && _callBytes + bytes > kQueuedCallBytes)) return false;
         _callBytes += bytes;
-        _calls.push_back({bytes, std::move(call)});
+        _calls.push_back({bytes, std::move(call), *std::move(charge)});
         if (_calls.size() > 1) return true;  // The thread was woken for the first.
     }
     ::eventfd_write(_wake.get(), 1);

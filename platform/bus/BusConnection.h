@@ -2,6 +2,7 @@
 
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/base/UserAccount.h"
 #include "platform/bus/BusAuthentication.h"
 #include "platform/bus/BusInput.h"
 
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -65,8 +67,9 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
 
     /// Runs the function with the bus, so that it can send: at once when the connection's thread calls, so
     /// that what it sends precedes the answer; else soon, on that thread. A call that still waits when the
-    /// connection ends is run with null. From any thread; never blocks. False when the connection has ended
-    /// or `bytes` more than wait already would go past the bound; one alone, however large, does not.
+    /// connection ends is run with null. From any thread; never blocks. False when the connection has ended,
+    /// when `bytes` more than wait already would go past the bound, past which one alone does not go, however
+    /// large, or when the user's account has no room for them.
     bool queueCall(std::size_t bytes, std::function<void(sd_bus*)> call);
 
     /// Counts bytes of a reply towards the bound of what waits for the client to read. Connection's thread
@@ -74,6 +77,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void noteQueuedBytes(std::size_t bytes) { _replyBytes += bytes; }
 
     const Peer& peer() const { return _peer; }
+    /// What the client's user makes the process hold.
+    UserAccount& account() const { return *_account; }
     std::string description() const;
 
     /// Bound on what queueCall() lets wait, in bytes. 4 MiB.
@@ -84,6 +89,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     struct QueuedCall {
         std::size_t bytes;
         std::function<void(sd_bus*)> call;
+        UserAccount::Charge charge = {};
     };
     struct Exported {
         const char* path;
@@ -105,6 +111,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     int serveFileCall();
     int writeQueued();
     int drainReplies();
+    bool mayKeepReplies(std::uint64_t waiting);
     int waitForWork();
     int wait(short events, std::optional<std::chrono::milliseconds> longest);
     void runQueuedCalls();
@@ -112,6 +119,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     Ending endingOfSocket() const;
 
     const Peer _peer;
+    const std::shared_ptr<UserAccount> _account;
     const int _socket;  ///< The bus owns it and writes to it, until the connection is over.
     UniqueDescriptor _wake;
     sd_bus* _bus = nullptr;  ///< Touched by the connection's thread only, once resumed.
@@ -119,6 +127,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     BusAuthentication _authentication;
     BusInput _input;
     std::size_t _replyBytes = 0;
+    std::optional<UserAccount::Charge> _replyCharge;
     std::atomic<bool> _ending = false;
     bool _vanished = false;  ///< The client closed without reading what it was sent.
     std::vector<Exported> _exported;

@@ -24,6 +24,7 @@ bool isAcceptable(const std::optional<BusHeader>& header) {
 }  // namespace
 
 BusInput::Next BusInput::next() {
+    if (_unfinishedBytes == 0) _charge = {};
     if (_deadline && std::chrono::steady_clock::now() >= *_deadline) return Next::Refused;
     if (_wholeMessages > 0 || _unfinishedBytes > 0) return Next::Message;
     if (_fileMessageBytes > 0) return Next::File;
@@ -61,15 +62,14 @@ BusInput::Next BusInput::wholeMessages(const std::uint8_t* bytes, std::size_t si
         const auto header = readBusHeader(left);
         if (!isAcceptable(header)) return _wholeMessages > 0 ? Next::Message : Next::Refused;
         if (header->messageBytes > left.size()) {
-            if (_wholeMessages == 0) begin(header->messageBytes);
-            return Next::Message;
+            return _wholeMessages > 0 ? Next::Message : begin(header->messageBytes);
         }
         ++_wholeMessages;
         left = left.subspan(header->messageBytes);
     }
     _nothingBehind = left.empty() && size < kPeekedBytes;
     if (_wholeMessages > 0) return Next::Message;
-    if (!_deadline) _deadline = std::chrono::steady_clock::now() + kMessageTime;
+    startTime();
     return Next::Part;
 }
 
@@ -88,9 +88,18 @@ BusInput::Next BusInput::firstMessage(std::uint8_t* bytes, std::size_t size) {
     return Next::File;
 }
 
-void BusInput::begin(std::size_t bytes) {
+BusInput::Next BusInput::begin(std::size_t bytes) {
+    startTime();
+    // The bus library holds the message while its values are read.
+    auto charge = _account->charge(UserAccount::Slot::Bytes, 2 * bytes);
+    if (!charge) return Next::Part;
+    _charge = *std::move(charge);
     _unfinishedBytes = bytes;
-    if (!_deadline) _deadline = std::chrono::steady_clock::now() + kMessageTime;
+    return Next::Message;
+}
+
+void BusInput::startTime() {
+    if (!_deadline) _deadline = std::chrono::steady_clock::now() + _messageTime;
 }
 
 std::optional<BusInput::FileMessage> BusInput::takeFileMessage() {

@@ -1,11 +1,14 @@
 #pragma once
 
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/base/UserAccount.h"
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace quorvane::platform {
@@ -22,7 +25,8 @@ class BusInput {
   public:
     enum class Next {
         Nothing,  ///< Wait for the socket.
-        Part,     ///< Too little to know what it is: wait a moment, the socket is readable all the time.
+        Part,     ///< Too little to know what it is, or no room for it: wait a moment, the socket is
+                  ///< readable all the time.
         Message,  ///< One for the bus library, which may be unfinished yet.
         File,     ///< A message with one descriptor: takeFileMessage().
         End,      ///< The client has closed.
@@ -38,8 +42,11 @@ class BusInput {
     /// Longest time that a message may take from its first byte to its last.
     static constexpr std::chrono::seconds kMessageTime{30};
 
-    /// Borrows the socket, whose next byte is a message's first.
-    explicit BusInput(int socket) : _socket(socket) {}
+    /// Borrows the socket, whose next byte is a message's first. Large and unfinished messages are charged to
+    /// the account; where it has no room they wait for it.
+    BusInput(int socket, std::shared_ptr<UserAccount> account,
+             std::chrono::milliseconds messageTime = kMessageTime)
+        : _socket(socket), _account(std::move(account)), _messageTime(messageTime) {}
 
     Next next();
     /// Without a message when more than one descriptor has come. After Next::File only.
@@ -47,8 +54,6 @@ class BusInput {
     /// To be told of every message that the bus library has read whole.
     void messageRead();
 
-    /// Bytes of the message that is unfinished, or 0.
-    std::size_t unfinishedBytes() const { return _unfinishedBytes; }
     /// When an unfinished message has taken too long.
     std::optional<std::chrono::steady_clock::time_point> deadline() const { return _deadline; }
     /// Whether Next::Part was the last answer.
@@ -66,9 +71,13 @@ class BusInput {
     Next look();
     Next wholeMessages(const std::uint8_t* bytes, std::size_t size);
     Next firstMessage(std::uint8_t* bytes, std::size_t size);
-    void begin(std::size_t bytes);
+    Next begin(std::size_t bytes);
+    void startTime();
 
     const int _socket;
+    const std::shared_ptr<UserAccount> _account;
+    const std::chrono::milliseconds _messageTime;
+    UserAccount::Charge _charge;     ///< For a message until it has been served.
     std::size_t _wholeMessages = 0;  ///< That are there and have no descriptors.
     bool _nothingBehind = false;     ///< Nothing came after them when they were looked at.
     std::size_t _fileMessageBytes = 0;

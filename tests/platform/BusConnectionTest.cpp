@@ -1,5 +1,10 @@
 #include "platform/bus/BusConnection.h"
+
+#include "platform/base/UserAccount.h"
+#include "platform/bus/BusInput.h"
 #include "tests/platform/BusFixture.h"
+
+#include <cstring>
 
 namespace quorvane::platform {
 namespace {
@@ -7,6 +12,7 @@ namespace {
 using test::BusClient;
 using test::BusReply;
 using testing::ElementsAre;
+using namespace std::string_literals;
 using namespace std::string_view_literals;
 
 constexpr std::string_view kAuthentication = "\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv;
@@ -133,6 +139,57 @@ TEST(BusConnection, BytesThatAreNoDBusAndAHalfAuthenticationCostTheirConnectionO
         EXPECT_EQ(served.object->calls(), 0u);
     }
     EXPECT_EQ(echo(other.busClient, 2), 2u);
+}
+
+/// The first bytes of a call of so many.
+std::string beginningOfCall(std::uint32_t bodyBytes) {
+    std::string bytes = "l\1\0\1"s + std::string(4, '\0') + "\1\0\0\0\0\0\0\0"s;
+    std::memcpy(&bytes[4], &bodyBytes, sizeof bodyBytes);
+    return bytes + "begun";
+}
+
+TEST(BusConnection, AMessageThatItsUserHasNoRoomForWaitsUntilHeHas) {
+    const UserAccount::Bounds before = UserAccount::bounds(UserAccount::Slot::Bytes);
+    UserAccount::setBounds(UserAccount::Slot::Bytes, {1 << 20, 8 << 20});
+    const ConnectedClient second;
+    {
+        const ServedConnection first;
+        writeAll(first.client, std::string(kAuthentication) + beginningOfCall(400 << 10));
+        const auto account = UserAccount::of(first.connection->peer().uid);
+        while (account->taken(UserAccount::Slot::Bytes) == 0) std::this_thread::yield();
+        const test::Message call = second.busClient.newCall(kTestInterface, "Unknown");
+        ::sd_bus_message_append(call.get(), "s", std::string(400 << 10, 'x').c_str());
+        std::uint64_t cookie = 0;
+        ASSERT_GE(::sd_bus_send(second.busClient.bus(), call.get(), &cookie), 0);
+        EXPECT_EQ(::sd_bus_wait(second.busClient.bus(), 300'000), 0) << "it is answered though";
+        EXPECT_LE(account->taken(UserAccount::Slot::Bytes), 1u << 20);
+    }
+    EXPECT_NE(nextMessage(second.busClient), nullptr);
+    EXPECT_EQ(echo(second.busClient, 3), 3u);
+    EXPECT_EQ(second.connection->account().taken(UserAccount::Slot::Bytes), 0u);
+    UserAccount::setBounds(UserAccount::Slot::Bytes, before);
+}
+
+TEST(BusInput, EndsWhatTakesTooLongOrHasLongerNamesThanAnyCallAndKeepsNoDescriptor) {
+    const auto next = [](const std::string& bytes) {
+        std::array<int, 2> ends{};
+        ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data());
+        const UniqueDescriptor client(ends[0]), served(ends[1]);
+        writeAll(client, bytes);
+        BusInput input(served.get(), UserAccount::of(1), std::chrono::milliseconds(20));
+        std::vector<BusInput::Next> told{input.next()};
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        told.push_back(input.next());
+        return told;
+    };
+    using Next = BusInput::Next;
+    EXPECT_THAT(next(""), ElementsAre(Next::Nothing, Next::Nothing));
+    EXPECT_THAT(next(beginningOfCall(100).substr(0, 15)), ElementsAre(Next::Part, Next::Refused));
+    EXPECT_THAT(next(beginningOfCall(100)), ElementsAre(Next::Message, Next::Refused));
+    std::string longNames = beginningOfCall(5);
+    longNames[13] = '\x11';
+    EXPECT_THAT(next(longNames), ElementsAre(Next::Refused, Next::Refused));
+    EXPECT_THAT(next(beginningOfCall(128 << 20)), ElementsAre(Next::Refused, Next::Refused));
 }
 
 TEST(BusConnection, AClientThatDoesNotReadIsSlowedAloneAndLosesNothing) {

@@ -155,6 +155,17 @@ TEST_F(BadInputTest, AMalformedCallGetsTheStandardErrorAndCostsNothingElse) {
     EXPECT_EQ(error("NoSuchMethod"), "org.freedesktop.DBus.Error.UnknownMethod");
     EXPECT_EQ(client.call("com.velmora.NoSuchInterface", "FlushMessages").error,
               "org.freedesktop.DBus.Error.UnknownMethod");
+    const auto info = [&](std::size_t sessionBytes, std::size_t userBytes, std::size_t frameworkBytes) {
+        const std::string texts[] = {std::string(sessionBytes, 's'), std::string(userBytes, 'u'),
+                                     std::string(frameworkBytes, 'f')};
+        return error("SetSessionInfo", "a{sv}aa{sv}asb", 1, "Text", "s", texts[0].c_str(), 1, 1, "Text", "s",
+                     texts[1].c_str(), 1, texts[2].c_str(), 0);
+    };
+    constexpr std::size_t most = 65'000;  // What sessions keep.
+    EXPECT_EQ(info(most, most, most), "");
+    for (const auto& [s, u, f] :
+         {std::array{2 * most, most, most}, {most, 2 * most, most}, {most, most, 2 * most}})
+        EXPECT_EQ(info(s, u, f), "org.freedesktop.DBus.Error.LimitsExceeded");
     // Arguments of the right types that no value can hold: more than one where one may be, and too deep.
     EXPECT_EQ(error("FetchStatesWithUserInfo", "aa{sv}", 2, 0, 0), kInvalidArguments);
     const Message deep = client.newCall(kClientSessionInterface, "UploadLogData");
