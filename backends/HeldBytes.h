@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 #include <cstddef>
 
 namespace quorvane {
@@ -19,6 +20,7 @@ class HeldBytes {
 
     /// False, and nothing is added, when they would go past either maximum.
     bool add(std::size_t bytes) {
+        assert(_bytes <= kMaximum && "past it the difference would wrap, and nothing be refused");
         if (bytes > kMaximum - _bytes) return false;
         if (inAll.fetch_add(bytes, std::memory_order_relaxed) + bytes > kMaximumInAll) {
             inAll.fetch_sub(bytes, std::memory_order_relaxed);
@@ -29,7 +31,8 @@ class HeldBytes {
     }
 
     void clear() {
-        inAll.fetch_sub(_bytes, std::memory_order_relaxed);
+        [[maybe_unused]] const std::size_t before = inAll.fetch_sub(_bytes, std::memory_order_relaxed);
+        assert(before >= _bytes && "below zero no backend could hold an event any more");
         _bytes = 0;
     }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <utility>
 
@@ -57,6 +58,8 @@ void DashboardBackend::tryToSendMsg(Data message, std::uint16_t eventNumber) {
     packet.state = sent ? UDPPacketToSend::State::AwaitsAcknowledgement : UDPPacketToSend::State::NotSent;
     packet.eventNumber = eventNumber;
     packet.data = std::move(message);
+    assert(_messageQueue.size() <= kWaitingDatagrams &&
+           "one in, one out keeps the bound only from within it");
     _messageQueue.push_back(std::move(packet));
     if (_messageQueue.size() <= kWaitingDatagrams) return;
     _messageQueue.pop_front();
@@ -90,6 +93,7 @@ bool DashboardBackend::isStillWaiting(UDPPacketToSend& packet) {
 
 /// One tick of a datagram that awaits its acknowledgement; false when it is given up.
 bool DashboardBackend::retransmit(UDPPacketToSend& packet) {
+    assert(packet.numberOfRetransmits >= 0 && "it is an index");
     const auto retransmits = static_cast<std::size_t>(packet.numberOfRetransmits);
     if (retransmits >= kChecksBeforeRetransmit.size()) {
         ++_givenUp;

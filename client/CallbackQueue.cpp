@@ -4,6 +4,7 @@
 
 #include <sys/eventfd.h>
 
+#include <cassert>
 #include <utility>
 
 namespace quorvane::client {
@@ -102,9 +103,11 @@ void CallbackQueue::run(Callback callback) {
     t_innermost = frame.outer;
 
     const MutexLock lock(_mutex);
+    assert(_running > 0 && "close() would wait for ever, or not at all");
     --_running;
     if (_closed) _changed.notify_all();
     const bool wasFull = _waitingBytes >= kBoundBytes;
+    assert(_waitingBytes >= callback.bytes && "below zero the queue would look full for ever");
     _waitingBytes -= callback.bytes;
     if (wasFull && _waitingBytes < kBoundBytes) ::eventfd_write(_wake->get(), 1);
 }
@@ -116,6 +119,7 @@ void CallbackQueue::close() {
     dropped.swap(_waiting);
     _changed.notify_all();
     const std::size_t own = framesOf(this);
+    assert(_running >= own && "each frame on this thread is a callback that runs");
     while (_running > own) _changed.wait(_mutex);
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -55,6 +56,7 @@ Result<std::shared_ptr<const OpenFile>> openRegularFile(const std::string& path)
 }
 
 void LentFiles::add(const std::string& token, std::shared_ptr<const OpenFile> file) {
+    assert(file != nullptr && "the daemon may ask for its removal at once");
     const MutexLock lock(_mutex);
     _files[token] = std::move(file);
 }

@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include <cassert>
 #include <utility>
 
 namespace quorvane {
@@ -72,7 +73,8 @@ void QuorvanedAgent::add(std::shared_ptr<QuorvanedSession> session) {
 void QuorvanedAgent::remove(const std::shared_ptr<QuorvanedSession>& session) {
     {
         const std::scoped_lock lock(_sessionList.lock);
-        _sessionList.sessions.remove(session);
+        [[maybe_unused]] const auto removed = _sessionList.sessions.remove(session);
+        assert(removed == 1 && "a connection ends once, and its session is listed until then");
         if (_sessionList.sessions.empty()) platform::endProcessTransaction();
     }
     {

@@ -1,6 +1,7 @@
 #include "service/SessionGroup.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace quorvane {
 
@@ -16,14 +17,14 @@ void SessionGroup::append(QuorvanedSession& session, std::optional<std::int32_t>
 
 void SessionGroup::setLevel(const QuorvanedSession& session, std::int32_t level) {
     const auto member = find(session);
-    if (member == _members.end()) return;
+    assert(member != _members.end() && "only sessions that are filed here change their level here");
     member->level = level;
     findFirsts();
 }
 
 std::optional<std::int32_t> SessionGroup::remove(const QuorvanedSession& session) {
     const auto member = find(session);
-    if (member == _members.end()) return std::nullopt;
+    assert(member != _members.end() && "a session is removed from the group that it is filed in");
     const auto level = member->level;
     _members.erase(member);
     findFirsts();

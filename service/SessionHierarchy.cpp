@@ -4,6 +4,7 @@
 #include "session/QuorvanedSession.h"
 #include "util/DeviceFacts.h"
 
+#include <cassert>
 #include <utility>
 
 namespace quorvane {
@@ -36,15 +37,18 @@ void SessionHierarchy::userInfoUpdatedForSession(QuorvanedSession& session) {
     logDebug("userInfoUpdatedForSession: Adding session {} to list for userInfoKey {}", session.sessionID(),
              group->first);
     group->second.append(session, level);
-    _filed.emplace(&session, group);
+    [[maybe_unused]] const bool isNew = _filed.emplace(&session, group).second;
+    assert(isNew && "it was removed above; else it would stay behind in its old group");
 }
 
 SessionHierarchy::Groups::iterator SessionHierarchy::groupForKey(const std::string& key) {
     const auto [group, isNew] = _correlatedSessions.try_emplace(key);
-    if (isNew)
+    if (isNew) {
         ++_groupCount;
-    else if (group->second.empty())
+    } else if (group->second.empty()) {
+        assert(_emptiedKeyBytes >= key.size() && "an emptied group that is kept has been counted");
         _emptiedKeyBytes -= key.size();
+    }
     return group;
 }
 
@@ -59,6 +63,7 @@ std::optional<std::int32_t> SessionHierarchy::removeSession(const QuorvanedSessi
 }
 
 void SessionHierarchy::forgetEmptied(Groups::iterator group) {
+    assert(group->second.empty() && "sessions would point to a group that is gone");
     const std::size_t bytes = group->first.size();
     if (_emptiedKeyBytes + bytes > kEmptiedKeyBytes)
         _correlatedSessions.erase(group);
@@ -107,8 +112,10 @@ std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(
     while (top > 0 && sessions->getFirstSessionWithHierarchy(top - 1) != nullptr) --top;
     std::optional<std::string> parents;
     for (std::int32_t level = top; level < hierarchy; ++level) {
-        const std::string& parent = sessions->getFirstSessionWithHierarchy(level)->sessionIDString();
-        parents = parents ? *std::move(parents) + "." + parent : parent;
+        const QuorvanedSession* parent = sessions->getFirstSessionWithHierarchy(level);
+        assert(parent != nullptr && "the levels from the top down were found above, under the same lock");
+        const std::string& id = parent->sessionIDString();
+        parents = parents ? *std::move(parents) + "." + id : id;
     }
     if (top > 0)
         logInfo(

@@ -3,6 +3,7 @@
 #include "platform/base/FreedMemory.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace quorvane::platform {
 
@@ -18,6 +19,7 @@ bool isWithin(std::size_t limit, std::size_t taken, std::size_t bytes) {
 }  // namespace
 
 void MemoryBudget::Reservation::shrinkTo(std::size_t bytes) {
+    assert(_budget != nullptr && "a reservation that was moved from holds nothing to give back");
     if (bytes >= _bytes) return;
     _budget->release(_holder, _bytes - bytes, 0);
     _bytes = bytes;
@@ -57,6 +59,7 @@ bool MemoryBudget::waitForTurn(Holder& holder, Waiter& waiter, Patience patience
 }
 
 bool MemoryBudget::hasTurn(const Holder& holder, const Waiter& waiter) const {
+    assert(!holder.line.empty() && "who asks stands in the line until it enters or gives up");
     return holder.line.front() == &waiter && fits(holder, waiter.bytes);
 }
 
@@ -80,6 +83,8 @@ void MemoryBudget::release(Entry holder, std::size_t bytes, std::size_t reservat
     bool largeOneIsGone = false;
     {
         const MutexLock lock(_mutex);
+        assert(bytes <= holder->second.taken && bytes <= _taken && "below zero nothing would fit any more");
+        assert(reservations <= holder->second.reservations && "below zero it would never be forgotten");
         holder->second.taken -= bytes;
         holder->second.reservations -= reservations;
         holder->second.lastGivenBack = Clock::now();

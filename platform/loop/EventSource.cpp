@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <utility>
 
@@ -104,6 +105,7 @@ void EventSource::scheduleNext() {
     ::sd_event_now(::sd_event_source_get_event(_source), CLOCK_MONOTONIC, &now);
     ::sd_event_source_get_time(_source, &next);
     const std::uint64_t period = count(_period);
+    assert(period > 0 && "it divides, and a timer without a period would never let the loop rest");
     next += period;
     if (next <= now) next += (now - next) / period * period + period;
     ::sd_event_source_set_time(_source, next);

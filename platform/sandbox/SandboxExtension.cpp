@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <map>
 
@@ -82,7 +83,9 @@ std::optional<std::string> issueSandboxExtension(ExtensionOwner owner, UniqueDes
     if (countOf(owner) >= kExtensionsPerOwner) return std::nullopt;
     auto charge = UserAccount::of(owner.user)->charge(UserAccount::Slot::Files, 1);
     if (!charge) return std::nullopt;
-    issuedTokens.emplace(token, Issued{owner, std::move(file), std::move(removeFile), *std::move(charge)});
+    Issued issued{owner, std::move(file), std::move(removeFile), *std::move(charge)};
+    [[maybe_unused]] const bool isNew = issuedTokens.emplace(token, std::move(issued)).second;
+    assert(isNew && "two owners of one token could read each other's file");
     return token;
 }
 

@@ -3,6 +3,7 @@
 #include <systemd/sd-daemon.h>
 
 #include <atomic>
+#include <cassert>
 
 namespace quorvane::platform {
 
@@ -17,7 +18,9 @@ void beginProcessTransaction() {
 }
 
 void endProcessTransaction() {
-    if (openTransactions.fetch_sub(1) == 1) ::sd_notify(0, "STATUS=Idle.");
+    const int open = openTransactions.fetch_sub(1);
+    assert(open > 0 && "below zero the daemon would look idle while it serves, and lose posts at its end");
+    if (open == 1) ::sd_notify(0, "STATUS=Idle.");
 }
 
 bool processTransactionOpen() {
