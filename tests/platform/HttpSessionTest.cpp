@@ -266,7 +266,6 @@ TEST_F(HttpSessionTest, ABodyIsSentOnceWhateverBecomesOfItsConnection) {
 TEST_F(HttpSessionTest, WhoWantsNoBodyHasItsAnswerWithTheHead) {
     setHttpLimits({.unwantedBodyTime = 200ms});
     std::atomic<int> closed = 0;
-    std::atomic<bool> mayEnd = false;
     const auto answering = [&](const char* head, std::size_t piece) {
         return [&, head, piece](RawConnection& connection) {
             connection.readRequest();

@@ -55,7 +55,7 @@ Message BusClient::newCall(const char* interface, const char* member) const {
 
 BusReply BusClient::call(const Message& message) const {
     constexpr std::uint64_t limit = 30'000'000;  // Microseconds.
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_message* reply = nullptr;
     const int result = ::sd_bus_call(_bus, message.get(), limit, &error, &reply);
     BusReply answer{Message(reply), ""};
