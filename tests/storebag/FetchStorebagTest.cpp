@@ -1,5 +1,6 @@
 #include "storebag/FetchStorebag.h"
 
+#include "platform/base/FreedMemory.h"
 #include "platform/value/Bytes.h"
 #include "tests/storebag/StorebagFixture.h"
 
@@ -204,6 +205,18 @@ TEST_F(FetchStorebagTest, WhatIsNotSignedOrCannotBeReadIsNotTaken) {
         ASSERT_EQ(logged.size(), expected.size()) << body;
         for (std::size_t i = 0; i < logged.size(); ++i) EXPECT_THAT(logged[i], StartsWith(expected[i]));
     }
+}
+
+TEST_F(FetchStorebagTest, TheMemoryOfALargeAnswerIsGivenBack) {
+    int told = 0;
+    platform::setMemoryListener([&told] { ++told; });
+    answer(signedBag(_bag));
+    EXPECT_TRUE(fetch().bag);
+    EXPECT_EQ(told, 0);
+    answer("<plist>" + std::string(1u << 20, ' '));
+    EXPECT_FALSE(fetch().bag);
+    EXPECT_EQ(told, 1);
+    platform::setMemoryListener(nullptr);
 }
 
 TEST_F(FetchStorebagTest, TheKeyIsReadAtEveryVerification) {
