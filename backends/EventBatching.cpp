@@ -42,6 +42,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     }
     logDebug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", static_cast<int>(state()),
              batchEvents(), requireUserInfo());
+    finishSending();
     Array events;
     events.emplace_back(std::move(event));
     Answer prettyJson;
@@ -63,10 +64,11 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
         logDebug(
             "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
             method);
-        flush(nullptr);
+        finishSending();
+        _completed = takeBatch();
         count = 0;
     }
-    // A flush that posted closed the batch, and the record that caused it is lost with it, on purpose.
+    // A batch that was taken is closed, and the record that caused it is lost with it, on purpose.
     if (_batch.hold(event, method, count + 1)) return;
     // What is held may be posted to make room, and so may a record for which there is none.
     flush(nullptr);
@@ -94,9 +96,23 @@ QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
 }
 
 void HTTPSPostBackend::flush(Answer* prettyJson) {
-    if (_batch.isEmpty() || !mayFlush()) return;
+    finishSending();
+    postBatch(takeBatch(), prettyJson);
+}
+
+void HTTPSPostBackend::finishSending() {
+    postBatch(std::exchange(_completed, {}), nullptr);
+}
+
+/// The held records if they may be posted, else none.
+Array HTTPSPostBackend::takeBatch() {
+    if (_batch.isEmpty() || !mayFlush()) return {};
     logDebug("HTTPSPostBackend(flushMessages): called");
-    Array events = _batch.take();
+    return _batch.take();
+}
+
+void HTTPSPostBackend::postBatch(Array events, Answer* prettyJson) {
+    if (events.empty()) return;
     addUserInfo(events);
     post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson);
 }

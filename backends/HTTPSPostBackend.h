@@ -36,6 +36,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
                        std::uint16_t respCode, EventID eventID, MessageFlag flag) override;
     using QuorvaneBackend::sendMessage;
 
+    /// Posts a batch that the last event has completed: what that takes is no part of the event's answer.
+    void finishSending() override;
+
     /// Posts the held records in one message if the backend reports; the answer is as above.
     Answer flushMessages() override;
 
@@ -81,9 +84,11 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     void batchEvent(Dictionary event);
     void postOrDrop(Dictionary event);
     void dropEvent();
+    Array takeBatch();
     void addUserInfo(Array& events) const;
-    /// Both write the posted text where it is asked for: it costs as much as the message itself.
+    /// These write the posted text where it is asked for: it costs as much as the message itself.
     void flush(Answer* prettyJson);
+    void postBatch(Array events, Answer* prettyJson);
     void post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
               std::optional<std::uint16_t> responseCode, Answer* prettyJson);
 
@@ -108,6 +113,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     const std::string _uuidRespectDnu;
     const std::string _uuidOverrideDnu;
     EventBatch _batch;
+    Array _completed;  ///< a batch that finishSending() posts
 };
 
 }  // namespace quorvane

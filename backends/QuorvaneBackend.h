@@ -52,6 +52,9 @@ class QuorvaneBackend {
     virtual Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
                                std::uint16_t respCode, EventID eventID, MessageFlag flag);
 
+    /// Does what a send left undone to answer sooner. To be called after each, once its answer is on its way.
+    virtual void finishSending() {}
+
     virtual Answer flushMessages() { return std::nullopt; }
     virtual bool uploadFileAtPath(const std::string& path, const char* extensionToken);
     virtual bool uploadLogData(const Array& logData);

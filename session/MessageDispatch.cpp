@@ -16,6 +16,7 @@ void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
     const Answer answer = sendMessageWithCategory(category, type, payload);
     if (reply) reply(answer);
+    finishSending();
 }
 
 void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
@@ -23,6 +24,7 @@ void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
     const Answer answer = sendMessageWithDictionary(message);
     if (reply) reply(answer);
+    finishSending();
 }
 
 void QuorvanedSession::flushMessagesWithReply(const std::function<void(const Answer&)>& reply) {
@@ -71,9 +73,16 @@ Answer QuorvanedSession::dispatch(std::uint16_t category, std::uint16_t type, co
         [&](QuorvaneBackend& backend) { return backend.sendMessage(payload, now, category, type, flag); });
 }
 
+void QuorvanedSession::finishSending() {
+    const auto& backends = _backends.own();
+    if (backends == nullptr) return;
+    for (const auto& [name, backend] : *backends) backend->finishSending();
+}
+
 void QuorvanedSession::internalSendMessage(const Dictionary& message, std::uint16_t method,
                                            std::uint16_t respCode) {
     sendMessageWithCategory(method, respCode, &message);
+    finishSending();
     logDebug("internalSendMessage: Sent internal message (method:{} respCode:{})", method, respCode);
 }
 

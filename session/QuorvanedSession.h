@@ -106,6 +106,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     Answer sendMessageWithDictionary(const Dictionary& message);
     bool hasBackendsToSend() const;
     Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag);
+    void finishSending();
     void internalSendMessage(const Dictionary& message, std::uint16_t method, std::uint16_t respCode);
     Answer flushMessages();
 

@@ -57,7 +57,10 @@ void QuorvanedSession::sendMessageWithSessionInfo(const std::shared_ptr<const Di
         backend.updateState();
         return backend.sendMessage(payload, now, category, type, MessageFlag{0});
     });
-    for (const auto& [name, backend] : *backends) backend->cleanup();
+    for (const auto& [name, backend] : *backends) {
+        backend->finishSending();
+        backend->cleanup();
+    }
 }
 
 }  // namespace quorvane
