@@ -38,7 +38,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     if (state() == BackendState::Enabled && !batchEvents() && !_batch.isEmpty()) {
         logDebug(
             "HTTPSPostBackend(sendMessage): Backend has changed its state to 'Enabled', batching is not requested and some events have already been batched. Forcing Flush here to keep events in order.");
-        flush(nullptr);
+        flush(nullptr, Order::Ended);
     }
     logDebug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", static_cast<int>(state()),
              batchEvents(), requireUserInfo());
@@ -95,9 +95,9 @@ QuorvaneBackend::Answer HTTPSPostBackend::flushMessages() {
     return prettyJson;
 }
 
-void HTTPSPostBackend::flush(Answer* prettyJson) {
+void HTTPSPostBackend::flush(Answer* prettyJson, Order order) {
     finishSending();
-    postBatch(takeBatch(), prettyJson);
+    postBatch(takeBatch(), prettyJson, order);
 }
 
 void HTTPSPostBackend::finishSending() {
@@ -111,10 +111,10 @@ Array HTTPSPostBackend::takeBatch() {
     return _batch.take();
 }
 
-void HTTPSPostBackend::postBatch(Array events, Answer* prettyJson) {
+void HTTPSPostBackend::postBatch(Array events, Answer* prettyJson, Order order) {
     if (events.empty()) return;
     addUserInfo(events);
-    post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson);
+    post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson, order);
 }
 
 void HTTPSPostBackend::addUserInfo(Array& events) const {
@@ -136,9 +136,9 @@ void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSession
 }
 
 void HTTPSPostBackend::post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
-                            std::optional<std::uint16_t> responseCode, Answer* prettyJson) {
+                            std::optional<std::uint16_t> responseCode, Answer* prettyJson, Order order) {
     std::optional<Data> message = createMessageForPostAndLogging(std::move(events), prettyJson);
-    if (message) postJSONMessage(*std::move(message), flag, method, responseCode);
+    if (message) postJSONMessage(*std::move(message), flag, method, responseCode, order);
 }
 
 }  // namespace quorvane

@@ -62,6 +62,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     HTTPSPostBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,
                      const OptionalString& productFamily);
 
+    /// What the next post waits for: that this one has started, or that it was answered or has failed.
+    enum class Order { Started, Ended };
+
     // The state: UpdateBackendState.cpp.
     ReportingFacts reportingFacts() const;
     void applyExpedite(const Dictionary& entry);
@@ -87,10 +90,10 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     Array takeBatch();
     void addUserInfo(Array& events) const;
     /// These write the posted text where it is asked for: it costs as much as the message itself.
-    void flush(Answer* prettyJson);
-    void postBatch(Array events, Answer* prettyJson);
+    void flush(Answer* prettyJson, Order order = Order::Started);
+    void postBatch(Array events, Answer* prettyJson, Order order = Order::Started);
     void post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
-              std::optional<std::uint16_t> responseCode, Answer* prettyJson);
+              std::optional<std::uint16_t> responseCode, Answer* prettyJson, Order order = Order::Started);
 
     // Messages and posts: JSONPosting.cpp.
     std::optional<Data> createMessageForPostAndLogging(Array events, OptionalString* prettyJsonString) const;
@@ -98,7 +101,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     std::vector<platform::HttpHeader> postHeaders(std::optional<std::uint16_t> method,
                                                   std::optional<std::uint16_t> responseCode) const;
     void postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
-                         std::optional<std::uint16_t> responseCode);
+                         std::optional<std::uint16_t> responseCode, Order order);
     void postCompleted(const std::string& name, const platform::HttpResult& result);
 
     static constexpr std::int32_t kDefaultEventThreshold = 49;

@@ -94,7 +94,7 @@ QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
 }
 
 void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
-                                       std::optional<std::uint16_t> responseCode) {
+                                       std::optional<std::uint16_t> responseCode, Order order) {
     const std::string* url = isRealtime(flag) ? _targets.realtime() : _targets.ordinary();
     if (url == nullptr) return;
 
@@ -111,6 +111,7 @@ void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::opti
     if (isCompressed) request.headers.push_back({"Content-Encoding", "gzip"});
     request.wantsBody = false;
     request.orderKey = this;
+    request.isBarrier = order == Order::Ended;
     platform::startDataTask(std::move(request),
                             [self = shared_from_this(), name = name()](const platform::HttpResult& result) {
                                 self->postCompleted(name, result);

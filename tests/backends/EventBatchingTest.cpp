@@ -119,12 +119,12 @@ TEST_F(EventRoomTest, AReportingBackendPostsWhatItHasNoRoomFor) {
     const Dictionary large{{"n", 2}, {"text", std::string(17u << 20, 'x')}};
     EXPECT_FALSE(send(*backend, {{"n", 1}}));
     EXPECT_FALSE(send(*backend, large)) << "answered as a held one";
-    EXPECT_THAT(posted(), testing::UnorderedElementsAre(1, 2));
+    EXPECT_THAT(posted(), testing::ElementsAre(1, 2));
 
     std::array<HeldBytes, HeldBytes::kMaximumInAll / HeldBytes::kMaximum> others;
     for (HeldBytes& each : others) EXPECT_TRUE(each.add(HeldBytes::kMaximum));
     for (const int n : {3, 4}) EXPECT_FALSE(send(*backend, {{"n", n}}));
-    EXPECT_THAT(posted(), testing::UnorderedElementsAre(3, 4));
+    EXPECT_THAT(posted(), testing::ElementsAre(3, 4));
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 0u);
 }
 

@@ -3,7 +3,10 @@
 #include "tests/support/RawServer.h"
 #include "tests/support/Within.h"
 
+#include <atomic>
+#include <chrono>
 #include <limits>
+#include <thread>
 
 namespace quorvane {
 namespace {
@@ -113,6 +116,35 @@ TEST_F(JSONPostingTest, AServerErrorDisablesEvenWhenItsBodyIsCutShort) {
     EXPECT_TRUE(platform::drainHttpSession(std::chrono::seconds(30)));
     EXPECT_EQ(backend->state(), BackendState::Disabled);
     EXPECT_EQ(logged("<3>HTTPSPostBackend(postJsonMessage): post error: "), 0u) << "the head is the answer";
+}
+
+TEST_F(JSONPostingTest, AForcedFlushIsAnsweredBeforeTheEventBehindItIsSent) {
+    auto backend = postingBackend();
+    std::atomic<int> answered = 0, answeredBeforeEvent = -1;
+    _server->setHandler([&](const test::ServerRequest& request) {
+        if (eventsIn(request.body).size() == 1) answeredBeforeEvent = answered.load();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ++answered;
+        return test::ServerAnswer();
+    });
+    backend->setState(BackendState::SampledOut);
+    for (const int n : {1, 2}) EXPECT_FALSE(send(*backend, {{"n", n}}));
+    EXPECT_TRUE(send(*backend, {{"n", 3}}, 5, 0, 2));
+    EXPECT_EQ(takeRequests().size(), 2u);
+    EXPECT_EQ(answeredBeforeEvent, 1);
+}
+
+TEST_F(JSONPostingTest, EventsArriveInTheirOrder) {
+    auto backend = postingBackend();
+    constexpr int kEvents = 40;
+    for (int n = 0; n < kEvents; ++n) send(*backend, {{"n", n}});
+    std::vector<std::int64_t> arrived;
+    for (const test::ServerRequest& request : takeRequests())
+        arrived.push_back(onlyEventIn(request.body).integer("n"));
+    ASSERT_EQ(arrived.size(), std::size_t{kEvents});
+    int swapped = 0;
+    for (std::size_t at = 1; at < arrived.size(); ++at) swapped += arrived[at] < arrived[at - 1];
+    EXPECT_LE(swapped, kEvents / 20) << "a busy server may be late for one, not for many";
 }
 
 TEST_F(JSONPostingTest, ANumberThatIsNotFiniteCostsItsMessageWithAnError) {
