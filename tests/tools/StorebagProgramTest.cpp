@@ -19,6 +19,10 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
+std::string textOf(std::span<const std::uint8_t> bytes) {
+    return std::string(platform::textOf(bytes));
+}
+
 constexpr const char* kToml = R"(version = "3.1"
 refresh_cycle = 600
 [release.httppost]
@@ -63,7 +67,7 @@ class StorebagProgram : public RootFixture {
         // Making a key takes a while, and one is as good as another.
         static const auto key = tools::SigningKey::generate();
         write("private.pem", key->privatePEM());
-        write("public.der", platform::textOf(key->publicDER()));
+        write("public.der", textOf(key->publicDER()));
         write("bag.toml", kToml);
     }
 
@@ -74,19 +78,19 @@ class StorebagProgram : public RootFixture {
 
     /// The bag in the envelope.
     std::string signedBytes() const {
-        return platform::textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
+        return textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
     }
 
     void writeEnvelope(const Dictionary& envelope) const {
-        write("bag", platform::textOf(*platform::xmlPropertyList(Value(envelope))));
+        write("bag", textOf(*platform::xmlPropertyList(Value(envelope))));
     }
 };
 
 TEST_F(StorebagProgram, SignsTheSameBagFromEverySourceAndVerifiesIt) {
     const Dictionary bag = *platform::parseJson(kJson)->dictionary();
     write("bag.json", kJson);
-    write("xml.plist", platform::textOf(*platform::xmlPropertyList(Value(bag))));
-    write("binary.plist", platform::textOf(*platform::binaryPropertyList(Value(bag))));
+    write("xml.plist", textOf(*platform::xmlPropertyList(Value(bag))));
+    write("binary.plist", textOf(*platform::binaryPropertyList(Value(bag))));
     for (const char* source : {"bag.toml", "bag.json", "xml.plist", "binary.plist"}) {
         const auto result = sign(source);
         EXPECT_EQ(result.status, 0) << source << result.errors;
@@ -144,7 +148,7 @@ TEST_F(StorebagProgram, TellsWhatIsWrongWithAnEnvelope) {
 
 TEST_F(StorebagProgram, RefusesKeysThatAreNone) {
     ASSERT_EQ(sign("bag.toml").status, 0);
-    write("public.der", platform::textOf(tools::SigningKey::generate()->publicDER()));
+    write("public.der", textOf(tools::SigningKey::generate()->publicDER()));
     EXPECT_THAT(verify().errors, HasSubstr("not good for"));
     write("public.der", read("private.pem"));
     EXPECT_THAT(verify().errors, HasSubstr("public.der: no RSA public key in DER form"));
@@ -276,7 +280,7 @@ TEST_F(StorebagProgram, MakesKeysThatOnlyTheirOwnerReadsAndNeverReplacesThemUnas
     const std::string first = read("new.pem");
     const auto key = tools::SigningKey::initWithPEM(first);
     ASSERT_NE(key, nullptr);
-    EXPECT_EQ(read("new.der"), platform::textOf(key->publicDER()));
+    EXPECT_EQ(read("new.der"), textOf(key->publicDER()));
 
     const auto refused = storebag(keygen);
     EXPECT_EQ(refused.status, 1);
