@@ -43,6 +43,10 @@ constexpr const char* kJson = R"({"version": "3.1", "refresh_cycle": 600,
    "filters": [{"key": "_sessionID", "action": "sha256"}]}]}},
  "development": {"joulary": {}}})";
 
+std::string textOf(const Data& bytes) {
+    return std::string(platform::textOf(bytes));
+}
+
 ProgramResult storebag(const std::string& words) {
     return runProgram(commandLine(QUORVANE_STOREBAG, words));
 }
