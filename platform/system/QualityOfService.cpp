@@ -22,7 +22,9 @@ constexpr int kIoPriority = 6;
 void setQualityOfServiceUtility() {
     // On Linux both are a thread's own, named by its thread ID.
     const auto thread = static_cast<int>(::syscall(SYS_gettid));
-    if (::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), kNice) != 0)
+    // Started nicer than that, it stays so.
+    if (::getpriority(PRIO_PROCESS, static_cast<id_t>(thread)) < kNice &&
+        ::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), kNice) != 0)
         logWarning("setQualityOfServiceUtility: nice {} was refused ({})", kNice, std::strerror(errno));
     if (::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, thread,
                   IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, kIoPriority)) != 0)

@@ -31,5 +31,15 @@ TEST(QualityOfServiceTest, UtilityIsTheThreadsOwnAndInherited) {
     EXPECT_EQ(ofThisThread(), before);
 }
 
+TEST(QualityOfServiceTest, WhoIsNicerStaysSo) {
+    int nice = 0;
+    std::thread([&] {
+        ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 15);
+        setQualityOfServiceUtility();
+        nice = ofThisThread().first;
+    }).join();
+    EXPECT_EQ(nice, 15);
+}
+
 }  // namespace
 }  // namespace quorvane::platform
