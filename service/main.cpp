@@ -16,6 +16,7 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <array>
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
@@ -37,12 +38,14 @@ std::optional<std::size_t> positiveDefault(const char* key) {
     return std::nullopt;
 }
 
-/// What users may make the daemon hold, as the defaults say.
+/// What users may make the daemon hold, as the defaults say now.
 void setUserBounds() {
     using platform::UserAccount;
+    static const std::array builtIn{UserAccount::bounds(UserAccount::Slot::Connections),
+                                    UserAccount::bounds(UserAccount::Slot::Bytes)};
     const auto set = [](UserAccount::Slot slot, const char* perUserKey, const char* inAllKey,
                         std::size_t unit) {
-        UserAccount::Bounds bounds = UserAccount::bounds(slot);
+        UserAccount::Bounds bounds = builtIn[static_cast<std::size_t>(slot)];
         if (const auto perUser = positiveDefault(perUserKey)) bounds.perUser = *perUser * unit;
         if (const auto inAll = positiveDefault(inAllKey)) bounds.inAll = *inAll * unit;
         UserAccount::setBounds(slot, bounds);
@@ -72,8 +75,12 @@ int serve() {
     if (loop == nullptr || reclaimer == nullptr || listener == nullptr) return EXIT_FAILURE;
     const auto agent = QuorvanedAgent::init();
     listener->setDelegate([&](const auto& connection) { return agent->listener(*listener, connection); });
+    const auto reload = [] {
+        platform::logInfo("main: Told to reload, the bounds of users are read anew.");
+        setUserBounds();
+    };
     Shutdown termination(*loop, *listener);
-    if (!termination.awaitSignals() || !listener->resume(*loop)) {
+    if (!termination.awaitSignals() || !loop->addSignal(SIGHUP, reload) || !listener->resume(*loop)) {
         platform::logError("main: The run loop refuses to serve.");
         return EXIT_FAILURE;
     }

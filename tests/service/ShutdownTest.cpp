@@ -3,6 +3,7 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <future>
 
 namespace quorvane::test {
@@ -44,6 +45,19 @@ TEST_F(ShutdownTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
     EXPECT_EQ(*end.string("StorebagVersion"), "7-test");
     EXPECT_TRUE(_device.logs("was invalidated"));
     EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
+}
+
+TEST_F(ShutdownTest, ReloadingEndsNothingAndReadsTheBoundsOfUsersAnew) {
+    _device.start();
+    Client client = _device.connect();
+    EXPECT_TRUE(client.flush());
+    std::ofstream(_device.root() / "etc/quorvane/defaults/com.velmora.quorvane.toml", std::ios::app)
+        << "\nconnections_per_user = 1\n";
+    _device.daemon().signal(SIGHUP);
+    EXPECT_TRUE(_device.logs("main: Told to reload, the bounds of users are read anew."));
+    EXPECT_FALSE(Client::connect({.socketPath = _device.socketPath()}));
+    EXPECT_TRUE(client.flush());
+    EXPECT_TRUE(_device.logs("has 1 connections, no more are taken"));
 }
 
 TEST_F(ShutdownTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
