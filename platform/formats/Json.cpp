@@ -21,6 +21,41 @@ namespace quorvane::platform {
 
 namespace {
 
+/// Not 0 if one of the word's eight characters cannot stand in a JSON text as it is (RFC 8259, section 7) or
+/// is not ASCII: the highest bit of its byte is set.
+std::uint64_t specialIn(std::uint64_t word) {
+    constexpr std::uint64_t each = 0x0101'0101'0101'0101;
+    const auto zeroBytes = [](std::uint64_t bytes) { return (bytes - each) & ~bytes; };
+    return (word | (word - each * 0x20) | zeroBytes(word ^ (each * '"')) | zeroBytes(word ^ (each * '\\'))) &
+           (each * 0x80);
+}
+
+/// Copies the text and tells whether it is ASCII that JSON takes as it stands, both in one pass, word by
+/// word; the last word overlaps the one before it.
+bool copyPlain(std::string_view text, void* to) {
+    auto* out = static_cast<char*>(to);
+    const char* in = text.data();
+    std::uint64_t word = 0;
+    if (text.size() < sizeof word) {
+        word = 0x0101'0101'0101'0101 * ' ';
+        for (std::size_t at = 0; at < text.size(); ++at) {
+            out[at] = in[at];
+            word = word << 8 | static_cast<unsigned char>(in[at]);
+        }
+        return specialIn(word) == 0;
+    }
+    std::uint64_t found = 0;
+    const auto copyWord = [&](std::size_t at) {
+        std::memcpy(&word, in + at, sizeof word);
+        std::memcpy(out + at, &word, sizeof word);
+        found |= specialIn(word);
+    };
+    const std::size_t last = text.size() - sizeof word;
+    for (std::size_t at = 0; at < last; at += sizeof word) copyWord(at);
+    copyWord(last);
+    return found == 0;
+}
+
 /// RapidJSON's output stream onto the end of a byte buffer, which then is the result itself.
 template <typename Buffer>
 class BufferStream {
@@ -34,12 +69,14 @@ class BufferStream {
         putUnsafe(c);
     }
     void Flush() {}
-    void putQuoted(std::string_view text) {
+    /// Puts the text out in quotes, if it is one that JSON takes as it stands.
+    bool putPlain(std::string_view text) {
         reserve(text.size() + 2);
-        putUnsafe('"');
-        std::copy(text.begin(), text.end(), _buffer.begin() + static_cast<std::ptrdiff_t>(_size));
-        _size += text.size();
-        putUnsafe('"');
+        auto* out = _buffer.data() + _size;
+        if (!copyPlain(text, out + 1)) return false;
+        out[0] = out[text.size() + 1] = '"';
+        _size += text.size() + 2;
+        return true;
     }
 
     void finish() {
@@ -61,26 +98,9 @@ class BufferStream {
     std::size_t _size = 0;
 };
 
-/// Whether the text is ASCII that JSON takes as it stands (RFC 8259, section 7). Looks at eight bytes at a
-/// time: special() sets the highest bit of each byte that is a control character, a quote, a backslash or not
-/// ASCII.
-bool isPlain(std::string_view text) {
-    constexpr std::uint64_t each = 0x0101'0101'0101'0101;
-    const auto zeroBytes = [](std::uint64_t word) { return (word - each) & ~word; };
-    const auto special = [&](std::uint64_t word) {
-        return (word | (word - each * 0x20) | zeroBytes(word ^ (each * '"')) |
-                zeroBytes(word ^ (each * '\\'))) &
-               (each * 0x80);
-    };
-    std::uint64_t found = 0;
-    for (; text.size() >= sizeof found; text.remove_prefix(sizeof found)) {
-        std::uint64_t word = 0;
-        std::memcpy(&word, text.data(), sizeof word);
-        found |= special(word);
-    }
-    std::uint64_t rest = each * ' ';
-    std::memcpy(&rest, text.data(), text.size());
-    return (found | special(rest)) == 0;
+/// RapidJSON 1.1's pretty writer cannot be told to check the encoding.
+bool isJsonText(std::string_view text) {
+    return isUtf8(text) && text.size() <= std::numeric_limits<rapidjson::SizeType>::max();
 }
 
 /// Writes a plain text in one piece; RapidJSON would write it character by character.
@@ -90,9 +110,11 @@ class CompactWriter : public rapidjson::Writer<Stream, rapidjson::UTF8<>, rapidj
     using Base = rapidjson::Writer<Stream, rapidjson::UTF8<>, rapidjson::UTF8<>, Pool>;
     using Base::Base;
 
-    void plainString(std::string_view text) {
+    bool text(std::string_view text) {
         Base::Prefix(rapidjson::kStringType);
-        Base::os_->putQuoted(text);
+        return Base::os_->putPlain(text) ||
+               (isJsonText(text) &&
+                Base::WriteString(text.data(), static_cast<rapidjson::SizeType>(text.size())));
     }
 };
 
@@ -104,14 +126,10 @@ bool write(const Value& value, Writer& writer);
 
 template <typename Writer>
 bool write(const std::string& text, Writer& writer) {
-    if constexpr (requires { writer.plainString(text); })
-        if (isPlain(text)) {
-            writer.plainString(text);
-            return true;
-        }
-    // RapidJSON 1.1's pretty writer cannot be told to check the encoding.
-    return isUtf8(text) && text.size() <= std::numeric_limits<rapidjson::SizeType>::max() &&
-           writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    if constexpr (requires { writer.text(text); })
+        return writer.text(text);
+    else
+        return isJsonText(text) && writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
 template <typename Writer>
