@@ -11,7 +11,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr Event kEvent{.category = 1, .type = 2};
+const Event kEvent{.category = 1, .type = 2};
 
 /// Answers nothing.
 int silent(sd_bus_message*) {
