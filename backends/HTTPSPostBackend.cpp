@@ -6,7 +6,6 @@
 
 namespace quorvane {
 
-
 std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::string& name,
                                                                  std::shared_ptr<const Dictionary> profile,
                                                                  const OptionalString& productFamily) {
