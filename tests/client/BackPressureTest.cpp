@@ -2,7 +2,6 @@
 #include "tests/client/ClientFixture.h"
 
 #include <atomic>
-#include <cstring>
 
 namespace quorvane::test {
 namespace {
@@ -66,7 +65,7 @@ TEST(BackPressure, ADaemonThatDoesNotReadSlowsTheSender) {
     EXPECT_TRUE(counting.inOrder);
 }
 
-TEST(BackPressure, DestructionLetsTheDaemonTakeWhatWasSent) {
+TEST(BackPressure, DestructionLetsTheDaemonTakeWhatWasSentForAWhile) {
     CountingPeer counting;
     constexpr unsigned kEvents = 5'000;
     {
@@ -81,10 +80,8 @@ TEST(BackPressure, DestructionLetsTheDaemonTakeWhatWasSent) {
     }
     EXPECT_TRUE(eventually([&] { return counting.count == kEvents; }));
     EXPECT_TRUE(counting.inOrder);
-}
 
-TEST(BackPressure, DestructionDoesNotWaitForEverForAStalledDaemon) {
-    CountingPeer counting;
+    // One that does not take it is not waited for for ever.
     const auto start = std::chrono::steady_clock::now();
     {
         Client client = connectTo(counting.peer, {.closeTimeout = milliseconds(50)});

@@ -7,19 +7,14 @@
 #include <sys/un.h>
 #include <systemd/sd-id128.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <utility>
 
 namespace quorvane::test {
 
-namespace {
-
-/// How long the peer's thread waits before it looks at what it was told.
-constexpr std::chrono::duration<int, std::milli> kTurn{5};
-
-}  // namespace
+/// How long the peer's thread waits before it looks at what it was told, in milliseconds.
+constexpr int kTurn = 5;
 
 std::filesystem::path makeFolder() {
     std::string name = (std::filesystem::temp_directory_path() / "quorvane-client-XXXXXX").string();
@@ -64,7 +59,7 @@ void BusPeer::run(const std::function<void(sd_bus*)>& function) {
 void BusPeer::serve() {
     while (!_stops) {
         pollfd incoming{_listener.get(), POLLIN, 0};
-        if (::poll(&incoming, 1, kTurn.count()) == 1)
+        if (::poll(&incoming, 1, kTurn) == 1)
             serveConnection(platform::UniqueDescriptor(
                 ::accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
     }
@@ -90,7 +85,7 @@ void BusPeer::serveConnection(platform::UniqueDescriptor socket) {
         if (processed > 0) continue;
         const int events = ::sd_bus_get_events(bus);
         pollfd waited{_paused ? -1 : descriptor, static_cast<short>(events), 0};
-        ::poll(&waited, 1, kTurn.count());
+        ::poll(&waited, 1, kTurn);
     }
     ::sd_bus_close_unref(bus);
 }

@@ -3,7 +3,6 @@
 #include "tests/client/ClientFixture.h"
 
 #include <atomic>
-#include <cstring>
 #include <deque>
 
 namespace quorvane::test {
@@ -64,8 +63,12 @@ void relay(sd_bus* bus, const Dictionary* payload, double timestamp = 1, std::ui
     ::sd_bus_message_unref(message);
 }
 
-TEST(CallbackQueue, EventsAndTheirEndReachTheBlock) {
-    BusPeer peer(answerNil);
+class CallbackQueue : public testing::Test {
+  protected:
+    BusPeer peer{answerNil};
+};
+
+TEST_F(CallbackQueue, EventsAndTheirEndReachTheBlock) {
     std::vector<AggregatedEvent> events;
     std::promise<SessionInfo> ended;
     Client client = connectTo(peer);
@@ -88,8 +91,7 @@ TEST(CallbackQueue, EventsAndTheirEndReachTheBlock) {
     EXPECT_EQ(events[1].payload, Dictionary{});
 }
 
-TEST(CallbackQueue, CallbacksRunWhereTheCallerWantsThem) {
-    BusPeer peer(answerNil);
+TEST_F(CallbackQueue, CallbacksRunWhereTheCallerWantsThem) {
     Loop loop;
     const auto runLoop = [&](const std::function<bool()>& done) {
         return eventually([&] {
@@ -117,8 +119,7 @@ TEST(CallbackQueue, CallbacksRunWhereTheCallerWantsThem) {
     EXPECT_TRUE(runLoop([&] { return lost; }));
 }
 
-TEST(CallbackQueue, ACallbackMayCallTheClient) {
-    BusPeer peer(answerNil);
+TEST_F(CallbackQueue, ACallbackMayCallTheClient) {
     Client client = connectTo(peer);
     std::promise<bool> answered;
     aggregate(client, [&](const AggregatedEvent&) {
@@ -129,17 +130,7 @@ TEST(CallbackQueue, ACallbackMayCallTheClient) {
     EXPECT_TRUE(answered.get_future().get());
 }
 
-TEST(CallbackQueue, AnExecutorThatRunsAtOnceGetsAnErrorInsteadOfADeadlock) {
-    BusPeer peer(answerNil);
-    Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
-    std::promise<ErrorCode> code;
-    ASSERT_TRUE(
-        client.sendAsync({}, [&](const Result<Answer>&) { code.set_value(client.send({}).error().code); }));
-    EXPECT_EQ(code.get_future().get(), ErrorCode::WouldDeadlock);
-}
-
-TEST(CallbackQueue, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
-    BusPeer peer(answerNil);
+TEST_F(CallbackQueue, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
     std::atomic<int> begun = 0;
     std::atomic<int> ended = 0;
     std::promise<void> running;
@@ -159,8 +150,7 @@ TEST(CallbackQueue, DestructionWaitsForTheRunningCallbackAndDropsTheRest) {
     EXPECT_EQ(begun, ended);
 }
 
-TEST(CallbackQueue, ACallbackMayDestroyItsClient) {
-    BusPeer peer(answerNil);
+TEST_F(CallbackQueue, ACallbackMayDestroyItsClient) {
     auto client = std::make_shared<std::unique_ptr<Client>>(std::make_unique<Client>(connectTo(peer)));
     std::promise<void> destroyed;
     ASSERT_TRUE((*client)->sendAsync({}, [&, client](const Result<Answer>&) {
@@ -168,21 +158,18 @@ TEST(CallbackQueue, ACallbackMayDestroyItsClient) {
         destroyed.set_value();
     }));
     destroyed.get_future().wait();
-}
 
-TEST(CallbackQueue, ACallbackInsideAnotherMayDestroyTheirClient) {
-    BusPeer peer(answerNil);
+    // Also one inside another.
     Loop loop;
-    std::optional<Client> client = connectTo(peer, {.executor = loop.executor()});
-    ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { loop.runNext(); }));
-    ASSERT_TRUE(client->sendAsync({}, [&](const Result<Answer>&) { client.reset(); }));
+    std::optional<Client> outer = connectTo(peer, {.executor = loop.executor()});
+    ASSERT_TRUE(outer->sendAsync({}, [&](const Result<Answer>&) { loop.runNext(); }));
+    ASSERT_TRUE(outer->sendAsync({}, [&](const Result<Answer>&) { outer.reset(); }));
     ASSERT_TRUE(eventually([&] { return loop.waiting() == 2; }));
     loop.runNext();
-    EXPECT_FALSE(client);
+    EXPECT_FALSE(outer);
 }
 
-TEST(CallbackQueue, WhatAnExecutorKeepsUpWithIsReadToItsEnd) {
-    BusPeer peer(answerNil);
+TEST_F(CallbackQueue, AnExecutorThatRunsAtOnceHasAllReadAndGetsAnErrorInsteadOfADeadlock) {
     std::atomic<unsigned> events = 0;
     Client client = connectTo(peer, {.executor = [](const std::function<void()>& function) { function(); }});
     aggregate(client, [&](const AggregatedEvent&) { ++events; });
@@ -193,6 +180,11 @@ TEST(CallbackQueue, WhatAnExecutorKeepsUpWithIsReadToItsEnd) {
         for (unsigned i = 0; i < kEvents; ++i) relay(bus, &payload);
     });
     EXPECT_TRUE(eventually([&] { return events == kEvents; })) << events;
+
+    std::promise<ErrorCode> code;
+    ASSERT_TRUE(
+        client.sendAsync({}, [&](const Result<Answer>&) { code.set_value(client.send({}).error().code); }));
+    EXPECT_EQ(code.get_future().get(), ErrorCode::WouldDeadlock);
 }
 
 /// What the peer could not yet write.
@@ -202,8 +194,7 @@ std::uint64_t unwritten(BusPeer& peer) {
     return count;
 }
 
-TEST(CallbackQueue, ASlowCallbackStopsTheReadingUntilItCatchesUp) {
-    BusPeer peer(answerNil);
+TEST_F(CallbackQueue, ASlowCallbackStopsTheReadingUntilItCatchesUp) {
     std::promise<void> gate;
     const auto opened = gate.get_future().share();
     std::atomic<unsigned> events = 0;

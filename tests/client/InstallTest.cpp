@@ -32,8 +32,8 @@ target_link_libraries(program PRIVATE quorvane::quorvane)
 class Install : public testing::Test {
   protected:
     void SetUp() override {
-        std::ofstream(source / "program.cpp") << kProgram;
-        std::ofstream(source / "CMakeLists.txt") << kProject;
+        std::ofstream(folder / "program.cpp") << kProgram;
+        std::ofstream(folder / "CMakeLists.txt") << kProject;
         succeed({QUORVANE_CMAKE, "--install", QUORVANE_BUILD_FOLDER, "--component", "libquorvane", "--prefix",
                  prefix.string()});
     }
@@ -49,13 +49,12 @@ class Install : public testing::Test {
 
     const fs::path folder = makeFolder();
     const fs::path prefix = folder / "prefix";
-    const fs::path source = folder;
     BusPeer peer{[](sd_bus_message*) { return 1; }};
 };
 
 TEST_F(Install, AProgramFindsTheLibraryThroughItsCMakePackage) {
     const std::string build = (folder / "build").string();
-    succeed({QUORVANE_CMAKE, "-S", source.string(), "-B", build, "-G", "Ninja",
+    succeed({QUORVANE_CMAKE, "-S", folder.string(), "-B", build, "-G", "Ninja",
              "-DCMAKE_PREFIX_PATH=" + prefix.string(), "-DCMAKE_CXX_COMPILER=" QUORVANE_COMPILER,
              "-DCMAKE_CXX_FLAGS=" QUORVANE_COMPILER_FLAGS});
     succeed({QUORVANE_CMAKE, "--build", build});
@@ -71,7 +70,7 @@ TEST_F(Install, AProgramFindsTheLibraryThroughPkgConfigWhereverItWasMoved) {
              QUORVANE_COMPILER " -std=c++20 " QUORVANE_COMPILER_FLAGS " -o \"$PROGRAM\" \"$SOURCE\" "
                                "$(pkg-config --cflags --libs quorvane)"},
             {{"PROGRAM", program},
-             {"SOURCE", (source / "program.cpp").string()},
+             {"SOURCE", (folder / "program.cpp").string()},
              {"PKG_CONFIG_PATH", library + "/pkgconfig"}});
     EXPECT_EQ(succeed({program, peer.path()}, {{"LD_LIBRARY_PATH", library}}), "{linked = 1;}\n");
 }

@@ -74,10 +74,15 @@ class UploadPeer {
     }
 };
 
-TEST(Upload, LendsTheFileReportsProgressAndRemovesItWhenAsked) {
+class Upload : public testing::Test {
+  protected:
     UploadPeer uploads;
+    const fs::path folder = fs::canonical(uploads.peer.folder());
     Client client = connectTo(uploads.peer);
-    const fs::path file = uploads.peer.folder() / "a log %1.txt";
+};
+
+TEST_F(Upload, LendsTheFileReportsProgressAndRemovesItWhenAsked) {
+    const fs::path file = folder / "a log %1.txt";
     writeFile(file, "what happened");
     std::vector<UploadProgress::Step> steps;
     const auto uploaded = client.uploadFile(file.string(), [&](const UploadProgress& progress) {
@@ -90,16 +95,14 @@ TEST(Upload, LendsTheFileReportsProgressAndRemovesItWhenAsked) {
     uploads.onPeer([&] {
         EXPECT_EQ(uploads.interface, "com.velmora.quorvaned.SandboxExtension");
         EXPECT_EQ(uploads.content, "what happened");
-        EXPECT_EQ(uploads.url, "file://" + (uploads.peer.folder() / "a%20log%20%251.txt").string());
+        EXPECT_EQ(uploads.url, "file://" + (folder / "a%20log%20%251.txt").string());
         EXPECT_EQ(uploads.token, "the token");
     });
     EXPECT_FALSE(fs::exists(file));
 }
 
-TEST(Upload, KeepsTheFileWhenNotAskedOrAskedForAnother) {
-    UploadPeer uploads;
-    Client client = connectTo(uploads.peer);
-    const fs::path file = uploads.peer.folder() / "log";
+TEST_F(Upload, KeepsTheFileUnlessItsOwnRemovalIsAskedForHoweverLate) {
+    const fs::path file = folder / "log";
     writeFile(file, "x");
     uploads.onPeer([&] {
         uploads.removes = "another token";
@@ -117,15 +120,12 @@ TEST(Upload, KeepsTheFileWhenNotAskedOrAskedForAnother) {
     });
     EXPECT_EQ(*client.uploadFile(file.string()), false);
     EXPECT_TRUE(fs::exists(file));
-}
 
-TEST(Upload, RemovesTheFileAlsoWhenTheAnswerComesTooLate) {
-    UploadPeer uploads;
-    Client client = connectTo(uploads.peer);
-    const fs::path file = uploads.peer.folder() / "log";
-    writeFile(file, "x");
     std::promise<void> late;
-    uploads.onPeer([&] { uploads.whileUploading = [&] { late.get_future().wait(); }; });
+    uploads.onPeer([&] {
+        uploads.removes = "the token";
+        uploads.whileUploading = [&] { late.get_future().wait(); };
+    });
     const auto uploaded = client.uploadFile(file.string(), nullptr, std::chrono::seconds(1));
     EXPECT_EQ(uploaded.error().code, ErrorCode::TimedOut);
     EXPECT_TRUE(fs::exists(file));
@@ -133,60 +133,35 @@ TEST(Upload, RemovesTheFileAlsoWhenTheAnswerComesTooLate) {
     EXPECT_TRUE(eventually([&] { return !fs::exists(file); }));
 }
 
-TEST(Upload, NeverRemovesWhatHasTakenTheFilesPlace) {
-    UploadPeer uploads;
-    Client client = connectTo(uploads.peer);
-    const fs::path file = uploads.peer.folder() / "log";
-    const fs::path other = uploads.peer.folder() / "other";
-
-    writeFile(file, "old");
-    const auto replaceFile = [&] {
+TEST_F(Upload, NeverRemovesWhatHasTakenTheFilesPlace) {
+    fs::create_directory(folder / "sub");
+    const fs::path file = folder / "sub/log";
+    const fs::path other = folder / "other";
+    const auto uploadWhile = [&](const std::function<void()>& replace) {
+        writeFile(file, "x");
+        uploads.onPeer([&] { uploads.whileUploading = replace; });
+        EXPECT_EQ(*client.uploadFile(file.string()), true);
+        EXPECT_TRUE(fs::exists(file));
+    };
+    uploadWhile([&] {
         fs::remove(file);
         writeFile(file, "new");
-    };
-    uploads.onPeer([&] { uploads.whileUploading = replaceFile; });
-    EXPECT_EQ(*client.uploadFile(file.string()), true);
-    EXPECT_TRUE(fs::exists(file));
-
-    fs::create_directory(uploads.peer.folder() / "sub");
-    const fs::path inFolder = uploads.peer.folder() / "sub/log";
-    writeFile(inFolder, "x");
-    const auto replaceFolder = [&] {
-        fs::rename(inFolder.parent_path(), uploads.peer.folder() / "moved");
-        fs::create_directory(inFolder.parent_path());
-        fs::create_hard_link(uploads.peer.folder() / "moved/log", inFolder);
-    };
-    uploads.onPeer([&] { uploads.whileUploading = replaceFolder; });
-    EXPECT_EQ(*client.uploadFile(inFolder.string()), true);
-    EXPECT_TRUE(fs::exists(inFolder)) << "another folder's";
-    EXPECT_FALSE(fs::exists(uploads.peer.folder() / "moved/log"));
-
-    const auto replaceByLink = [&] {
+    });
+    uploadWhile([&] {
+        fs::rename(folder / "sub", folder / "moved");
+        fs::create_directory(folder / "sub");
+        fs::create_hard_link(folder / "moved/log", file);
+    });
+    EXPECT_FALSE(fs::exists(folder / "moved/log"));
+    uploadWhile([&] {
         fs::rename(file, other);
         fs::create_symlink(other, file);
-    };
-    uploads.onPeer([&] { uploads.whileUploading = replaceByLink; });
-    EXPECT_EQ(*client.uploadFile(file.string()), true);
+    });
     EXPECT_TRUE(fs::is_symlink(file));
     EXPECT_TRUE(fs::exists(other));
 }
 
-TEST(Upload, NamesTheFileWithoutLinksAndDotsInItsPath) {
-    UploadPeer uploads;
-    Client client = connectTo(uploads.peer);
-    const fs::path folder = fs::canonical(uploads.peer.folder());
-    writeFile(folder / "file", "x");
-    fs::create_directory(folder / "sub");
-    fs::create_directory_symlink(".", folder / "here");
-    uploads.onPeer([&] { uploads.takes = false; });
-    EXPECT_EQ(*client.uploadFile((folder / "here/sub/.././file").string()), false);
-    uploads.onPeer([&] { EXPECT_EQ(uploads.url, "file://" + (folder / "file").string()); });
-}
-
-TEST(Upload, LendsRegularFilesOnly) {
-    UploadPeer uploads;
-    Client client = connectTo(uploads.peer);
-    const fs::path folder = uploads.peer.folder();
+TEST_F(Upload, LendsRegularFilesOnlyAndNamesThemWithoutLinksAndDots) {
     writeFile(folder / "file", "x");
     fs::create_symlink(folder / "file", folder / "link");
     ::mkfifo((folder / "fifo").c_str(), 0600);
@@ -194,6 +169,12 @@ TEST(Upload, LendsRegularFilesOnly) {
         EXPECT_EQ(client.uploadFile(path.string()).error().code, ErrorCode::InvalidArgument) << path;
     EXPECT_EQ(client.uploadFile((folder / "none").string()).error().code, ErrorCode::System);
     uploads.onPeer([&] { EXPECT_EQ(uploads.token, ""); });
+
+    fs::create_directory(folder / "sub");
+    fs::create_directory_symlink(".", folder / "here");
+    uploads.onPeer([&] { uploads.takes = false; });
+    EXPECT_EQ(*client.uploadFile((folder / "here/sub/.././file").string()), false);
+    uploads.onPeer([&] { EXPECT_EQ(uploads.url, "file://" + (folder / "file").string()); });
 }
 
 }  // namespace

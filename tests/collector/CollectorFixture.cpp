@@ -92,19 +92,13 @@ httplib::Response answered(const httplib::Result& result) {
     return result ? result.value() : httplib::Response();
 }
 
-RawConnection::RawConnection(int port)
-    : _context(SSL_CTX_new(TLS_client_method())), _connection(BIO_new_ssl_connect(_context)) {
-    BIO_set_conn_hostname(_connection, fmt::format("127.0.0.1:{}", port).c_str());
-}
-
-RawConnection::~RawConnection() {
-    BIO_free_all(_connection);
-    SSL_CTX_free(_context);
+RawConnection::RawConnection(int port) {
+    BIO_set_conn_hostname(_connection.get(), fmt::format("127.0.0.1:{}", port).c_str());
 }
 
 void RawConnection::send(std::string_view bytes) {
     while (!bytes.empty()) {
-        const int count = BIO_write(_connection, bytes.data(),
+        const int count = BIO_write(_connection.get(), bytes.data(),
                                     static_cast<int>(std::min<std::size_t>(bytes.size(), 16384)));
         if (count <= 0) return;
         bytes.remove_prefix(static_cast<std::size_t>(count));
@@ -114,9 +108,9 @@ void RawConnection::send(std::string_view bytes) {
 std::string RawConnection::readToEnd() {
     std::string answer;
     char buffer[4096];
-    pollfd waited{static_cast<int>(BIO_get_fd(_connection, nullptr)), POLLIN, 0};
-    while (BIO_pending(_connection) > 0 || ::poll(&waited, 1, 20000) > 0) {
-        const int count = BIO_read(_connection, buffer, sizeof buffer);
+    pollfd waited{static_cast<int>(BIO_get_fd(_connection.get(), nullptr)), POLLIN, 0};
+    while (BIO_pending(_connection.get()) > 0 || ::poll(&waited, 1, 20000) > 0) {
+        const int count = BIO_read(_connection.get(), buffer, sizeof buffer);
         if (count <= 0) break;
         answer.append(buffer, static_cast<std::size_t>(count));
     }

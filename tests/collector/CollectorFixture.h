@@ -65,9 +65,6 @@ httplib::Response answered(const httplib::Result& result);
 class RawConnection {
   public:
     explicit RawConnection(int port);
-    ~RawConnection();
-    RawConnection(const RawConnection&) = delete;
-    RawConnection& operator=(const RawConnection&) = delete;
 
     /// A peer that has had enough stops taking what is sent; what it answered is still there to be read.
     void send(std::string_view bytes);
@@ -75,8 +72,8 @@ class RawConnection {
     std::string readToEnd();
 
   private:
-    SSL_CTX* _context;
-    BIO* _connection;
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> _context{SSL_CTX_new(TLS_client_method()), SSL_CTX_free};
+    std::unique_ptr<BIO, void (*)(BIO*)> _connection{BIO_new_ssl_connect(_context.get()), BIO_free_all};
 };
 
 /// The bytes as a gzip stream, and the header that tells of it.

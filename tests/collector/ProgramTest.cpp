@@ -23,15 +23,13 @@ constexpr int kCurlUntrusted = 60;
 
 }  // namespace
 
-TEST_F(ProgramTest, MakesACertificateForItsNamesThatNobodyElseTrusts) {
+TEST_F(ProgramTest, MakesACertificateForItsNamesThatNobodyElseTrustsOrShowsTheOneItIsGiven) {
     start({"--name", "collector.example"});
     for (const char* host : {"127.0.0.1", "localhost", "collector.example"})
         EXPECT_EQ(curl(host, trust()), 0) << host;
     EXPECT_EQ(curl("127.0.0.1", "/etc/ssl/certs/ca-certificates.crt"), kCurlUntrusted);
     EXPECT_EQ(read(trust()).find("PRIVATE"), std::string::npos);
-}
 
-TEST_F(ProgramTest, ShowsTheCertificateItIsGiven) {
     const TestCertificate certificate = makeTestCertificate();
     write(_root / "certificate.pem", certificate.chain);
     write(_root / "key.pem", certificate.key);
@@ -54,8 +52,15 @@ TEST_F(ProgramTest, TellsWhereItListensAndPrintsEventsWithoutAFile) {
     EXPECT_EQ(program->errors(), "");
 }
 
-TEST_F(ProgramTest, EndsAtOnceWhateverIsConnected) {
+TEST_F(ProgramTest, GoesOnInANewFileWhenTheOldOneWasMovedAndEndsAtOnceWhateverIsConnected) {
     start();
+    EXPECT_EQ(post(message()).status, 200);
+    std::filesystem::rename(events(), _root / "moved");
+    collector().signal(SIGHUP);
+    ASSERT_TRUE(collector().waitForErrors("anew"));
+    EXPECT_EQ(post(message(2)).status, 200);
+    EXPECT_EQ(lines().size(), 2u);
+
     const auto idle = client();
     idle->set_keep_alive(true);
     EXPECT_EQ(answered(idle->Get("/bags/x")).status, 404);
@@ -65,16 +70,6 @@ TEST_F(ProgramTest, EndsAtOnceWhateverIsConnected) {
     collector().signal(SIGINT);
     EXPECT_EQ(collector().wait(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
-}
-
-TEST_F(ProgramTest, GoesOnInANewFileWhenTheOldOneWasMoved) {
-    start();
-    EXPECT_EQ(post(message()).status, 200);
-    std::filesystem::rename(events(), _root / "moved");
-    collector().signal(SIGHUP);
-    ASSERT_TRUE(collector().waitForErrors("anew"));
-    EXPECT_EQ(post(message(2)).status, 200);
-    EXPECT_EQ(lines().size(), 2u);
 }
 
 TEST_F(ProgramTest, SaysWhyItCannotStart) {

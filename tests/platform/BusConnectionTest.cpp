@@ -47,17 +47,28 @@ test::Message nextMessage(const BusClient& client) {
     return nullptr;
 }
 
-/// Sends calls for answers of the size, to be read later.
-void askWithoutReading(const BusClient& client, int calls, std::uint32_t size) {
-    for (int i = 0; i < calls; ++i) {
-        const test::Message call = client.newCall(kTestInterface, "Answer");
-        ::sd_bus_message_append(call.get(), "u", size);
-        std::uint64_t cookie = 0;
-        ASSERT_GE(::sd_bus_send(client.bus(), call.get(), &cookie), 0);
-    }
+/// Sends a call whose answer is to be read later.
+template <typename... Arguments>
+void callWithoutReading(const BusClient& client, const char* member, const char* types = "",
+                        Arguments... arguments) {
+    const test::Message call = client.newCall(kTestInterface, member);
+    ::sd_bus_message_append(call.get(), types, arguments...);
+    std::uint64_t cookie = 0;
+    ASSERT_GE(::sd_bus_send(client.bus(), call.get(), &cookie), 0);
 }
 
-TEST(BusConnection, SendsQueuedCallsInTheirOrder) {
+/// Sends calls for answers of the size.
+void askWithoutReading(const BusClient& client, int calls, std::uint32_t size) {
+    for (int i = 0; i < calls; ++i) callWithoutReading(client, "Answer", "u", size);
+}
+
+/// Waits until a call after the first one is served.
+void awaitSecondCall(const ServedConnection& served, const BusClient& client) {
+    ASSERT_GE(::sd_bus_flush(client.bus()), 0);
+    while (served.object->calls() < 2) std::this_thread::yield();
+}
+
+TEST(BusConnection, SendsQueuedCallsInTheirOrderAndThoseOfItsOwnThreadBeforeTheAnswer) {
     const ConnectedClient served;
     for (std::uint32_t number = 0; number < 200; ++number)
         EXPECT_TRUE(served.connection->queueCall(
@@ -69,13 +80,8 @@ TEST(BusConnection, SendsQueuedCallsInTheirOrder) {
         ASSERT_GT(::sd_bus_message_read(message.get(), "u", &received), 0);
         EXPECT_EQ(received, number);
     }
-}
 
-TEST(BusConnection, WhatItsOwnThreadSendsPrecedesTheAnswer) {
-    const ConnectedClient served;
-    const test::Message call = served.busClient.newCall(kTestInterface, "Note");
-    std::uint64_t cookie = 0;
-    ASSERT_GE(::sd_bus_send(served.busClient.bus(), call.get(), &cookie), 0);
+    callWithoutReading(served.busClient, "Note");
     for (const int type : {SD_BUS_MESSAGE_SIGNAL, SD_BUS_MESSAGE_METHOD_RETURN}) {
         const test::Message message = nextMessage(served.busClient);
         ASSERT_NE(message, nullptr);
@@ -88,10 +94,8 @@ TEST(BusConnection, WhatItsOwnThreadSendsPrecedesTheAnswer) {
 TEST(BusConnection, RefusesQueuedCallsPastTheirBoundAndAfterItsEnd) {
     constexpr std::size_t kHalf = BusConnection::kQueuedCallBytes / 2;
     const ConnectedClient served;
-    const test::Message wait = served.busClient.newCall(kTestInterface, "Wait");
-    ASSERT_GE(::sd_bus_send(served.busClient.bus(), wait.get(), nullptr), 0);
-    ASSERT_GE(::sd_bus_flush(served.busClient.bus()), 0);
-    while (served.object->calls() < 2) std::this_thread::yield();
+    callWithoutReading(served.busClient, "Wait");
+    awaitSecondCall(served, served.busClient);
 
     std::atomic<int> ran = 0;
     const auto call = [&](sd_bus*) { ++ran; };
@@ -113,8 +117,7 @@ TEST(BusConnection, OnlyAClientThatVanishesWithUnreadAnswersInterrupts) {
         ConnectedClient served;
         if (unread) {
             askWithoutReading(served.busClient, 1, 1000);
-            ASSERT_GE(::sd_bus_flush(served.busClient.bus()), 0);
-            while (served.object->calls() < 2) std::this_thread::yield();
+            awaitSecondCall(served, served.busClient);
             ASSERT_GT(::sd_bus_wait(served.busClient.bus(), 30'000'000), 0) << "the answer is here, unread";
         }
         served.busClient.close();
@@ -157,10 +160,7 @@ TEST(BusConnection, AMessageThatItsUserHasNoRoomForWaitsUntilHeHas) {
         writeAll(first.client, std::string(kAuthentication) + beginningOfCall(400 << 10));
         const auto account = UserAccount::of(first.connection->peer().uid);
         while (account->taken(UserAccount::Slot::Bytes) == 0) std::this_thread::yield();
-        const test::Message call = second.busClient.newCall(kTestInterface, "Unknown");
-        ::sd_bus_message_append(call.get(), "s", std::string(400 << 10, 'x').c_str());
-        std::uint64_t cookie = 0;
-        ASSERT_GE(::sd_bus_send(second.busClient.bus(), call.get(), &cookie), 0);
+        callWithoutReading(second.busClient, "Unknown", "s", std::string(400 << 10, 'x').c_str());
         EXPECT_EQ(::sd_bus_wait(second.busClient.bus(), 300'000), 0) << "it is answered though";
         EXPECT_LE(account->taken(UserAccount::Slot::Bytes), 1u << 20);
     }

@@ -17,7 +17,7 @@ class BusListenerTest : public RootFixture {
     void SetUp() override {
         RootFixture::SetUp();
         _loop = RunLoop::init();
-        _listener = listenAtThePath();
+        _listener = *BusListener::initWithSocketPath(_path);
         _listener->setDelegate([this](const std::shared_ptr<BusConnection>& connection) {
             if (_refuses) return false;
             _process = connection->peer().pid;
@@ -35,11 +35,6 @@ class BusListenerTest : public RootFixture {
         _loop.reset();
         UserAccount::setBounds(UserAccount::Slot::Connections, _bounds);
         RootFixture::TearDown();
-    }
-
-    std::unique_ptr<BusListener> listenAtThePath() {
-        auto made = BusListener::initWithSocketPath(_path);
-        return made ? *std::move(made) : nullptr;
     }
 
     void start() {
@@ -86,7 +81,7 @@ TEST_F(BusListenerTest, AnyUserMayConnectAndIsKnownByItsProcessUntilAllAreEnded)
     ASSERT_TRUE(answers(client));
     EXPECT_EQ(_process, ::getpid());
     EXPECT_EQ(_user, ::getuid());
-    EXPECT_EQ(listenAtThePath(), nullptr) << "someone listens here";
+    EXPECT_FALSE(BusListener::initWithSocketPath(_path)) << "someone listens here";
     const BusClient second(_path);
     ASSERT_TRUE(answers(second));
     endAll();

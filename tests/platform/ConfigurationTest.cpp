@@ -100,7 +100,7 @@ class ConfigurationTest : public RootFixture {
     }
 };
 
-TEST_F(ConfigurationTest, UserDefaultsAreReadAfreshAndByType) {
+TEST_F(ConfigurationTest, UserDefaultsAreReadAfreshAndByTypeAndMalformedFilesAsEmpty) {
     EXPECT_EQ(setting("httpsPostURL"), std::nullopt) << "no file";
     EXPECT_EQ(logged(""), 0u) << "a file that is not there is no fault";
     write(kSuite, "httpsPostURL = \"https://a.invalid\"\nenvironmentType = 3\n");
@@ -123,9 +123,7 @@ TEST_F(ConfigurationTest, UserDefaultsAreReadAfreshAndByType) {
     EXPECT_EQ(logged(kSuite + ": text: a number is expected"), 1u);
     EXPECT_EQ(userDefaultBoolean(suite, "text"), false);
     EXPECT_EQ(logged(kSuite + ": text: true or false is expected"), 1u);
-}
 
-TEST_F(ConfigurationTest, MalformedFilesAreLoggedByNameAndReadAsEmpty) {
     write(kSuite, "httpsPostURL = \"https://a.invalid\"\nenvironmentType = \n");
     EXPECT_EQ(setting("httpsPostURL"), std::nullopt);
     EXPECT_EQ(logged(kSuite + ": line 2: environmentType: "), 1u);

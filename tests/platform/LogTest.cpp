@@ -3,8 +3,6 @@
 #include "platform/value/Text.h"
 #include "tests/support/RootFixture.h"
 
-#include <string>
-
 namespace quorvane::platform {
 namespace {
 

@@ -2,9 +2,6 @@
 #include "platform/system/Memory.h"
 
 #include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace quorvane::platform {
 namespace {

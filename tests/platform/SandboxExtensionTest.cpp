@@ -26,13 +26,10 @@ class SandboxExtensionTest : public RootFixture {
 
     std::string at(const std::string& name) const { return (fs::canonical(_root) / name).string(); }
 
-    std::string issue(const std::string& name, int flags = O_RDONLY, RemoveFileRequest removal = {}) const {
-        return issue(name, flags, std::move(removal), _owner);
-    }
-
-    std::string issue(const std::string& name, int flags, RemoveFileRequest removal,
-                      ExtensionOwner owner) const {
-        return issueSandboxExtension(owner, UniqueDescriptor(::open(at(name).c_str(), flags | O_CLOEXEC)),
+    std::string issue(const std::string& name, int flags = O_RDONLY, RemoveFileRequest removal = {},
+                      std::optional<ExtensionOwner> owner = {}) const {
+        return issueSandboxExtension(owner.value_or(_owner),
+                                     UniqueDescriptor(::open(at(name).c_str(), flags | O_CLOEXEC)),
                                      std::move(removal))
             .value_or("refused");
     }
@@ -121,9 +118,8 @@ TEST_F(SandboxExtensionTest, OutstandingTokensAreBoundedAndEndWithTheirOwner) {
     EXPECT_TRUE(ownsSandboxExtension(other, others));
     revokeSandboxExtensions(other);
     EXPECT_NE(issue("file"), "refused");
-}
 
-TEST_F(SandboxExtensionTest, OneUserLeavesTokensToTheOthers) {
+    // One user leaves tokens to the others.
     const std::size_t perUser = UserAccount::bounds(UserAccount::Slot::Files).perUser;
     std::vector<ExtensionOwner> owners;
     std::size_t issued = 0;

@@ -19,7 +19,6 @@ using namespace std::chrono_literals;
 class SerialQueueTest : public testing::Test {
   protected:
     static SerialQueue queue() { return *SerialQueue::initWithLabel("test"); }
-
     static void wait(std::future<void> future) { ASSERT_EQ(future.wait_for(20s), std::future_status::ready); }
 };
 
@@ -122,17 +121,16 @@ TEST_F(SerialQueueTest, AReadSourceAnswersUntilItIsCancelledAndThenLetsGoOfTheDe
 }
 
 TEST_F(SerialQueueTest, ASourceCancelledByAnotherSourcesHandlerDoesNotRunThoughItIsDue) {
-    const UniqueDescriptor first(::eventfd(1, 0));
-    const UniqueDescriptor second(::eventfd(1, 0));
+    const UniqueDescriptor descriptors[]{UniqueDescriptor(::eventfd(1, 0)),
+                                         UniqueDescriptor(::eventfd(1, 0))};
     std::unique_ptr<EventSource> sources[2];
     int ran = 0;
     const SerialQueue here = queue();
     here.perform([&] {
         for (const int which : {0, 1})
-            sources[which] = here.makeReadSource(which == 0 ? first.get() : second.get(), [&] {
+            sources[which] = here.makeReadSource(descriptors[which].get(), [&] {
                 ++ran;
-                sources[0].reset();
-                sources[1].reset();
+                for (auto& source : sources) source.reset();
             });
     });
     for (bool over = false; !over;) here.perform([&] { over = ran > 0; });

@@ -42,15 +42,12 @@ TEST(TextTest, ControlCharactersAreWrittenOut) {
     EXPECT_EQ(escapedAsciiControls("\u009b\x7f\r"sv, "\x7f"), "\u009b\x7f\\r");
 }
 
-TEST(UrlTest, AQueryTakesOnlyItsOwnCharactersAsTheyStand) {
+TEST(UrlTest, AQueryTakesOnlyItsOwnCharactersAsTheyStandAndPrintsOnOneLine) {
     const std::string kept = "azAZ09-._~!$&'()*+,;=:@/?";
     EXPECT_EQ(queryPercentEncoded(kept), kept);
     EXPECT_EQ(queryPercentEncoded("a b\r\n#%\"<>[]\\^`{|}\x7f\xc3\xbc"),
               "a%20b%0D%0A%23%25%22%3C%3E%5B%5D%5C%5E%60%7B%7C%7D%7F%C3%BC");
     EXPECT_EQ(queryPercentEncoded(std::string(1, '\0')), "%00");
-}
-
-TEST(UrlTest, PrintsOnOneLine) {
     EXPECT_EQ(percentEncodedBlanks("file:///a b\r\n%20\x7f\u00e9"), "file:///a%20b%0D%0A%20%7F\u00e9");
 }
 

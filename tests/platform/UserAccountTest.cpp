@@ -1,7 +1,5 @@
 #include "platform/base/UserAccount.h"
 
-#include <gtest/gtest.h>
-
 namespace quorvane::platform {
 namespace {
 

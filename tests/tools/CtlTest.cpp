@@ -23,24 +23,15 @@ class Ctl : public testing::Test {
         device.serveStorebag(device.httpPostSection(clientEntry), name);
         device.start();
     }
-    /// Sessions of type 6 stand below those of type 5.
-    void startWithHierarchy() {
-        device.serveStorebag(device.httpPostSection({{"hierarchy", 0}}), "pelmark");
-        start({{"hierarchy", 1}}, "stremcore");
-    }
-
-    std::map<std::string, std::optional<std::string>> environment() const {
-        return {{"QUORVANE_ROOT", device.root()}, {"TZ", "UTC"}};
-    }
     ProgramResult ctl(const std::string& words) const {
-        return runProgram(commandLine(QUORVANECTL, words), environment());
+        return runProgram(commandLine(QUORVANECTL, words), environment);
     }
     std::vector<Dictionary> ctlJson(const std::string& words) const {
         return jsonLines(ctl(words + " --json").output);
     }
     std::unique_ptr<ChildProcess> listen(const std::string& words = "") const {
         auto program = ChildProcess::start(
-            commandLine(QUORVANECTL, "listen --client-name a --require-user-info" + words), environment());
+            commandLine(QUORVANECTL, "listen --client-name a --require-user-info" + words), environment);
         EXPECT_TRUE(program && program->waitForErrors("listening"));
         return program;
     }
@@ -57,9 +48,8 @@ class Ctl : public testing::Test {
         return facts;
     }
 
-    const std::string sendFromBelow =
-        "send 3 200 path=/b took=0.25 --client-type 6 --client-name A --require-user-info";
     DaemonFixture device;
+    const DaemonFixture::Environment environment{{"QUORVANE_ROOT", device.root()}, {"TZ", "UTC"}};
 };
 
 /// The events in an answer.
@@ -193,8 +183,12 @@ TEST_F(Ctl, UploadsFilesAndLogData) {
     EXPECT_THAT(ctl("upload-log " + log).errors, HasSubstr("log.json: a JSON array is expected"));
 }
 
-TEST_F(Ctl, ListensToTheSessionsBelowUntilInterruptedOrForSoManyEvents) {
-    startWithHierarchy();
+TEST_F(Ctl, ListensToTheSessionsBelowAndTellsWhyListeningAndWaitingEnd) {
+    // Sessions of type 6 stand below those of type 5.
+    device.serveStorebag(device.httpPostSection({{"hierarchy", 0}}), "pelmark");
+    start({{"hierarchy", 1}}, "stremcore");
+    const std::string sendFromBelow =
+        "send 3 200 path=/b took=0.25 --client-type 6 --client-name A --require-user-info";
     const auto endless = listen();
     ASSERT_EQ(ctl(sendFromBelow).status, 0);
     EXPECT_TRUE(endless->waitForOutput("category 3 type 200  {\"path\":\"/b\",\"took\":0.25}\n"));
@@ -214,10 +208,7 @@ TEST_F(Ctl, ListensToTheSessionsBelowUntilInterruptedOrForSoManyEvents) {
     EXPECT_GT(event.find("timestamp")->real(), 1.7e9);
     EXPECT_EQ(*event.dictionary("payload"),
               (Dictionary{{"path", "/b"}, {"took", 0.25}, {"list", Array{1, "two"}}}));
-}
 
-TEST_F(Ctl, TellsWhyListeningAndWaitingEnd) {
-    startWithHierarchy();
     const auto lower = listen(" --client-type 6");
     const auto upper = listen();
     EXPECT_EQ(lower->wait(), 1);

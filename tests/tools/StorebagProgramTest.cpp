@@ -1,6 +1,7 @@
 #include "platform/crypto/Crypto.h"
 #include "platform/formats/Json.h"
 #include "platform/formats/PropertyList.h"
+#include "platform/formats/TomlFile.h"
 #include "platform/value/Bytes.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/RootFixture.h"
@@ -35,17 +36,6 @@ expedite = 1
 filters = [{ key = "_sessionID", action = "sha256" }]
 [development.joulary]
 )";
-
-/// The same bag.
-constexpr const char* kJson = R"({"version": "3.1", "refresh_cycle": 600,
- "release": {"httppost": {"display_url": "https://example.org/see", "clients": [{"client": "Alpha",
-   "locale_whitelist": ["US"], "sampling_threshold": 0.5, "expedite": 1,
-   "filters": [{"key": "_sessionID", "action": "sha256"}]}]}},
- "development": {"joulary": {}}})";
-
-std::string textOf(const Data& bytes) {
-    return std::string(platform::textOf(bytes));
-}
 
 ProgramResult storebag(const std::string& words) {
     return runProgram(commandLine(QUORVANE_STOREBAG, words));
@@ -84,15 +74,11 @@ class StorebagProgram : public RootFixture {
     std::string signedBytes() const {
         return textOf(*platform::base64Decode(*dictionaryOf(read("bag")).string("bag")));
     }
-
-    void writeEnvelope(const Dictionary& envelope) const {
-        write("bag", textOf(*platform::xmlPropertyList(Value(envelope))));
-    }
 };
 
-TEST_F(StorebagProgram, SignsTheSameBagFromEverySourceAndVerifiesIt) {
-    const Dictionary bag = *platform::parseJson(kJson)->dictionary();
-    write("bag.json", kJson);
+TEST_F(StorebagProgram, SignsTheSameBagFromEverySourceAndVerifiesItAlsoInPipes) {
+    const Dictionary bag = *platform::parseToml(kToml, "bag.toml");
+    write("bag.json", *platform::prettyJson(bag));
     write("xml.plist", textOf(*platform::xmlPropertyList(Value(bag))));
     write("binary.plist", textOf(*platform::binaryPropertyList(Value(bag))));
     for (const char* source : {"bag.toml", "bag.json", "xml.plist", "binary.plist"}) {
@@ -104,10 +90,7 @@ TEST_F(StorebagProgram, SignsTheSameBagFromEverySourceAndVerifiesIt) {
         EXPECT_EQ(verdict.status, 0) << verdict.errors;
         EXPECT_EQ(verdict.output, "bag: good\n");
     }
-}
 
-TEST_F(StorebagProgram, ReadsAndWritesPipes) {
-    write("bag.json", kJson);
     const auto result = runProgram({"/bin/sh", "-c",
                                     "cat bag.json | \"$PROGRAM\" sign - --format json --private-key "
                                     "private.pem | \"$PROGRAM\" verify - --public-key public.der"},
@@ -126,23 +109,23 @@ TEST_F(StorebagProgram, TellsWhatIsWrongWithAnEnvelope) {
         EXPECT_THAT(result.errors, HasSubstr("bag: "));
         EXPECT_THAT(result.errors, HasSubstr(expected));
     };
+    const auto writeEnvelope = [&](const char* key, const std::optional<std::string>& text) {
+        Dictionary envelope = good;
+        envelope.remove(key);
+        if (text) envelope.set(key, *text);
+        write("bag", textOf(*platform::xmlPropertyList(Value(envelope))));
+    };
     std::string tampered = signedBytes();
     tampered.replace(tampered.find("Alpha"), 5, "Gamma");
-    Dictionary envelope = good;
-    envelope.set("bag", platform::base64Encode(platform::bytesOf(tampered)));
-    writeEnvelope(envelope);
+    writeEnvelope("bag", platform::base64Encode(platform::bytesOf(tampered)));
     expectReason("the signature is not good for");
     const auto inspected = storebag("inspect bag --public-key public.der");
     EXPECT_EQ(inspected.status, 1);
     EXPECT_THAT(inspected.output, HasSubstr("256 bytes, NOT GOOD"));
 
-    envelope = good;
-    envelope.remove("signature");
-    writeEnvelope(envelope);
+    writeEnvelope("signature", std::nullopt);
     expectReason("\"signature\" is missing");
-    envelope = good;
-    envelope.set("bag", "abc");
-    writeEnvelope(envelope);
+    writeEnvelope("bag", "abc");
     expectReason("\"bag\" is no base64 text");
     write("bag", kToml);
     expectReason("the envelope is no property list");
@@ -163,9 +146,10 @@ TEST_F(StorebagProgram, RefusesKeysThatAreNone) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.errors, HasSubstr("private.pem: no unencrypted RSA private key in PEM form"));
     EXPECT_FALSE(fs::exists("bag"));
+    EXPECT_THAT(storebag("keygen --private-key none/key").errors, HasSubstr("none/key: No such file"));
 }
 
-TEST_F(StorebagProgram, NamesTheFileAndThePlaceOfAMalformedSource) {
+TEST_F(StorebagProgram, NamesTheFileAndThePlaceOfAMalformedSourceAndReplacesFilesOnly) {
     struct Source {
         std::string name;
         std::optional<std::string> text;
@@ -193,6 +177,14 @@ TEST_F(StorebagProgram, NamesTheFileAndThePlaceOfAMalformedSource) {
         EXPECT_FALSE(fs::exists("bag")) << name;
     }
     EXPECT_EQ(sign("a.txt", " --format toml").status, 0);
+
+    // And only a file is replaced.
+    fs::remove("bag");
+    fs::create_symlink("a.txt", "bag");
+    const auto result = sign("bag.toml");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, HasSubstr("not a regular file"));
+    EXPECT_EQ(read("a.txt"), kToml);
 }
 
 TEST_F(StorebagProgram, WarnsOfWhatADaemonWouldNotTake) {
@@ -235,13 +227,13 @@ httppost2 = { display_url = "example.org", clients = [
     const auto lenient = sign("bag.toml");
     EXPECT_EQ(lenient.status, 0);
     EXPECT_EQ(verify(" --strict").status, 1);
-    for (const auto& errors : {strict.errors, lenient.errors, verify().errors})
+    const auto verdict = verify();
+    EXPECT_EQ(verdict.status, 1);
+    EXPECT_THAT(verdict.errors, HasSubstr("bag: no device takes a bag without a version"));
+    for (const auto& errors : {strict.errors, lenient.errors, verdict.errors})
         for (const std::string& finding : expected) EXPECT_THAT(errors, HasSubstr(": " + finding));
     EXPECT_EQ(std::count(lenient.errors.begin(), lenient.errors.end(), '\n'),
               static_cast<std::ptrdiff_t>(expected.size()));
-
-    EXPECT_EQ(verify().status, 1);
-    EXPECT_THAT(verify().errors, HasSubstr("bag: no device takes a bag without a version"));
 
     write("empty.json", R"({"version": "1"})");
     EXPECT_THAT(sign("empty.json").errors, HasSubstr("no environment has a section"));
@@ -304,16 +296,6 @@ TEST_F(StorebagProgram, MakesKeysThatOnlyTheirOwnerReadsAndNeverReplacesThemUnas
     EXPECT_EQ(modeOf("new.pem"), 0600u);
     // Nothing unfinished stays behind.
     EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), 5);
-}
-
-TEST_F(StorebagProgram, ReplacesFilesOnly) {
-    write("target", "kept");
-    fs::create_symlink("target", "bag");
-    const auto result = sign("bag.toml");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, HasSubstr("not a regular file"));
-    EXPECT_EQ(read("target"), "kept");
-    EXPECT_THAT(storebag("keygen --private-key none/key").errors, HasSubstr("none/key: No such file"));
 }
 
 TEST_F(StorebagProgram, ToldWrongTellsItsUsage) {
