@@ -280,8 +280,9 @@ void Connection::run() {
 
 Connection::Next Connection::process() {
     const MutexLock lock(_mutex);
-    // At least one call even when nothing should be read: sd_bus_process() also writes what is queued and
-    // times calls out, and cannot do that without reading, too.
+    // sd_bus_process() reads, writes what is queued and expires calls, all in one. So it runs once even while
+    // a full callback queue stops the reading: otherwise nothing would be sent and no time-out would come
+    // true.
     int processed = 1;
     for (int i = 0; i < kMessagesAtATime && processed > 0 && !_stopping && (i == 0 || mayRead()); ++i)
         processed = ::sd_bus_process(_bus, nullptr);

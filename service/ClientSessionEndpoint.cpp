@@ -60,8 +60,8 @@ ClientSessionEndpoint::~ClientSessionEndpoint() {
     platform::revokeSandboxExtensions(_extensionOwner);
 }
 
-/// The C library's way in: nothing may be thrown through it. More than nothing is returned for what is done,
-/// or the bus library would look for another object and answer that there is none.
+/// sd-bus calls this from C, so no exception may leave it. It reads 0 as "not handled", goes on to the next
+/// handler and in the end answers UnknownMethod itself; 1 says that the call is done with.
 template <int (ClientSessionEndpoint::*method)(sd_bus_message*)>
 int ClientSessionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept {
     try {

@@ -13,7 +13,6 @@
 
 #define GUARDED_BY(lock) QUORVANE_TSA(guarded_by(lock))
 #define REQUIRES(lock) QUORVANE_TSA(requires_capability(lock))
-#define EXCLUDES(lock) QUORVANE_TSA(locks_excluded(lock))
 
 namespace quorvane::platform {
 

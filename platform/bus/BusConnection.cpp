@@ -322,7 +322,7 @@ int BusConnection::wait(short events, std::optional<std::chrono::milliseconds> l
     pollfd descriptors[] = {{_socket, events, 0}, {_wake.get(), POLLIN, 0}};
     if (::poll(descriptors, 2, longest ? static_cast<int>(longest->count()) : -1) < 0 && errno != EINTR)
         return -errno;
-    // Reading, which comes next, takes the error away.
+    // The kernel reports a socket's error once: the read that follows would take it.
     if ((descriptors[0].revents & POLLERR) != 0) _vanished = true;
     if ((descriptors[1].revents & POLLIN) != 0) {
         eventfd_t count = 0;
