@@ -353,7 +353,8 @@ BusConnection::Ending BusConnection::endingOfSocket() const {
     // A peer that has closed leaves end of file; one that sent what is no D-Bus is there still, or has left
     // more bytes.
     char next = 0;
-    if (_vanished) return Ending::Broken;
+    // A bus that has failed may have closed its descriptors: the number would be another connection's by now.
+    if (_vanished || ::sd_bus_is_open(_bus) <= 0) return Ending::Broken;
     return ::recv(_socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0 ? Ending::Orderly : Ending::Broken;
 }
 

@@ -28,6 +28,7 @@ bool HttpThread::start() {
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
     _multi = curl_multi_init();
     if (_multi == nullptr) return false;
+    _isOpen = true;
     curl_multi_setopt(_multi, CURLMOPT_MAXCONNECTS, kIdleConnections);
     auto thread = startThread("quorvane-http", [this] { run(); });
     if (thread) thread->detach();
@@ -50,7 +51,7 @@ void HttpThread::drop(HttpTask task) {
 
 void HttpThread::cancelAwaited() {
     _isAwaitedCancelled = true;
-    if (_multi != nullptr) curl_multi_wakeup(_multi);
+    if (_isOpen) curl_multi_wakeup(_multi);
 }
 
 void HttpThread::setLimits(const HttpLimits& limits) {

@@ -62,6 +62,7 @@ class HttpThread {
     void complete(HttpTask& task, HttpResult result);
 
     CURLM* _multi = nullptr;
+    std::atomic<bool> _isOpen = false;  ///< The above is there: cancelAwaited() may come before start().
     HttpDrops _drops;
     std::atomic<bool> _isAwaitedCancelled = false;
     Mutex _mutex;

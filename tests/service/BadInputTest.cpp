@@ -273,7 +273,7 @@ TEST_F(BadInputTest, LentFilesAreBoundedAndGivenBackWithTheConnection) {
 }
 
 TEST_F(BadInputTest, ASenderThatTheServersCannotKeepUpWithIsSlowedAndLosesNothing) {
-    constexpr int kEvents = 300;
+    constexpr int kEvents = 240;
     std::promise<void> recovered;
     _device.serveStorebag(_device.httpPostSection());
     _device.answerPosts([hasRecovered = recovered.get_future().share()](const ServerRequest&) {
