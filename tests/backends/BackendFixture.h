@@ -23,24 +23,24 @@ namespace quorvane {
 /// A device whose user consents, country US, in the release environment.
 class BackendFixture : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
+    BackendFixture() {
         ::setenv("LC_ALL", "en_US.UTF-8", 1);
         std::filesystem::create_directories(_root / "var/lib/quorvane");
         write("etc/quorvane/consent.toml", "diagnostics_submission = true\n");
         replaceEnvironmentType(EnvironmentType::Release);
     }
 
-    void TearDown() override {
-        platform::replaceRandomDraw(nullptr);
-        RootFixture::TearDown();
+    ~BackendFixture() override { platform::replaceRandomDraw(nullptr); }
+
+    static std::shared_ptr<const Dictionary> shared(Dictionary dictionary) {
+        return std::make_shared<const Dictionary>(std::move(dictionary));
     }
 
     static std::shared_ptr<HTTPSPostBackend> backendWithClients(Array clients) {
-        auto profile = std::make_shared<Dictionary>();
-        profile->set("clients", std::move(clients));
-        profile->set("display_url", "https://display.invalid/");
-        return HTTPSPostBackend::initWithName("httppost", std::move(profile), "Fernlight");
+        return HTTPSPostBackend::initWithName(
+            "httppost",
+            shared({{"clients", std::move(clients)}, {"display_url", "https://display.invalid/"}}),
+            "Fernlight");
     }
 
     /// A backend with one client entry that needs no user info, in the state that follows from it.
@@ -65,8 +65,7 @@ class BackendFixture : public RootFixture {
 
     static std::shared_ptr<const Dictionary> userInfo(const char* client = "Mail",
                                                       const char* service = "Sync") {
-        return std::make_shared<const Dictionary>(
-            Dictionary{{"ClientName", client}, {"ServiceName", service}});
+        return shared({{"ClientName", client}, {"ServiceName", service}});
     }
 
     /// A backend that requires user info and has it.
@@ -104,17 +103,7 @@ class BackendFixture : public RootFixture {
 /// With a server that backends can post to.
 class PostingFixture : public BackendFixture {
   protected:
-    void SetUp() override {
-        BackendFixture::SetUp();
-        _server = std::make_unique<test::HttpsServer>(_root);
-    }
-
-    void TearDown() override {
-        _server.reset();
-        BackendFixture::TearDown();
-    }
-
-    std::unique_ptr<test::HttpsServer> _server;
+    const std::unique_ptr<test::HttpsServer> _server = std::make_unique<test::HttpsServer>(_root);
 };
 
 }  // namespace quorvane

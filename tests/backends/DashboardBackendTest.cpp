@@ -16,7 +16,7 @@ class DashboardBackendTest : public BackendFixture {
     std::shared_ptr<const Dictionary> profile(Dictionary further = {}) const {
         further.set("ip", "127.0.0.1");
         further.set("port", _collector.port());
-        return std::make_shared<const Dictionary>(std::move(further));
+        return shared(std::move(further));
     }
 
     std::shared_ptr<DashboardBackend> backend(Dictionary further = {}) const {
@@ -55,9 +55,8 @@ TEST_F(DashboardBackendTest, SendsTheHeaderAloneForAnEmptyMessage) {
     expected.resize(60);
     expected.insert(expected.end(), {0x15, 0x16, 0, 0});
     EXPECT_EQ(_collector.receive(), expected);
-}
 
-TEST_F(DashboardBackendTest, TellsReliableDeliveryAndExplicitAddressInTheFlags) {
+    // The flags tell reliable delivery and an explicit address.
     const auto flagsOf = [&](const std::shared_ptr<DashboardBackend>& sender) {
         sendTo(*sender, {});
         return _collector.receive().value_or(Data(64))[63];
@@ -83,8 +82,10 @@ TEST_F(DashboardBackendTest, CutsTheTextAt1023Bytes) {
     EXPECT_EQ(textOf({{std::string(5'000, 'k'), "x"}}), " " + std::string(1'022, 'k'));
 }
 
-TEST_F(DashboardBackendTest, AnswersWithOneLineForTheLocalLog) {
+TEST_F(DashboardBackendTest, AnswersWithOneLineForTheLocalLogExceptToTheSessionsOwnEvents) {
     const auto sender = backend();
+    EXPECT_EQ(send(*sender, {{"a", 1}}), std::nullopt);
+    EXPECT_EQ(_collector.receive(std::chrono::milliseconds(0)), std::nullopt);
     EXPECT_EQ(sendTo(*sender, {{"a", 1}}),
               "12.344 0123456789abcdef 127.0.0.1 CFX   258 16909060  5398  4370  4884  a=1");
     EXPECT_EQ(sendTo(*sender, {{"a\r\nforged", "b\rc"}}).value_or("").find("4884  a\\r\\nforged=b\\rc"), 66u);
@@ -103,17 +104,9 @@ TEST_F(DashboardBackendTest, SurvivesFactsOutOfRange) {
     EXPECT_EQ(sendTo(*sender, {}).value_or("").find("0123456789012345678901234567890123456789 127."), 7u);
 }
 
-TEST_F(DashboardBackendTest, DropsTheSessionsOwnEvents) {
-    const std::shared_ptr<QuorvaneBackend> sender = backend();
-    EXPECT_EQ(send(*sender, {{"a", 1}}), std::nullopt);
-    EXPECT_EQ(_collector.receive(std::chrono::milliseconds(0)), std::nullopt);
-}
-
 TEST_F(DashboardBackendTest, RefusesAProfileWithoutACollector) {
     const auto refused = [&](const Dictionary& profile, const char* line) {
-        EXPECT_EQ(
-            DashboardBackend::initWithName("dashboard", std::make_shared<const Dictionary>(profile), "F"),
-            nullptr);
+        EXPECT_EQ(DashboardBackend::initWithName("dashboard", shared(profile), "F"), nullptr);
         EXPECT_EQ(logged(std::string("<3>DashboardBackend(initWithName): ") + line), 1u) << line;
     };
     refused({{"port", 1}}, "can't resolve server IP");
@@ -123,9 +116,8 @@ TEST_F(DashboardBackendTest, RefusesAProfileWithoutACollector) {
     EXPECT_EQ(logged("<3>DashboardBackend(initWithName): initWitName with all null params."), 1u);
     EXPECT_EQ(DashboardBackend::initWithName("dashboard", "127.0.0.1", 0, "F"), nullptr);
     EXPECT_EQ(logged("<3>"), 4u);
-}
 
-TEST_F(DashboardBackendTest, RefusesWhenDescriptorsRunOut) {
+    // No descriptor is left for a socket.
     backend();  // The event thread runs.
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -142,8 +134,7 @@ class LogDataUploadTest : public PostingFixture {
     static std::shared_ptr<DashboardBackend> backendFor(std::optional<std::string> url) {
         Dictionary profile{{"ip", "127.0.0.1"}, {"port", 9}};
         if (url) profile.set("post_url", *url);
-        return DashboardBackend::initWithName("dashboard",
-                                              std::make_shared<const Dictionary>(std::move(profile)), "F");
+        return DashboardBackend::initWithName("dashboard", shared(std::move(profile)), "F");
     }
 
     const Array _logData{Value(Dictionary{{"line", "a \xc3\xbc\x1b[0m"}, {"number", 3}, {"bytes", Data{1}}}),
@@ -165,7 +156,7 @@ TEST_F(LogDataUploadTest, PostsAnArchiveAndKeepsWhereItWent) {
     EXPECT_EQ(logged("<3>"), 0u);
 }
 
-TEST_F(LogDataUploadTest, AnyAnswerIsTheLocation) {
+TEST_F(LogDataUploadTest, AnyAnswerIsTheLocationAndWhatCannotBeSentIsRefused) {
     const auto backend = backendFor(_server->url());
     for (const test::ServerAnswer& answer :
          {test::ServerAnswer{500, {}, "broken"}, {200, {}, ""}, {200, {}, "\xff"}}) {
@@ -174,16 +165,14 @@ TEST_F(LogDataUploadTest, AnyAnswerIsTheLocation) {
     }
     EXPECT_EQ(logged("<7>DashboardBackend(uploadLogData): Log data uploaded to broken"), 1u);
     EXPECT_EQ(logged("<7>DashboardBackend(uploadLogData): Log data uploaded to (null)"), 1u);
-}
 
-TEST_F(LogDataUploadTest, WhatCannotBeSentIsRefused) {
-    EXPECT_FALSE(backendFor(std::nullopt)->uploadLogData(_logData));
-    EXPECT_EQ(logged("<3>DashboardBackend(uploadLogData): Post URL for log data array is nil"), 1u);
-    const auto backend = backendFor(_server->url());
+    _server->forgetRequests();
     EXPECT_FALSE(backend->uploadLogData({Value("\xff")}));
     EXPECT_EQ(logged("<3>DashboardBackend(uploadLogData): Failed to serialize log data array for upload"),
               1u);
     EXPECT_EQ(_server->requestCount(), 0u);
+    EXPECT_FALSE(backendFor(std::nullopt)->uploadLogData(_logData));
+    EXPECT_EQ(logged("<3>DashboardBackend(uploadLogData): Post URL for log data array is nil"), 1u);
     for (const char* url : {"https://127.0.0.1:1", "file:///etc/passwd", "no URL"})
         EXPECT_FALSE(backendFor(url)->uploadLogData(_logData)) << url;
     EXPECT_EQ(logged("<3>DashboardBackend(uploadLogData): Error uploading log data array ("), 3u);

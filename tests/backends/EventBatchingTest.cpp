@@ -9,16 +9,13 @@ namespace {
 
 using EventBatchingTest = BackendFixture;
 
-TEST_F(EventBatchingTest, ADisabledBackendDropsWhateverTheFlag) {
+TEST_F(EventBatchingTest, ADisabledBackendDropsWhateverTheFlagWhichDecidesForASampledOutOne) {
     auto backend = enabledBackend();
     backend->setState(BackendState::Disabled);
     for (const unsigned flag : {0u, 1u, 2u, 3u}) EXPECT_FALSE(send(*backend, {}, 5, 0, flag));
     backend->setState(BackendState::Enabled);
     EXPECT_FALSE(backend->flushMessages());
-}
 
-TEST_F(EventBatchingTest, FlagsDecideForASampledOutBackend) {
-    auto backend = enabledBackend();
     backend->setState(BackendState::SampledOut);
     EXPECT_FALSE(send(*backend, {{"n", 1}}));
     EXPECT_FALSE(backend->flushMessages()) << "not reporting, so the record stays";
@@ -43,8 +40,7 @@ TEST_F(EventBatchingTest, HoldsUntilRequiredUserInfoComesAndThenAddsIt) {
     backend->setState(BackendState::Enabled);
     EXPECT_FALSE(backend->flushMessages());
 
-    backend->setUserInfoDict(std::make_shared<const Dictionary>(
-        Dictionary{{"ClientName", "Mail"}, {"kind", "user"}, {"secret", "user"}}));
+    backend->setUserInfoDict(shared({{"ClientName", "Mail"}, {"kind", "user"}, {"secret", "user"}}));
     backend->updateState();
     const Array events = eventsIn(backend->flushMessages());
     ASSERT_EQ(events.size(), 2u);
@@ -122,25 +118,20 @@ TEST_F(EventRoomTest, AReportingBackendPostsWhatItHasNoRoomFor) {
     EXPECT_THAT(posted(), testing::ElementsAre(1, 2));
 
     std::array<HeldBytes, HeldBytes::kMaximumInAll / HeldBytes::kMaximum> others;
-    for (HeldBytes& each : others) EXPECT_TRUE(each.add(HeldBytes::kMaximum));
+    for (HeldBytes& each : others) {
+        EXPECT_TRUE(each.add(HeldBytes::kMaximum));
+        EXPECT_FALSE(each.add(1)) << "one's bound";
+    }
     for (const int n : {3, 4}) EXPECT_FALSE(send(*backend, {{"n", n}}));
     EXPECT_THAT(posted(), testing::ElementsAre(3, 4));
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 0u);
-}
-
-TEST(HeldBytes, AreBoundedForOneAndForAll) {
-    std::array<HeldBytes, HeldBytes::kMaximumInAll / HeldBytes::kMaximum> all;
-    for (HeldBytes& each : all) {
-        EXPECT_TRUE(each.add(HeldBytes::kMaximum));
-        EXPECT_FALSE(each.add(1));
-    }
     {
         HeldBytes another;
-        EXPECT_FALSE(another.add(1));
-        all[0].clear();
+        EXPECT_FALSE(another.add(1)) << "that of all";
+        others[0].clear();
         EXPECT_TRUE(another.add(HeldBytes::kMaximum));
     }
-    EXPECT_TRUE(all[0].add(1)) << "what is gone counts no more";
+    EXPECT_TRUE(others[0].add(1)) << "what is gone counts no more";
 }
 
 }  // namespace

@@ -63,9 +63,8 @@ TEST_F(EventRecordTest, InternalBuildsWithExtrasReportNumbersAndTheDevice) {
 }
 
 TEST_F(EventRecordTest, UserInfoReplacesAndFiltersComeLast) {
-    auto backend = personalBackend(
-        permissiveEntry(), std::make_shared<const Dictionary>(
-                               Dictionary{{"ClientName", "Mail"}, {"kind", "user"}, {"Secret", "user"}}));
+    auto backend = personalBackend(permissiveEntry(),
+                                   shared({{"ClientName", "Mail"}, {"kind", "user"}, {"Secret", "user"}}));
     const Dictionary record =
         onlyEventIn(send(*backend, {{"kind", "event"}, {"secret", "event"}, {"SECRET", 1}}));
     EXPECT_EQ(*record.string("kind"), "user");

@@ -65,7 +65,7 @@ TEST_F(JSONPostingTest, PostsTheEnvelopeWithItsHeaders) {
 TEST_F(JSONPostingTest, LeavesOutTheHeadersThatHaveNothingToSay) {
     auto backend = postingBackend();
     backend->setBatchEvents(true);
-    backend->setUserInfoDict(std::make_shared<const Dictionary>(Dictionary{{"ClientName", 7}}));
+    backend->setUserInfoDict(shared({{"ClientName", 7}}));
     send(*backend, {});
     EXPECT_TRUE(backend->flushMessages());
     const test::ServerRequest request = takeOnlyRequest();
@@ -106,16 +106,12 @@ TEST_F(JSONPostingTest, AServerErrorDisablesUntilTheStateIsWorkedOutAnew) {
                                      status)),
                   disables ? 1u : 0u);
     }
-    EXPECT_EQ(logged("post error"), 0u);
-}
-
-TEST_F(JSONPostingTest, AServerErrorDisablesEvenWhenItsBodyIsCutShort) {
-    const test::RawServer server("HTTP/1.1 503 Busy\r\nContent-Length: 100\r\n\r\nhalf");
-    auto backend = enabledBackend({{"post_url", server.url()}});
+    const test::RawServer cutShort("HTTP/1.1 503 Busy\r\nContent-Length: 100\r\n\r\nhalf");
+    backend = enabledBackend({{"post_url", cutShort.url()}});
     send(*backend, {});
-    EXPECT_TRUE(platform::drainHttpSession(std::chrono::seconds(30)));
+    EXPECT_TRUE(takeRequests().empty());
     EXPECT_EQ(backend->state(), BackendState::Disabled);
-    EXPECT_EQ(logged("<3>HTTPSPostBackend(postJsonMessage): post error: "), 0u) << "the head is the answer";
+    EXPECT_EQ(logged("post error"), 0u) << "the head is the answer";
 }
 
 TEST_F(JSONPostingTest, AForcedFlushIsAnsweredBeforeTheEventBehindItIsSent) {
@@ -132,19 +128,6 @@ TEST_F(JSONPostingTest, AForcedFlushIsAnsweredBeforeTheEventBehindItIsSent) {
     EXPECT_TRUE(send(*backend, {{"n", 3}}, 5, 0, 2));
     EXPECT_EQ(takeRequests().size(), 2u);
     EXPECT_EQ(answeredBeforeEvent, 1);
-}
-
-TEST_F(JSONPostingTest, EventsArriveInTheirOrder) {
-    auto backend = postingBackend();
-    constexpr int kEvents = 40;
-    for (int n = 0; n < kEvents; ++n) send(*backend, {{"n", n}});
-    std::vector<std::int64_t> arrived;
-    for (const test::ServerRequest& request : takeRequests())
-        arrived.push_back(onlyEventIn(request.body).integer("n"));
-    ASSERT_EQ(arrived.size(), std::size_t{kEvents});
-    int swapped = 0;
-    for (std::size_t at = 1; at < arrived.size(); ++at) swapped += arrived[at] < arrived[at - 1];
-    EXPECT_LE(swapped, kEvents / 20) << "a busy server may be late for one, not for many";
 }
 
 TEST_F(JSONPostingTest, ANumberThatIsNotFiniteCostsItsMessageWithAnError) {

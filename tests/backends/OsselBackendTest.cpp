@@ -19,25 +19,20 @@ class OsselBackendTest : public BackendFixture {
     }
 
     static std::shared_ptr<QuorvaneBackend> backendForClientType(std::int32_t clientType) {
-        return QuorvaneBackend::newBackendWithName("ossel", std::make_shared<const Dictionary>(), "Fernlight",
-                                                   clientType);
+        return QuorvaneBackend::newBackendWithName("ossel", shared({}), "Fernlight", clientType);
     }
 
     std::string messages() const { return read("var/lib/quorvane/ossel-messages.log"); }
 
-    static std::string refusalBy(const std::string& adaptor) {
-        return "<3>OsselBackend(sendMessage): Ossel adaptor " + adaptor +
-               " does not respond to forwarding selector sendMessageWithMethod:respCode:dict:";
-    }
-
     /// Every event costs the line alone.
-    void expectRefusals(const char* bundle, const Dictionary& message, const std::string& line) const {
-        install(bundle);
-        const auto backend = backendForClientType(7);
-        for (int times = 0; times < 2; ++times) EXPECT_EQ(send(*backend, message), std::nullopt);
-        EXPECT_EQ(logged(line), 2u);
+    void expectRefusals(QuorvaneBackend& backend, const Dictionary& message, const std::string& line) const {
+        for (int times = 0; times < 2; ++times) EXPECT_EQ(send(backend, message), std::nullopt);
+        EXPECT_EQ(logged("<3>OsselBackend(sendMessage): " + line), 2u);
         EXPECT_EQ(messages(), "");
     }
+
+    const std::string kNoSelector =
+        " does not respond to forwarding selector sendMessageWithMethod:respCode:dict:";
 };
 
 TEST_F(OsselBackendTest, ForwardsEveryEventToTheAdaptor) {
@@ -69,7 +64,12 @@ TEST_F(OsselBackendTest, ForwardsEveryEventToTheAdaptor) {
     EXPECT_EQ(logged("<3>"), 0u);
 }
 
-TEST_F(OsselBackendTest, OnlyTwoClientTypesHaveAnAdaptor) {
+TEST_F(OsselBackendTest, OneProductHasNoAdaptorOthersHaveThoseOfTwoClientTypes) {
+    write("etc/quorvane/device.toml", "ProductType = \"Korvel\"\n");
+    EXPECT_EQ(backendForClientType(7), nullptr);
+    EXPECT_EQ(logged("<3>QuorvaneBackend(newBackendWithName): ossel"), 1u);
+    EXPECT_EQ(logged("OsselBackend"), 0u);
+    write("etc/quorvane/device.toml", "");
     for (const std::int32_t type : {-7, 0, 5, 6, 8, 10, 12, std::numeric_limits<std::int32_t>::max()}) {
         EXPECT_EQ(backendForClientType(type), nullptr);
         EXPECT_EQ(logged("<3>OsselBackend(initWithName): No matching bundle found for client type " +
@@ -81,64 +81,42 @@ TEST_F(OsselBackendTest, OnlyTwoClientTypesHaveAnAdaptor) {
     EXPECT_EQ(logged("<3>loadCodeBundle"), 0u);
 }
 
-TEST_F(OsselBackendTest, OneProductHasNone) {
-    install(QUORVANE_BUNDLE_SAMPLE);
-    write("etc/quorvane/device.toml", "ProductType = \"Korvel\"\n");
-    EXPECT_EQ(backendForClientType(7), nullptr);
-    EXPECT_EQ(logged("<3>QuorvaneBackend(newBackendWithName): ossel"), 1u);
-    EXPECT_EQ(logged("OsselBackend"), 0u);
-}
-
 TEST_F(OsselBackendTest, AMissingAdaptorCostsALineAnEventUntilItIsThere) {
     const auto backend = backendForClientType(7);
     ASSERT_NE(backend, nullptr);
     EXPECT_EQ(logged("<3>loadCodeBundle: Cannot load " + _root.string() +
                      "/usr/lib/quorvane/OsselAdaptor.so: No such file or directory"),
               1u);
-    EXPECT_EQ(send(*backend, {{"a", 1}}), std::nullopt);
-    EXPECT_EQ(send(*backend, {{"a", 2}}), std::nullopt);
-    EXPECT_EQ(logged(refusalBy("(null)")), 2u);
+    expectRefusals(*backend, {{"a", 1}}, "Ossel adaptor (null)" + kNoSelector);
 
     install(QUORVANE_BUNDLE_SAMPLE);
-    send(*backendForClientType(7), {{"a", 3}});
+    const auto another = backendForClientType(7);
+    expectRefusals(*another, {{"a", "\xff"}}, "The message cannot be written as a property list");
+    send(*another, {{"a", 3}});
     EXPECT_THAT(messages(), EndsWith("{\"a\": 3}\n"));
 }
 
 TEST_F(OsselBackendTest, AnAdaptorWithoutTheOperationRefusesEachEvent) {
-    expectRefusals(QUORVANE_BUNDLE_MUTE, {{"a", 1}}, refusalBy("<OsselAdaptor>"));
+    install(QUORVANE_BUNDLE_MUTE);
+    expectRefusals(*backendForClientType(7), {{"a", 1}}, "Ossel adaptor <OsselAdaptor>" + kNoSelector);
 }
 
-TEST_F(OsselBackendTest, AMessageThatNoPropertyListHoldsIsNotForwarded) {
-    expectRefusals(QUORVANE_BUNDLE_SAMPLE, {{"a", "\xff"}},
-                   "<3>OsselBackend(sendMessage): The message cannot be written as a property list");
-}
+using JoularyBackendTest = BackendFixture;
 
-class JoularyBackendTest : public BackendFixture {
-  protected:
-    std::string powerLog() const { return read("var/lib/quorvane/power-log.jsonl"); }
-
-    const std::shared_ptr<JoularyBackend> backend =
-        JoularyBackend::initWithName("joulary", std::make_shared<const Dictionary>(), "Fernlight");
-};
-
-TEST_F(JoularyBackendTest, LaysItsOwnValuesOverTheMessagesAndWritesThem) {
+TEST_F(JoularyBackendTest, LaysItsOwnValuesOverTheMessagesAndWritesThemButNoneOfMethodZeroOrEmpty) {
+    const auto backend = JoularyBackend::initWithName("joulary", shared({}), "Fernlight");
     const Dictionary message{{"level", 80u}, {"event", "mine"}, {"respCode", -1}};
     EXPECT_EQ(backend->sendMessage(&message, {130, 0}, 65535, 404, EventID{65535}), std::nullopt);
-    const auto line = platform::parseJson(powerLog());
+    const Dictionary empty;
+    backend->sendMessage(&message, {130, 0}, 0, 404, EventID{1});
+    for (const Dictionary* none : {&empty, static_cast<const Dictionary*>(nullptr)})
+        backend->sendMessage(none, {130, 0}, 5, 404, EventID{2});
+    const auto line = platform::parseJson(read("var/lib/quorvane/power-log.jsonl"));
     ASSERT_TRUE(line && line->dictionary());
     EXPECT_EQ(line->dictionary()->integer("agent"), 28);
     EXPECT_EQ(*line->dictionary()->string("event"), "Strevad-QVN");
     EXPECT_EQ(*line->dictionary()->dictionary("values"),
               (Dictionary{{"event", 65535}, {"level", 80}, {"method", 65535}, {"respCode", 404}}));
-}
-
-TEST_F(JoularyBackendTest, DropsMethodZeroAndEmptyMessages) {
-    const Dictionary message{{"level", 80u}};
-    const Dictionary empty;
-    backend->sendMessage(&message, {130, 0}, 0, 404, EventID{1});
-    backend->sendMessage(&empty, {130, 0}, 5, 404, EventID{2});
-    backend->sendMessage(nullptr, {130, 0}, 5, 404, EventID{3});
-    EXPECT_EQ(powerLog(), "");
     EXPECT_EQ(logged("<"), 0u);
 }
 

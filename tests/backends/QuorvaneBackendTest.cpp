@@ -30,14 +30,10 @@ using QuorvaneBackendTest = BackendFixture;
 
 TEST_F(QuorvaneBackendTest, NumbersItsEventsFromOneAndWraps) {
     CountingBackend backend;
-    send(backend, {});
-    EXPECT_EQ(backend.lastEventID, 1);
-    for (int sent = 1; sent < 65535; ++sent) send(backend, {});
-    EXPECT_EQ(backend.lastEventID, 65535);
-    send(backend, {});
-    EXPECT_EQ(backend.lastEventID, 0);
-    send(backend, {});
-    EXPECT_EQ(backend.lastEventID, 1);
+    for (int sent = 1; sent <= 65537; ++sent) {
+        send(backend, {});
+        ASSERT_EQ(backend.lastEventID, sent % 65536);
+    }
 }
 
 TEST_F(QuorvaneBackendTest, CutsItsVersionToTwoBytes) {
@@ -67,7 +63,7 @@ TEST_F(QuorvaneBackendTest, HashesAsManyBytesAsTheTextHasUtf16Units) {
 }
 
 TEST_F(QuorvaneBackendTest, FactoryRefusesWhatItDoesNotKnow) {
-    auto profile = std::make_shared<const Dictionary>(Dictionary{{"clients", Array{}}});
+    auto profile = shared({{"clients", Array{}}});
     EXPECT_EQ(QuorvaneBackend::newBackendWithName("HTTPPOST", profile, "Fernlight", 7), nullptr);
     EXPECT_EQ(logged("<3>QuorvaneBackend(newBackendWithName): HTTPPOST"), 1u);
 
@@ -75,7 +71,7 @@ TEST_F(QuorvaneBackendTest, FactoryRefusesWhatItDoesNotKnow) {
     EXPECT_EQ(QuorvaneBackend::newBackendWithName("httppost", profile, std::nullopt, 7), nullptr);
     EXPECT_EQ(logged("<3>"), 1u);
 
-    auto withoutClients = std::make_shared<const Dictionary>(Dictionary{{"clients", "none"}});
+    auto withoutClients = shared({{"clients", "none"}});
     EXPECT_EQ(QuorvaneBackend::newBackendWithName("httppost", withoutClients, "Fernlight", 7), nullptr);
     EXPECT_EQ(logged("<3>HTTPSPostBackend(initWithName): can't find the client list."), 1u);
 }
@@ -90,8 +86,8 @@ DeviceName = "Fernlight"
 ReleaseType = "Internal"
 )");
     const Dictionary profile{{"clients", Array{}}};
-    const auto storebag = std::make_shared<const Dictionary>(
-        Dictionary{{"httppost", profile}, {"httppost2", profile}, {"nonesuch", profile}, {"other", 7}});
+    const auto storebag =
+        shared({{"httppost", profile}, {"httppost2", profile}, {"nonesuch", profile}, {"other", 7}});
     const Dictionary sessionInfo{{kQuorvaneSessionInfoSessionID.data(), 4'000'000'000u},
                                  {kQuorvaneSessionInfoClientType.data(), 7},
                                  {kQuorvaneSessionInfoClientVersion.data(), 65'537},

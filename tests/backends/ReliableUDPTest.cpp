@@ -19,8 +19,7 @@ class ReliableUDPTest : public BackendFixture {
                                                      std::optional<int> reliable = 3'600'000) {
         Dictionary profile{{"ip", "127.0.0.1"}, {"port", port}};
         if (reliable) profile.set("reliable", *reliable);
-        return DashboardBackend::initWithName("dashboard",
-                                              std::make_shared<const Dictionary>(std::move(profile)), "F");
+        return DashboardBackend::initWithName("dashboard", shared(std::move(profile)), "F");
     }
 
     static void sendEvent(DashboardBackend& backend, std::uint16_t eventID) {
@@ -33,25 +32,27 @@ class ReliableUDPTest : public BackendFixture {
         backend.networkProcQueue().perform([&] { backend.myPeriodicTask(); });
     }
 
+    /// The backend's answer on its queue.
+    template <typename Question>
+    static auto ask(DashboardBackend& backend, Question&& question) {
+        decltype(question(backend)) answer;
+        backend.networkProcQueue().perform([&] { answer = question(backend); });
+        return answer;
+    }
     static std::vector<int> waiting(DashboardBackend& backend) {
-        std::vector<int> events;
-        backend.networkProcQueue().perform([&] {
-            for (const UDPPacketToSend& packet : backend.messageQueue()) events.push_back(packet.eventNumber);
+        return ask(backend, [](DashboardBackend& asked) {
+            std::vector<int> events;
+            for (const UDPPacketToSend& packet : asked.messageQueue()) events.push_back(packet.eventNumber);
+            return events;
         });
-        return events;
     }
-
     static std::uint64_t givenUp(DashboardBackend& backend) {
-        std::uint64_t count = 0;
-        backend.networkProcQueue().perform([&] { count = backend.givenUp(); });
-        return count;
+        return ask(backend, [](auto& asked) { return asked.givenUp(); });
     }
-
-    static bool isClosed(DashboardBackend& backend) {
-        bool closed = false;
-        backend.networkProcQueue().perform([&] { closed = backend.socketDescriptor() < 0; });
-        return closed;
+    static int socketOf(DashboardBackend& backend) {
+        return ask(backend, [](auto& asked) { return asked.socketDescriptor(); });
     }
+    static bool isClosed(DashboardBackend& backend) { return socketOf(backend) < 0; }
 
     test::UdpPeer _collector;
 };
@@ -87,13 +88,12 @@ TEST_F(ReliableUDPTest, AnAcknowledgementEndsTheOldestOfItsNumberAndNoOther) {
     EXPECT_TRUE(within(kSoon, [&] { return waiting(*sender) == std::vector{8, 7, 5}; }));
     for (const std::uint16_t event : {8, 8, 5}) _collector.acknowledge(event);
     EXPECT_TRUE(within(kSoon, [&] { return waiting(*sender) == std::vector{7}; }));
+    _collector.acknowledge(7);
+    EXPECT_TRUE(within(kSoon, [&] { return waiting(*sender).empty(); }));
     EXPECT_EQ(givenUp(*sender), 0u);
-}
 
-TEST_F(ReliableUDPTest, IgnoresRepliesThatNameNoEvent) {
-    const auto sender = backend(_collector.port());
+    // Replies too short to name an event.
     for (const std::uint16_t event : {0, 1, 2}) sendEvent(*sender, event);
-    _collector.receiveAll();
     for (const std::size_t size : {0, 1, 61}) _collector.send(Data(size));
     _collector.acknowledge(1);
     EXPECT_TRUE(within(kSoon, [&] { return waiting(*sender) == std::vector{0, 2}; }));
@@ -134,8 +134,7 @@ TEST_F(ReliableUDPTest, PlainDeliveryKeepsOnlyWhatCouldNotBeSent) {
 
     // Disconnected, the socket can send nothing.
     sockaddr_in address{};
-    int descriptor = -1;
-    sender->networkProcQueue().perform([&] { descriptor = sender->socketDescriptor(); });
+    const int descriptor = socketOf(*sender);
     socklen_t size = sizeof address;
     ASSERT_EQ(::getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &size), 0);
     sockaddr nobody{};
@@ -178,25 +177,18 @@ TEST_F(ReliableUDPTest, CleansUpWhenTheLastDatagramIsGone) {
     EXPECT_TRUE(isClosed(*sender));
 }
 
-TEST_F(ReliableUDPTest, LivesOnForItsDatagramsAfterCleanupAndThenEnds) {
-    auto sender = backend(_collector.port(), 150);
-    sendEvent(*sender, 1);
-    sender->cleanup();
-    const std::weak_ptr<DashboardBackend> weak = std::exchange(sender, nullptr);
-    for (int transmission = 0; transmission < 2; ++transmission) ASSERT_TRUE(_collector.receive());
-    EXPECT_FALSE(weak.expired());
-    _collector.acknowledge(1);
-    EXPECT_TRUE(within(kSoon, [&] { return weak.expired(); }));
-}
-
-TEST_F(ReliableUDPTest, EndsByItsLastResortThoughADatagramStillWaits) {
-    auto sender = backend(_collector.port());
-    sendEvent(*sender, 1);
-    sender->cleanup();
-    tick(*sender);
-    const std::weak_ptr<DashboardBackend> weak = std::exchange(sender, nullptr);
-    EXPECT_FALSE(weak.expired());
-    EXPECT_TRUE(within(kSoon, [&] { return weak.expired(); }));
+TEST_F(ReliableUDPTest, LivesOnForItsDatagramsAfterCleanupAndThenEndsAtTheLatestByItsLastResort) {
+    for (const bool isAcknowledged : {true, false}) {
+        auto sender = backend(_collector.port(), isAcknowledged ? 150 : 3'600'000);
+        sendEvent(*sender, 1);
+        sender->cleanup();
+        if (!isAcknowledged) tick(*sender);
+        const std::weak_ptr<DashboardBackend> weak = std::exchange(sender, nullptr);
+        for (int times = isAcknowledged ? 2 : 1; times > 0; --times) ASSERT_TRUE(_collector.receive());
+        EXPECT_FALSE(weak.expired());
+        if (isAcknowledged) _collector.acknowledge(1);
+        EXPECT_TRUE(within(kSoon, [&] { return weak.expired(); }));
+    }
 }
 
 TEST_F(ReliableUDPTest, EndsOnItsQueueThoughTimerAndRepliesStillCome) {

@@ -35,7 +35,7 @@ TEST_F(UpdateBackendStateTest, RequiredUserInfoMustComeAndMatch) {
         backend->setUserInfoDict(userInfo(client));
         EXPECT_EQ(backend->updateBackendState(), state) << client;
     }
-    backend->setUserInfoDict(std::make_shared<const Dictionary>());
+    backend->setUserInfoDict(shared({}));
     EXPECT_EQ(backend->updateBackendState(), BackendState::Disabled);
     backend->setUserInfoDict(nullptr);
     EXPECT_EQ(backend->updateBackendState(), BackendState::WaitingForUserInfo);
@@ -43,6 +43,7 @@ TEST_F(UpdateBackendStateTest, RequiredUserInfoMustComeAndMatch) {
     EXPECT_EQ(stateFor(entryWith("service", "other, sync")), BackendState::Disabled)
         << "items are not trimmed";
     EXPECT_EQ(stateFor(entryWith("service", "other,yn")), BackendState::Enabled);
+    EXPECT_EQ(decideReporting(nullptr, {}).state, BackendState::Disabled) << "no clients";
 }
 
 TEST_F(UpdateBackendStateTest, ConsentIsNeededUnlessOverriddenByExactlyOne) {
@@ -69,55 +70,25 @@ TEST_F(UpdateBackendStateTest, LocaleListIsRequiredAndDeviceListIsNot) {
     EXPECT_EQ(stateFor(permissiveEntry()), BackendState::Enabled) << "no country code passes any list";
 }
 
-TEST_F(UpdateBackendStateTest, FiltersAreRequired) {
+TEST_F(UpdateBackendStateTest, FiltersAndAThresholdAreRequiredAndTheDrawIsComparedWithBothThresholds) {
     EXPECT_EQ(stateFor(entryWithout("filters")), BackendState::Disabled);
     EXPECT_EQ(logged("<4>HTTPSPostBackend(updateBackendState): filters are required."), 1u);
     EXPECT_EQ(stateFor(entryWith("filters", Array{})), BackendState::Enabled);
-}
 
-TEST_F(UpdateBackendStateTest, SamplingComparesTheDrawWithBothThresholds) {
     EXPECT_EQ(stateFor(entryWithout("sampling_threshold")), BackendState::Disabled);
     Dictionary entry = entryWith("sampling_threshold", 0.3);
     EXPECT_EQ(stateFor(entry, 0.3), BackendState::Enabled);
     EXPECT_EQ(stateFor(entry, 0.5), BackendState::SampledOut);
     entry.set("override_sampling", 0.6);
-    EXPECT_EQ(stateFor(entry, 0.5), BackendState::SampledOut);
+    const auto sampledOut = personalBackend(entry, userInfo(), 0.5);
+    EXPECT_EQ(sampledOut->state(), BackendState::SampledOut);
+    EXPECT_EQ(*onlyEventIn(send(*sampledOut, {}, 0, 1, 1)).find("OverrideSampling"), Value(0.6));
     entry.set("override_sampling", 0.4);
     EXPECT_EQ(stateFor(entry, 0.5), BackendState::Disabled);
     EXPECT_EQ(stateFor(entryWith("sampling_threshold", 1), 0.99), BackendState::Enabled);
 
     platform::replaceRandomDraw([] { return 0.25; });
     EXPECT_EQ(enabledBackend()->samplingFactor(), 0.25);
-}
-
-TEST_F(UpdateBackendStateTest, TheRulesTellWhatDecidedWithoutABackend) {
-    const auto user = userInfo();
-    const ReportingFacts reporting{
-        .userInfo = user.get(), .requireUserInfo = true, .consent = true, .country = "US", .draw = 0.5};
-    const auto reasonFor = [&](const Dictionary& entry, auto&&... changes) {
-        ReportingFacts facts = reporting;
-        (changes(facts), ...);
-        const Array clients{Value("no entry"), Value(entry)};
-        return decideReporting(&clients, facts).reason;
-    };
-    using Reason = ReportingReason;
-    const Dictionary entry = permissiveEntry();
-    EXPECT_EQ(decideReporting(nullptr, reporting).reason, Reason::NoClientList);
-    EXPECT_EQ(reasonFor({}, [](auto& facts) { facts.requireUserInfo = false; }), Reason::NoRuleApplies);
-    EXPECT_EQ(reasonFor(entry, [](auto& facts) { facts.userInfo = nullptr; }), Reason::AwaitsUserInfo);
-    EXPECT_EQ(reasonFor({{"client", "Maps"}}), Reason::NoMatchingClient);
-    EXPECT_EQ(reasonFor(entry, [](auto& facts) { facts.consent = false; }), Reason::NoConsent);
-    EXPECT_EQ(reasonFor({}), Reason::CountryNotListed);
-    EXPECT_EQ(reasonFor(entryWith("device_whitelist", Array{"Moss"}),
-                        [](auto& facts) { facts.productFamily = "Fernlight"; }),
-              Reason::DeviceNotListed);
-    EXPECT_EQ(reasonFor(entryWithout("filters")), Reason::NoFilters);
-    EXPECT_EQ(reasonFor(entryWithout("sampling_threshold")), Reason::NoSamplingThreshold);
-    EXPECT_EQ(reasonFor(entry), Reason::BelowThreshold);
-    EXPECT_EQ(reasonFor(entryWith("sampling_threshold", 0.1)), Reason::BetweenThresholds);
-    Dictionary overridden = entryWith("sampling_threshold", 0.1);
-    overridden.set("override_sampling", 0.4);
-    EXPECT_EQ(reasonFor(overridden), Reason::AboveThresholds);
 }
 
 TEST_F(UpdateBackendStateTest, TheMatchingEntrySetsTheBackendUp) {
@@ -144,7 +115,7 @@ TEST_F(UpdateBackendStateTest, TheMatchingEntrySetsTheBackendUp) {
     EXPECT_EQ(backend->hierarchy(), 0);
 }
 
-TEST_F(UpdateBackendStateTest, OrdinaryUrlIsKeptAndRealtimeUrlIsDerivedAnew) {
+TEST_F(UpdateBackendStateTest, OrdinaryUrlIsKeptRealtimeUrlIsDerivedAnewAndAUserDefaultSurvivesEveryEntry) {
     auto backend = enabledBackend();
     EXPECT_TRUE(backend->updatePostLink(
         {{"post_url", "https://a.invalid"}, {"realtime_post_url", "https://b.invalid"}}));
@@ -153,11 +124,9 @@ TEST_F(UpdateBackendStateTest, OrdinaryUrlIsKeptAndRealtimeUrlIsDerivedAnew) {
     EXPECT_FALSE(backend->updatePostLink({}));
     EXPECT_EQ(backend->postURL(), "https://a.invalid");
     EXPECT_EQ(logged("realtimePostURL defaults to postURL 'https://a.invalid'"), 1u);
-}
 
-TEST_F(UpdateBackendStateTest, AUserDefaultUrlSurvivesEveryEntry) {
     write("etc/quorvane/defaults/com.velmora.quorvane.toml", "httpsPostURL = \"https://default.invalid\"\n");
-    auto backend = enabledBackend({{"post_url", "https://a.invalid"}});
+    backend = enabledBackend({{"post_url", "https://a.invalid"}});
     EXPECT_EQ(backend->postURL(), "https://default.invalid");
     EXPECT_EQ(
         logged("<7>HTTPSPostBackend(initWithName): Using user default 'https://default.invalid' for postURL"),

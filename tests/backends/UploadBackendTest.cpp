@@ -25,23 +25,16 @@ using test::ServerRequest;
 
 class UploadBackendTest : public PostingFixture {
   protected:
-    void SetUp() override {
-        PostingFixture::SetUp();
+    UploadBackendTest() {
         _server->answerWith({200, {}, "{\"result\":\"success\"}"});
-        _backend = backendFor(_server->url("/upload"));
         write("file.log", "contents");
     }
-
-    void TearDown() override {
-        platform::revokeSandboxExtensions(_owner);
-        PostingFixture::TearDown();
-    }
+    ~UploadBackendTest() override { platform::revokeSandboxExtensions(_owner); }
 
     static std::shared_ptr<QuorvaneBackend> backendFor(const std::string& url) {
-        auto profile = std::make_shared<const Dictionary>(
-            Dictionary{{"post_url", url}, {"display_url", "https://display.invalid/"}});
-        auto backend =
-            QuorvaneBackend::newBackendWithName(std::string(kQuorvaneBackendUploadServer), profile, "F", 7);
+        auto backend = QuorvaneBackend::newBackendWithName(
+            std::string(kQuorvaneBackendUploadServer),
+            shared({{"post_url", url}, {"display_url", "https://display.invalid/"}}), "F", 7);
         EXPECT_NE(backend, nullptr);
         backend->setSessionID(4'000'000'000);
         backend->setUdid("0123abcd");
@@ -54,6 +47,9 @@ class UploadBackendTest : public PostingFixture {
     std::string lend(const std::string& name, int flags = O_RDONLY) {
         platform::UniqueDescriptor file(::open(at(name).c_str(), flags | O_CLOEXEC | O_NONBLOCK));
         EXPECT_TRUE(file) << name;
+        return lent(std::move(file));
+    }
+    std::string lent(platform::UniqueDescriptor file) {
         const auto remove = [this](const std::string& token) { _removed.insert(token); };
         return platform::issueSandboxExtension(_owner, std::move(file), remove).value_or("");
     }
@@ -68,7 +64,7 @@ class UploadBackendTest : public PostingFixture {
         std::filesystem::resize_file(_root / name, bytes);
     }
 
-    std::shared_ptr<QuorvaneBackend> _backend;
+    std::shared_ptr<QuorvaneBackend> _backend = backendFor(_server->url("/upload"));
     const platform::ExtensionOwner _owner = platform::newExtensionOwner(1000);
     std::set<std::string> _removed;  ///< Whose removal was asked for, on the thread that uploads.
 };
@@ -77,9 +73,10 @@ TEST_F(UploadBackendTest, PostsTheFileWithItsQueryKeysAndHasItRemoved) {
     std::string contents(700'000, '\0');
     std::uint32_t state = 1;
     for (char& c : contents) c = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-    write("a b#%\xc3\xbc&.log", contents);
-    const std::string token = lend("a b#%\xc3\xbc&.log");
-    EXPECT_TRUE(upload("a b#%\xc3\xbc&.log", token));
+    const std::string name = "a b#%\xc3\xbc&.log";
+    write(name, contents);
+    const std::string token = lend(name);
+    EXPECT_TRUE(upload(name, token));
 
     ASSERT_EQ(_server->requestCount(), 1u);
     const ServerRequest request = _server->requests()[0];
@@ -134,9 +131,8 @@ TEST_F(UploadBackendTest, OnlyRegularFilesWithContentsAreRead) {
     std::filesystem::create_directory(at("folder"));
     EXPECT_FALSE(upload("pipe", lend("pipe", O_RDWR)));
     EXPECT_FALSE(upload("folder"));
-    const auto device = platform::issueSandboxExtension(
-        _owner, platform::UniqueDescriptor(::open("/dev/zero", O_RDONLY | O_CLOEXEC)), nullptr);
-    EXPECT_FALSE(_backend->uploadFileAtPath("/dev/zero", device.value_or("").c_str()));
+    const std::string device = lent(platform::UniqueDescriptor(::open("/dev/zero", O_RDONLY | O_CLOEXEC)));
+    EXPECT_FALSE(_backend->uploadFileAtPath("/dev/zero", device.c_str()));
     EXPECT_FALSE(_backend->uploadFileAtPath(at("file.log"), nullptr));
     EXPECT_FALSE(upload("file.log", lend("folder")));
     EXPECT_EQ(logged("<3>UploadBackend(uploadFileAtPath): Only upload a regular file."), 5u);
@@ -174,17 +170,20 @@ TEST_F(UploadBackendTest, AFileThatChangesIsSentAsItIsFound) {
 }
 
 TEST_F(UploadBackendTest, LeavesTheClientsOffsetWhereItIs) {
-    const int file = ::open(at("file.log").c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(::lseek(file, 3, SEEK_SET), 3);
-    const auto token =
-        platform::issueSandboxExtension(_owner, platform::UniqueDescriptor(::dup(file)), nullptr);
-    EXPECT_TRUE(upload("file.log", token.value_or("")));
+    const platform::UniqueDescriptor file(::open(at("file.log").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::lseek(file.get(), 3, SEEK_SET), 3);
+    EXPECT_TRUE(upload("file.log", lent(platform::UniqueDescriptor(::dup(file.get())))));
     EXPECT_EQ(_server->requests().at(0).body, "contents");
-    EXPECT_EQ(::lseek(file, 0, SEEK_CUR), 3);
-    ::close(file);
+    EXPECT_EQ(::lseek(file.get(), 0, SEEK_CUR), 3);
 }
 
-TEST_F(UploadBackendTest, AURLThatIsNoneIsRefused) {
+TEST_F(UploadBackendTest, AURLIsNeededAndOneThatIsNoneIsRefused) {
+    for (const Dictionary& profile : {Dictionary{{"display_url", "https://d.invalid"}}, {{"post_url", 1}}})
+        EXPECT_EQ(UploadBackend::initWithName("uploadserver", shared(profile), "F"), nullptr);
+    EXPECT_EQ(UploadBackend::initWithName("uploadserver", nullptr, "F"), nullptr);
+    EXPECT_EQ(logged("<3>UploadBackend(initWithName): can't resolve upload post URL."), 3u);
+    EXPECT_EQ(_backend->displayURL(), "https://display.invalid/");
+
     for (const char* url : {"", "upload.invalid", "https://a b/", "https://127.0.0.1/\r\nX-Forged: 1"}) {
         _backend = backendFor(url);
         EXPECT_FALSE(upload("file.log")) << url;
@@ -196,18 +195,6 @@ TEST_F(UploadBackendTest, AURLThatIsNoneIsRefused) {
     EXPECT_FALSE(withoutURL->uploadFileAtPath(at("file.log"), token.c_str()));
     EXPECT_TRUE(platform::ownsSandboxExtension(_owner, token));
     EXPECT_EQ(_removed.size(), 0u);
-}
-
-TEST_F(UploadBackendTest, AProfileNeedsAPostURL) {
-    EXPECT_EQ(_backend->displayURL(), "https://display.invalid/");
-    const auto made = [](std::shared_ptr<const Dictionary> profile) {
-        return UploadBackend::initWithName("uploadserver", std::move(profile), "F");
-    };
-    EXPECT_EQ(made(nullptr), nullptr);
-    EXPECT_EQ(made(std::make_shared<const Dictionary>(Dictionary{{"display_url", "https://d.invalid"}})),
-              nullptr);
-    EXPECT_EQ(made(std::make_shared<const Dictionary>(Dictionary{{"post_url", 1}})), nullptr);
-    EXPECT_EQ(logged("<3>UploadBackend(initWithName): can't resolve upload post URL."), 3u);
 }
 
 TEST_F(UploadBackendTest, ALargeUploadThatStallsHoldsUpNoSmallOne) {
@@ -244,8 +231,7 @@ TEST_F(UploadBackendTest, RoomIsSharedByServerAndLogDataTakesSomeOfIt) {
     for (int i = 0; i < 4; ++i) full.push_back(uploadRoom(url, small));
 
     const auto dashboard = QuorvaneBackend::newBackendWithName(
-        std::string(kQuorvaneBackendDashboard),
-        std::make_shared<const Dictionary>(Dictionary{{"ip", "127.0.0.1"}, {"port", 9}, {"post_url", url}}),
+        std::string(kQuorvaneBackendDashboard), shared({{"ip", "127.0.0.1"}, {"port", 9}, {"post_url", url}}),
         "F", 7);
     ASSERT_NE(dashboard, nullptr);
     auto uploading = std::async(std::launch::async, [&] {

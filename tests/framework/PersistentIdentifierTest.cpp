@@ -28,13 +28,7 @@ TEST_F(PersistentIdentifierTest, IsMadeOnceAndKept) {
               std::filesystem::perms::none);
 }
 
-TEST_F(PersistentIdentifierTest, IsTheOneKeptByAnEarlierProcess) {
-    write(kFile, kStored);
-    EXPECT_EQ(getPersistentIdentifierForDNU(false), kIdentifier);
-    EXPECT_EQ(read(kFile), kStored);
-}
-
-TEST_F(PersistentIdentifierTest, WithoutConsentLastsOnlyAsLongAsTheProcess) {
+TEST_F(PersistentIdentifierTest, IsTheOneKeptByAnEarlierProcessAndWithoutConsentOneOfThisProcess) {
     write(kFile, kStored);
     const std::string ofThisProcess = getPersistentIdentifierForDNU(true);
     EXPECT_NE(ofThisProcess, kIdentifier);
@@ -42,6 +36,7 @@ TEST_F(PersistentIdentifierTest, WithoutConsentLastsOnlyAsLongAsTheProcess) {
     EXPECT_EQ(getPersistentIdentifierForDNU(false), kIdentifier) << "consent overridden";
     giveConsent(true);
     EXPECT_EQ(getPersistentIdentifierForDNU(true), kIdentifier);
+    EXPECT_EQ(read(kFile), kStored);
 }
 
 TEST_F(PersistentIdentifierTest, AFileThatHoldsNoneGetsANewOne) {

@@ -43,14 +43,13 @@ class FetchStorebagTest : public StorebagFixture {
         return text(*tools::signStorebagBytes(platform::bytesOf(bytes), *_key));
     }
 
-    Dictionary goodEnvelope() const {
-        const auto parsed = platform::parsePropertyList(*tools::signStorebag(_bag, *_key));
-        return *parsed.value().dictionary();
+    Dictionary envelopeOf(const Dictionary& bag) const {
+        return *platform::parsePropertyList(*tools::signStorebag(bag, *_key)).value().dictionary();
     }
 
     /// The good envelope with one entry changed, or taken away by an absent text.
     std::string changedEnvelope(const std::string& entry, const std::optional<Value>& value) const {
-        Dictionary entries = goodEnvelope();
+        Dictionary entries = envelopeOf(_bag);
         if (value)
             entries.set(entry, *value);
         else
@@ -62,12 +61,30 @@ class FetchStorebagTest : public StorebagFixture {
                           {"release", Dictionary{{"ossel", Dictionary{{"active", false}}}}}};
 };
 
-TEST_F(FetchStorebagTest, AServerWithoutASchemeIsAnErrorAndIsNotAsked) {
+TEST_F(FetchStorebagTest, AServerWithoutASchemeIsAnErrorAndWithoutASettingTheBuildDecides) {
     write("etc/quorvane/defaults/com.velmora.quorvane.toml",
           "quorvane_storebag_url = \"127.0.0.1:1/bags\"\n");
     EXPECT_FALSE(fetch().bag);
     EXPECT_EQ(logged("<3>fetchStorebagWithName: 'quorvane_storebag_url' holds no URL with a scheme"), 1u);
     EXPECT_EQ(logged("sendSynchronousRequest error the URL has no scheme"), 1u);
+
+    std::filesystem::remove(_root / "etc/quorvane/defaults/com.velmora.quorvane.toml");
+    // Nothing is sent to the server.
+    ::setenv("https_proxy", "http://127.0.0.1:1", 1);
+    for (const char* exceptions : {"no_proxy", "NO_PROXY"}) ::unsetenv(exceptions);
+    for (const auto& [facts, path] :
+         {std::pair("", QUORVANE_STOREBAG_HOST "/bags"),
+          {"ReleaseType = \"Internal\"\n", QUORVANE_INTERNAL_STOREBAG_HOST "/storebags"}}) {
+        write("etc/quorvane/device.toml", facts);
+        platform::settleAnewForTest();
+        forgetLines();
+        fetch("tunewave");
+        EXPECT_EQ(logLines().front(),
+                  fmt::format(
+                      "<7>fetchStorebagWithName: Storebag Server URL: https://{}/tamsel/tunewave?version=7.1",
+                      path));
+    }
+    ::unsetenv("https_proxy");
 }
 
 TEST_F(FetchStorebagTest, AVerifiedBagComesWithItsAgeAndDateWhateverTheStatus) {
@@ -174,9 +191,7 @@ TEST_F(FetchStorebagTest, MaxAgeIsTheNumberAfterItsName) {
 
 TEST_F(FetchStorebagTest, WhatIsNotSignedOrCannotBeReadIsNotTaken) {
     const auto stranger = tools::SigningKey::generate();
-    const Dictionary otherBag{{"version", "13"}};
-    const auto other = platform::parsePropertyList(*tools::signStorebag(otherBag, *_key));
-    const Value otherBytes = *other.value().dictionary()->find("bag");
+    const Value otherBytes = *envelopeOf({{"version", "13"}}).find("bag");
     const std::string unverified = "<3>fetchStorebagWithName: Signature can not be verified, 0x";
     const struct {
         std::string body;
@@ -254,38 +269,6 @@ TEST_F(FetchStorebagTest, ABagThatIsTooLargeIsATransportErrorAndConfluxaHasOneTo
 
     answer("reached");
     EXPECT_EQ(fetch("confluxa").bag, std::nullopt);
-}
-
-class BuiltInServersTest : public RootFixture {
-  protected:
-    void SetUp() override {
-        RootFixture::SetUp();
-        // Nothing is sent to the server.
-        ::setenv("https_proxy", "http://127.0.0.1:1", 1);
-        for (const char* exceptions : {"no_proxy", "NO_PROXY"}) ::unsetenv(exceptions);
-    }
-    void TearDown() override {
-        ::unsetenv("https_proxy");
-        RootFixture::TearDown();
-    }
-
-    /// The first line of a fetch on a device of that kind.
-    std::string fetchOnDevice(const std::string& facts) const {
-        write("etc/quorvane/device.toml", facts);
-        platform::settleAnewForTest();
-        forgetLines();
-        fetch("tunewave");
-        return logLines().front();
-    }
-};
-
-TEST_F(BuiltInServersTest, TheBuildDecidesWithoutASetting) {
-    EXPECT_EQ(fetchOnDevice(""),
-              "<7>fetchStorebagWithName: Storebag Server URL: https://" QUORVANE_STOREBAG_HOST
-              "/bags/tamsel/tunewave?version=7.0");
-    EXPECT_EQ(fetchOnDevice("ReleaseType = \"Internal\"\n"),
-              "<7>fetchStorebagWithName: Storebag Server URL: https://" QUORVANE_INTERNAL_STOREBAG_HOST
-              "/storebags/tamsel/tunewave?version=7.0");
 }
 
 }  // namespace

@@ -1,15 +1,11 @@
 #pragma once
 
-#include "platform/base/Clock.h"
 #include "platform/formats/PropertyList.h"
 #include "tests/support/HttpsServer.h"
 #include "tests/support/RootFixture.h"
 #include "tools/storebag/SignStorebag.h"
 #include "util/Environment.h"
 
-#include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -21,22 +17,13 @@ namespace quorvane {
 /// nothing at first, the server's key, and a clock that stands still.
 class StorebagFixture : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
+    StorebagFixture() {
         write("etc/quorvane/defaults/com.velmora.quorvane.toml",
               "quorvane_storebag_url = \"" + _server.url("/bags") + "\"\n");
         write(kPublicKey, text(_key->publicDER()));
         installBundleVersion("7.1");
         replaceEnvironmentType(EnvironmentType::Release);
-        platform::replaceClock([] {
-            const std::int64_t at = now;
-            return platform::TimeValue{at / 1'000'000, static_cast<std::int32_t>(at % 1'000'000)};
-        });
-    }
-
-    void TearDown() override {
-        platform::replaceClock(nullptr);
-        RootFixture::TearDown();
+        setClock(1'760'000'000'250'000);
     }
 
     static std::string text(const Data& bytes) { return {bytes.begin(), bytes.end()}; }
@@ -58,8 +45,6 @@ class StorebagFixture : public RootFixture {
     /// The envelope of the bag, signed with the server's key.
     std::string signedBag(const Dictionary& bag) const { return text(*tools::signStorebag(bag, *_key)); }
 
-    static void advanceClock(std::chrono::microseconds by) { now += by.count(); }
-
     /// The lines at info and above.
     static std::vector<std::string> lines() {
         std::vector<std::string> kept = logLines();
@@ -71,9 +56,6 @@ class StorebagFixture : public RootFixture {
     const std::string kInfo = "usr/share/quorvane/framework/Info.plist";
     test::HttpsServer _server{_root};
     const std::unique_ptr<tools::SigningKey> _key = tools::SigningKey::generate();
-
-  private:
-    static inline std::atomic<std::int64_t> now = 1'760'000'000'250'000;
 };
 
 }  // namespace quorvane

@@ -1,6 +1,7 @@
 #include "tests/support/DaemonFixture.h"
 
 #include "platform/formats/Json.h"
+#include "platform/value/Bytes.h"
 #include "tests/support/Within.h"
 #include "tools/storebag/SignStorebag.h"
 
@@ -29,10 +30,6 @@ void copyInto(const std::filesystem::path& folder, const std::filesystem::path& 
     std::filesystem::copy_file(file, folder / file.filename());
 }
 
-std::string asText(const Data& data) {
-    return {data.begin(), data.end()};
-}
-
 std::string joined(const char* variable, const std::string& option) {
     const char* value = std::getenv(variable);
     return value != nullptr ? std::string(value) + ":" + option : option;
@@ -45,7 +42,7 @@ DaemonFixture::DaemonFixture()
     const std::filesystem::path resources = _root / "usr/share/quorvane";
     copyInto(resources / "sandbox", kPackaging / "sandbox/com.velmora.quorvaned.toml");
     copyInto(resources / "framework", kPackaging / "framework/Info.plist");
-    write("usr/share/quorvane/framework/publicKey.der", asText(_key->publicDER()));
+    write("usr/share/quorvane/framework/publicKey.der", std::string(platform::textOf(_key->publicDER())));
     write("etc/quorvane/consent.toml", "diagnostics_submission = true\n");
     write("etc/quorvane/defaults/com.velmora.quorvane.toml",
           "quorvane_storebag_url = \"" + _server->url("/bags") + "\"\nenvironmentType = 4\n");
@@ -75,7 +72,7 @@ void DaemonFixture::serveStorebag(const Dictionary& section, const std::string& 
     const auto signedBag = tools::signStorebag(bag, *_key);
     if (!signedBag) throw std::runtime_error("the bag cannot be signed");
     const std::lock_guard lock(_mutex);
-    _storebags[name] = asText(*signedBag);
+    _storebags[name] = platform::textOf(*signedBag);
 }
 
 void DaemonFixture::answerPosts(HttpsServer::Handler answer) {

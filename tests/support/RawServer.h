@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <functional>
 #include <list>
 #include <string>
@@ -95,7 +94,6 @@ class RawServer {
     }
 
     std::string url() const { return fmt::format("http://127.0.0.1:{}/", _listener.port()); }
-    int connectionCount() const { return _connections; }
 
   private:
     struct Served {
@@ -107,7 +105,6 @@ class RawServer {
         while (true) {
             platform::UniqueDescriptor client(::accept(_listener.socket.get(), nullptr, nullptr));
             if (!client) return;
-            ++_connections;
             Served& served = _served.emplace_back(Served{RawConnection(std::move(client)), {}});
             served.thread = std::thread([this, &connection = served.connection] {
                 _script(connection);
@@ -118,7 +115,6 @@ class RawServer {
 
     const Script _script;
     LocalSocket _listener;
-    std::atomic<int> _connections = 0;
     std::list<Served> _served;
     std::thread _thread;
 };

@@ -1,12 +1,16 @@
 #pragma once
 
+#include "platform/base/Clock.h"
 #include "platform/base/Log.h"
 #include "platform/base/SettledOnce.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -25,7 +29,7 @@ namespace quorvane {
 /// settles once is settled anew in each test.
 class RootFixture : public testing::Test {
   protected:
-    void SetUp() override {
+    RootFixture() {
         std::filesystem::create_directory(_root);
         ::setenv("QUORVANE_ROOT", _root.c_str(), 1);
         platform::settleAnewForTest();
@@ -36,8 +40,9 @@ class RootFixture : public testing::Test {
         });
     }
 
-    void TearDown() override {
+    ~RootFixture() override {
         platform::setLogSink(nullptr);
+        platform::replaceClock(nullptr);
         std::filesystem::remove_all(_root);
     }
 
@@ -68,6 +73,16 @@ class RootFixture : public testing::Test {
             all, [&](const std::string& line) { return line.find(text) != std::string::npos; }));
     }
 
+    /// Stops the clock until the test ends; it shows so many microseconds since 1970.
+    static void setClock(std::int64_t microseconds) {
+        clock = microseconds;
+        platform::replaceClock([] {
+            const std::int64_t at = clock;
+            return platform::TimeValue{at / 1'000'000, static_cast<std::int32_t>(at % 1'000'000)};
+        });
+    }
+    static void advanceClock(std::chrono::microseconds by) { clock += by.count(); }
+
     const std::filesystem::path _root = processRoot();
 
   private:
@@ -79,6 +94,7 @@ class RootFixture : public testing::Test {
         return root;
     }
 
+    static inline std::atomic<std::int64_t> clock = 0;
     static inline std::mutex linesGuard;
     static inline std::vector<std::string> lines;
 };

@@ -66,21 +66,17 @@ TEST_F(EnvironmentTest, TheSettingDecidesAndOneOutOfRangeIsInternal) {
     }
 }
 
-TEST_F(EnvironmentTest, WithoutASettingItIsThatOfTheBuildWhichIsSettledOnFirstUse) {
+TEST_F(EnvironmentTest, WithoutASettingItIsThatOfTheBuildAndBothAreSettledOnFirstUse) {
     for (const char* type : {"internal", "Internal"}) {
         write("etc/quorvane/device.toml", fmt::format("ReleaseType = \"{}\"\n", type));
         EXPECT_FALSE(isInternalBuild()) << type;
         EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType::Release);
     }
-}
-
-TEST_F(EnvironmentTest, WithoutASettingAnInternalBuildIsInternal) {
-    write("etc/quorvane/device.toml", "ReleaseType = \"Internal\"\n");
+    platform::settleAnewForTest();
     EXPECT_TRUE(isInternalBuild());
     EXPECT_EQ(userDefaultsEnvironment(), EnvironmentType::Internal);
-}
 
-TEST_F(EnvironmentTest, IsSettledOnce) {
+    forgetLines();
     setting("3");
     EXPECT_EQ(environmentType(), EnvironmentType::Seed);
     setting("1");
@@ -88,16 +84,13 @@ TEST_F(EnvironmentTest, IsSettledOnce) {
     EXPECT_EQ(logged("userDefaultsEnvironment: "), 1u);
 }
 
-TEST(ConversionsTest, TimesBecomeSecondsAndMinutes) {
+TEST(ConversionsTest, TimesBecomeSecondsAndMinutesAndWhatIsNotFiniteMinusOne) {
     EXPECT_DOUBLE_EQ(secondsFromTimeValue({130, 500'000}), 130.5);
     EXPECT_DOUBLE_EQ(secondsFromTimeValue({-1, 750'000}), -0.25);
     for (const auto& [seconds, minute] : std::initializer_list<std::pair<std::int64_t, std::int64_t>>{
              {0, 0}, {59, 0}, {60, 60}, {119, 60}, {-1, 0}, {-59, 0}, {-61, -60}})
         EXPECT_EQ(roundDownToMinute(seconds), minute) << seconds;
     EXPECT_EQ(roundDownToMinute(std::numeric_limits<std::int64_t>::min()) % 60, 0);
-}
-
-TEST(ConversionsTest, WhatIsNotFiniteIsMinusOne) {
     EXPECT_EQ(finiteOrMinusOne(-0.5), -0.5);
     for (const double number : {std::nan(""), HUGE_VAL, -HUGE_VAL}) EXPECT_EQ(finiteOrMinusOne(number), -1.0);
 }

@@ -1,6 +1,5 @@
 #include "util/MessageLog.h"
 
-#include "platform/base/Clock.h"
 #include "platform/base/FileManager.h"
 #include "tests/support/RootFixture.h"
 
@@ -18,26 +17,15 @@ using namespace std::string_view_literals;
 
 constexpr std::int64_t kDay = 86'400'000'000;
 
-/// What the clock shows; birth times of files are the system's, so it is the clock that moves.
-std::int64_t clockMicroseconds = 0;
-
 class MessageLogTest : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
-        moveClock({1'763'272'800'250'000});
-        platform::replaceClock([] {
-            return platform::TimeValue{clockMicroseconds / 1'000'000,
-                                       static_cast<std::int32_t>(clockMicroseconds % 1'000'000)};
-        });
-    }
+    // Birth times of files are the system's, so it is the clock that moves.
+    MessageLogTest() { setClock(1'763'272'800'250'000); }
 
-    void TearDown() override {
-        platform::replaceClock(nullptr);
-        RootFixture::TearDown();
+    /// The name of a file that is begun now.
+    static std::string nameOfNew() {
+        return fmt::format("quorvaned_{}_messageLog.diag", platform::timeOfDay().seconds);
     }
-
-    static void moveClock(Date to) { clockMicroseconds = to.microseconds; }
 
     std::string path(const std::string& name) const { return (_root / kFolder / name).string(); }
 
@@ -78,14 +66,14 @@ TEST_F(MessageLogTest, AFileLivesForADayAndIsThenReplaced) {
     writeToLogFile("old");
     const Date birth = born(kFirst);
     if (birth.microseconds < 0) GTEST_SKIP() << "the file system keeps no birth times";
-    moveClock({birth.microseconds + kDay});
+    setClock(birth.microseconds + kDay);
     writeToLogFile("a day old");
     EXPECT_THAT(files(), ElementsAre(kFirst));
     EXPECT_THAT(text(kFirst), testing::HasSubstr("a day old"));
 
-    moveClock({birth.microseconds + kDay + 1});
+    setClock(birth.microseconds + kDay + 1);
     writeToLogFile("new");
-    const std::string second = fmt::format("quorvaned_{}_messageLog.diag", clockMicroseconds / 1'000'000);
+    const std::string second = nameOfNew();
     EXPECT_THAT(files(), ElementsAre(second));
     EXPECT_THAT(text(second), testing::EndsWith(") new\n"));
     EXPECT_EQ(logged("<6>writeToLogFile: Deleted expired quorvaned log file " + path(kFirst) + " (" +
@@ -95,8 +83,8 @@ TEST_F(MessageLogTest, AFileLivesForADayAndIsThenReplaced) {
 
 TEST_F(MessageLogTest, AFileThatReachedItsSizeIsReplaced) {
     write("etc/quorvane/defaults/com.velmora.quorvane.toml", "message_log_bytes = 64\n");
-    moveClock({clockMicroseconds + 10'000'000});
-    const std::string name = fmt::format("quorvaned_{}_messageLog.diag", clockMicroseconds / 1'000'000);
+    advanceClock(std::chrono::seconds(10));
+    const std::string name = nameOfNew();
     writeToLogFile("one");
     writeToLogFile("{}", std::string(64, 'x'));
     EXPECT_EQ(std::ranges::count(text(name), '\n'), 2) << "there was room when it came";
@@ -107,7 +95,7 @@ TEST_F(MessageLogTest, AFileThatReachedItsSizeIsReplaced) {
     EXPECT_EQ(logged("<6>writeToLogFile: Deleted expired quorvaned log file " + path(name)), 1u);
 
     write("etc/quorvane/defaults/com.velmora.quorvane.toml", "message_log_bytes = \"64\"\n");
-    moveClock({clockMicroseconds + 1'000'000});
+    advanceClock(std::chrono::seconds(1));
     for (int i = 0; i < 3; ++i) writeToLogFile("{}", std::string(64, 'x'));
     EXPECT_EQ(std::ranges::count(text(name), '\n'), 4) << "no limit";
     EXPECT_EQ(logged(": message_log_bytes: a number is expected"), 1u);
@@ -124,7 +112,7 @@ TEST_F(MessageLogTest, OfTwoFilesTheOneCreatedLastIsKept) {
             platform::removeFile(path(newer));
             write(kFolder + "/" + newer, "newer\n");
         } while (!(born(newer) > born(kept)));
-        moveClock(born(newer));
+        setClock(born(newer).microseconds);
         writeToLogFile("message");
         EXPECT_THAT(files(), ElementsAre(newer));
         EXPECT_THAT(text(newer), testing::MatchesRegex("newer\n\\(.*\\) message\n"));
@@ -137,7 +125,7 @@ TEST_F(MessageLogTest, ForeignFilesAreNeverTouched) {
                                            "quorvaned_1_2_messageLog.diag",  "other_1_messageLog.diag",
                                            "quorvaned_1_messageLog.diag.gz", "Quorvaned_1_messageLog.diag"};
     for (const std::string& name : foreign) write(kFolder + "/" + name, "theirs");
-    moveClock({platform::timeOfDay().seconds * 1'000'000 + 40 * 365 * kDay});
+    advanceClock(std::chrono::years(40));
     writeToLogFile("message");
     EXPECT_EQ(files().size(), foreign.size() + 1);
     for (const std::string& name : foreign) EXPECT_EQ(text(name), "theirs") << name;
