@@ -38,8 +38,8 @@ void logKeptFile(const std::string& error) {
 
 }  // namespace
 
-ClientProxy::ClientProxy(std::weak_ptr<platform::BusConnection> connection)
-    : _connection(std::move(connection)) {}
+ClientProxy::ClientProxy(const std::shared_ptr<platform::BusConnection>& connection)
+    : _connection(connection), _user(connection->peer().uid) {}
 
 void ClientProxy::sendMessageToClient(const Dictionary& sessionInfo, double timestamp, std::uint16_t category,
                                       std::uint16_t type, const Dictionary* payload,

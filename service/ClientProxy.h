@@ -3,6 +3,8 @@
 #include "platform/bus/BusConnection.h"
 #include "service/protocols.h"
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,7 +19,9 @@ namespace quorvane {
 class ClientProxy final : public ClientSessionReplyInterface {
   public:
     /// The connection is borrowed weakly: a proxy may outlive it.
-    explicit ClientProxy(std::weak_ptr<platform::BusConnection> connection);
+    explicit ClientProxy(const std::shared_ptr<platform::BusConnection>& connection);
+
+    uid_t user() const override { return _user; }
 
     void sendMessageToClient(const Dictionary& sessionInfo, double timestamp, std::uint16_t category,
                              std::uint16_t type, const Dictionary* payload,
@@ -30,6 +34,7 @@ class ClientProxy final : public ClientSessionReplyInterface {
     void call(std::size_t bytes, ErrorHandler errorHandler, std::function<void(sd_bus*)> call) const;
 
     const std::weak_ptr<platform::BusConnection> _connection;
+    const uid_t _user;
 };
 
 }  // namespace quorvane

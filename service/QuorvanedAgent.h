@@ -2,6 +2,7 @@
 
 #include "platform/bus/BusConnection.h"
 #include "platform/bus/BusListener.h"
+#include "service/GroupSharing.h"
 #include "service/SessionHierarchy.h"
 #include "service/protocols.h"
 #include "storebag/StorebagCache.h"
@@ -51,7 +52,7 @@ class QuorvanedAgent final : public QuorvanedSessionDelegate {
     SessionList _sessionList;
     std::recursive_mutex _lock;
     StorebagCache _cachedStorebags;  ///< Guarded by _lock.
-    SessionHierarchy _correlatedSessions{_lock};
+    SessionHierarchy _correlatedSessions{_lock, GroupSharing::fromDefaults()};
 };
 
 }  // namespace quorvane

@@ -18,11 +18,11 @@ namespace {
 /// Keys of emptied groups past this many bytes are forgotten: clients choose them.
 constexpr std::size_t kEmptiedKeyBytes = 1u << 20;
 
-std::string keyOf(const QuorvanedSession& session) {
-    return userInfoKey(session.userInfo().get());
-}
-
 }  // namespace
+
+SessionHierarchy::Key SessionHierarchy::keyOf(const QuorvanedSession& session) const {
+    return {_sharing.circleOf(session.user()), userInfoKey(session.userInfo().get())};
+}
 
 // Filing.
 
@@ -35,19 +35,19 @@ void SessionHierarchy::userInfoUpdatedForSession(QuorvanedSession& session) {
     const std::optional<std::int32_t> level = removeSession(session);
     const auto group = groupForKey(keyOf(session));
     logDebug("userInfoUpdatedForSession: Adding session {} to list for userInfoKey {}", session.sessionID(),
-             group->first);
+             group->first.names);
     group->second.append(session, level);
     [[maybe_unused]] const bool isNew = _filed.emplace(&session, group).second;
     assert(isNew && "it was removed above; else it would stay behind in its old group");
 }
 
-SessionHierarchy::Groups::iterator SessionHierarchy::groupForKey(const std::string& key) {
+SessionHierarchy::Groups::iterator SessionHierarchy::groupForKey(const Key& key) {
     const auto [group, isNew] = _correlatedSessions.try_emplace(key);
     if (isNew) {
         ++_groupCount;
     } else if (group->second.empty()) {
-        assert(_emptiedKeyBytes >= key.size() && "an emptied group that is kept has been counted");
-        _emptiedKeyBytes -= key.size();
+        assert(_emptiedKeyBytes >= key.names.size() && "an emptied group that is kept has been counted");
+        _emptiedKeyBytes -= key.names.size();
     }
     return group;
 }
@@ -64,7 +64,7 @@ std::optional<std::int32_t> SessionHierarchy::removeSession(const QuorvanedSessi
 
 void SessionHierarchy::forgetEmptied(Groups::iterator group) {
     assert(group->second.empty() && "sessions would point to a group that is gone");
-    const std::size_t bytes = group->first.size();
+    const std::size_t bytes = group->first.names.size();
     if (_emptiedKeyBytes + bytes > kEmptiedKeyBytes)
         _correlatedSessions.erase(group);
     else
@@ -79,7 +79,7 @@ void SessionHierarchy::takeLevel(const QuorvanedSession& session) {
 
 // Looking up.
 
-const SessionGroup* SessionHierarchy::sessionsForKey(const std::string& key) const {
+const SessionGroup* SessionHierarchy::sessionsForKey(const Key& key) const {
     const auto found = _correlatedSessions.find(key);
     return found != _correlatedSessions.end() && !found->second.empty() ? &found->second : nullptr;
 }
@@ -93,18 +93,18 @@ std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(
     const QuorvanedSession& session) const {
     const std::int32_t hierarchy = session.getSessionHierarchy();
     if (hierarchy == 0) return std::nullopt;
-    const std::string key = keyOf(session);
-    logDebug("parentSessionIDStringForSession: Checking userInfoKey '{}' for session {}", key,
+    const Key key = keyOf(session);
+    logDebug("parentSessionIDStringForSession: Checking userInfoKey '{}' for session {}", key.names,
              session.sessionID());
     const std::scoped_lock lock(_lock);
     const SessionGroup* sessions = sessionsForKey(key);
     if (sessions == nullptr) {
-        logError("parentSessionIDStringForSession: ERROR: No sessions found for user info key {}", key);
+        logError("parentSessionIDStringForSession: ERROR: No sessions found for user info key {}", key.names);
         return std::nullopt;
     }
     if (!holds(*sessions, session)) {
         logError("parentSessionIDStringForSession: ERROR: Session {} not found for user info key {}",
-                 session.sessionID(), key);
+                 session.sessionID(), key.names);
         return std::nullopt;
     }
     if (hierarchy < 0) return std::nullopt;
@@ -127,23 +127,24 @@ std::optional<std::string> SessionHierarchy::parentSessionIDStringForSession(
 QuorvanedSession* SessionHierarchy::parentSessionForChild(const QuorvanedSession& session) const {
     const std::int32_t hierarchy = session.getSessionHierarchy();
     if (hierarchy == 0) return nullptr;
-    const std::string key = keyOf(session);
-    logDebug("parentSessionForChild: Checking userInfoKey '{}' for session {}", key, session.sessionID());
+    const Key key = keyOf(session);
+    logDebug("parentSessionForChild: Checking userInfoKey '{}' for session {}", key.names,
+             session.sessionID());
     const SessionGroup* sessions = sessionsForKey(key);
     if (sessions == nullptr) {
-        logError("parentSessionForChild: ERROR: No sessions found for user info key {}", key);
+        logError("parentSessionForChild: ERROR: No sessions found for user info key {}", key.names);
         return nullptr;
     }
     if (!holds(*sessions, session)) {
         logError("parentSessionForChild: ERROR: Session {} not found for user info key {}",
-                 session.sessionID(), key);
+                 session.sessionID(), key.names);
         return nullptr;
     }
     const std::int64_t level = std::int64_t{hierarchy} - 1;
     QuorvanedSession* parent = sessions->getFirstSessionWithHierarchy(level);
     if (parent == nullptr)
         logInfo("parentSessionForChild: Unable to find session with hierarchy of {} for userInfoKey '{}'",
-                level, key);
+                level, key.names);
     return parent;
 }
 
@@ -171,7 +172,7 @@ void SessionHierarchy::updateDownstreamSessions(QuorvanedSession& session) {
         takeLevel(session);
         return;
     }
-    const std::string key = keyOf(session);
+    const Key key = keyOf(session);
     const std::int32_t hierarchy = session.getSessionHierarchy();
     const std::scoped_lock lock(_lock);
     takeLevel(session);

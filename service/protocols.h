@@ -2,6 +2,8 @@
 
 #include "platform/value/Value.h"
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -66,6 +68,9 @@ class ClientSessionReplyInterface {
     using ErrorHandler = void (*)(const std::string& error);
 
     virtual ~ClientSessionReplyInterface() = default;
+
+    /// Whose process the client is.
+    virtual uid_t user() const = 0;
 
     /// One event for an aggregating client; timestamp 0, category 0, type 0 and no payload end its
     /// aggregation.

@@ -7,6 +7,8 @@
 #include "service/protocols.h"
 #include "util/DeviceFacts.h"
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -68,6 +70,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     const std::string& sessionIDString() const { return _sessionIDString; }
     std::shared_ptr<const Dictionary> userInfo() const { return _userInfo.load(); }
     std::shared_ptr<const Dictionary> sessionInfo() const { return _sessionInfo.load(); }
+    uid_t user() const { return _connection->user(); }
     std::string description() const;
 
     // Hierarchy and reporting states. Any thread.

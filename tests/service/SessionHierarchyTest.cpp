@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 namespace quorvane {
@@ -43,7 +44,9 @@ class Family final : public RecordingDelegate {
         return hierarchy.getAncestorWithAggregatorForSession(session);
     }
 
-    SessionHierarchy hierarchy{lock()};
+    explicit Family(GroupSharing sharing = {}) : hierarchy(lock(), sharing) {}
+
+    SessionHierarchy hierarchy;
     Array countries{"US"};  ///< Whose sessions report that start from now on.
     /// Runs once, when the next session has been filed and its backends are not set up yet.
     std::function<void()> whenFiled;
@@ -65,12 +68,13 @@ class SessionHierarchyTest : public RootFixture {
 
     /// A session that is configured; its number is 100 more than its level. It is removed from the hierarchy
     /// when the last share of it goes, as the agent does it.
-    Session configured(int level, std::optional<Dictionary> userInfo) {
-        auto owned = QuorvanedSession::initWithSessionDelegate(_family, std::make_shared<RecordingClient>());
+    Session configured(int level, std::optional<Dictionary> userInfo, uid_t user = 0) {
+        auto owned =
+            QuorvanedSession::initWithSessionDelegate(*_family, std::make_shared<RecordingClient>(user));
         QuorvanedSession* made = owned.get();
         Session session(made, [this, owned = std::move(owned)](const QuorvanedSession* ended) {
-            const std::scoped_lock lock(_family.lock());
-            _family.hierarchy.removeSession(*ended);
+            const std::scoped_lock lock(_family->lock());
+            _family->hierarchy.removeSession(*ended);
         });
         session->setSessionInfo(
             {{"SessionID", 100 + level}, {"ClientType", level}, {"RequireUserInfo", true}},
@@ -78,22 +82,22 @@ class SessionHierarchyTest : public RootFixture {
         return session;
     }
 
-    Session started(int level, const std::string& client = "Mail") {
-        Session session = configured(level, names(client));
+    Session started(int level, const std::string& client = "Mail", uid_t user = 0) {
+        Session session = configured(level, names(client), user);
         session->startConfigWithCompletionHandler({});
         return session;
     }
 
     std::optional<std::string> parentsOf(const Session& session) {
-        return _family.parentSessionIDStringForSession(*session);
+        return _family->parentSessionIDStringForSession(*session);
     }
 
     QuorvanedSession* parentOf(const Session& session) {
-        const std::scoped_lock lock(_family.lock());
-        return _family.parentSessionForChild(*session);
+        const std::scoped_lock lock(_family->lock());
+        return _family->parentSessionForChild(*session);
     }
 
-    Family _family;
+    std::optional<Family> _family{std::in_place};
 };
 
 TEST_F(SessionHierarchyTest, ASessionThatIsNotFiledHasNoParents) {
@@ -130,7 +134,7 @@ TEST_F(SessionHierarchyTest, TheRemovedSessionLeavesTheGroupItWasFiledInWhatever
 TEST_F(SessionHierarchyTest, ASessionThatIsBeingSetUpIsNobodysParent) {
     // Until its backends know their level they stand at the top and do not report.
     Session child;
-    _family.whenFiled = [&] { child = started(1); };
+    _family->whenFiled = [&] { child = started(1); };
     const Session lower = started(2);
     EXPECT_EQ(parentsOf(child), std::nullopt);
     EXPECT_THAT(child->fetchReportingStates(), Optional(ElementsAre("httppost")));
@@ -142,7 +146,7 @@ TEST_F(SessionHierarchyTest, ASessionThatIsFiledAnewStaysTheParentOfItsChildren)
     const Session top = started(0);
     const Session child = started(1);
     QuorvanedSession* meanwhile = nullptr;
-    _family.whenFiled = [&] { meanwhile = parentOf(child); };
+    _family->whenFiled = [&] { meanwhile = parentOf(child); };
     top->startConfigWithCompletionHandler({});
     EXPECT_EQ(meanwhile, top.get());
 }
@@ -157,12 +161,12 @@ TEST_F(SessionHierarchyTest, ChildrenReportAsTheirParentDoesHoweverFarBelow) {
             EXPECT_THAT(session->fetchReportingStates(), Optional(states)) << session->sessionID();
     };
     expectStates(ElementsAre("httppost"));
-    _family.countries = {};
+    _family->countries = {};
     Session silent = started(0);
     expectStates(IsEmpty());
     silent.reset();
     expectStates(IsEmpty());  // As it was left.
-    _family.countries = {"US"};
+    _family->countries = {"US"};
     const Session loud = started(0);
     expectStates(ElementsAre("httppost"));
 }
@@ -181,18 +185,49 @@ TEST_F(SessionHierarchyTest, ASessionWithoutItsUserInfoIsNobodysParentAnyLonger)
               1u);
 }
 
+TEST_F(SessionHierarchyTest, UsersShareGroupsAsTheDefaultSays) {
+    write("etc/login.defs", "# SYS_UID_MAX 5\nSYS_UID_MAX\t\t  499\n");
+    const auto isSystem = [](uid_t user) { return user <= 499; };
+    const auto expectFamilies = [&](const std::string& setting, const auto& related) {
+        write("etc/quorvane/defaults/com.velmora.quorvane.toml",
+              fmt::format("share_groups_between_users = \"{}\"\n", setting));
+        _family.emplace(GroupSharing::fromDefaults());
+        for (const uid_t user : {0, 499, 500, 1000, 65534}) {
+            const Session top = started(0, "Mail", user);
+            top->setHasAggregator(true);
+            for (const uid_t other : {0, 499, 500, 1000, 65534}) {
+                const Session child = started(1, "Mail", other);
+                const bool expected = user == other || related(user, other);
+                EXPECT_EQ(parentOf(child) == top.get(), expected) << setting << user << " " << other;
+                EXPECT_EQ(parentsOf(child).has_value(), expected) << setting << user << " " << other;
+                const std::scoped_lock lock(_family->lock());
+                EXPECT_EQ(_family->getAncestorWithAggregatorForSession(*child) != nullptr, expected);
+            }
+        }
+    };
+    const auto systemUsers = [&](uid_t a, uid_t b) { return isSystem(a) && isSystem(b); };
+    expectFamilies("system", systemUsers);
+    expectFamilies("all", [](uid_t, uid_t) { return true; });
+    expectFamilies("none", [](uid_t, uid_t) { return false; });
+    expectFamilies("All", systemUsers);
+    EXPECT_EQ(
+        logged("com.velmora.quorvane.toml: share_groups_between_users: system, all or none is expected"), 1u);
+    write("etc/login.defs", "SYS_UID_MAX 70000\n");
+    EXPECT_EQ(GroupSharing::fromDefaults().circleOf(65534), 65534u) << "never a system user";
+}
+
 TEST_F(SessionHierarchyTest, KeysOfEmptiedGroupsAreForgottenPastTheirBound) {
     const Session member = started(0);
     const auto rename = [&](char letter) {
         member->fetchStatesWithUserInfo(names(std::string(300'000, letter)), {});
     };
     for (const char letter : {'a', 'b', 'c', 'd', 'e'}) rename(letter);
-    EXPECT_EQ(_family.hierarchy.groupCount(), 6u);
+    EXPECT_EQ(_family->hierarchy.groupCount(), 6u);
     rename('a');
-    EXPECT_EQ(_family.hierarchy.groupCount(), 6u) << "a known one";
+    EXPECT_EQ(_family->hierarchy.groupCount(), 6u) << "a known one";
     rename('d');
     rename('e');
-    EXPECT_EQ(_family.hierarchy.groupCount(), 8u) << "as good as new";
+    EXPECT_EQ(_family->hierarchy.groupCount(), 8u) << "as good as new";
 }
 
 }  // namespace

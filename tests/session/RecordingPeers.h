@@ -3,6 +3,8 @@
 #include "service/protocols.h"
 #include "session/QuorvanedSession.h"
 
+#include <sys/types.h>
+
 #include <functional>
 #include <future>
 #include <memory>
@@ -93,6 +95,9 @@ class RecordingClient final : public ClientSessionReplyInterface {
         bool endsAggregation() const { return timestamp == 0 && category == 0 && type == 0 && !payload; }
     };
 
+    explicit RecordingClient(uid_t user = 0) : _user(user) {}
+    uid_t user() const override { return _user; }
+
     /// Runs as an event comes.
     std::function<void()> onEvent;
 
@@ -110,6 +115,7 @@ class RecordingClient final : public ClientSessionReplyInterface {
     }
 
   private:
+    const uid_t _user;
     std::mutex _mutex;
     std::vector<Event> _events;
 };
