@@ -24,6 +24,7 @@ std::optional<std::string> decodedPath(std::string_view encoded) {
 }  // namespace
 
 std::optional<std::string> pathOfFileURL(std::string_view url) {
+    if (url.size() > kMaximumFileURLBytes) return std::nullopt;
     constexpr std::string_view scheme = "file:";
     if (!platform::equalsIgnoringCase(url.substr(0, scheme.size()), scheme)) return std::nullopt;
     url.remove_prefix(scheme.size());

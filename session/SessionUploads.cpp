@@ -6,6 +6,8 @@
 #include "session/QuorvanedSession.h"
 #include "util/MessageLog.h"
 
+#include <string_view>
+
 namespace quorvane {
 
 using platform::logDebug;
@@ -20,6 +22,14 @@ bool anyBackend(const BackendDictionary* backends, const Upload& upload) {
     if (backends == nullptr) return success;
     for (const auto& [name, backend] : *backends) success |= upload(*backend);
     return success;
+}
+
+/// The URL as it is logged; of one that is too long for a file's, what tells whose it is.
+std::string loggedURL(std::string_view url) {
+    constexpr std::size_t kKept = 1024;
+    const bool fits = url.size() <= kMaximumFileURLBytes;
+    return platform::escapedControls(platform::percentEncodedBlanks(fits ? url : url.substr(0, kKept)), "") +
+           (fits ? "" : "...");
 }
 
 }  // namespace
@@ -41,7 +51,7 @@ void QuorvanedSession::uploadFileWithURL(const std::string& fileURL, const std::
     else
         logError("uploadFileWithURL: File upload failed for {}", platform::orNull(path));
     writeToLogFile("[uploadFileWithURL] Upload {} for file {}", success ? "succeeded" : "failed",
-                   platform::escapedControls(platform::percentEncodedBlanks(fileURL), ""));
+                   loggedURL(fileURL));
     if (completionHandler) completionHandler(success);
 }
 

@@ -63,6 +63,12 @@ TEST_F(SessionUploadsTest, AnyTextMayComeAsAFilesURL) {
     EXPECT_EQ(logged("<3>uploadFileWithURL: File upload failed for (null)"), 1u);
     EXPECT_THAT(messageLog(), HasSubstr("Upload failed for file no%20URL%0A(forged)%20line\\x9b\n"));
     session->uploadFileAtPath("", "", {});
+
+    const std::string longest = "file:///" + std::string(kMaximumFileURLBytes - 8, 'a');
+    EXPECT_NE(pathOfFileURL(longest), std::nullopt);
+    EXPECT_THAT(upload(*session, longest + 'a'), ElementsAre(false));
+    EXPECT_EQ(logged("<3>uploadFileWithURL: File upload failed for (null)"), 3u);
+    EXPECT_THAT(messageLog(), HasSubstr("failed for file " + longest.substr(0, 1024) + "...\n"));
     session->uploadLogData({}, {});
 }
 
