@@ -33,16 +33,19 @@ Data bytes(std::string_view text) {
 
 class HttpSessionTest : public RootFixture {
   protected:
-    void TearDown() override {
-        setHttpLimits({});
-        RootFixture::TearDown();
-    }
+    ~HttpSessionTest() override { setHttpLimits({}); }
 
     static HttpRequest get(std::string url, std::vector<HttpHeader> headers = {}) {
         return {std::move(url), "GET", std::move(headers), {}};
     }
     static HttpRequest post(std::string url, Data body) {
         return {std::move(url), "POST", {}, std::move(body)};
+    }
+    /// A post that wants its answer's head only.
+    static HttpRequest eventFor(std::string url) {
+        HttpRequest request = post(std::move(url), bytes("event"));
+        request.wantsBody = false;
+        return request;
     }
     static HttpResult resultOfStarted(HttpRequest request) {
         std::promise<HttpResult> promised;
@@ -274,9 +277,7 @@ TEST_F(HttpSessionTest, WhoWantsNoBodyHasItsAnswerWithTheHeadWhichEndsWithThePos
     const RawServer drip(answering("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 503 Busy\r\n\r\n", 1));
     const RawServer endless(answering("HTTP/1.1 503 Busy\r\n\r\n", 65536));
     for (const RawServer* server : {&drip, &endless}) {
-        HttpRequest request = post(server->url(), bytes("event"));
-        request.wantsBody = false;
-        const HttpResult result = resultOfStarted(std::move(request));
+        const HttpResult result = resultOfStarted(eventFor(server->url()));
         EXPECT_EQ(result.error, std::nullopt);
         EXPECT_EQ(result.response.statusCode, 503);
         EXPECT_TRUE(result.response.body.empty());
@@ -292,9 +293,7 @@ TEST_F(HttpSessionTest, WhoWantsNoBodyHasItsAnswerWithTheHeadWhichEndsWithThePos
     HttpsServer server(_root);
     server.answerWith({200, {}, std::string(10'000, 'x')});
     for (std::size_t i = 1; i <= 3; ++i) {
-        HttpRequest request = post(server.url("/"), bytes("event"));
-        request.wantsBody = false;
-        startDataTask(std::move(request), nullptr);
+        startDataTask(eventFor(server.url("/")), nullptr);
         EXPECT_TRUE(drainHttpSession(30s));
         std::this_thread::sleep_for(50ms);
     }

@@ -1,6 +1,5 @@
 #include "platform/system/PowerLog.h"
 
-#include "platform/base/Clock.h"
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/formats/Json.h"
 #include "tests/support/InChild.h"
@@ -23,14 +22,9 @@ using testing::HasSubstr;
 
 class PowerLogTest : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
+    PowerLogTest() {
         fs::create_directories(_root / "var/lib/quorvane");
-        replaceClock([] { return TimeValue{1'700'000'000, 250'000}; });
-    }
-    void TearDown() override {
-        replaceClock(nullptr);
-        RootFixture::TearDown();
+        setClock(1'700'000'000'250'000);
     }
 
     const std::string kFile = "var/lib/quorvane/power-log.jsonl";

@@ -17,8 +17,16 @@ Priorities ofThisThread() {
     return {::getpriority(PRIO_PROCESS, thread), ::syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, thread)};
 }
 
-TEST(QualityOfServiceTest, UtilityIsTheThreadsOwnAndInherited) {
+TEST(QualityOfServiceTest, UtilityIsTheThreadsOwnAndInheritedAndWhoIsNicerStaysSo) {
     const Priorities before = ofThisThread();
+    int nicer = 0;
+    std::thread([&] {
+        ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 15);
+        setQualityOfServiceUtility();
+        nicer = ofThisThread().first;
+    }).join();
+    EXPECT_EQ(nicer, 15);
+
     if (before.first > 5) GTEST_SKIP() << "nice " << before.first << " cannot be taken back";
     Priorities own, inherited;
     std::thread([&] {
@@ -29,16 +37,6 @@ TEST(QualityOfServiceTest, UtilityIsTheThreadsOwnAndInherited) {
     EXPECT_EQ(own, (Priorities{5, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, 6)}));
     EXPECT_EQ(inherited, own);
     EXPECT_EQ(ofThisThread(), before);
-}
-
-TEST(QualityOfServiceTest, WhoIsNicerStaysSo) {
-    int nice = 0;
-    std::thread([&] {
-        ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 15);
-        setQualityOfServiceUtility();
-        nice = ofThisThread().first;
-    }).join();
-    EXPECT_EQ(nice, 15);
 }
 
 }  // namespace

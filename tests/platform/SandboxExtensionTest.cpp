@@ -14,15 +14,8 @@ namespace fs = std::filesystem;
 
 class SandboxExtensionTest : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
-        write("file", "content");
-    }
-
-    void TearDown() override {
-        revokeSandboxExtensions(_owner);
-        RootFixture::TearDown();
-    }
+    SandboxExtensionTest() { write("file", "content"); }
+    ~SandboxExtensionTest() override { revokeSandboxExtensions(_owner); }
 
     std::string at(const std::string& name) const { return (fs::canonical(_root) / name).string(); }
 
