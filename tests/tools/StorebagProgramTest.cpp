@@ -12,12 +12,17 @@
 
 #include <filesystem>
 #include <iterator>
+#include <span>
 
 namespace quorvane::test {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
+
+std::string textOf(std::span<const std::uint8_t> bytes) {
+    return std::string(platform::textOf(bytes));
+}
 
 constexpr const char* kToml = R"(version = "3.1"
 refresh_cycle = 600
