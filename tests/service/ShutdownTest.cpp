@@ -13,6 +13,8 @@ constexpr std::uint16_t kOurs = 12;
 
 class ShutdownTest : public testing::Test {
   protected:
+    void SetUp() override { _device.serveStorebag(_device.httpPostSection()); }
+
     Client clientWithHeldEvents() {
         Client client = _device.startedClient({.sessionID = 1, .clientType = 5, .batchEvent = true});
         for (int number = 0; number < 3; ++number) EXPECT_FALSE(*client.send(numbered(number)));
@@ -25,7 +27,6 @@ class ShutdownTest : public testing::Test {
 };
 
 TEST_F(ShutdownTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
-    _device.serveStorebag(_device.httpPostSection());
     _device.start();
     {
         Client client = clientWithHeldEvents();
@@ -60,24 +61,26 @@ TEST_F(ShutdownTest, ReloadingEndsNothingAndReadsTheBoundsOfUsersAnew) {
     EXPECT_TRUE(_device.logs("has 1 connections, no more are taken"));
 }
 
-TEST_F(ShutdownTest, WhatIsHeldIsDeliveredBeforeTheDaemonEnds) {
-    _device.serveStorebag(_device.httpPostSection());
-    _device.answerPosts([](const ServerRequest&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // Posts are under way for a while.
+TEST_F(ShutdownTest, WhatIsHeldAndWhatAClientThatHasLeftSentIsDeliveredBeforeTheDaemonEnds) {
+    std::promise<void> posting;
+    _device.answerPosts([&, told = std::make_shared<std::atomic<bool>>(false)](const ServerRequest&) {
+        if (!told->exchange(true)) posting.set_value();
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
         return ServerAnswer();
     });
     _device.start();
     const Client first = clientWithHeldEvents();
     const Client second = clientWithHeldEvents();
+    clientWithHeldEvents();
+    posting.get_future().wait();
     EXPECT_EQ(_device.daemon().terminate(), 0);
-    EXPECT_EQ(_device.postedEvents(kOurs).size(), 6u);
-    EXPECT_EQ(_device.postedEvents(0).size(), 4u) << "two sessions' starts and ends";
+    EXPECT_EQ(_device.postedEvents(kOurs).size(), 9u);
+    EXPECT_EQ(_device.postedEvents(0).size(), 6u) << "three sessions' starts and ends";
     EXPECT_FALSE(std::filesystem::exists(_device.socketPath()));
 }
 
 TEST_F(ShutdownTest, ADownloadThatStallsCostsOtherSessionsNothing) {
     std::promise<void> over;
-    _device.serveStorebag(_device.httpPostSection());
     _device.start();
     const Client client = clientWithHeldEvents();
     _device.server().setHandler([isOver = over.get_future().share()](const ServerRequest& request) {
@@ -97,25 +100,9 @@ TEST_F(ShutdownTest, ADownloadThatStallsCostsOtherSessionsNothing) {
     starting.get();
 }
 
-TEST_F(ShutdownTest, WhatAClientThatHasLeftSentIsDeliveredToo) {
-    std::promise<void> posting;
-    _device.serveStorebag(_device.httpPostSection());
-    _device.answerPosts([&, told = std::make_shared<std::atomic<bool>>(false)](const ServerRequest&) {
-        if (!told->exchange(true)) posting.set_value();
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        return ServerAnswer();
-    });
-    _device.start();
-    clientWithHeldEvents();
-    posting.get_future().wait();
-    EXPECT_EQ(_device.daemon().terminate(), 0);
-    EXPECT_EQ(_device.postedEvents(kOurs).size(), 3u);
-}
-
 TEST_F(ShutdownTest, ASecondSignalCutsTheWaitForAStalledServerShort) {
     std::promise<void> over;
     const auto isOver = over.get_future().share();
-    _device.serveStorebag(_device.httpPostSection());
     _device.answerPosts([isOver](const ServerRequest&) {
         isOver.wait();
         return ServerAnswer();
