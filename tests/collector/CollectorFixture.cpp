@@ -11,16 +11,10 @@
 
 namespace quorvane::test {
 
-void CollectorTest::SetUp() {
-    RootFixture::SetUp();
+CollectorTest::CollectorTest() {
     // Clients write to connections that the collector has ended.
     std::signal(SIGPIPE, SIG_IGN);
     std::filesystem::create_directory(bags());
-}
-
-void CollectorTest::TearDown() {
-    _collector.reset();
-    RootFixture::TearDown();
 }
 
 void CollectorTest::start(const std::vector<std::string>& further) {

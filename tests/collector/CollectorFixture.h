@@ -22,8 +22,7 @@ namespace quorvane::test {
 /// Runs the collector in a folder of its own.
 class CollectorTest : public RootFixture {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    CollectorTest();
 
     std::filesystem::path bags() const { return _root / "bags"; }
     std::filesystem::path events() const { return _root / "events.jsonl"; }

@@ -14,8 +14,7 @@ using test::BusClient;
 /// A listener whose loop runs on a thread of its own.
 class BusListenerTest : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
+    BusListenerTest() {
         _loop = RunLoop::init();
         _listener = *BusListener::initWithSocketPath(_path);
         _listener->setDelegate([this](const std::shared_ptr<BusConnection>& connection) {
@@ -27,14 +26,13 @@ class BusListenerTest : public RootFixture {
         });
     }
 
-    void TearDown() override {
+    ~BusListenerTest() override {
         endAll();
         _loop->post([this] { _loop->exit(0); });
         _thread.join();
         _listener.reset();
         _loop.reset();
         UserAccount::setBounds(UserAccount::Slot::Connections, _bounds);
-        RootFixture::TearDown();
     }
 
     void start() {

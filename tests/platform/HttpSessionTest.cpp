@@ -323,10 +323,7 @@ TEST_F(HttpSessionTest, PostsOfOneKeyStartInTheirOrder) {
     std::vector<std::string> sent;
     for (int i = 0; i < 200; ++i) send(sent.emplace_back(std::to_string(i)));
     EXPECT_TRUE(drainHttpSession(30s));
-    {
-        const std::scoped_lock lock(mutex);
-        EXPECT_EQ(received, sent);
-    }
+    EXPECT_EQ((std::scoped_lock(mutex), received), sent);
 
     // What was sent a moment ago lets the next one go, unless that has to wait for its answer.
     setHttpLimits({.orderSpacing = 0ms});

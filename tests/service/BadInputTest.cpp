@@ -294,7 +294,6 @@ TEST_F(BadInputTest, ASenderThatTheServersCannotKeepUpWithIsSlowedAndLosesNothin
     EXPECT_EQ(*other.displayURL(), "URL not available") << "and nobody else does";
     recovered.set_value();
     sender.join();
-    // With the bag and the first event; reading the posts again and again would take long under sanitizers.
     EXPECT_TRUE(_device.server().waitForRequests(kEvents + 2, std::chrono::seconds(60)));
     EXPECT_TRUE(_device.waitForEvents(kOurs, kEvents));
 }

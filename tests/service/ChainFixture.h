@@ -146,7 +146,7 @@ class ChainFixture : public testing::Test {
   protected:
     using Options = ChainClient::Options;
 
-    void SetUp() override {
+    ChainFixture() {
         int level = 0;
         for (const char* storebag : {"pelmark", "stremcore", "vistabox"}) {
             // What fills events up is for aggregators only.

@@ -122,10 +122,7 @@ class Wanderer {
 
 class HierarchyStressTest : public ChainFixture {
   protected:
-    void SetUp() override {
-        ChainFixture::SetUp();
-        _device.start({{"QUORVANE_LOG", "stderr"}});
-    }
+    HierarchyStressTest() { _device.start({{"QUORVANE_LOG", "stderr"}}); }
 
     /// How many of the daemon's threads serve a client; they say so in their names.
     std::ptrdiff_t clientThreads() {

@@ -54,8 +54,7 @@ class Family final : public RecordingDelegate {
 
 class SessionHierarchyTest : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
+    SessionHierarchyTest() {
         ::setenv("LC_ALL", "en_US.UTF-8", 1);
         write("etc/quorvane/consent.toml", "diagnostics_submission = true\n");
     }

@@ -30,7 +30,6 @@ class StockToolsTest : public testing::Test {
     DaemonFixture _device;
 };
 
-/// The interface's description as it is installed, without what stands around it.
 std::string installedInterface(const std::string& name) {
     std::ifstream file(QUORVANE_PACKAGING "/dbus/com.velmora.quorvaned." + name + ".xml");
     const std::string text(std::istreambuf_iterator<char>(file), {});

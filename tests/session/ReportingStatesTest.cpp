@@ -8,8 +8,7 @@ using testing::IsEmpty;
 
 class ReportingStatesTest : public SessionFixture {
   protected:
-    void SetUp() override {
-        SessionFixture::SetUp();
+    ReportingStatesTest() {
         platform::replaceRandomDraw([] { return 0.5; });
     }
 

@@ -21,15 +21,8 @@ namespace quorvane {
 /// Sessions with real backends that post to a server of their own.
 class SessionFixture : public PostingFixture {
   protected:
-    void SetUp() override {
-        PostingFixture::SetUp();
-        _delegate.storebag = storebagWith({{"httppost", profile()}});
-    }
-
-    void TearDown() override {
-        drain();
-        PostingFixture::TearDown();
-    }
+    SessionFixture() { _delegate.storebag = storebagWith({{"httppost", profile()}}); }
+    ~SessionFixture() override { drain(); }
 
     static std::shared_ptr<const Dictionary> storebagWith(const Dictionary& section) {
         return std::make_shared<const Dictionary>(section);

@@ -55,8 +55,7 @@ Dictionary dictionaryOf(const std::string& plist) {
 /// Works in a folder of its own with one pair of keys and a bag's source.
 class StorebagProgram : public RootFixture {
   protected:
-    void SetUp() override {
-        RootFixture::SetUp();
+    StorebagProgram() {
         fs::current_path(_root);
         // Making a key takes a while, and one is as good as another.
         static const auto key = tools::SigningKey::generate();
@@ -65,10 +64,7 @@ class StorebagProgram : public RootFixture {
         write("bag.toml", kToml);
     }
 
-    void TearDown() override {
-        fs::current_path("/");
-        RootFixture::TearDown();
-    }
+    ~StorebagProgram() override { fs::current_path("/"); }
 
     /// The bag in the envelope.
     std::string signedBytes() const {
