@@ -264,7 +264,7 @@ int ClientSessionEndpoint::keepUserInfo(const std::optional<Dictionary>& userInf
 
 int ClientSessionEndpoint::keepFrameworks(const std::vector<std::string>& frameworks) {
     std::size_t bytes = 0;
-    for (const std::string& name : frameworks) bytes += sizeof name + name.size();
+    for (const std::string& name : frameworks) bytes += sizeof(std::string) + name.size();
     return keep(_frameworks, bytes);
 }
 

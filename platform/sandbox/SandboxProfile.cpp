@@ -2,6 +2,7 @@
 
 #include "platform/base/Root.h"
 
+#include <fmt/format.h>
 #include <seccomp.h>
 
 #include <algorithm>
@@ -59,7 +60,7 @@ Result<void> addRefusal(const std::string& name, int error, SandboxProfile& prof
 
 Result<void> readPaths(const std::string& section, const Dictionary& table, SandboxProfile& profile) {
     for (const auto& [name, value] : table) {
-        const std::string key = section + "." + name;
+        const std::string key = fmt::format("{}.{}", section, name);
         const SandboxAccess* access = named(kAccesses, name);
         if (access == nullptr) return failure(key + ": unknown key");
         auto taken = forEachText(key, value, [&](const std::string& path) {
@@ -72,7 +73,7 @@ Result<void> readPaths(const std::string& section, const Dictionary& table, Sand
 
 Result<void> readRefusals(const std::string& section, const Dictionary& table, SandboxProfile& profile) {
     for (const auto& [name, value] : table) {
-        const std::string key = section + "." + name;
+        const std::string key = fmt::format("{}.{}", section, name);
         const int* error = named(kErrors, name);
         if (error == nullptr) return failure(key + ": unknown key");
         auto taken = forEachText(key, value,

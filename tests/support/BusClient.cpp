@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <vector>
 
 namespace quorvane::test {
@@ -44,7 +45,7 @@ BusClient::BusClient(platform::UniqueDescriptor socket) {
     const int descriptor = socket.release();
     ::sd_bus_set_fd(_bus, descriptor, descriptor);
     ::sd_bus_negotiate_fds(_bus, 1);
-    ::sd_bus_start(_bus);
+    if (::sd_bus_start(_bus) < 0) throw std::runtime_error("no connection to the daemon");
 }
 
 Message BusClient::newCall(const char* interface, const char* member) const {
