@@ -26,7 +26,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     if (respCode == kSessionStop) extended = sessionStopPayload(payload);
     Dictionary event =
         createEventDictfromPayload(extended ? &*extended : payload, timestamp, method, respCode);
-    prepareEventForMessage(event);
+    _filters.filterEvent(event);
 
     if (promotesSampledOut(flag)) replaceState(BackendState::SampledOut, BackendState::Enabled);
     if (mustHold(flag)) {

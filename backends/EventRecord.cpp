@@ -6,19 +6,36 @@
 #include "util/Conversions.h"
 #include "util/Environment.h"
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <utility>
 
 namespace quorvane {
 
 namespace {
 
-constexpr std::size_t kRecordKeys = 16;
 constexpr std::int32_t kClientTypeWithNumericSessionID = 7;
 
 std::uint8_t internalLevel(bool isInternal) {
     if (environmentType() == EnvironmentType::Seed) return 2;
     return isInternal ? 1 : 0;
+}
+
+/// The entries of both, in one pass; of two with the same key, the one that lies over the other.
+Dictionary laidOver(const Dictionary& under, const Dictionary& over) {
+    Dictionary result;
+    result.reserve(under.size() + over.size());
+    const auto* below = under.begin();
+    for (const Dictionary::Entry& entry : over) {
+        int order = -1;
+        for (; below != under.end() && (order = below->key.compare(entry.key)) < 0; ++below)
+            result.set(below->key, below->value);
+        if (below != under.end() && order == 0) ++below;
+        result.set(entry.key, entry.value);
+    }
+    for (; below != under.end(); ++below) result.set(below->key, below->value);
+    return result;
 }
 
 }  // namespace
@@ -31,54 +48,79 @@ std::string_view senderCode(std::int32_t clientType) {
     return known ? codes[static_cast<std::size_t>(clientType)] : unknown;
 }
 
-EventRecordBuilder::EventRecordBuilder(const Dictionary* payload, std::size_t furtherKeys) {
-    if (payload != nullptr) {
-        _next = payload->begin();
-        _end = payload->end();
+RecordTemplate::RecordTemplate(const RecordFacts& facts) {
+    static constexpr std::array<std::string_view, kChanging> changing{
+        "_clientTS", "_eventNumber", "_internal", "_method", "_status", "_timezoneOffset", "eventTime"};
+    for (const std::string_view key : changing) _prepared.set(key, 0);
+    const auto setIfPresent = [this](std::string_view key, const auto& fact) {
+        if (fact) _prepared.set(key, *fact);
+    };
+    setIfPresent("_build", facts.build);
+    _prepared.set("_clientVersion", facts.clientVersion);
+    setIfPresent("_osVersion", facts.osVersion);
+    setIfPresent("_productFamily", facts.productFamily);
+    setIfPresent("_productModel", facts.productModel);
+    _prepared.set("_reportVers", facts.reportVersion);
+    _prepared.set("_sender", senderCode(facts.clientType));
+    setIfPresent("_sessionID", facts.sessionID);
+    _prepared.set("_startTS", facts.startMinute);
+    if (facts.userInfo != nullptr) _prepared.merge(*facts.userInfo);
+    for (std::size_t which = 0; which < kChanging; ++which) {
+        const bool replaced = facts.userInfo != nullptr && facts.userInfo->contains(changing[which]);
+        const auto* const at = std::find_if(
+            _prepared.begin(), _prepared.end(),
+            [&](const Dictionary::Entry& entry) { return !replaced && entry.key == changing[which]; });
+        _at[which] = static_cast<std::size_t>(at - _prepared.begin());
     }
-    _record.reserve(static_cast<std::size_t>(_end - _next) + furtherKeys);
 }
 
-void EventRecordBuilder::add(std::string_view key, Value value) {
-    for (; _next != _end && _next->key < key; ++_next) _record.set(_next->key, _next->value);
-    if (_next != _end && _next->key == key) ++_next;
-    _record.set(key, std::move(value));
+Dictionary RecordTemplate::record(const Dictionary* payload, const EventFacts& event) {
+    set(ClientTime, event.clientTime);
+    set(EventNumber, event.eventNumber);
+    set(Internal, event.internalLevel);
+    set(Method, event.method);
+    set(Status, event.status);
+    set(TimeZoneOffset, event.timeZoneOffset);
+    set(EventTime, event.clientTime);
+    return payload != nullptr ? laidOver(*payload, _prepared) : _prepared;
 }
 
-void EventRecordBuilder::addIfPresent(std::string_view key, const std::optional<std::string>& text) {
-    if (text) add(key, *text);
-}
-
-Dictionary EventRecordBuilder::finish() {
-    for (; _next != _end; ++_next) _record.set(_next->key, _next->value);
-    return std::move(_record);
+void RecordTemplate::set(Changing which, Value value) {
+    if (_at[which] < _prepared.size()) _prepared.begin()[_at[which]].value = std::move(value);
 }
 
 Dictionary HTTPSPostBackend::createEventDictfromPayload(const Dictionary* payload, TimeValue timestamp,
-                                                        std::uint16_t method, std::uint16_t respCode) const {
-    const std::int64_t startMinute = roundDownToMinute(static_cast<std::int64_t>(startTimeStamp()));
+                                                        std::uint16_t method, std::uint16_t respCode) {
+    renewTemplate();
     const double elapsed = secondsFromTimeValue(timestamp) - startTimeStamp();
-    const double clientTime = finiteOrMinusOne(static_cast<double>(startMinute) + elapsed);
-    const std::size_t userInfoKeys = userInfoDict() != nullptr ? userInfoDict()->size() : 0;
+    return _template.record(payload,
+                            {.clientTime = finiteOrMinusOne(static_cast<double>(startMinute()) + elapsed),
+                             .eventNumber = eventID(),
+                             .internalLevel = internalLevel(isInternal()),
+                             .method = method,
+                             .status = respCode,
+                             .timeZoneOffset = platform::timeZoneOffset()});
+}
 
-    EventRecordBuilder record(payload, kRecordKeys + userInfoKeys);
-    record.addIfPresent("_build", buildVersion());
-    record.add("_clientTS", clientTime);
-    record.add("_clientVersion", clientVersion());
-    record.add("_eventNumber", eventID());
-    record.add("_internal", internalLevel(isInternal()));
-    record.add("_method", method);
-    record.addIfPresent("_osVersion", productVersion());
-    record.addIfPresent("_productFamily", productFamily());
-    record.addIfPresent("_productModel", hardwareType());
-    record.add("_reportVers", selfVersion());
-    record.add("_sender", senderCode(compType()));
-    if (auto sessionID = recordedSessionID()) record.add("_sessionID", *std::move(sessionID));
-    record.add("_startTS", startMinute);
-    record.add("_status", respCode);
-    record.add("_timezoneOffset", platform::timeZoneOffset());
-    record.add("eventTime", clientTime);
-    return record.finish();
+std::int64_t HTTPSPostBackend::startMinute() const {
+    return roundDownToMinute(static_cast<std::int64_t>(startTimeStamp()));
+}
+
+void HTTPSPostBackend::renewTemplate() {
+    // Read first: a fact that another thread changes meanwhile is taken with the next event.
+    const std::uint32_t current = revision();
+    if (_templateRevision == current) return;
+    _template = RecordTemplate({.build = buildVersion(),
+                                .clientVersion = clientVersion(),
+                                .osVersion = productVersion(),
+                                .productFamily = productFamily(),
+                                .productModel = hardwareType(),
+                                .reportVersion = selfVersion(),
+                                .clientType = compType(),
+                                .sessionID = recordedSessionID(),
+                                .startMinute = startMinute(),
+                                .userInfo = userInfoDict().get()});
+    _templateRevision = current;
 }
 
 std::optional<Value> HTTPSPostBackend::recordedSessionID() const {
@@ -86,11 +128,6 @@ std::optional<Value> HTTPSPostBackend::recordedSessionID() const {
         return Value(sessionID());
     if (auto combined = combinedSessionIDString()) return Value(*std::move(combined));
     return std::nullopt;
-}
-
-void HTTPSPostBackend::prepareEventForMessage(Dictionary& event) const {
-    if (userInfoDict() != nullptr) event.merge(*userInfoDict());
-    _filters.filterEvent(event);
 }
 
 std::optional<Dictionary> HTTPSPostBackend::sessionStopPayload(const Dictionary* payload) const {

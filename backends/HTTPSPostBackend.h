@@ -2,6 +2,7 @@
 
 #include "backends/EventBatch.h"
 #include "backends/EventFilters.h"
+#include "backends/EventRecord.h"
 #include "backends/PostTargets.h"
 #include "backends/QuorvaneBackend.h"
 #include "backends/ReportingRules.h"
@@ -75,9 +76,11 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     // Records: EventRecord.cpp.
     Dictionary createEventDictfromPayload(const Dictionary* payload, TimeValue timestamp,
-                                          std::uint16_t method, std::uint16_t respCode) const;
+                                          std::uint16_t method, std::uint16_t respCode);
+    std::int64_t startMinute() const;
+    /// After a change to what the template was made from.
+    void renewTemplate();
     std::optional<Value> recordedSessionID() const;
-    void prepareEventForMessage(Dictionary& event) const;
     std::optional<Dictionary> sessionStopPayload(const Dictionary* payload) const;
 
     // Sending, holding and flushing: EventBatching.cpp.
@@ -115,6 +118,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     std::optional<Value> _overrideSampling;
     const std::string _uuidRespectDnu;
     const std::string _uuidOverrideDnu;
+    RecordTemplate _template;
+    std::uint32_t _templateRevision = 0;  ///< of the facts that it was made from
     EventBatch _batch;
     Array _completed;  ///< a batch that finishSending() posts
 };

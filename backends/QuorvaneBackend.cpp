@@ -71,10 +71,11 @@ void QuorvaneBackend::setSelfVersion(std::string_view version) {
     const auto rest = point == std::string_view::npos ? std::string_view() : version.substr(point + 1);
     _selfVersionMajor = static_cast<std::uint8_t>(leadingInteger(version));
     _selfVersion = fmt::format("{}.{}", _selfVersionMajor, static_cast<std::uint8_t>(leadingInteger(rest)));
+    changed();
 }
 
 void QuorvaneBackend::setStartTimestamp(TimeValue time) {
-    _startTimeStamp = secondsFromTimeValue(time);
+    change(_startTimeStamp, secondsFromTimeValue(time));
 }
 
 QuorvaneBackend::OptionalString QuorvaneBackend::combinedSessionIDString() const {
@@ -84,7 +85,7 @@ QuorvaneBackend::OptionalString QuorvaneBackend::combinedSessionIDString() const
 
 void QuorvaneBackend::setCombinedSessionIDString(OptionalString combinedSessionID) {
     const MutexLock lock(_lock);
-    _combinedSessionIDString = std::move(combinedSessionID);
+    change(_combinedSessionIDString, std::move(combinedSessionID));
 }
 
 std::optional<Value> QuorvaneBackend::samplingThreshold() const {

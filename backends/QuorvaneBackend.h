@@ -72,7 +72,7 @@ class QuorvaneBackend {
     void setState(BackendState state) { _state = state; }
 
     std::uint32_t sessionID() const { return _sessionID; }
-    void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
+    void setSessionID(std::uint32_t sessionID) { change(_sessionID, sessionID); }
 
     /// The ancestors' session identifiers and the session's own, top down, joined by ".".
     OptionalString combinedSessionIDString() const;
@@ -83,10 +83,10 @@ class QuorvaneBackend {
 
     /// The session's client type.
     std::int32_t compType() const { return _compType; }
-    void setCompType(std::int32_t compType) { _compType = compType; }
+    void setCompType(std::int32_t compType) { change(_compType, compType); }
 
     std::uint16_t clientVersion() const { return _clientVersion; }
-    void setClientVersion(std::uint16_t clientVersion) { _clientVersion = clientVersion; }
+    void setClientVersion(std::uint16_t clientVersion) { change(_clientVersion, clientVersion); }
 
     /// The device identifier's bytes, zero-terminated; borrowed, so they must outlive the backend.
     const char* udid() const { return _udid; }
@@ -102,22 +102,26 @@ class QuorvaneBackend {
     void setDisplayURL(OptionalString displayURL) { _displayURL = std::move(displayURL); }
 
     const OptionalString& productVersion() const { return _productVersion; }
-    void setProductVersion(OptionalString productVersion) { _productVersion = std::move(productVersion); }
+    void setProductVersion(OptionalString productVersion) {
+        change(_productVersion, std::move(productVersion));
+    }
 
     const OptionalString& buildVersion() const { return _buildVersion; }
-    void setBuildVersion(OptionalString buildVersion) { _buildVersion = std::move(buildVersion); }
+    void setBuildVersion(OptionalString buildVersion) { change(_buildVersion, std::move(buildVersion)); }
 
     const OptionalString& hardwareType() const { return _hardwareType; }
-    void setHardwareType(OptionalString hardwareType) { _hardwareType = std::move(hardwareType); }
+    void setHardwareType(OptionalString hardwareType) { change(_hardwareType, std::move(hardwareType)); }
 
     const OptionalString& productFamily() const { return _productFamily; }
-    void setProductFamily(OptionalString productFamily) { _productFamily = std::move(productFamily); }
+    void setProductFamily(OptionalString productFamily) { change(_productFamily, std::move(productFamily)); }
 
     bool isInternal() const { return _isInternal; }
-    void setIsInternal(bool isInternal) { _isInternal = isInternal; }
+    void setIsInternal(bool isInternal) { change(_isInternal, isInternal); }
 
     const std::shared_ptr<const Dictionary>& userInfoDict() const { return _userInfoDict; }
-    void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) { _userInfoDict = std::move(userInfo); }
+    void setUserInfoDict(std::shared_ptr<const Dictionary> userInfo) {
+        change(_userInfoDict, std::move(userInfo));
+    }
 
     /// Whether the session wants user info before it reports.
     bool requireUserInfo() const { return _requireUserInfo; }
@@ -149,6 +153,11 @@ class QuorvaneBackend {
     /// "major.minor" of the daemon's own version.
     const std::string& selfVersion() const { return _selfVersion; }
 
+    /// Counts the changes to what the session and the device are told by, so that something prepared from it
+    /// can be found out of date.
+    std::uint32_t revision() const { return _revision.load(std::memory_order_relaxed); }
+    void changed() { _revision.fetch_add(1, std::memory_order_relaxed); }
+
     /// Sets the state only when it is the expected one.
     void replaceState(BackendState expected, BackendState state);
 
@@ -157,6 +166,12 @@ class QuorvaneBackend {
     mutable platform::Mutex _lock;
 
   private:
+    template <typename Fact>
+    void change(Fact& fact, Fact value) {
+        fact = std::move(value);
+        changed();
+    }
+
     const std::shared_ptr<const Dictionary> _profile;
     std::string _name;
     std::atomic<BackendState> _state{BackendState::WaitingForUserInfo};
@@ -181,6 +196,7 @@ class QuorvaneBackend {
     OptionalString _displayURL;
     double _samplingFactor;
     std::optional<Value> _samplingThreshold GUARDED_BY(_lock);
+    std::atomic<std::uint32_t> _revision{1};
 };
 
 }  // namespace quorvane

@@ -118,6 +118,7 @@ void HTTPSPostBackend::readEventThreshold(const Dictionary& entry) {
 void HTTPSPostBackend::readExtrasOnInternal(const Dictionary& entry) {
     if (!entry.contains("extras_on_internal")) return;
     _extrasOnInternal = integerUnder(entry, "extras_on_internal");
+    changed();
     logDebug("HTTPSPostBackend(updateBackendState): extras on internal is set to {}", _extrasOnInternal);
 }
 

@@ -62,13 +62,62 @@ TEST_F(EventRecordTest, InternalBuildsWithExtrasReportNumbersAndTheDevice) {
     EXPECT_EQ(withoutClient->dictionary()->size(), 1u) << "no client identifier, no events";
 }
 
+TEST_F(EventRecordTest, WhatChangesAfterAnEventIsInTheNextOne) {
+    auto backend = equippedBackend();
+    const auto expectNext = [&](const char* key, const Value& value) {
+        const Dictionary record = onlyEventIn(send(*backend, {{"mine", 1}}));
+        EXPECT_TRUE(record.contains(key) && record.find(key)->description() == value.description())
+            << key << " in " << record.description();
+    };
+    expectNext("_eventNumber", 1);
+    backend->setClientVersion(13);
+    expectNext("_clientVersion", 13);
+    backend->setProductVersion("9.2");
+    expectNext("_osVersion", "9.2");
+    backend->setBuildVersion("13B1");
+    expectNext("_build", "13B1");
+    backend->setHardwareType("Fern4,1");
+    expectNext("_productModel", "Fern4,1");
+    backend->setProductFamily("Mosslight");
+    expectNext("_productFamily", "Mosslight");
+    backend->setSelfVersion("8.2");
+    expectNext("_reportVers", "8.2");
+    backend->setStartTimestamp({185, 0});
+    expectNext("_startTS", 180);
+    backend->setCompType(1);
+    expectNext("_sender", "SYS");
+    backend->setCorrelatedSessionID("other.own");
+    expectNext("_sessionID", "other.own");
+    backend->setUserInfoDict(shared({{"_method", "user"}, {"_sessionID", "user"}}));
+    expectNext("_method", "user");
+    expectNext("_sessionID", "user");
+    backend->setUserInfoDict(nullptr);
+    expectNext("_method", 5);
+    backend->setCombinedSessionIDString(std::nullopt);
+    EXPECT_FALSE(onlyEventIn(send(*backend, {})).contains("_sessionID"));
+
+    backend = backendWithClients(
+        {Value(Dictionary{{"extras_on_internal", 1}, {"post_url", "ftp://nowhere.invalid"}})});
+    backend->setCompType(7);
+    backend->setIsInternal(true);
+    backend->setUdid("device-text");
+    constexpr unsigned atOnce = 1;
+    EXPECT_FALSE(onlyEventIn(send(*backend, {}, 0, 0, atOnce)).contains("_sessionID"));
+    backend->updateState();
+    expectNext("_sessionID", 0);
+    backend->setSessionID(78);
+    expectNext("_sessionID", 78);
+}
+
 TEST_F(EventRecordTest, UserInfoReplacesAndFiltersComeLast) {
-    auto backend = personalBackend(permissiveEntry(),
-                                   shared({{"ClientName", "Mail"}, {"kind", "user"}, {"Secret", "user"}}));
+    auto backend = personalBackend(
+        permissiveEntry(),
+        shared({{"ClientName", "Mail"}, {"kind", "user"}, {"Secret", "user"}, {"_status", "user"}}));
     const Dictionary record =
         onlyEventIn(send(*backend, {{"kind", "event"}, {"secret", "event"}, {"SECRET", 1}}));
     EXPECT_EQ(*record.string("kind"), "user");
     EXPECT_EQ(*record.string("ClientName"), "Mail");
+    EXPECT_EQ(*record.string("_status"), "user");
     // Facts that are missing are left out as well.
     for (const char* key :
          {"secret", "Secret", "SECRET", "_build", "_osVersion", "_productModel", "_sessionID"})
