@@ -12,6 +12,7 @@ inline constexpr const char* kQuorvaneSocketPath = "/run/quorvane/com.velmora.qu
 inline constexpr const char* kClientSessionInterface = "com.velmora.quorvaned.ClientSessionInterface";
 inline constexpr const char* kClientSessionReplyInterface =
     "com.velmora.quorvaned.ClientSessionReplyInterface";
+inline constexpr const char* kEventBatchInterface = "com.velmora.quorvaned.EventBatch";
 inline constexpr const char* kSandboxExtensionInterface = "com.velmora.quorvaned.SandboxExtension";
 inline constexpr const char* kSandboxExtensionOwnerInterface = "com.velmora.quorvaned.SandboxExtensionOwner";
 

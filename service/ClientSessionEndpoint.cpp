@@ -1,5 +1,6 @@
 #include "service/ClientSessionEndpoint.h"
 
+#include "framework/EventPacking.h"
 #include "framework/Keys.h"
 #include "platform/base/Log.h"
 #include "platform/base/UniqueDescriptor.h"
@@ -7,12 +8,15 @@
 #include "platform/bus/BusValue.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <fmt/format.h>
 
 namespace quorvane {
 
@@ -39,6 +43,7 @@ void ClientSessionEndpoint::exportSession(platform::BusConnection& connection,
         new ClientSessionEndpoint(connection, std::move(session), std::move(client)));
     if (!connection.setExportedObject(kQuorvaneObjectPath, kClientSessionInterface, sessionVtable,
                                       endpoint) ||
+        !connection.setExportedObject(kQuorvaneObjectPath, kEventBatchInterface, batchVtable, endpoint) ||
         !connection.setExportedObject(kQuorvaneObjectPath, kSandboxExtensionInterface, extensionVtable,
                                       endpoint))
         platform::logError("listener: a session could not be exported on the {}", connection.description());
@@ -103,6 +108,12 @@ const sd_bus_vtable ClientSessionEndpoint::sessionVtable[] = {
     METHOD("SendMessageWithSessionInfo", "a{sv}aa{sv}qqaa{sv}",
            P(sessionInfo) P(userInfo) P(category) P(type) P(payload), "s", P(answer),
            sendMessageWithSessionInfo),
+    SD_BUS_VTABLE_END,
+};
+
+const sd_bus_vtable ClientSessionEndpoint::batchVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    METHOD("SendMessages", "ay", P(events), "uas", P(accepted) P(firstFailure), sendMessages),
     SD_BUS_VTABLE_END,
 };
 
@@ -172,6 +183,34 @@ int ClientSessionEndpoint::sendMessageWithDictionary(sd_bus_message* call) {
     Dictionary message;
     if (const int result = platform::readDictionary(call, message); result < 0) return result;
     _session->sendMessageWithDictionary(message, [&](const Answer& text) { answerOptionalText(call, text); });
+    return 0;
+}
+
+int ClientSessionEndpoint::sendMessages(sd_bus_message* call) {
+    using Step = PackedEventReader::Step;
+    const void* bytes = nullptr;
+    std::size_t size = 0;
+    if (const int result = ::sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size); result < 0)
+        return result;
+    std::uint32_t accepted = 0;
+    std::optional<std::string> firstFailure;
+    PackedEventReader events({static_cast<const std::uint8_t*>(bytes), size});
+    for (Step step = events.next(); step != Step::End; step = events.next()) {
+        if (step == Step::Event) {
+            const PackedEvent& event = events.event();
+            _session->sendEarlierMessage(event.category, event.type, orNone(event.payload), event.flag,
+                                         event.age);
+            ++accepted;
+        } else if (!firstFailure) {
+            // None has failed before it.
+            firstFailure = fmt::format("event {}: {}", accepted, events.failure());
+        }
+    }
+    answer(call, 0, [&](sd_bus_message* reply) {
+        const int result = ::sd_bus_message_append(reply, "u", accepted);
+        return result < 0 ? result
+                          : platform::appendOptionalString(reply, firstFailure ? &*firstFailure : nullptr);
+    });
     return 0;
 }
 

@@ -36,6 +36,7 @@ class ClientSessionEndpoint {
                           std::shared_ptr<const ClientProxy> client);
 
     static const sd_bus_vtable sessionVtable[];
+    static const sd_bus_vtable batchVtable[];
     static const sd_bus_vtable extensionVtable[];
 
     template <int (ClientSessionEndpoint::*method)(sd_bus_message*)>
@@ -48,6 +49,7 @@ class ClientSessionEndpoint {
     int fetchDisplayURL(sd_bus_message* call);
     int sendMessageWithCategory(sd_bus_message* call);
     int sendMessageWithDictionary(sd_bus_message* call);
+    int sendMessages(sd_bus_message* call);
     int flushMessages(sd_bus_message* call);
     int uploadFileAtPath(sd_bus_message* call);
     int uploadLogData(sd_bus_message* call);

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -43,6 +44,10 @@ class ClientSessionInterface {
                                          const std::function<void(const Answer&)>& reply) = 0;
     virtual void sendMessageWithDictionary(const Dictionary& message,
                                            const std::function<void(const Answer&)>& reply) = 0;
+    /// An event that its client reported some time ago, within the last year or so; nobody asks for its
+    /// answer.
+    virtual void sendEarlierMessage(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                                    std::uint32_t flag, std::chrono::microseconds age) = 0;
     virtual void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) = 0;
 
     /// Both block until every upload backend has its server's answer. The file is named by a file URL.

@@ -27,6 +27,15 @@ void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
     finishSending();
 }
 
+void QuorvanedSession::sendEarlierMessage(std::uint16_t category, std::uint16_t type,
+                                          const Dictionary* payload, std::uint32_t flag,
+                                          std::chrono::microseconds age) {
+    logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
+    if (hasBackendsToSend())
+        dispatch(category, type, payload, MessageFlag{flag}, platform::earlier(platform::timeOfDay(), age));
+    finishSending();
+}
+
 void QuorvanedSession::flushMessagesWithReply(const std::function<void(const Answer&)>& reply) {
     logDebug("flushMessagesWithReply: Flushing messages for session {}", sessionID());
     const Answer answer = flushMessages();
@@ -37,7 +46,8 @@ void QuorvanedSession::flushMessagesWithReply(const std::function<void(const Ans
 
 Answer QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
                                                  const Dictionary* payload) {
-    return hasBackendsToSend() ? dispatch(category, type, payload, MessageFlag{0}) : std::nullopt;
+    if (!hasBackendsToSend()) return std::nullopt;
+    return dispatch(category, type, payload, MessageFlag{0}, platform::timeOfDay());
 }
 
 Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
@@ -55,7 +65,8 @@ Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
     const auto flag = static_cast<std::uint32_t>(message.unsignedInteger(kQuorvaneMessageParametersFlag));
     return dispatch(static_cast<std::uint16_t>(category->unsignedInteger()),
                     static_cast<std::uint16_t>(type->unsignedInteger()),
-                    message.dictionary(kQuorvaneMessageParametersPayload), MessageFlag{flag});
+                    message.dictionary(kQuorvaneMessageParametersPayload), MessageFlag{flag},
+                    platform::timeOfDay());
 }
 
 bool QuorvanedSession::hasBackendsToSend() const {
@@ -65,12 +76,11 @@ bool QuorvanedSession::hasBackendsToSend() const {
 }
 
 Answer QuorvanedSession::dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
-                                  MessageFlag flag) {
-    const platform::TimeValue now = platform::timeOfDay();
-    aggregateMessage(secondsFromTimeValue(now), category, type, payload);
+                                  MessageFlag flag, platform::TimeValue time) {
+    aggregateMessage(secondsFromTimeValue(time), category, type, payload);
     return collectAnswers(
         *_backends.own(), "[{} -> sendMessageWithDictionary] {}",
-        [&](QuorvaneBackend& backend) { return backend.sendMessage(payload, now, category, type, flag); });
+        [&](QuorvaneBackend& backend) { return backend.sendMessage(payload, time, category, type, flag); });
 }
 
 void QuorvanedSession::finishSending() {

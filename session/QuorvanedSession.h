@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -47,6 +48,8 @@ class QuorvanedSession final : public ClientSessionInterface {
                                  const std::function<void(const Answer&)>& reply) override;
     void sendMessageWithDictionary(const Dictionary& message,
                                    const std::function<void(const Answer&)>& reply) override;
+    void sendEarlierMessage(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                            std::uint32_t flag, std::chrono::microseconds age) override;
     void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) override;
     void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
                           const std::function<void(bool)>& completionHandler) override;
@@ -108,7 +111,8 @@ class QuorvanedSession final : public ClientSessionInterface {
     Answer sendMessageWithCategory(std::uint16_t category, std::uint16_t type, const Dictionary* payload);
     Answer sendMessageWithDictionary(const Dictionary& message);
     bool hasBackendsToSend() const;
-    Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag);
+    Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag,
+                    platform::TimeValue time);
     void finishSending();
     void internalSendMessage(const Dictionary& message, std::uint16_t method, std::uint16_t respCode);
     Answer flushMessages();

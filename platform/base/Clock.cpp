@@ -21,6 +21,14 @@ TimeValue timeOfDay() {
     return clockSource.load(std::memory_order_relaxed)();
 }
 
+TimeValue earlier(TimeValue time, std::chrono::microseconds age) {
+    constexpr std::int64_t second = 1'000'000;
+    const std::int64_t microseconds = time.microseconds - age.count() % second;
+    const bool borrows = microseconds < 0;
+    return {time.seconds - age.count() / second - (borrows ? 1 : 0),
+            static_cast<std::int32_t>(borrows ? microseconds + second : microseconds)};
+}
+
 void replaceClock(TimeValue (*source)()) {
     clockSource = source != nullptr ? source : systemTimeOfDay;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 namespace quorvane::platform {
@@ -12,6 +13,10 @@ struct TimeValue {
 
 /// The current time of day. Thread-safe.
 TimeValue timeOfDay();
+
+/// The time that lies so long before the one given.
+///   age  at least 0
+TimeValue earlier(TimeValue time, std::chrono::microseconds age);
 
 /// Puts another source of time behind timeOfDay(); null puts the system's clock back. For tests.
 void replaceClock(TimeValue (*source)());
