@@ -187,6 +187,10 @@ Status Client::sendAndForget(const Event& event) {
     return _implementation->connection->send(kSendMessage, appendingMessage(event));
 }
 
+Status Client::trySend(const Event& event) {
+    return _implementation->connection->trySend(kSendMessage, appendingMessage(event));
+}
+
 Result<Answer> Client::flush(Timeout timeout) {
     return ask(*_implementation->connection, operation("FlushMessages"), appendNothing,
                platform::readOptionalString, timeout);

@@ -133,6 +133,10 @@ Status Connection::send(const Method& method, const Encoder& encode) {
     return submit(method, encode, nullptr);
 }
 
+Status Connection::trySend(const Method& method, const Encoder& encode) {
+    return submit(method, encode, nullptr, WhenFull::Fail);
+}
+
 Status Connection::call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout) {
     auto call = std::make_unique<Call>();
     call->reply = std::move(reply);
@@ -164,8 +168,11 @@ Status Connection::callAndWait(const Method& method, const Encoder& encode, cons
     return std::move(answer->status);
 }
 
-Status Connection::submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) {
+Status Connection::submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call,
+                          WhenFull whenFull) {
     const MutexLock lock(_mutex);
+    if (whenFull == WhenFull::Fail && !_lost && isFull(call != nullptr))
+        return Error{ErrorCode::WouldBlock, "the daemon does not keep up"};
     if (Status room = waitForRoom(call.get()); !room) return room;
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_call(_bus, &raw, nullptr, kQuorvaneObjectPath, method.interface,
@@ -313,7 +320,7 @@ void Connection::end(Error error) {
 void Connection::waitFor(const Awaited& awaited) const {
     const auto events = static_cast<short>((awaited.reading ? POLLIN : 0) | (awaited.writing ? POLLOUT : 0));
     pollfd descriptors[] = {{_socket.get(), events, 0}, {_wake->get(), POLLIN, 0}};
-    const std::optional<timespec> limit = timeUntil(awaited.until);
+    const std::optional<timespec> limit = timespecOf(microsecondsUntilPoint(awaited.until));
     ::ppoll(descriptors, 2, limit ? &*limit : nullptr, nullptr);
     eventfd_t count = 0;
     if (descriptors[1].revents != 0) ::eventfd_read(_wake->get(), &count);

@@ -53,6 +53,8 @@ class Connection {
 
     /// Sends a call that is not answered; waits while the socket takes no more.
     Status send(const Method& method, const Encoder& encode);
+    /// The same, but an error where it would wait.
+    Status trySend(const Method& method, const Encoder& encode);
     /// Sends a call; the reply runs unless an error is returned.
     Status call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout);
     /// Sends a call and waits for its answer.
@@ -86,7 +88,9 @@ class Connection {
     Status open(std::span<const Export> exports);
     Status greet(const Deadline& deadline);
 
-    Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call);
+    enum class WhenFull { Wait, Fail };
+    Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call,
+                  WhenFull whenFull = WhenFull::Wait);
     Status waitForRoom(const Call* call) REQUIRES(_mutex);
     bool isFull(bool answered) const REQUIRES(_mutex);
     int sendUnanswered(sd_bus_message* message) REQUIRES(_mutex);

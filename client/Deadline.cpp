@@ -8,6 +8,12 @@ namespace quorvane::client {
 
 using Clock = std::chrono::steady_clock;
 
+namespace {
+
+constexpr std::uint64_t kSecond = 1'000'000;
+
+}  // namespace
+
 Deadline deadlineAfter(Timeout timeout) {
     // The steady clock's 64 bits of nanoseconds overflow after 292 years.
     constexpr Timeout longest = std::chrono::hours(24 * 365 * 100);
@@ -27,14 +33,19 @@ std::uint64_t microsecondsUntil(const Deadline& deadline) {
     return static_cast<std::uint64_t>(std::max<std::int64_t>(rest, 1));
 }
 
-std::optional<timespec> timeUntil(std::uint64_t point) {
-    if (point == UINT64_MAX) return std::nullopt;
+std::uint64_t microsecondsUntilPoint(std::uint64_t point) {
+    if (point == UINT64_MAX) return point;
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     const std::uint64_t at =
-        static_cast<std::uint64_t>(now.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000;
-    const std::uint64_t rest = point > at ? point - at : 0;
-    return timespec{static_cast<time_t>(rest / 1'000'000), static_cast<long>(rest % 1'000'000 * 1000)};
+        static_cast<std::uint64_t>(now.tv_sec) * kSecond + static_cast<std::uint64_t>(now.tv_nsec) / 1000;
+    return point > at ? point - at : 0;
+}
+
+std::optional<timespec> timespecOf(std::uint64_t microseconds) {
+    if (microseconds == UINT64_MAX) return std::nullopt;
+    return timespec{static_cast<time_t>(microseconds / kSecond),
+                    static_cast<long>(microseconds % kSecond * 1000)};
 }
 
 }  // namespace quorvane::client

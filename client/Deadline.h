@@ -20,7 +20,10 @@ int millisecondsUntil(const Deadline& deadline);
 /// Time left, for sd-bus: at least 1, UINT64_MAX means no limit.
 std::uint64_t microsecondsUntil(const Deadline& deadline);
 
-/// Time left until a point of CLOCK_MONOTONIC in microseconds, for ppoll(2); std::nullopt for UINT64_MAX.
-std::optional<timespec> timeUntil(std::uint64_t point);
+/// Time left until a point of CLOCK_MONOTONIC, both in microseconds; UINT64_MAX for UINT64_MAX.
+std::uint64_t microsecondsUntilPoint(std::uint64_t point);
+
+/// So many microseconds, for ppoll(2); std::nullopt for UINT64_MAX.
+std::optional<timespec> timespecOf(std::uint64_t microseconds);
 
 }  // namespace quorvane::client

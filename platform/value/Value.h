@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -89,6 +90,10 @@ class Value {
     Value(const char* text) : _held(std::string(text)) {}
     Value(std::string_view text) : _held(std::string(text)) {}
     Value(std::string text) : _held(std::move(text)) {}
+    /// Any other pointer would be read as a boolean. Texts of unsigned characters are to be cast.
+    template <typename Pointed>
+    Value(const Pointed*) = delete;
+    Value(std::nullptr_t) = delete;
     Value(bool flag) : _held(flag) {}
     Value(short number) : _held(std::int64_t{number}) {}
     Value(int number) : _held(std::int64_t{number}) {}

@@ -11,11 +11,14 @@ namespace fs = std::filesystem;
 
 constexpr const char* kProgram = R"(
 #include <quorvane/Client.h>
+#include <quorvane/Reporter.h>
 #include <cstdio>
+#include <type_traits>
 
 int main(int, char** arguments) {
     const auto client = quorvane::Client::connect({.socketPath = arguments[1]});
     if (!client) return std::puts(client.error().message.c_str()), 1;
+    static_assert(!std::is_constructible_v<quorvane::Value, const unsigned char*>);
     std::puts(quorvane::Dictionary{{"linked", true}}.description().c_str());
 }
 )";
@@ -67,7 +70,7 @@ TEST_F(Install, AProgramFindsTheLibraryThroughPkgConfigWhereverItWasMoved) {
     const std::string library = (moved / QUORVANE_LIBRARY_FOLDER).string();
     const std::string program = (folder / "program").string();
     succeed({"/bin/sh", "-c",
-             QUORVANE_COMPILER " -std=c++20 " QUORVANE_COMPILER_FLAGS " -o \"$PROGRAM\" \"$SOURCE\" "
+             QUORVANE_COMPILER " " QUORVANE_COMPILER_FLAGS " -o \"$PROGRAM\" \"$SOURCE\" "
                                "$(pkg-config --cflags --libs quorvane)"},
             {{"PROGRAM", program},
              {"SOURCE", (folder / "program.cpp").string()},

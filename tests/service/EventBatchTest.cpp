@@ -4,6 +4,8 @@
 #include "tests/support/BusClient.h"
 #include "tests/support/DaemonFixture.h"
 
+#include <quorvane/Reporter.h>
+
 namespace quorvane::test {
 namespace {
 
@@ -53,6 +55,26 @@ TEST(EventBatchTest, EventsOfOneCallAreReportedEachAtItsTime) {
     for (auto& [n, event] : posted)
         for (const char* its : {"n", "_eventNumber", "_clientTS", "eventTime"}) event.remove(its);
     EXPECT_EQ(posted[1], posted[3]) << "but for its time, as if it had been sent by itself";
+}
+
+TEST(EventBatchTest, AReporterOutlivesItsDaemon) {
+    DaemonFixture device;
+    device.serveStorebag(device.httpPostSection());
+    auto reporter = Reporter::start({.sessionInfo = {.sessionID = 1, .clientType = 5},
+                                     .socketPath = device.socketPath(),
+                                     .longestRetry = std::chrono::milliseconds(100)});
+    ASSERT_TRUE(reporter);
+    for (int life = 1; life <= 3; ++life) {
+        device.start();
+        for (int number = 0; number < 10; ++number)
+            reporter->report({kOurs, 3, Dictionary{{"life", life}, {"number", number}}});
+        ASSERT_TRUE(reporter->flush());
+        ASSERT_TRUE(device.waitForEvents(kOurs, static_cast<std::size_t>(10 * life)));
+        device.daemon().terminate();
+    }
+    const ReporterStatistics statistics = reporter->close(std::chrono::seconds(1));
+    EXPECT_EQ(statistics.taken, 30u);
+    EXPECT_EQ(statistics.dropped(), 0u);
 }
 
 }  // namespace

@@ -20,6 +20,16 @@ namespace quorvane {
 using Timeout = std::chrono::milliseconds;
 inline constexpr Timeout kNoTimeout = Timeout::max();
 
+// What calls wait unless told otherwise. A daemon that is well answers within these; one that is stopped or
+// hangs must not hold its clients for ever.
+
+/// The daemon answers at once, but for up to 10 s in which it waits for a server that does not keep up.
+inline constexpr Timeout kAnswerTimeout = std::chrono::seconds(30);
+/// A download may take 15 s, and others' downloads come before it.
+inline constexpr Timeout kStartTimeout = std::chrono::seconds(90);
+/// A large file takes its time. The daemon itself gives an upload up that stands still for a minute.
+inline constexpr Timeout kUploadTimeout = std::chrono::hours(1);
+
 /// Runs the function given soon, on a thread or loop of its choosing, and returns at once: it must not run
 /// the function itself. Functions must be run one after another in the order given for events to keep their
 /// order.
@@ -66,31 +76,33 @@ class Client {
     Status setSessionInfo(const SessionInfo& sessionInfo,
                           const std::optional<UserInfo>& userInfo = std::nullopt,
                           const std::vector<std::string>& frameworksToCheck = {},
-                          AggregationBlock aggregationBlock = {}, Timeout timeout = kNoTimeout);
+                          AggregationBlock aggregationBlock = {}, Timeout timeout = kAnswerTimeout);
 
     /// Makes the daemon set up the session's backends; it may download for up to 15 s.
-    Result<ReportingStates> start(Timeout timeout = kNoTimeout);
+    Result<ReportingStates> start(Timeout timeout = kStartTimeout);
 
     /// Gives or changes the user info, or takes it away with std::nullopt, and asks for the states.
     Result<ReportingStates> fetchStates(const std::optional<UserInfo>& userInfo,
-                                        Timeout timeout = kNoTimeout);
+                                        Timeout timeout = kAnswerTimeout);
 
     /// Where the session's events can be looked at, or "URL not available".
-    Result<std::string> displayURL(Timeout timeout = kNoTimeout);
+    Result<std::string> displayURL(Timeout timeout = kAnswerTimeout);
 
     /// Sends an event and waits for the daemon's answer to it. What JSON cannot carry is dropped from the
     /// payload on its way to an HTTPS server: arrays, dictionaries and data; a number that is not finite
     /// costs the whole message.
-    Result<Answer> send(const Event& event, Timeout timeout = kNoTimeout);
+    Result<Answer> send(const Event& event, Timeout timeout = kAnswerTimeout);
     /// Sends an event; the completion gets the answer on the executor, exactly once unless the client is
     /// destroyed before. Waits while 1,024 calls are unanswered. With an error the completion does not run.
     /// Completions are not bounded as they wait for the executor: it must keep up with the answers.
-    Status sendAsync(const Event& event, Completion<Answer> completion, Timeout timeout = kNoTimeout);
+    Status sendAsync(const Event& event, Completion<Answer> completion, Timeout timeout = kAnswerTimeout);
     /// Sends an event that is not answered. Success means that it is on its way.
     Status sendAndForget(const Event& event);
+    /// The same, but never waits: WouldBlock when the daemon does not keep up, and the event is not sent.
+    Status trySend(const Event& event);
 
     /// Makes the backends post what they hold back.
-    Result<Answer> flush(Timeout timeout = kNoTimeout);
+    Result<Answer> flush(Timeout timeout = kAnswerTimeout);
 
     /// Sends one event through backends made for it alone: "finished", also when they have no use for it, or
     /// "storebag not available". This client's session takes on the session info and the user info, but keeps
@@ -99,11 +111,11 @@ class Client {
     Result<std::string> sendMessageWithSessionInfo(const SessionInfo& sessionInfo,
                                                    const std::optional<UserInfo>& userInfo,
                                                    const Event& event,
-                                                   Timeout timeout = std::chrono::seconds(30));
+                                                   Timeout timeout = kStartTimeout);
     Status sendMessageWithSessionInfoAsync(const SessionInfo& sessionInfo,
                                            const std::optional<UserInfo>& userInfo, const Event& event,
                                            Completion<std::string> completion,
-                                           Timeout timeout = std::chrono::seconds(30));
+                                           Timeout timeout = kStartTimeout);
 
     /// Lends the regular file at the path to the daemon, which uploads it and answers whether a backend took
     /// it. When a server asks for it, the file is removed afterwards, provided the path still names it; so it
@@ -111,10 +123,10 @@ class Client {
     /// thread.
     Result<bool> uploadFile(const std::string& path,
                             const std::function<void(const UploadProgress&)>& progress = nullptr,
-                            Timeout timeout = kNoTimeout);
+                            Timeout timeout = kUploadTimeout);
 
     /// Uploads log data; answers whether a backend took it.
-    Result<bool> uploadLogData(const Array& logData, Timeout timeout = kNoTimeout);
+    Result<bool> uploadLogData(const Array& logData, Timeout timeout = kUploadTimeout);
 
     /// Events for the aggregation block that were dropped. The daemon is not read from while 4 MiB wait for
     /// the executor; only when a call waits for its answer meanwhile is it read on, and 4 MiB later dropped.

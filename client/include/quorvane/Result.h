@@ -21,6 +21,8 @@ enum class ErrorCode {
     WouldDeadlock,
     /// The system refused: no file, no memory, no thread.
     System,
+    /// Nothing was done, since it would have to wait for the daemon to keep up.
+    WouldBlock,
 };
 
 struct Error {
