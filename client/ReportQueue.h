@@ -40,7 +40,7 @@ struct Parcel {
 class ReportQueue {
   public:
     /// A parcel is closed once it has so many bytes: as many events as make up for the cost of a call.
-    static constexpr std::size_t kParcelBytes = 32u << 10;
+    static constexpr std::size_t kParcelBytes = 60u << 10;
     /// How long an event waits for company, in microseconds.
     static constexpr std::uint64_t kCompanyTime = 20'000;
 

@@ -33,7 +33,27 @@ constexpr std::size_t kMaximumValues = 1'000'000;
 constexpr std::size_t kSmallestEntry = 4 + 1 + 1;
 constexpr std::size_t kSmallestElement = 1 + 1;
 
+/// Whether the word's bytes are all ASCII and none is 0.
+bool isPlain(std::uint64_t word) {
+    constexpr std::uint64_t ones = 0x0101'0101'0101'0101;
+    constexpr std::uint64_t highBits = ones << 7;
+    return (((word - ones) | word) & highBits) == 0;
+}
+
+/// Whether D-Bus can carry the text. Nearly all are short and plain, so this looks at eight characters at
+/// once.
 bool isSendable(std::string_view text) {
+    std::uint64_t word = 0;
+    std::size_t at = 0;
+    for (; text.size() - at >= sizeof word; at += sizeof word) {
+        std::memcpy(&word, text.data() + at, sizeof word);
+        if (!isPlain(word)) break;
+    }
+    if (text.size() - at < sizeof word) {
+        word = 0x0101'0101'0101'0101;
+        std::memcpy(&word, text.data() + at, text.size() - at);
+        if (isPlain(word)) return true;
+    }
     return text.find('\0') == std::string_view::npos && platform::isUtf8(text);
 }
 
@@ -227,9 +247,8 @@ class Reader {
         const std::uint32_t size = count(kSmallestEntry);
         entries.reserve(size);
         while (entries.size() < size && _failure == nullptr) {
-            auto& [key, value] = entries.emplace_back();
-            key = text();
-            value = this->value(inside);
+            const std::string_view key = text();
+            entries.push_back({std::string(key), value(inside)});
         }
         return Dictionary::fromEntries(std::move(entries));
     }

@@ -2,6 +2,7 @@
 
 #include "framework/EventPacking.h"
 #include "framework/Keys.h"
+#include "platform/base/Clock.h"
 #include "platform/base/Log.h"
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/bus/BusMessage.h"
@@ -192,6 +193,7 @@ int ClientSessionEndpoint::sendMessages(sd_bus_message* call) {
     std::size_t size = 0;
     if (const int result = ::sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size); result < 0)
         return result;
+    const platform::TimeValue now = platform::timeOfDay();
     std::uint32_t accepted = 0;
     std::optional<std::string> firstFailure;
     PackedEventReader events({static_cast<const std::uint8_t*>(bytes), size});
@@ -199,7 +201,7 @@ int ClientSessionEndpoint::sendMessages(sd_bus_message* call) {
         if (step == Step::Event) {
             const PackedEvent& event = events.event();
             _session->sendEarlierMessage(event.category, event.type, orNone(event.payload), event.flag,
-                                         event.age);
+                                         platform::earlier(now, event.age));
             ++accepted;
         } else if (!firstFailure) {
             // None has failed before it.

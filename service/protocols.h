@@ -1,10 +1,10 @@
 #pragma once
 
+#include "platform/base/Clock.h"
 #include "platform/value/Value.h"
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -44,10 +44,9 @@ class ClientSessionInterface {
                                          const std::function<void(const Answer&)>& reply) = 0;
     virtual void sendMessageWithDictionary(const Dictionary& message,
                                            const std::function<void(const Answer&)>& reply) = 0;
-    /// An event that its client reported some time ago, within the last year or so; nobody asks for its
-    /// answer.
+    /// An event that its client reported at the time given; nobody asks for its answer.
     virtual void sendEarlierMessage(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
-                                    std::uint32_t flag, std::chrono::microseconds age) = 0;
+                                    std::uint32_t flag, platform::TimeValue time) = 0;
     virtual void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) = 0;
 
     /// Both block until every upload backend has its server's answer. The file is named by a file URL.

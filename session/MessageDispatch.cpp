@@ -29,10 +29,9 @@ void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
 
 void QuorvanedSession::sendEarlierMessage(std::uint16_t category, std::uint16_t type,
                                           const Dictionary* payload, std::uint32_t flag,
-                                          std::chrono::microseconds age) {
+                                          platform::TimeValue time) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
-    if (hasBackendsToSend())
-        dispatch(category, type, payload, MessageFlag{flag}, platform::earlier(platform::timeOfDay(), age));
+    if (hasBackendsToSend()) dispatch(category, type, payload, MessageFlag{flag}, time);
     finishSending();
 }
 

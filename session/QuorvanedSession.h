@@ -10,7 +10,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -49,7 +48,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     void sendMessageWithDictionary(const Dictionary& message,
                                    const std::function<void(const Answer&)>& reply) override;
     void sendEarlierMessage(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
-                            std::uint32_t flag, std::chrono::microseconds age) override;
+                            std::uint32_t flag, platform::TimeValue time) override;
     void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) override;
     void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
                           const std::function<void(bool)>& completionHandler) override;
