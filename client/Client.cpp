@@ -184,11 +184,11 @@ Status Client::sendAsync(const Event& event, Completion<Answer> completion, Time
 }
 
 Status Client::sendAndForget(const Event& event) {
-    return _implementation->connection->send(kSendMessage, appendingMessage(event));
+    return _implementation->connection->send(event, Connection::WhenFull::Wait);
 }
 
 Status Client::trySend(const Event& event) {
-    return _implementation->connection->trySend(kSendMessage, appendingMessage(event));
+    return _implementation->connection->send(event, Connection::WhenFull::Fail);
 }
 
 Result<Answer> Client::flush(Timeout timeout) {

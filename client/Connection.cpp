@@ -1,5 +1,6 @@
 #include "client/Connection.h"
 
+#include "client/Serialization.h"
 #include "framework/Keys.h"
 #include "platform/base/Thread.h"
 #include "platform/bus/BusMessage.h"
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -23,14 +25,13 @@ namespace {
 /// The most calls that may be unanswered at a time; past it callers wait.
 constexpr std::size_t kUnansweredCalls = 1024;
 
-/// How many messages one pass handles before it releases the lock to callers.
-constexpr int kMessagesAtATime = 64;
-
 /// Send buffer of the socket, in bytes. sd-bus would ask for 8 MiB, which a slow daemon lets fill up.
 constexpr int kSocketBuffer = 256 << 10;
 
-/// The connection whose thread this is; null on every other thread.
-thread_local const Connection* t_serves = nullptr;
+/// The kernel takes a message of this size whole or not at all.
+constexpr std::size_t kWholeBytes = 16u << 10;
+
+constexpr Connection::Method kSendMessage{kClientSessionInterface, "SendMessageWithDictionary"};
 
 Error noDaemonError(int error) {
     return {ErrorCode::Disconnected, std::string("no daemon answers: ") + std::strerror(-error)};
@@ -129,12 +130,25 @@ Status Connection::greet(const Deadline& deadline) {
     return std::monostate{};
 }
 
-Status Connection::send(const Method& method, const Encoder& encode) {
-    return submit(method, encode, nullptr);
+Status Connection::send(const Event& event, WhenFull whenFull) {
+    const MutexLock lock(_mutex);
+    if (whenFull == WhenFull::Fail && !_lost && isFull(false))
+        return Error{ErrorCode::WouldBlock, "the daemon does not keep up"};
+    if (Status room = waitForRoom(nullptr); !room) return room;
+    if (const int result = _eventCall.write(event); result < 0) return encodingError(result);
+    const bool written = writeDirectly(_eventCall.bytes());
+    _eventCall.trim();
+    if (written) return std::monostate{};
+    return post(
+        kSendMessage, [&event](sd_bus_message* message) { return appendMessage(message, event); }, nullptr);
 }
 
-Status Connection::trySend(const Method& method, const Encoder& encode) {
-    return submit(method, encode, nullptr, WhenFull::Fail);
+/// Past the bus library, which has nothing to write itself. False when the socket took nothing.
+bool Connection::writeDirectly(std::span<const std::uint8_t> message) {
+    if (message.size() > kWholeBytes) return false;
+    const ssize_t size = ::send(_socket.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    assert((size < 0 || static_cast<std::size_t>(size) == message.size()) && "half a message");
+    return size > 0;
 }
 
 Status Connection::call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout) {
@@ -146,7 +160,7 @@ Status Connection::call(const Method& method, const Encoder& encode, Reply reply
 
 Status Connection::callAndWait(const Method& method, const Encoder& encode, const Decoder& decode,
                                Timeout timeout) {
-    if (t_serves == this) return wouldDeadlock();
+    if (isOwnThread()) return wouldDeadlock();
     struct Answer {
         std::atomic<int> here = 0;  // An int, so that wait() is a futex without a detour.
         Status status = std::monostate{};
@@ -168,12 +182,13 @@ Status Connection::callAndWait(const Method& method, const Encoder& encode, cons
     return std::move(answer->status);
 }
 
-Status Connection::submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call,
-                          WhenFull whenFull) {
+Status Connection::submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) {
     const MutexLock lock(_mutex);
-    if (whenFull == WhenFull::Fail && !_lost && isFull(call != nullptr))
-        return Error{ErrorCode::WouldBlock, "the daemon does not keep up"};
     if (Status room = waitForRoom(call.get()); !room) return room;
+    return post(method, encode, std::move(call));
+}
+
+Status Connection::post(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) {
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_call(_bus, &raw, nullptr, kQuorvaneObjectPath, method.interface,
                                                   method.name);
@@ -189,7 +204,7 @@ Status Connection::submit(const Method& method, const Encoder& encode, std::uniq
 Status Connection::waitForRoom(const Call* call) {
     const bool answered = call != nullptr;
     while (!_lost && isFull(answered)) {
-        if (t_serves == this) return wouldDeadlock();
+        if (isOwnThread()) return wouldDeadlock();
         ++_roomWaiters;
         ++_blocked;
         wakeIfNeeded();
@@ -259,126 +274,6 @@ Error Connection::errorOf(sd_bus_message* message) const {
 Error Connection::sendingError(int error) const {
     if (::sd_bus_is_open(_bus) <= 0) return {ErrorCode::Disconnected, "the connection is lost"};
     return systemError("cannot send", error);
-}
-
-void Connection::deliverLater(CallbackQueue::Callback callback) {
-    _readyBytes += callback.bytes;
-    _ready.push_back(std::move(callback));
-}
-
-bool Connection::isOverfull() const {
-    return _callbacks->waitingBytes() + _readyBytes >= 2 * CallbackQueue::kBoundBytes;
-}
-
-void Connection::run() {
-    t_serves = this;
-    for (;;) {
-        const Next next = process();
-        _readyBytes = 0;
-        if (!_ready.empty()) _callbacks->deliver(std::exchange(_ready, {}));
-        if (next.over) return;
-        // A callback wakes this thread when the queue falls below its bound. One that finished before
-        // deliver() had added the new callbacks did not, so look again before sleeping without reading.
-        const bool hasRoomAgain =
-            !next.awaited.reading && _callbacks->waitingBytes() < CallbackQueue::kBoundBytes;
-        if (!next.more && !hasRoomAgain) waitFor(next.awaited);
-    }
-}
-
-Connection::Next Connection::process() {
-    const MutexLock lock(_mutex);
-    // sd_bus_process() reads, writes what is queued and expires calls, all in one. So it runs once even while
-    // a full callback queue stops the reading: otherwise nothing would be sent and no time-out would come
-    // true.
-    int processed = 1;
-    for (int i = 0; i < kMessagesAtATime && processed > 0 && !_stopping && (i == 0 || mayRead()); ++i)
-        processed = ::sd_bus_process(_bus, nullptr);
-    if (_stopping)
-        end({ErrorCode::Disconnected, "the client was closed"});
-    else if (processed < 0)
-        lose(processed);
-    if (_roomWaiters > 0) _roomChanged.notify_all();
-
-    const int events = ::sd_bus_get_events(_bus);
-    _awaited = {mayRead(), events > 0 && (events & POLLOUT) != 0, UINT64_MAX};
-    ::sd_bus_get_timeout(_bus, &_awaited.until);
-    return {_lost.has_value(), processed > 0 && _awaited.reading, _awaited};
-}
-
-void Connection::lose(int error) {
-    const std::string why = error == -ECONNRESET ? "the daemon closed it" : std::strerror(-error);
-    end({ErrorCode::Disconnected, "the connection is lost: " + why});
-    if (_disconnected)
-        deliverLater({[handler = std::move(_disconnected), lost = *_lost] { handler(lost); }, 0});
-}
-
-void Connection::end(Error error) {
-    _lost = std::move(error);
-    while (!_calls.empty()) finish(*_calls.front(), *_lost);
-}
-
-void Connection::waitFor(const Awaited& awaited) const {
-    const auto events = static_cast<short>((awaited.reading ? POLLIN : 0) | (awaited.writing ? POLLOUT : 0));
-    pollfd descriptors[] = {{_socket.get(), events, 0}, {_wake->get(), POLLIN, 0}};
-    const std::optional<timespec> limit = timespecOf(microsecondsUntilPoint(awaited.until));
-    ::ppoll(descriptors, 2, limit ? &*limit : nullptr, nullptr);
-    eventfd_t count = 0;
-    if (descriptors[1].revents != 0) ::eventfd_read(_wake->get(), &count);
-}
-
-bool Connection::mayRead() const {
-    return _blocked > 0 || _callbacks->waitingBytes() + _readyBytes < CallbackQueue::kBoundBytes;
-}
-
-bool Connection::hasQueuedWrites() const {
-    std::uint64_t count = 0;
-    return ::sd_bus_get_n_queued_write(_bus, &count) >= 0 && count > 0;
-}
-
-void Connection::wakeIfNeeded() const {
-    std::uint64_t until = UINT64_MAX;
-    ::sd_bus_get_timeout(_bus, &until);
-    if (until < _awaited.until || (!_awaited.writing && hasQueuedWrites()) ||
-        (!_awaited.reading && _blocked > 0))
-        wake();
-}
-
-void Connection::wake() const {
-    ::eventfd_write(_wake->get(), 1);
-}
-
-void Connection::close(Timeout limit) {
-    const Deadline deadline = deadlineAfter(limit);
-    {
-        const MutexLock lock(_mutex);
-        ++_roomWaiters;
-        const auto written = [this]() REQUIRES(_mutex) { return _lost || !hasQueuedWrites(); };
-        if (deadline)
-            _roomChanged.wait_until(_mutex, *deadline, written);
-        else
-            _roomChanged.wait(_mutex, written);
-        --_roomWaiters;
-        _stopping = true;
-        wake();
-    }
-    if (_thread.joinable()) _thread.join();
-    _callbacks->close();
-    drainUntil(deadline);
-    const MutexLock lock(_mutex);
-    _bus = ::sd_bus_close_unref(_bus);
-}
-
-void Connection::drainUntil(const Deadline& deadline) const {
-    // If the socket closed now, the daemon's next answer would fail with EPIPE and it would drop the calls
-    // that it has not read yet. So stop sending, and discard answers until the daemon closes its end.
-    if (::shutdown(_socket.get(), SHUT_WR) != 0) return;
-    char ignored[4096];
-    for (;;) {
-        pollfd descriptor{_socket.get(), POLLIN, 0};
-        if (::poll(&descriptor, 1, millisecondsUntil(deadline)) == 0) return;
-        const ssize_t size = ::recv(_socket.get(), ignored, sizeof ignored, MSG_DONTWAIT);
-        if (size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR)) return;
-    }
 }
 
 }  // namespace quorvane::client

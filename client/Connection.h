@@ -2,6 +2,7 @@
 
 #include "client/CallbackQueue.h"
 #include "client/Deadline.h"
+#include "client/EventCall.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/base/UniqueDescriptor.h"
 
@@ -51,10 +52,9 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Sends a call that is not answered; waits while the socket takes no more.
-    Status send(const Method& method, const Encoder& encode);
-    /// The same, but an error where it would wait.
-    Status trySend(const Method& method, const Encoder& encode);
+    enum class WhenFull { Wait, Fail };
+    /// Sends an event in a call that is not answered. While the socket takes no more, it waits or fails.
+    Status send(const Event& event, WhenFull whenFull);
     /// Sends a call; the reply runs unless an error is returned.
     Status call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout);
     /// Sends a call and waits for its answer.
@@ -88,9 +88,9 @@ class Connection {
     Status open(std::span<const Export> exports);
     Status greet(const Deadline& deadline);
 
-    enum class WhenFull { Wait, Fail };
-    Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call,
-                  WhenFull whenFull = WhenFull::Wait);
+    Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call);
+    Status post(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) REQUIRES(_mutex);
+    bool writeDirectly(std::span<const std::uint8_t> message) REQUIRES(_mutex);
     Status waitForRoom(const Call* call) REQUIRES(_mutex);
     bool isFull(bool answered) const REQUIRES(_mutex);
     int sendUnanswered(sd_bus_message* message) REQUIRES(_mutex);
@@ -103,6 +103,8 @@ class Connection {
     Error errorOf(sd_bus_message* message) const REQUIRES(_mutex);
     Error sendingError(int error) const REQUIRES(_mutex);
 
+    // The connection's thread: ConnectionThread.cpp.
+    bool isOwnThread() const;
     void run();
     Next process();
     void lose(int error) REQUIRES(_mutex);
@@ -128,6 +130,7 @@ class Connection {
     std::list<std::unique_ptr<Call>> _calls GUARDED_BY(_mutex);  ///< Not yet answered.
     std::size_t _blocked GUARDED_BY(_mutex) = 0;  ///< Threads that wait for an answer or for room.
     std::size_t _roomWaiters GUARDED_BY(_mutex) = 0;
+    EventCall _eventCall GUARDED_BY(_mutex);
     // Of the connection's thread only: callbacks to deliver once the lock is released.
     std::vector<CallbackQueue::Callback> _ready;
     std::size_t _readyBytes = 0;

@@ -55,13 +55,15 @@ TEST(BackPressure, ADaemonThatDoesNotReadSlowsTheSender) {
         return std::exchange(seen, sent.load()) == sent && sent > 0;
     }));
     EXPECT_LT(seen, kEvents / 2);
+    EXPECT_EQ(client.trySend(numbered(0)).error().code, ErrorCode::WouldBlock);
     // A call with a time limit does not stand for ever, one in the way of the other threads neither.
     EXPECT_EQ(client.flush(milliseconds(20)).error().code, ErrorCode::TimedOut);
 
     counting.peer.setPaused(false);
     sender.join();
+    EXPECT_TRUE(client.trySend(numbered(kEvents)));
     EXPECT_TRUE(client.flush());
-    EXPECT_EQ(counting.count, kEvents);
+    EXPECT_EQ(counting.count, kEvents + 1);
     EXPECT_TRUE(counting.inOrder);
 }
 

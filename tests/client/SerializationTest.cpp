@@ -124,14 +124,25 @@ TEST(Serialization, AnswersKeepNilEmptyAndFullApart) {
 TEST(Serialization, EventsReachTheDaemonWhole) {
     RecordingPeer recording;
     Client client = connectTo(recording.peer);
-    const Dictionary payload{{"real", 0.5}, {"array", Array{1, "two", Array{}}}};
-    ASSERT_TRUE(client.send(
-        {.category = 65535, .type = 200, .payload = payload, .flag = kFlagSendNow | kFlagPromote}));
+    const Dictionary payload{{"array", Array{1, "two", Array{}, Dictionary{{"a", Dictionary()}}}},
+                             {"boolean", true},
+                             {"data", Data{1, 2, 3}},
+                             {"date", Date{-1}},
+                             {"real", 0.5},
+                             {"text", "caf\u00e9"},
+                             {"unsigned", UINT64_MAX}};
+    const Event event{
+        .category = 65535, .type = 200, .payload = payload, .flag = kFlagSendNow | kFlagPromote};
+    const Array whole{
+        Value(Dictionary{{"Category", 65535u}, {"Type", 200u}, {"Payload", payload}, {"Flag", 3u}})};
+    ASSERT_TRUE(client.send(event));
     auto call = recording.last("SendMessageWithDictionary");
     EXPECT_TRUE(call.answered);
-    EXPECT_EQ(
-        call.arguments,
-        Array{Value(Dictionary{{"Category", 65535u}, {"Type", 200u}, {"Payload", payload}, {"Flag", 3u}})});
+    EXPECT_EQ(call.arguments, whole);
+    ASSERT_TRUE(client.sendAndForget({.payload = Dictionary{{"text", std::string(100'000, 'x')}}}));
+    ASSERT_TRUE(client.sendAndForget(event));
+    ASSERT_TRUE(client.flush());
+    EXPECT_EQ(recording.last("SendMessageWithDictionary").arguments, whole);
 
     ASSERT_TRUE(client.sendAndForget({.category = 1, .type = 2}));
     ASSERT_TRUE(client.flush());

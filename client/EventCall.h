@@ -1,0 +1,29 @@
+#pragma once
+
+#include <quorvane/Session.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace quorvane::client {
+
+/// An event as the bytes of a D-Bus call of SendMessageWithDictionary that is not answered. The bus library
+/// would take three times as long, since it checks at every step what is known here.
+class EventCall {
+  public:
+    /// Writes the call. Negative errno when the event cannot be sent: -E2BIG when it is nested too deeply or
+    /// too large, -EINVAL for a text that is not UTF-8 or holds a NUL.
+    int write(const Event& event);
+    /// What was written last.
+    std::span<const std::uint8_t> bytes() const { return {_buffer.data(), _size}; }
+    /// Gives memory back that a large event took.
+    void trim();
+
+  private:
+    std::vector<std::uint8_t> _buffer;
+    std::size_t _size = 0;
+};
+
+}  // namespace quorvane::client
