@@ -23,6 +23,8 @@ struct Options {
 // The measurements, each with a daemon of its own and its own part of the report.
 
 void measureEventCost(const Options& options);
+void measureBatchedCalls(const Options& options);
+void measureApplicationCost(const Options& options);
 void measureWaitingCalls(const Options& options);
 void measureEventCounts(const Options& options);
 void measureMemory(const Options& options);

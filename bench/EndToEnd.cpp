@@ -24,9 +24,17 @@ using Part = std::pair<std::string, std::function<void(const Options&)>>;
 
 const std::vector<Part>& parts() {
     static const std::vector<Part> all{
-        {"events", measureEventCost},    {"waiting", measureWaitingCalls},   {"counts", measureEventCounts},
-        {"memory", measureMemory},       {"stall", measureStalledCollector}, {"idle", measureIdleness},
-        {"hierarchy", measureHierarchy}, {"datagrams", measureDatagrams},    {"uploads", measureUploads},
+        {"events", measureEventCost},
+        {"batches", measureBatchedCalls},
+        {"application", measureApplicationCost},
+        {"waiting", measureWaitingCalls},
+        {"counts", measureEventCounts},
+        {"memory", measureMemory},
+        {"stall", measureStalledCollector},
+        {"idle", measureIdleness},
+        {"hierarchy", measureHierarchy},
+        {"datagrams", measureDatagrams},
+        {"uploads", measureUploads},
     };
     return all;
 }

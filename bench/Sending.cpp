@@ -13,18 +13,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-template <typename Function>
-Latencies timeEach(std::uint64_t count, const Function& function) {
-    std::vector<Nanoseconds> samples;
-    samples.reserve(count);
-    for (std::uint64_t number = 0; number < count; ++number) {
-        const auto start = Clock::now();
-        function(number);
-        samples.emplace_back(Clock::now() - start);
-    }
-    return Latencies(std::move(samples));
-}
-
 }  // namespace
 
 Event event(std::uint64_t number) {
@@ -54,6 +42,17 @@ Latencies::Latencies(std::vector<Nanoseconds> samples) : _sorted(std::move(sampl
 Nanoseconds Latencies::percentile(double share) const {
     const auto rank = static_cast<std::size_t>(std::ceil(share * static_cast<double>(_sorted.size())));
     return _sorted.at(std::max<std::size_t>(rank, 1) - 1);
+}
+
+Latencies timeEach(std::uint64_t count, const std::function<void(std::uint64_t)>& function) {
+    std::vector<Nanoseconds> samples;
+    samples.reserve(count);
+    for (std::uint64_t number = 0; number < count; ++number) {
+        const auto start = Clock::now();
+        function(number);
+        samples.emplace_back(Clock::now() - start);
+    }
+    return Latencies(std::move(samples));
 }
 
 Latencies sendWaiting(Client& client, std::uint64_t count) {

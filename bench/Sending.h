@@ -5,6 +5,7 @@
 #include <quorvane/Client.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,9 @@ class Latencies {
   private:
     std::vector<Nanoseconds> _sorted;
 };
+
+/// How long each call of the function took; it gets the call's number, from 0.
+Latencies timeEach(std::uint64_t count, const std::function<void(std::uint64_t)>& function);
 
 /// Sends events one after another, each when the one before is answered.
 Latencies sendWaiting(Client& client, std::uint64_t count);

@@ -56,18 +56,27 @@ World::World(test::DaemonFixture::Environment environment) : _collector(_device.
     _device.start(environment);
 }
 
+SessionInfo World::nextSession(const SessionSetup& setup) {
+    return {.sessionID = _nextSessionID++,
+            .clientType = static_cast<std::uint32_t>(setup.profile),
+            .clientVersion = 3,
+            .batchEvent = setup.batch,
+            .requireUserInfo = true};
+}
+
 Client World::openSession(const SessionSetup& setup) {
     Client client = _device.connect();
-    const SessionInfo sessionInfo{.sessionID = _nextSessionID++,
-                                  .clientType = static_cast<std::uint32_t>(setup.profile),
-                                  .clientVersion = 3,
-                                  .batchEvent = setup.batch,
-                                  .requireUserInfo = true};
-    orDie(client.setSessionInfo(sessionInfo, userInfo(setup.serviceName), {}, setup.aggregationBlock),
+    orDie(client.setSessionInfo(nextSession(setup), userInfo(setup.serviceName), {}, setup.aggregationBlock),
           "set up");
     const ReportingStates states = orDie(client.start(), "start");
     if (!states || states->empty()) die("session does not report", _device.daemon().errors());
     return client;
+}
+
+ReporterOptions World::reporterOptions(const SessionSetup& setup) {
+    return {.sessionInfo = nextSession(setup),
+            .userInfo = userInfo(setup.serviceName),
+            .socketPath = socketPath()};
 }
 
 }  // namespace quorvane::bench

@@ -4,6 +4,7 @@
 #include "tests/support/DaemonFixture.h"
 
 #include <quorvane/Client.h>
+#include <quorvane/Reporter.h>
 
 #include <sys/types.h>
 
@@ -48,8 +49,12 @@ class World {
 
     /// A connection whose session is set up and reports.
     Client openSession(const SessionSetup& setup = {});
+    /// For a reporter with such a session, which has no aggregation block.
+    ReporterOptions reporterOptions(const SessionSetup& setup = {});
 
   private:
+    SessionInfo nextSession(const SessionSetup& setup);
+
     test::DaemonFixture _device;
     CountingServer _collector;
     std::uint32_t _nextSessionID = 1;
