@@ -24,8 +24,8 @@ constexpr std::uint64_t kRounds = 20;
 /// Enough for caches, connections and allocators to settle.
 constexpr std::uint64_t kWarmUpEvents = 10'000;
 constexpr std::size_t kKeptMessages = 40;
-constexpr double kMostTimesUnavoidable = 1.3;
-constexpr double kMostTimesUnavoidableAnswered = 1.4;
+constexpr double kMostTimesUnavoidable = 1.1;
+constexpr double kMostTimesUnavoidableAnswered = 1.2;
 
 struct Round {
     double daemonPerSecond = 0;

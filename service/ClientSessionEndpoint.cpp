@@ -29,6 +29,12 @@ constexpr std::size_t kMessageBytes = 128;
 /// Largest session info, user info, and framework names: they stay for the session's life.
 constexpr std::size_t kMaximumKeptBytes = 64u << 10;
 
+constexpr const char* kNotServed = "The call could not be served";
+
+void logFailure(const char* member, const std::exception& thrown) {
+    platform::logError("serve: {} failed: {}", member, thrown.what());
+}
+
 const Dictionary* orNone(const std::optional<Dictionary>& dictionary) {
     return dictionary ? &*dictionary : nullptr;
 }
@@ -52,6 +58,11 @@ void ClientSessionEndpoint::exportSession(platform::BusConnection& connection,
                               [endpoint](sd_bus_message* call, platform::UniqueDescriptor file) {
                                   endpoint->issueForFile(call, std::move(file));
                               });
+    connection.setDictionaryHandler(
+        {kQuorvaneObjectPath, kClientSessionInterface, "SendMessageWithDictionary"},
+        [endpoint](sd_bus_message* call, const Dictionary& message) {
+            endpoint->sendPlainMessage(call, message);
+        });
 }
 
 ClientSessionEndpoint::ClientSessionEndpoint(platform::BusConnection& connection,
@@ -82,8 +93,8 @@ int ClientSessionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_er
         return ::sd_bus_error_setf(error, SD_BUS_ERROR_INVALID_ARGS, "The arguments cannot be read (%s)",
                                    std::strerror(-result));
     } catch (const std::exception& thrown) {
-        platform::logError("serve: {} failed: {}", ::sd_bus_message_get_member(call), thrown.what());
-        return ::sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "The call could not be served");
+        logFailure(::sd_bus_message_get_member(call), thrown);
+        return ::sd_bus_error_set(error, SD_BUS_ERROR_FAILED, kNotServed);
     }
 }
 
@@ -185,6 +196,17 @@ int ClientSessionEndpoint::sendMessageWithDictionary(sd_bus_message* call) {
     if (const int result = platform::readDictionary(call, message); result < 0) return result;
     _session->sendMessageWithDictionary(message, [&](const Answer& text) { answerOptionalText(call, text); });
     return 0;
+}
+
+/// The same for a message that has been read already; the call is null when no answer is wanted.
+void ClientSessionEndpoint::sendPlainMessage(sd_bus_message* call, const Dictionary& message) noexcept {
+    try {
+        _session->sendMessageWithDictionary(message,
+                                            [&](const Answer& text) { answerOptionalText(call, text); });
+    } catch (const std::exception& thrown) {
+        logFailure("SendMessageWithDictionary", thrown);
+        if (call != nullptr) ::sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "%s", kNotServed);
+    }
 }
 
 int ClientSessionEndpoint::sendMessages(sd_bus_message* call) {
@@ -313,7 +335,7 @@ int ClientSessionEndpoint::keepFrameworks(const std::vector<std::string>& framew
 
 template <typename Append>
 void ClientSessionEndpoint::answer(sd_bus_message* call, std::size_t bytes, const Append& append) {
-    if (::sd_bus_message_get_expect_reply(call) <= 0) return;
+    if (call == nullptr || ::sd_bus_message_get_expect_reply(call) <= 0) return;
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_return(call, &raw);
     const platform::BusMessage reply(raw);

@@ -49,6 +49,7 @@ class ClientSessionEndpoint {
     int fetchDisplayURL(sd_bus_message* call);
     int sendMessageWithCategory(sd_bus_message* call);
     int sendMessageWithDictionary(sd_bus_message* call);
+    void sendPlainMessage(sd_bus_message* call, const Dictionary& message) noexcept;
     int sendMessages(sd_bus_message* call);
     int flushMessages(sd_bus_message* call);
     int uploadFileAtPath(sd_bus_message* call);

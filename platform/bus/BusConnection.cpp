@@ -3,8 +3,6 @@
 #include "platform/base/Log.h"
 #include "platform/base/Thread.h"
 #include "platform/bus/BusDriver.h"
-#include "platform/bus/BusHeader.h"
-#include "platform/bus/BusMessage.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -122,11 +120,6 @@ bool BusConnection::exportOnBus(const Exported& exported) {
                                       exported.object.get()) >= 0;
 }
 
-void BusConnection::setFileHandler(FileMethod method, FileHandler handler) {
-    _fileMethod = method;
-    _fileHandler = std::move(handler);
-}
-
 // The thread.
 
 bool BusConnection::resume(Handler ended) {
@@ -170,6 +163,7 @@ void BusConnection::finish(Ending ending) {
     _interruptionHandler = nullptr;
     _invalidationHandler = nullptr;
     _fileHandler = nullptr;
+    _dictionaryHandler = nullptr;
     _exported.clear();
     _bus = ::sd_bus_close_unref(_bus);
 }
@@ -219,6 +213,8 @@ int BusConnection::serveWaiting() {
 
 int BusConnection::serveNext(BusInput::Next next) {
     switch (next) {
+        case BusInput::Next::Served:
+            return 1;
         case BusInput::Next::Message:
             return ::sd_bus_process(_bus, nullptr);
         case BusInput::Next::File:
@@ -227,31 +223,12 @@ int BusConnection::serveNext(BusInput::Next next) {
             return -ECONNRESET;
         case BusInput::Next::Refused:
             return -EBADMSG;
-        case BusInput::Next::Nothing:
         case BusInput::Next::Part:
+            return _nothingFollows ? -EBADMSG : 0;
+        case BusInput::Next::Nothing:
             break;
     }
     return 0;
-}
-
-/// The handler gets a call of the bus library's own making, as it would have read it.
-int BusConnection::serveFileCall() {
-    auto taken = _input.takeFileMessage();
-    if (!taken) return -EBADMSG;
-    const auto read = readBusFileCall(taken->bytes);
-    const auto& [path, interface, member] = _fileMethod;
-    if (!_fileHandler || !read || read->path != path || read->member != member ||
-        (!read->interface.empty() && read->interface != interface))
-        return -EBADMSG;
-    sd_bus_message* raw = nullptr;
-    int result =
-        ::sd_bus_message_new_method_call(_bus, &raw, nullptr, path.data(), interface.data(), member.data());
-    const BusMessage call(raw);
-    if (result >= 0) result = ::sd_bus_message_set_expect_reply(raw, read->expectsReply ? 1 : 0);
-    if (result >= 0) result = ::sd_bus_message_seal(raw, read->serial, 0);
-    if (result < 0) return result;
-    _fileHandler(raw, std::move(taken->file));
-    return 1;
 }
 
 /// A bus gives up at the first answer that it cannot send. What its client had sent until then is served all
@@ -313,7 +290,8 @@ int BusConnection::waitForWork() {
     const int events = (_input.hasPart() ? POLLRDHUP : POLLIN) | (waiting > 0 ? POLLOUT : 0);
     const int happened = wait(static_cast<short>(events), longest);
     if (happened < 0) return happened;
-    if (_input.hasPart() && (happened & (POLLRDHUP | POLLHUP)) != 0) return -EBADMSG;
+    // The rest of a header may have come before.
+    if ((happened & (POLLRDHUP | POLLHUP)) != 0) _nothingFollows = true;
     return waiting > 0 && (happened & POLLOUT) != 0 ? writeQueued() : 0;
 }
 

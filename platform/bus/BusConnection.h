@@ -4,7 +4,10 @@
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/base/UserAccount.h"
 #include "platform/bus/BusAuthentication.h"
+#include "platform/bus/BusHeader.h"
 #include "platform/bus/BusInput.h"
+#include "platform/bus/BusMessage.h"
+#include "platform/value/Value.h"
 
 #include <systemd/sd-bus.h>
 
@@ -17,6 +20,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,11 +51,17 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// What a call that brings a file reaches, set before resume(). No other call may bring any: it ends the
     /// connection, and the bus library refuses descriptors altogether. The call's arguments cannot be read.
     ///   method  must live as long as the connection
-    struct FileMethod {
+    struct Method {
         std::string_view path, interface, member;
     };
     using FileHandler = std::function<void(sd_bus_message* call, UniqueDescriptor file)>;
-    void setFileHandler(FileMethod method, FileHandler handler);
+    void setFileHandler(Method method, FileHandler handler);
+    /// What calls with one a{sv} reach past the bus library, which takes several times as long to read one,
+    /// set before resume(). Some still come by way of the vtable: BusBody.h. The call is null when no answer
+    /// is wanted, and its arguments cannot be read. The handler throws nothing.
+    ///   method  must live as long as the connection
+    using DictionaryHandler = std::function<void(sd_bus_message* call, const Dictionary& argument)>;
+    void setDictionaryHandler(Method method, DictionaryHandler handler);
     /// Runs when the connection ends in anything but an orderly close, before the invalidation handler.
     void setInterruptionHandler(Handler handler) { _interruptionHandler = std::move(handler); }
     /// Runs once when the connection has ended, on the connection's thread.
@@ -109,6 +119,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void serveRest();
     int serveNext(BusInput::Next next);
     int serveFileCall();
+    bool serveDictionaryCall(std::span<const std::uint8_t> message);
+    BusMessage directCall(const Method& method, const BusCall& read) const;
     int writeQueued();
     int drainReplies();
     bool mayKeepReplies(std::uint64_t waiting);
@@ -129,10 +141,13 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::size_t _replyBytes = 0;
     std::optional<UserAccount::Charge> _replyCharge;
     std::atomic<bool> _ending = false;
-    bool _vanished = false;  ///< The client closed without reading what it was sent.
+    bool _nothingFollows = false;  ///< The client closed or died; what it sent before may be there still.
+    bool _vanished = false;        ///< The client closed without reading what it was sent.
     std::vector<Exported> _exported;
-    FileMethod _fileMethod;
+    Method _fileMethod;
     FileHandler _fileHandler;
+    Method _dictionaryMethod;
+    DictionaryHandler _dictionaryHandler;
     Handler _interruptionHandler;
     Handler _invalidationHandler;
     Handler _ended;

@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cstring>
+#include <utility>
 
 namespace quorvane::platform {
 
@@ -60,9 +61,11 @@ class FieldReader {
   private:
     std::size_t left() const { return _bytes.size() - _at; }
 
+    /// What fills up is zero.
     bool align(std::size_t to) {
-        _at = aligned(_at, to);
-        return _at <= _bytes.size();
+        for (; _at % to != 0; ++_at)
+            if (left() == 0 || _bytes[_at] != 0) return false;
+        return true;
     }
 
     bool number(std::uint32_t& out) {
@@ -84,6 +87,28 @@ class FieldReader {
     bool _isForeignEndian;
 };
 
+/// False when the field is of the wrong type, empty, or there already.
+bool takeField(const FieldReader::Field& field, BusCall& call) {
+    const auto text = [&](std::string_view& taken, char type) {
+        return field.type == type && !field.text.empty() && std::exchange(taken, field.text).empty();
+    };
+    switch (field.code) {
+        case 1:
+            return text(call.path, SD_BUS_TYPE_OBJECT_PATH);
+        case 2:
+            return text(call.interface, SD_BUS_TYPE_STRING);
+        case 3:
+            return text(call.member, SD_BUS_TYPE_STRING);
+        case 8:
+            return text(call.signature, SD_BUS_TYPE_SIGNATURE);
+        case 9:
+            return field.type == SD_BUS_TYPE_UINT32 && std::exchange(call.descriptors, field.number) == 0;
+        default:
+            call.hasOtherFields = true;
+            return true;
+    }
+}
+
 }  // namespace
 
 std::optional<BusHeader> readBusHeader(std::span<const std::uint8_t> bytes) {
@@ -101,48 +126,31 @@ std::optional<BusHeader> readBusHeader(std::span<const std::uint8_t> bytes) {
     return header;
 }
 
-std::optional<BusFileCall> readBusFileCall(std::span<const std::uint8_t> message) {
+std::optional<BusCall> readBusCall(std::span<const std::uint8_t> message) {
     const auto header = readBusHeader(message);
     if (!header || header->messageBytes != message.size() || header->type != SD_BUS_MESSAGE_METHOD_CALL ||
         header->serial == 0)
         return std::nullopt;
-    BusFileCall call{.path = {},
-                     .interface = {},
-                     .member = {},
-                     .serial = header->serial,
-                     .expectsReply = (header->flags & kNoReplyExpected) == 0};
-    std::string_view signature;
-    std::uint32_t descriptors = 0;
+    const std::size_t body = BusHeader::kBytes + aligned(header->fieldBytes, 8);
+    BusCall call{.path = {},
+                 .interface = {},
+                 .member = {},
+                 .signature = {},
+                 .serial = header->serial,
+                 .expectsReply = (header->flags & kNoReplyExpected) == 0,
+                 .isForeignEndian = header->isForeignEndian,
+                 .body = message.subspan(body)};
     FieldReader fields(message.subspan(BusHeader::kBytes, header->fieldBytes), header->isForeignEndian);
     while (!fields.atEnd()) {
         const auto field = fields.next();
-        if (!field) return std::nullopt;
-        switch (field->code) {
-            case 1:
-                call.path = field->text;
-                break;
-            case 2:
-                call.interface = field->text;
-                break;
-            case 3:
-                call.member = field->text;
-                break;
-            case 8:
-                signature = field->text;
-                break;
-            case 9:
-                descriptors = field->number;
-                break;
-            default:
-                break;
-        }
+        if (!field || !takeField(*field, call)) return std::nullopt;
     }
-    // The body is the index of the one descriptor.
-    const std::size_t body = BusHeader::kBytes + aligned(header->fieldBytes, 8);
-    if (signature != "h" || descriptors != 1 || message.size() != body + 4 ||
-        numberAt(message, body, header->isForeignEndian) != 0)
-        return std::nullopt;
     return call;
+}
+
+bool bringsOneFile(const BusCall& call) {
+    return call.signature == "h" && call.descriptors == 1 && call.body.size() == 4 &&
+           numberAt(call.body, 0, call.isForeignEndian) == 0;
 }
 
 }  // namespace quorvane::platform

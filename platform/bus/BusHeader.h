@@ -30,14 +30,21 @@ struct BusHeader {
 ///   bytes  the first 16 of a message
 std::optional<BusHeader> readBusHeader(std::span<const std::uint8_t> bytes);
 
-/// A call that brings one descriptor, and nothing but it.
-struct BusFileCall {
-    std::string_view path, interface, member;
-    std::uint32_t serial;
-    bool expectsReply;
+/// A call. Its texts and its body lie in the message.
+struct BusCall {
+    std::string_view path, interface, member, signature;
+    std::uint32_t serial = 0;
+    std::uint32_t descriptors = 0;
+    bool expectsReply = false;
+    bool isForeignEndian = false;
+    bool hasOtherFields = false;  ///< Which are skipped.
+    std::span<const std::uint8_t> body = {};
 };
 
-/// Nothing when the message, which is whole, is anything else or malformed. The texts lie in the message.
-std::optional<BusFileCall> readBusFileCall(std::span<const std::uint8_t> message);
+/// Nothing when the message, which is whole, is anything else or malformed.
+std::optional<BusCall> readBusCall(std::span<const std::uint8_t> message);
+
+/// Whether the call's body is the index of the one descriptor that it brings.
+bool bringsOneFile(const BusCall& call);
 
 }  // namespace quorvane::platform

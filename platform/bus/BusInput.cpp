@@ -53,7 +53,29 @@ BusInput::Next BusInput::look() {
     if (peeked.bytes < 0) return errno == EAGAIN || errno == EINTR ? Next::Nothing : Next::Refused;
     if (peeked.bytes == 0) return Next::End;
     const auto size = static_cast<std::size_t>(peeked.bytes);
-    return peeked.withDescriptors ? firstMessage(bytes.data(), size) : wholeMessages(bytes.data(), size);
+    if (peeked.withDescriptors) return firstMessage(bytes.data(), size);
+    const std::size_t served = serve({bytes.data(), size});
+    return served > 0 ? drop(bytes.data(), served, size) : wholeMessages(bytes.data(), size);
+}
+
+/// How many bytes at the front were messages that have been served.
+std::size_t BusInput::serve(std::span<const std::uint8_t> bytes) const {
+    std::span<const std::uint8_t> left = bytes;
+    while (_server && left.size() >= BusHeader::kBytes) {
+        const auto header = readBusHeader(left);
+        if (!isAcceptable(header) || header->messageBytes > left.size()) break;
+        if (!_server(left.first(header->messageBytes))) break;
+        left = left.subspan(header->messageBytes);
+    }
+    return bytes.size() - left.size();
+}
+
+/// Takes what has been served out of the stream.
+BusInput::Next BusInput::drop(std::uint8_t* bytes, std::size_t served, std::size_t size) {
+    _deadline.reset();
+    _nothingBehind = served == size && size < kPeekedBytes;
+    const ssize_t dropped = ::recv(_socket, bytes, served, MSG_DONTWAIT);
+    return dropped == static_cast<ssize_t>(served) ? Next::Served : Next::Refused;
 }
 
 BusInput::Next BusInput::wholeMessages(const std::uint8_t* bytes, std::size_t size) {

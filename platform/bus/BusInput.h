@@ -6,8 +6,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -27,6 +29,7 @@ class BusInput {
         Nothing,  ///< Wait for the socket.
         Part,     ///< Too little to know what it is, or no room for it: wait a moment, the socket is
                   ///< readable all the time.
+        Served,   ///< The server given has served some, and they are out of the stream.
         Message,  ///< One for the bus library, which may be unfinished yet.
         File,     ///< A message with one descriptor: takeFileMessage().
         End,      ///< The client has closed.
@@ -47,6 +50,11 @@ class BusInput {
     BusInput(int socket, std::shared_ptr<UserAccount> account,
              std::chrono::milliseconds messageTime = kMessageTime)
         : _socket(socket), _account(std::move(account)), _messageTime(messageTime) {}
+
+    /// What whole messages without descriptors reach first, if they are small and the bus library reads none
+    /// before them. It has served one when it gives true; the message is read by the library else.
+    using Server = std::function<bool(std::span<const std::uint8_t> message)>;
+    void setServer(Server server) { _server = std::move(server); }
 
     Next next();
     /// Without a message when more than one descriptor has come. After Next::File only.
@@ -69,6 +77,8 @@ class BusInput {
 
     Peeked peek(std::uint8_t* into, std::size_t most) const;
     Next look();
+    std::size_t serve(std::span<const std::uint8_t> bytes) const;
+    Next drop(std::uint8_t* bytes, std::size_t served, std::size_t size);
     Next wholeMessages(const std::uint8_t* bytes, std::size_t size);
     Next firstMessage(std::uint8_t* bytes, std::size_t size);
     Next begin(std::size_t bytes);
@@ -77,6 +87,7 @@ class BusInput {
     const int _socket;
     const std::shared_ptr<UserAccount> _account;
     const std::chrono::milliseconds _messageTime;
+    Server _server;
     UserAccount::Charge _charge;     ///< For a message until it has been served.
     std::size_t _wholeMessages = 0;  ///< That are there and have no descriptors.
     bool _nothingBehind = false;     ///< Nothing came after them when they were looked at.

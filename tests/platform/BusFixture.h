@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -116,13 +117,17 @@ struct ServedConnection {
     std::shared_ptr<TestObject> object = {};
     UniqueDescriptor client = {};
 
-    ServedConnection() {
+    ServedConnection() : ServedConnection([](BusConnection&) {}) {}
+
+    /// Set up before it is resumed.
+    explicit ServedConnection(const std::function<void(BusConnection&)>& setUp) {
         std::array<int, 2> ends{};
         ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data());
         client.reset(ends[0]);
         connection = BusConnection::initWithDescriptor(UniqueDescriptor(ends[1]), {.pid = 1, .uid = 2});
         object = std::make_shared<TestObject>(*connection);
         TestObject::exportOn(*connection, object);
+        setUp(*connection);
         connection->setInterruptionHandler([told = endings] { told->add("interrupted"); });
         connection->setInvalidationHandler([told = endings] { told->add("invalidated"); });
         EXPECT_TRUE(connection->resume([told = endings] { told->add("ended"); }));
