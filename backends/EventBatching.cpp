@@ -100,8 +100,18 @@ void HTTPSPostBackend::flush(Answer* prettyJson, Order order) {
     postBatch(takeBatch(), prettyJson, order);
 }
 
-void HTTPSPostBackend::finishSending() {
-    postBatch(std::exchange(_completed, {}), nullptr);
+bool HTTPSPostBackend::continueSending() {
+    return _unfinished ? compressStep() : beginPost();
+}
+
+bool HTTPSPostBackend::beginPost() {
+    Array events = std::exchange(_completed, {});
+    if (events.empty()) return false;
+    addUserInfo(events);
+    std::optional<Data> message = createMessageForPostAndLogging(std::move(events), nullptr);
+    if (!message || _targets.ordinary() == nullptr) return false;
+    _unfinished.emplace(*std::move(message));
+    return true;
 }
 
 /// The held records if they may be posted, else none.

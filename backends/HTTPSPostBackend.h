@@ -7,11 +7,14 @@
 #include "backends/QuorvaneBackend.h"
 #include "backends/ReportingRules.h"
 #include "platform/http/HttpSession.h"
+#include "util/Compression.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quorvane {
@@ -37,8 +40,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
                        std::uint16_t respCode, EventID eventID, MessageFlag flag) override;
     using QuorvaneBackend::sendMessage;
 
-    /// Posts a batch that the last event has completed: what that takes is no part of the event's answer.
-    void finishSending() override;
+    /// Posts a batch that the last event has completed, step by step: an event that comes meanwhile waits for
+    /// one step only.
+    bool continueSending() override;
 
     /// Posts the held records in one message if the backend reports; the answer is as above.
     Answer flushMessages() override;
@@ -66,6 +70,14 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     /// What the next post waits for: that this one has started, or that it was answered or has failed.
     enum class Order { Started, Ended };
 
+    /// A message of which a part is compressed.
+    struct UnfinishedPost {
+        explicit UnfinishedPost(Data text) : message(std::move(text)), deflater(message.size()) {}
+        Data message;
+        GzipDeflater deflater;
+        std::size_t compressed = 0;
+    };
+
     // The state: UpdateBackendState.cpp.
     ReportingFacts reportingFacts() const;
     void applyExpedite(const Dictionary& entry);
@@ -91,6 +103,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     void postOrDrop(Dictionary event);
     void dropEvent();
     Array takeBatch();
+    bool beginPost();
+    bool compressStep();
     void addUserInfo(Array& events) const;
     /// These write the posted text where it is asked for: it costs as much as the message itself.
     void flush(Answer* prettyJson, Order order = Order::Started);
@@ -105,6 +119,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
                                                   std::optional<std::uint16_t> responseCode) const;
     void postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
                          std::optional<std::uint16_t> responseCode, Order order);
+    /// Posts the message or its compressed form, whichever is shorter.
+    void postBody(Data message, Data compressed, const std::string& url,
+                  std::vector<platform::HttpHeader> headers, Order order);
     void postCompleted(const std::string& name, const platform::HttpResult& result);
 
     static constexpr std::int32_t kDefaultEventThreshold = 49;
@@ -121,7 +138,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     RecordTemplate _template;
     std::uint32_t _templateRevision = 0;  ///< of the facts that it was made from
     EventBatch _batch;
-    Array _completed;  ///< a batch that finishSending() posts
+    Array _completed;  ///< a batch that continueSending() posts
+    std::optional<UnfinishedPost> _unfinished;
 };
 
 }  // namespace quorvane

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <span>
 #include <utility>
 
 #include <fmt/format.h>
@@ -15,6 +16,9 @@
 namespace quorvane {
 
 namespace {
+
+/// Takes about as long as an event whose answer shall not wait for more.
+constexpr std::size_t kCompressedStep = 8u << 10;
 
 bool isRealtime(MessageFlag flag) {
     return flag == MessageFlag{1} || flag == MessageFlag{3};
@@ -97,16 +101,32 @@ void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::opti
                                        std::optional<std::uint16_t> responseCode, Order order) {
     const std::string* url = isRealtime(flag) ? _targets.realtime() : _targets.ordinary();
     if (url == nullptr) return;
-
     // A failed compression counts as the shorter form and goes out as an empty body.
     Data compressed = gzipDeflate(message).value_or(Data());
-    const bool isCompressed = compressed.size() < message.size();
+    postBody(std::move(message), std::move(compressed), *url, postHeaders(method, responseCode), order);
+}
 
+bool HTTPSPostBackend::compressStep() {
+    const std::span<const std::uint8_t> message = _unfinished->message;
+    const auto piece = message.subspan(_unfinished->compressed)
+                           .first(std::min(kCompressedStep, message.size() - _unfinished->compressed));
+    _unfinished->compressed += piece.size();
+    if (_unfinished->deflater.append(piece) && _unfinished->compressed < message.size()) return true;
+    Data compressed = _unfinished->deflater.finish().value_or(Data());
+    postBody(std::move(_unfinished->message), std::move(compressed), *_targets.ordinary(),
+             postHeaders(std::nullopt, std::nullopt), Order::Started);
+    _unfinished.reset();
+    return false;
+}
+
+void HTTPSPostBackend::postBody(Data message, Data compressed, const std::string& url,
+                                std::vector<platform::HttpHeader> headers, Order order) {
+    const bool isCompressed = compressed.size() < message.size();
     platform::HttpRequest request;
-    request.url = *url;
+    request.url = url;
     request.method = "POST";
     request.body = isCompressed ? std::move(compressed) : std::move(message);
-    request.headers = postHeaders(method, responseCode);
+    request.headers = std::move(headers);
     request.headers.push_back({"Content-Length", fmt::format("{}", request.body.size())});
     if (isCompressed) request.headers.push_back({"Content-Encoding", "gzip"});
     request.wantsBody = false;

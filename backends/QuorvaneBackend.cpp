@@ -66,6 +66,10 @@ void QuorvaneBackend::setCorrelatedSessionID(const std::string& combinedSessionI
     setCombinedSessionIDString(combinedSessionID);
 }
 
+void QuorvaneBackend::finishSending() {
+    while (continueSending()) continue;
+}
+
 void QuorvaneBackend::setSelfVersion(std::string_view version) {
     const auto point = version.find('.');
     const auto rest = point == std::string_view::npos ? std::string_view() : version.substr(point + 1);

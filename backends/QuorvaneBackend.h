@@ -52,8 +52,11 @@ class QuorvaneBackend {
     virtual Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
                                std::uint16_t respCode, EventID eventID, MessageFlag flag);
 
-    /// Does what a send left undone to answer sooner. To be called after each, once its answer is on its way.
-    virtual void finishSending() {}
+    /// Does a part of what a send left undone to answer sooner; whether more is left. To be called after
+    /// each, once its answer is on its way.
+    virtual bool continueSending() { return false; }
+    /// Does all of it.
+    void finishSending();
 
     virtual Answer flushMessages() { return std::nullopt; }
     virtual bool uploadFileAtPath(const std::string& path, const char* extensionToken);

@@ -46,6 +46,7 @@ bool QuorvanedAgent::listener(const platform::BusListener&,
     const auto client = std::make_shared<ClientProxy>(newConnection);
     const auto session = QuorvanedSession::initWithSessionDelegate(*this, client);
     ClientSessionEndpoint::exportSession(*newConnection, session, client);
+    newConnection->setIdleHandler([session] { return session->continueSending(); });
     add(session);
     newConnection->setInterruptionHandler([session] {
         if (platform::logs(platform::LogLevel::Debug))

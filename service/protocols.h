@@ -48,6 +48,9 @@ class ClientSessionInterface {
     virtual void sendEarlierMessage(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
                                     std::uint32_t flag, platform::TimeValue time) = 0;
     virtual void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) = 0;
+    /// Does a part of what events left to do when they were answered; whether more is left. To be called
+    /// while the client asks for nothing.
+    virtual bool continueSending() = 0;
 
     /// Both block until every upload backend has its server's answer. The file is named by a file URL.
     virtual void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,

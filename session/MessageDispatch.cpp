@@ -4,6 +4,8 @@
 #include "session/QuorvanedSession.h"
 #include "util/Conversions.h"
 
+#include <algorithm>
+
 namespace quorvane {
 
 using platform::logDebug;
@@ -16,7 +18,6 @@ void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
     const Answer answer = sendMessageWithCategory(category, type, payload);
     if (reply) reply(answer);
-    finishSending();
 }
 
 void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
@@ -24,7 +25,6 @@ void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
     const Answer answer = sendMessageWithDictionary(message);
     if (reply) reply(answer);
-    finishSending();
 }
 
 void QuorvanedSession::sendEarlierMessage(std::uint16_t category, std::uint16_t type,
@@ -32,7 +32,6 @@ void QuorvanedSession::sendEarlierMessage(std::uint16_t category, std::uint16_t 
                                           platform::TimeValue time) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
     if (hasBackendsToSend()) dispatch(category, type, payload, MessageFlag{flag}, time);
-    finishSending();
 }
 
 void QuorvanedSession::flushMessagesWithReply(const std::function<void(const Answer&)>& reply) {
@@ -82,16 +81,17 @@ Answer QuorvanedSession::dispatch(std::uint16_t category, std::uint16_t type, co
         [&](QuorvaneBackend& backend) { return backend.sendMessage(payload, time, category, type, flag); });
 }
 
-void QuorvanedSession::finishSending() {
+bool QuorvanedSession::continueSending() {
     const auto& backends = _backends.own();
-    if (backends == nullptr) return;
-    for (const auto& [name, backend] : *backends) backend->finishSending();
+    if (backends == nullptr) return false;
+    return std::any_of(backends->begin(), backends->end(),
+                       [](const auto& named) { return named.second->continueSending(); });
 }
 
 void QuorvanedSession::internalSendMessage(const Dictionary& message, std::uint16_t method,
                                            std::uint16_t respCode) {
     sendMessageWithCategory(method, respCode, &message);
-    finishSending();
+    while (continueSending()) continue;
     logDebug("internalSendMessage: Sent internal message (method:{} respCode:{})", method, respCode);
 }
 

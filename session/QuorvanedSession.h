@@ -50,6 +50,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     void sendEarlierMessage(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
                             std::uint32_t flag, platform::TimeValue time) override;
     void flushMessagesWithReply(const std::function<void(const Answer&)>& reply) override;
+    bool continueSending() override;
     void uploadFileAtPath(const std::string& fileURL, const std::string& extensionToken,
                           const std::function<void(bool)>& completionHandler) override;
     void uploadLogData(const Array& logData,
@@ -112,7 +113,6 @@ class QuorvanedSession final : public ClientSessionInterface {
     bool hasBackendsToSend() const;
     Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag,
                     platform::TimeValue time);
-    void finishSending();
     void internalSendMessage(const Dictionary& message, std::uint16_t method, std::uint16_t respCode);
     Answer flushMessages();
 

@@ -27,6 +27,7 @@ void follow(QuorvaneBackend& backend, const QuorvanedSession& parent, const Repo
 
 void QuorvanedSession::updateReportingStates() {
     if (_backends.own() == nullptr) return;
+    for (const auto& [name, backend] : *_backends.own()) backend->finishSending();
     // A parent that hands its states down meanwhile acts on states that are gone already.
     const std::scoped_lock lock(_sessionDelegate.lock());
     for (const auto& [name, backend] : *_backends.own()) {

@@ -153,7 +153,7 @@ void EndDeflate::operator()(z_stream_s* stream) const {
 }
 
 GzipDeflater::GzipDeflater(std::size_t expectedInput) {
-    if (isCountable(expectedInput, kMaximumInput)) _stream = newStream(true);
+    if (isCountable(expectedInput, kMaximumInput)) _stream = takeStream(true);
     if (_stream == nullptr) return;
     try {
         // Pages that the stream does not reach are never touched.
@@ -179,7 +179,9 @@ bool GzipDeflater::append(std::span<const std::uint8_t> piece) {
 std::optional<Data> GzipDeflater::finish() {
     if (_stream == nullptr || !deflate(Z_FINISH)) return std::nullopt;
     _output.resize(_stream->total_out);
+    _output.shrink_to_fit();  // It may wait for long.
     logSuccess(_stream->total_in, _output.size());
+    keepStream(std::move(_stream));
     return std::move(_output);
 }
 

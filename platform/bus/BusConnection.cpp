@@ -17,6 +17,7 @@
 #include <chrono>
 #include <optional>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include <fmt/format.h>
@@ -162,6 +163,7 @@ void BusConnection::finish(Ending ending) {
     if (_invalidationHandler) _invalidationHandler();
     _interruptionHandler = nullptr;
     _invalidationHandler = nullptr;
+    _idleHandler = nullptr;
     _fileHandler = nullptr;
     _dictionaryHandler = nullptr;
     _exported.clear();
@@ -173,11 +175,18 @@ BusConnection::Ending BusConnection::serveUntilItEnds() {
     if (result < 0) return endingOfSocket();
     while (result >= 0) {
         result = serveWaiting();
-        if (result >= 0) result = waitForWork();
+        if (result >= 0 && !workWhileIdle()) result = waitForWork();
     }
     if (result == -EBADMSG) return Ending::Broken;
     serveRest();
     return endingOfSocket();
+}
+
+/// The kernel tends to wake a client on the processor that answers it, where it then waits for this thread.
+bool BusConnection::workWhileIdle() {
+    if (!_idleHandler || !_idleHandler()) return false;
+    std::this_thread::yield();
+    return true;
 }
 
 int BusConnection::authenticate() {

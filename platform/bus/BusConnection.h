@@ -62,6 +62,9 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///   method  must live as long as the connection
     using DictionaryHandler = std::function<void(sd_bus_message* call, const Dictionary& argument)>;
     void setDictionaryHandler(Method method, DictionaryHandler handler);
+    /// Runs, again and again while it says that there is more to do, whenever the client asks for nothing; on
+    /// the connection's thread.
+    void setIdleHandler(std::function<bool()> handler) { _idleHandler = std::move(handler); }
     /// Runs when the connection ends in anything but an orderly close, before the invalidation handler.
     void setInterruptionHandler(Handler handler) { _interruptionHandler = std::move(handler); }
     /// Runs once when the connection has ended, on the connection's thread.
@@ -114,6 +117,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     void serve();
     void finish(Ending ending);
     Ending serveUntilItEnds();
+    bool workWhileIdle();
     int authenticate();
     int serveWaiting();
     void serveRest();
@@ -150,6 +154,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     DictionaryHandler _dictionaryHandler;
     Handler _interruptionHandler;
     Handler _invalidationHandler;
+    std::function<bool()> _idleHandler;
     Handler _ended;
 
     mutable Mutex _mutex;
