@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <span>
 #include <utility>
 
 #include <fmt/format.h>
@@ -17,8 +16,8 @@ namespace quorvane {
 
 namespace {
 
-/// Takes about as long as an event whose answer shall not wait for more.
-constexpr std::size_t kCompressedStep = 8u << 10;
+/// Takes about as long as an event, whose answer shall not wait for more.
+constexpr std::size_t kCompressedStep = 3u << 10;
 
 bool isRealtime(MessageFlag flag) {
     return flag == MessageFlag{1} || flag == MessageFlag{3};
@@ -107,13 +106,14 @@ void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::opti
 }
 
 bool HTTPSPostBackend::compressStep() {
-    const std::span<const std::uint8_t> message = _unfinished->message;
-    const auto piece = message.subspan(_unfinished->compressed)
-                           .first(std::min(kCompressedStep, message.size() - _unfinished->compressed));
-    _unfinished->compressed += piece.size();
-    if (_unfinished->deflater.append(piece) && _unfinished->compressed < message.size()) return true;
-    Data compressed = _unfinished->deflater.finish().value_or(Data());
-    postBody(std::move(_unfinished->message), std::move(compressed), *_targets.ordinary(),
+    auto& [message, deflater, compressed] = *_unfinished;
+    const std::size_t piece = std::min(kCompressedStep, message.size() - compressed);
+    if (piece > 0 && deflater.append({message.data() + compressed, piece})) {
+        compressed += piece;
+        return true;
+    }
+    Data body = deflater.finish().value_or(Data());
+    postBody(std::move(message), std::move(body), *_targets.ordinary(),
              postHeaders(std::nullopt, std::nullopt), Order::Started);
     _unfinished.reset();
     return false;
