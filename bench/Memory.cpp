@@ -117,7 +117,7 @@ void stall(const char* title, bool batch, std::uint32_t flag) {
     const std::uint64_t expected = batch ? arrivingEvents(sender.sent()) : sender.sent();
     world.collector().waitForEvents(expected, std::chrono::seconds(120));
     countRow("events that arrived", world.collector().events(), expected);
-    std::this_thread::sleep_for(std::chrono::seconds(1));  // It learns a little later that they arrived.
+    std::this_thread::sleep_for(std::chrono::seconds(4));  // It gives memory back a little later.
     row("memory of the daemon afterwards", "{:.2f} MiB", anonymousMiB(world));
 }
 
