@@ -73,7 +73,10 @@ class Application {
         round.unanswered = cpuPerEvent(
             events, [&](std::uint64_t number) { orDie(_client.sendAndForget(at(number)), "send"); }, flush);
         round.answered = cpuPerEvent(
-            events, [&](std::uint64_t number) { orDie(_client.sendAsync(at(number), nullptr), "send"); },
+            events,
+            [&](std::uint64_t number) {
+                orDie(_client.sendAsync(at(number), [](const Result<Answer>&) {}), "send");
+            },
             flush);
         return round;
     }

@@ -10,9 +10,11 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -25,6 +27,11 @@ namespace {
 /// The most calls that may be unanswered at a time; past it callers wait.
 constexpr std::size_t kUnansweredCalls = 1024;
 
+/// Callers that wait for answers are woken when so few calls are left, not by each answer. In case the others
+/// are not answered, they look again after a while.
+constexpr std::size_t kFewCalls = kUnansweredCalls / 2;
+constexpr Timeout kLookAgain = std::chrono::milliseconds(10);
+
 /// Send buffer of the socket, in bytes. sd-bus would ask for 8 MiB, which a slow daemon lets fill up.
 constexpr int kSocketBuffer = 256 << 10;
 
@@ -32,6 +39,10 @@ constexpr int kSocketBuffer = 256 << 10;
 constexpr std::size_t kWholeBytes = 16u << 10;
 
 constexpr Connection::Method kSendMessage{kClientSessionInterface, "SendMessageWithDictionary"};
+
+Deadline sooner(const Deadline& a, const Deadline& b) {
+    return a && b ? std::min(*a, *b) : a ? a : b;
+}
 
 Error noDaemonError(int error) {
     return {ErrorCode::Disconnected, std::string("no daemon answers: ") + std::strerror(-error)};
@@ -203,23 +214,36 @@ Status Connection::post(const Method& method, const Encoder& encode, std::unique
 
 Status Connection::waitForRoom(const Call* call) {
     const bool answered = call != nullptr;
+    const Deadline deadline = answered ? call->deadline : std::nullopt;
     while (!_lost && isFull(answered)) {
         if (isOwnThread()) return wouldDeadlock();
+        if (deadline && std::chrono::steady_clock::now() >= *deadline)
+            return Error{ErrorCode::TimedOut, "the daemon did not take the message in time"};
         ++_roomWaiters;
         ++_blocked;
         wakeIfNeeded();
-        auto came = std::cv_status::no_timeout;
-        if (answered && call->deadline)
-            came = _roomChanged.wait_until(_mutex, *call->deadline);
+        if (hasQueuedWrites())
+            waitOn(_roomChanged, deadline);
         else
-            _roomChanged.wait(_mutex);
+            waitOn(_fewerCalls, sooner(deadline, deadlineAfter(kLookAgain)));
         --_roomWaiters;
         --_blocked;
-        if (came == std::cv_status::timeout && !_lost && isFull(answered))
-            return Error{ErrorCode::TimedOut, "the daemon did not take the message in time"};
     }
     if (_lost) return *_lost;
     return std::monostate{};
+}
+
+void Connection::waitOn(std::condition_variable_any& change, const Deadline& deadline) {
+    if (deadline)
+        change.wait_until(_mutex, *deadline);
+    else
+        change.wait(_mutex);
+}
+
+void Connection::wakeWaiters() {
+    if (_roomWaiters == 0) return;
+    if (_lost || !hasQueuedWrites()) _roomChanged.notify_all();
+    if (_lost || _calls.size() <= kFewCalls) _fewerCalls.notify_all();
 }
 
 bool Connection::isFull(bool answered) const {

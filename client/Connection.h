@@ -75,6 +75,7 @@ class Connection {
     struct Awaited {
         bool reading = true;
         bool writing = false;
+        bool paused = false;               ///< Not reading for a moment, so that more answers come.
         std::uint64_t until = UINT64_MAX;  ///< Microseconds of CLOCK_MONOTONIC.
     };
     struct Next {
@@ -92,6 +93,9 @@ class Connection {
     Status post(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) REQUIRES(_mutex);
     bool writeDirectly(std::span<const std::uint8_t> message) REQUIRES(_mutex);
     Status waitForRoom(const Call* call) REQUIRES(_mutex);
+    void waitOn(std::condition_variable_any& change, const Deadline& deadline) REQUIRES(_mutex);
+    void wakeWaiters() REQUIRES(_mutex);
+    bool waitsForAnswer() const REQUIRES(_mutex) { return _blocked > _roomWaiters; }
     bool isFull(bool answered) const REQUIRES(_mutex);
     int sendUnanswered(sd_bus_message* message) REQUIRES(_mutex);
     int sendCall(sd_bus_message* message, std::unique_ptr<Call> call) REQUIRES(_mutex);
@@ -107,6 +111,7 @@ class Connection {
     bool isOwnThread() const;
     void run();
     Next process();
+    void awaitNext(bool readAll) REQUIRES(_mutex);
     void lose(int error) REQUIRES(_mutex);
     void end(Error error) REQUIRES(_mutex);
     void waitFor(const Awaited& awaited) const;
@@ -123,7 +128,7 @@ class Connection {
     std::thread _thread;
 
     platform::Mutex _mutex;
-    std::condition_variable_any _roomChanged;
+    std::condition_variable_any _roomChanged, _fewerCalls;
     sd_bus* _bus GUARDED_BY(_mutex) = nullptr;
     std::optional<Error> _lost GUARDED_BY(_mutex);
     bool _stopping GUARDED_BY(_mutex) = false;

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -16,6 +17,9 @@ namespace {
 
 /// How many messages one pass handles before it releases the lock to callers.
 constexpr int kMessagesAtATime = 64;
+
+/// While nobody waits for an answer, answers are read together that come within so many microseconds.
+constexpr std::uint64_t kPause = 100;
 
 /// The connection whose thread this is; null on every other thread.
 thread_local const Connection* t_serves = nullptr;
@@ -44,8 +48,8 @@ void Connection::run() {
         if (next.over) return;
         // A callback wakes this thread when the queue falls below its bound. One that finished before
         // deliver() had added the new callbacks did not, so look again before sleeping without reading.
-        const bool hasRoomAgain =
-            !next.awaited.reading && _callbacks->waitingBytes() < CallbackQueue::kBoundBytes;
+        const bool hasRoomAgain = !next.awaited.reading && !next.awaited.paused &&
+                                  _callbacks->waitingBytes() < CallbackQueue::kBoundBytes;
         if (!next.more && !hasRoomAgain) waitFor(next.awaited);
     }
 }
@@ -56,18 +60,32 @@ Connection::Next Connection::process() {
     // a full callback queue stops the reading: otherwise nothing would be sent and no time-out would come
     // true.
     int processed = 1;
-    for (int i = 0; i < kMessagesAtATime && processed > 0 && !_stopping && (i == 0 || mayRead()); ++i)
+    int handled = 0;
+    while (handled < kMessagesAtATime && processed > 0 && !_stopping && (handled == 0 || mayRead())) {
         processed = ::sd_bus_process(_bus, nullptr);
+        if (processed > 0) ++handled;
+    }
     if (_stopping)
         end({ErrorCode::Disconnected, "the client was closed"});
     else if (processed < 0)
         lose(processed);
-    if (_roomWaiters > 0) _roomChanged.notify_all();
+    wakeWaiters();
 
-    const int events = ::sd_bus_get_events(_bus);
-    _awaited = {mayRead(), events > 0 && (events & POLLOUT) != 0, UINT64_MAX};
-    ::sd_bus_get_timeout(_bus, &_awaited.until);
+    awaitNext(handled > 0 && processed == 0);
     return {_lost.has_value(), processed > 0 && _awaited.reading, _awaited};
+}
+
+void Connection::awaitNext(bool readAll) {
+    const int events = ::sd_bus_get_events(_bus);
+    _awaited.writing = events > 0 && (events & POLLOUT) != 0;
+    _awaited.paused = readAll && !_calls.empty() && !waitsForAnswer();
+    _awaited.reading = mayRead() && !_awaited.paused;
+    std::uint64_t until = UINT64_MAX;
+    ::sd_bus_get_timeout(_bus, &until);
+    // A time that was set earlier stays, also when its call is answered: the next call need not wake this
+    // thread to set one.
+    const bool isPast = microsecondsUntilPoint(_awaited.until) == 0;
+    _awaited.until = isPast ? until : std::min(until, _awaited.until);
 }
 
 void Connection::lose(int error) {
@@ -85,7 +103,9 @@ void Connection::end(Error error) {
 void Connection::waitFor(const Awaited& awaited) const {
     const auto events = static_cast<short>((awaited.reading ? POLLIN : 0) | (awaited.writing ? POLLOUT : 0));
     pollfd descriptors[] = {{_socket.get(), events, 0}, {_wake->get(), POLLIN, 0}};
-    const std::optional<timespec> limit = timespecOf(microsecondsUntilPoint(awaited.until));
+    const std::uint64_t longest = awaited.paused ? kPause : UINT64_MAX;
+    const std::optional<timespec> limit =
+        timespecOf(std::min(longest, microsecondsUntilPoint(awaited.until)));
     ::ppoll(descriptors, 2, limit ? &*limit : nullptr, nullptr);
     eventfd_t count = 0;
     if (descriptors[1].revents != 0) ::eventfd_read(_wake->get(), &count);
@@ -103,9 +123,8 @@ bool Connection::hasQueuedWrites() const {
 void Connection::wakeIfNeeded() const {
     std::uint64_t until = UINT64_MAX;
     ::sd_bus_get_timeout(_bus, &until);
-    if (until < _awaited.until || (!_awaited.writing && hasQueuedWrites()) ||
-        (!_awaited.reading && _blocked > 0))
-        wake();
+    const bool readsTooLate = _awaited.paused ? waitsForAnswer() : !_awaited.reading && _blocked > 0;
+    if (until < _awaited.until || (!_awaited.writing && hasQueuedWrites()) || readsTooLate) wake();
 }
 
 void Connection::wake() const {

@@ -87,8 +87,9 @@ struct ReporterOptions {
 /// ms, one with kFlagSendNow for none. How long each has waited goes with it, so it bears the time of
 /// report().
 ///
-/// Every operation may be called from any thread; moving and destroying may not run beside other operations.
-/// No operation throws. After fork(2) the child must not use or destroy a reporter of its parent's.
+/// Every operation may be called from any thread; moving and destroying may not run beside other operations,
+/// nor one close() beside another. No operation throws. After fork(2) the child must not use or destroy a
+/// reporter of its parent's.
 class Reporter {
   public:
     /// Fails for options that no daemon could take, and for want of a thread or a descriptor. That no daemon
