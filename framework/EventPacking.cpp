@@ -1,6 +1,7 @@
 #include "framework/EventPacking.h"
 
 #include "platform/value/Bytes.h"
+#include "platform/value/Nesting.h"
 #include "platform/value/Text.h"
 
 #include <bit>
@@ -13,6 +14,9 @@
 
 namespace quorvane {
 
+using platform::containersOf;
+using platform::kMaximumContainers;
+
 namespace {
 
 static_assert(std::endian::native == std::endian::little, "numbers are copied as they lie in memory");
@@ -22,11 +26,6 @@ constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kAgeAt = 12;
 constexpr std::size_t kHeadBytes = 21;
 
-/// So many containers within each other a D-Bus message has. A dictionary in another takes three of them, an
-/// array two, and the payload of an event that is sent by itself stands in three.
-constexpr unsigned kMaximumContainers = 128;
-constexpr unsigned kContainersOfDictionary = 3;
-constexpr unsigned kContainersOfArray = 2;
 constexpr std::size_t kMaximumValues = 1'000'000;
 
 /// Smallest entry of a dictionary: an empty key and a boolean.
@@ -49,6 +48,7 @@ bool isSendable(std::string_view text) {
         std::memcpy(&word, text.data() + at, sizeof word);
         if (!isPlain(word)) break;
     }
+    if (text.size() == at) return true;
     if (text.size() - at < sizeof word) {
         word = 0x0101'0101'0101'0101;
         std::memcpy(&word, text.data() + at, text.size() - at);
@@ -62,12 +62,11 @@ bool isSendable(std::string_view text) {
 /// Adds up what values take; false when they cannot be sent.
 class Measure {
   public:
+    /// What it holds stands in so many containers.
     bool dictionary(const Dictionary& dictionary, unsigned open) {
-        const unsigned inside = open + kContainersOfDictionary;
-        if (inside > kMaximumContainers) return false;
         bytes += 4;
         for (const auto& [key, value] : dictionary)
-            if (!text(key) || !this->value(value, inside)) return false;
+            if (!text(key) || !this->value(value, open)) return false;
         return true;
     }
 
@@ -80,16 +79,16 @@ class Measure {
     }
 
     bool array(const Array& array, unsigned open) {
-        const unsigned inside = open + kContainersOfArray;
-        if (inside > kMaximumContainers) return false;
         bytes += 4;
         for (const Value& element : array)
-            if (!value(element, inside)) return false;
+            if (!value(element, open)) return false;
         return true;
     }
 
     bool value(const Value& value, unsigned open) {
         bytes += 1;
+        open += containersOf(value.kind());
+        if (open > kMaximumContainers) return false;
         return value.visit([&](const auto& held) {
             using Held = std::decay_t<decltype(held)>;
             if constexpr (std::is_same_v<Held, std::string>) {
@@ -100,10 +99,10 @@ class Measure {
                 return array(held, open);
             } else if constexpr (std::is_same_v<Held, Data>) {
                 bytes += 4 + held.size();
-                return open < kMaximumContainers;
+                return true;
             } else if constexpr (std::is_same_v<Held, Date>) {
                 bytes += sizeof held.microseconds;
-                return open < kMaximumContainers;
+                return true;
             } else {
                 bytes += sizeof held;
                 return true;
@@ -180,7 +179,7 @@ class Reader {
             fail("it is older than a year");
         event.age = std::chrono::microseconds(age);
         event.payload.reset();
-        if (boolean()) event.payload = dictionary(kContainersOfDictionary);
+        if (boolean()) event.payload = dictionary(containersOf(Value::Kind::Dictionary));
         if (!_rest.empty()) fail("it is longer than its values");
     }
 
@@ -236,34 +235,36 @@ class Reader {
         return _failure == nullptr ? count : 0;
     }
 
-    unsigned enter(unsigned open, unsigned containers) {
-        if (open + containers > kMaximumContainers) fail("its values are nested too deeply");
-        return open + containers;
+    /// What a value of the kind holds stands in so many containers.
+    unsigned enter(unsigned open, Value::Kind kind) {
+        open += containersOf(kind);
+        if (open > kMaximumContainers) fail("its values are nested too deeply");
+        return open;
     }
 
     Dictionary dictionary(unsigned open) {
-        const unsigned inside = enter(open, kContainersOfDictionary);
         std::vector<Dictionary::Entry> entries;
         const std::uint32_t size = count(kSmallestEntry);
         entries.reserve(size);
         while (entries.size() < size && _failure == nullptr) {
             const std::string_view key = text();
-            entries.push_back({std::string(key), value(inside)});
+            entries.push_back({std::string(key), value(open)});
         }
         return Dictionary::fromEntries(std::move(entries));
     }
 
     Array array(unsigned open) {
-        const unsigned inside = enter(open, kContainersOfArray);
         Array array;
         const std::uint32_t size = count(kSmallestElement);
         array.reserve(size);
-        while (array.size() < size && _failure == nullptr) array.push_back(value(inside));
+        while (array.size() < size && _failure == nullptr) array.push_back(value(open));
         return array;
     }
 
     Value value(unsigned open) {
-        switch (static_cast<Value::Kind>(number<std::uint8_t>())) {
+        const auto kind = static_cast<Value::Kind>(number<std::uint8_t>());
+        open = enter(open, kind);
+        switch (kind) {
             case Value::Kind::String:
                 return text();
             case Value::Kind::Boolean:
@@ -275,10 +276,8 @@ class Reader {
             case Value::Kind::Real:
                 return number<double>();
             case Value::Kind::Date:
-                enter(open, 1);
                 return Date{number<std::int64_t>()};
             case Value::Kind::Data:
-                enter(open, 1);
                 return data();
             case Value::Kind::Array:
                 return array(open);
@@ -298,7 +297,8 @@ class Reader {
 
 std::optional<std::size_t> packedSize(const Dictionary* payload) {
     Measure measure;
-    if (payload != nullptr && !measure.dictionary(*payload, kContainersOfDictionary)) return std::nullopt;
+    if (payload != nullptr && !measure.dictionary(*payload, containersOf(Value::Kind::Dictionary)))
+        return std::nullopt;
     return kHeadBytes + measure.bytes;
 }
 

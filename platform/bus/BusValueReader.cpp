@@ -1,5 +1,7 @@
 #include "platform/bus/BusValue.h"
 
+#include "platform/value/Nesting.h"
+
 #include <array>
 #include <cerrno>
 #include <string_view>
@@ -9,7 +11,6 @@ namespace quorvane::platform {
 
 namespace {
 
-constexpr unsigned kMaximumDepth = 64;
 constexpr std::size_t kMaximumValues = 1'000'000;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
@@ -46,6 +47,9 @@ class Reader {
     template <typename Function>
     int inside(char type, const char* contents, Function&& function);
     int leave(int result);
+    /// Calls a function that reads what stands in so many more.
+    template <typename Function>
+    int nested(unsigned containers, Function&& function);
 
     int value(const char* type, Value& out);
     int variant(Value& out);
@@ -61,7 +65,7 @@ class Reader {
     int number(char type, Value& out);
 
     sd_bus_message* _message;
-    unsigned _depth = 1;
+    unsigned _open = 0;  ///< Containers around the next value once it is written.
     std::size_t _values = 0;
 };
 
@@ -79,12 +83,21 @@ int Reader::leave(int result) {
     return left < 0 ? left : 1;
 }
 
+template <typename Function>
+int Reader::nested(unsigned containers, Function&& function) {
+    if (_open + containers > kMaximumContainers) return -E2BIG;
+    _open += containers;
+    const int result = function();
+    _open -= containers;
+    return result;
+}
+
 int Reader::dictionary(const char* entryType, Dictionary& out) {
     const std::string_view braced = entryType;
     const std::string contents(braced.substr(1, braced.size() - 2));
     const char* valueType = contents.c_str() + 1;
     std::vector<Dictionary::Entry> entries;
-    const int result = inside(SD_BUS_TYPE_ARRAY, entryType, [&] {
+    const auto readEntries = [&] {
         int more = 0;
         do {
             more = inside(SD_BUS_TYPE_DICT_ENTRY, contents.c_str(), [&] {
@@ -100,23 +113,32 @@ int Reader::dictionary(const char* entryType, Dictionary& out) {
             });
         } while (more > 0);
         return more;
-    });
+    };
+    const int result = nested(containersOf(Value::Kind::Dictionary),
+                              [&] { return inside(SD_BUS_TYPE_ARRAY, entryType, readEntries); });
     if (result >= 0) out = Dictionary::fromEntries(std::move(entries));
     return result;
 }
 
 int Reader::array(const char* elementType, Array& out) {
     out.clear();
-    return inside(SD_BUS_TYPE_ARRAY, elementType, [&] {
+    const auto readElements = [&] {
+        const bool inVariants = *elementType == SD_BUS_TYPE_VARIANT;
         int more = 0;
-        while ((more = ::sd_bus_message_at_end(_message, 0)) == 0)
-            if (const int read = value(elementType, out.emplace_back()); read < 0) return read;
+        while ((more = ::sd_bus_message_at_end(_message, 0)) == 0) {
+            Value& element = out.emplace_back();
+            const int read = inVariants ? variant(element) : value(elementType, element);
+            if (read < 0) return read;
+        }
         return more;
-    });
+    };
+    return nested(containersOf(Value::Kind::Array),
+                  [&] { return inside(SD_BUS_TYPE_ARRAY, elementType, readElements); });
 }
 
 int Reader::value(const char* type, Value& out) {
-    if (*type == SD_BUS_TYPE_VARIANT) return variant(out);
+    if (*type == SD_BUS_TYPE_VARIANT)  // In another, which is left out when it is written.
+        return nested(1, [&] { return variant(out); });
     if (++_values > kMaximumValues) return -E2BIG;
     switch (*type) {
         case SD_BUS_TYPE_STRING:
@@ -148,16 +170,10 @@ int Reader::value(const char* type, Value& out) {
 
 int Reader::container(const char* type, Value& out) {
     const std::string_view signature = type;
-    if (signature == "ay") return data(out);
-    if (signature == "(xu)") return date(out);
-    if (++_depth > kMaximumDepth) return -E2BIG;
-    int result = -ENXIO;
-    if (signature.starts_with("a{s"))
-        result = dictionaryOf(type + 1, out);
-    else if (signature.starts_with('a'))
-        result = arrayOf(type + 1, out);
-    --_depth;
-    return result;
+    if (signature == "ay") return nested(containersOf(Value::Kind::Data), [&] { return data(out); });
+    if (signature == "(xu)") return nested(containersOf(Value::Kind::Date), [&] { return date(out); });
+    if (signature.starts_with("a{s")) return dictionaryOf(type + 1, out);
+    return signature.starts_with('a') ? arrayOf(type + 1, out) : -ENXIO;
 }
 
 int Reader::variant(Value& out) {

@@ -1,5 +1,6 @@
 #include "platform/bus/BusValue.h"
 
+#include "platform/value/Nesting.h"
 #include "platform/value/Text.h"
 
 #include <cerrno>
@@ -9,9 +10,6 @@ namespace quorvane::platform {
 
 namespace {
 
-/// So many containers within each other the bus library enters. A dictionary in another takes three of them,
-/// an array two.
-constexpr unsigned kMaximumContainers = 128;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
 bool isBusText(const std::string& text) {
@@ -23,11 +21,8 @@ int appendText(sd_bus_message* message, const std::string& text) {
     return ::sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, text.c_str());
 }
 
-/// Appends a container in as many others as stand open already.
 template <typename Function>
-int appendContainer(sd_bus_message* message, unsigned open, char type, const char* contents,
-                    Function&& function) {
-    if (open >= kMaximumContainers) return -E2BIG;
+int appendContainer(sd_bus_message* message, char type, const char* contents, Function&& function) {
     if (const int result = ::sd_bus_message_open_container(message, type, contents); result < 0)
         return result;
     if (const int result = function(); result < 0) return result;
@@ -41,6 +36,7 @@ int appendEach(const Elements& elements, Function&& function) {
     return 0;
 }
 
+// What they hold stands in so many containers.
 int appendDictionary(sd_bus_message* message, const Dictionary& dictionary, unsigned open);
 int appendArray(sd_bus_message* message, const Array& array, unsigned open);
 
@@ -80,6 +76,8 @@ const char* signatureOf(Value::Kind kind) {
 }
 
 int appendHeld(sd_bus_message* message, const Value& value, unsigned open) {
+    open += containersOf(value.kind());
+    if (open > kMaximumContainers) return -E2BIG;
     return value.visit([&](const auto& held) -> int {
         using Held = std::decay_t<decltype(held)>;
         if constexpr (std::is_same_v<Held, std::string>) {
@@ -102,57 +100,56 @@ int appendHeld(sd_bus_message* message, const Value& value, unsigned open) {
 }
 
 int appendVariant(sd_bus_message* message, const Value& value, unsigned open) {
-    return appendContainer(message, open, SD_BUS_TYPE_VARIANT, signatureOf(value.kind()),
-                           [&] { return appendHeld(message, value, open + 1); });
+    return appendContainer(message, SD_BUS_TYPE_VARIANT, signatureOf(value.kind()),
+                           [&] { return appendHeld(message, value, open); });
 }
 
 int appendDictionary(sd_bus_message* message, const Dictionary& dictionary, unsigned open) {
     const auto appendEntry = [&](const Dictionary::Entry& entry) {
-        return appendContainer(message, open + 1, SD_BUS_TYPE_DICT_ENTRY, "sv", [&] {
+        return appendContainer(message, SD_BUS_TYPE_DICT_ENTRY, "sv", [&] {
             const int result = appendText(message, entry.key);
-            return result < 0 ? result : appendVariant(message, entry.value, open + 2);
+            return result < 0 ? result : appendVariant(message, entry.value, open);
         });
     };
-    return appendContainer(message, open, SD_BUS_TYPE_ARRAY, "{sv}",
+    return appendContainer(message, SD_BUS_TYPE_ARRAY, "{sv}",
                            [&] { return appendEach(dictionary, appendEntry); });
 }
 
 int appendArray(sd_bus_message* message, const Array& array, unsigned open) {
-    return appendContainer(message, open, SD_BUS_TYPE_ARRAY, "v", [&] {
-        return appendEach(array,
-                          [&](const Value& element) { return appendVariant(message, element, open + 1); });
+    return appendContainer(message, SD_BUS_TYPE_ARRAY, "v", [&] {
+        return appendEach(array, [&](const Value& element) { return appendVariant(message, element, open); });
     });
 }
 
 }  // namespace
 
 int appendDictionary(sd_bus_message* message, const Dictionary& dictionary) {
-    return appendDictionary(message, dictionary, 0);
+    return appendDictionary(message, dictionary, containersOf(Value::Kind::Dictionary));
 }
 
 int appendOptionalDictionary(sd_bus_message* message, const Dictionary* dictionary) {
-    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "a{sv}", [&] {
-        return dictionary != nullptr ? appendDictionary(message, *dictionary, 1) : 0;
+    return appendContainer(message, SD_BUS_TYPE_ARRAY, "a{sv}", [&] {
+        return dictionary != nullptr ? appendDictionary(message, *dictionary) : 0;
     });
 }
 
 int appendArray(sd_bus_message* message, const Array& array) {
-    return appendArray(message, array, 0);
+    return appendArray(message, array, containersOf(Value::Kind::Array));
 }
 
 int appendStrings(sd_bus_message* message, const std::vector<std::string>& strings) {
-    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "s", [&] {
+    return appendContainer(message, SD_BUS_TYPE_ARRAY, "s", [&] {
         return appendEach(strings, [&](const std::string& text) { return appendText(message, text); });
     });
 }
 
 int appendOptionalStrings(sd_bus_message* message, const std::vector<std::string>* strings) {
-    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "as",
+    return appendContainer(message, SD_BUS_TYPE_ARRAY, "as",
                            [&] { return strings != nullptr ? appendStrings(message, *strings) : 0; });
 }
 
 int appendOptionalString(sd_bus_message* message, const std::string* text) {
-    return appendContainer(message, 0, SD_BUS_TYPE_ARRAY, "s",
+    return appendContainer(message, SD_BUS_TYPE_ARRAY, "s",
                            [&] { return text != nullptr ? appendText(message, *text) : 0; });
 }
 

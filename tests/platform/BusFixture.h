@@ -3,6 +3,7 @@
 #include "framework/Keys.h"
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/bus/BusConnection.h"
+#include "platform/bus/BusValue.h"
 #include "tests/support/BusClient.h"
 
 #include <sys/socket.h>
@@ -19,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,8 +29,15 @@ namespace quorvane::platform {
 
 inline constexpr const char* kTestInterface = "com.velmora.Test";
 
-/// What a test's connections export: an echo, an answer of a size to choose, a call that sends a signal by
-/// its connection, and one that waits.
+/// So many dictionaries within each other, the value in the innermost.
+inline Dictionary nestedDictionaries(std::uint32_t count, Value value) {
+    Dictionary dictionary{{"k", std::move(value)}};
+    while (--count > 0) dictionary = {{"k", std::move(dictionary)}};
+    return dictionary;
+}
+
+/// What a test's connections export: an echo, an answer of a size and one of a depth to choose, a call that
+/// sends a signal by its connection, and one that waits.
 class TestObject {
   public:
     explicit TestObject(BusConnection& connection) : _connection(connection) {}
@@ -68,6 +77,17 @@ class TestObject {
         return ::sd_bus_reply_method_return(call, nullptr);
     }
 
+    static int nest(sd_bus_message* call, void*, sd_bus_error*) {
+        std::uint32_t dictionaries = 0;
+        ::sd_bus_message_read(call, "u", &dictionaries);
+        sd_bus_message* raw = nullptr;
+        ::sd_bus_message_new_method_return(call, &raw);
+        const test::Message answer(raw);
+        const Dictionary nested = nestedDictionaries(dictionaries, 1);
+        const int result = appendOptionalDictionary(raw, &nested);
+        return result < 0 ? result : ::sd_bus_send(nullptr, raw, nullptr);
+    }
+
     static int wait(sd_bus_message* call, void* object, sd_bus_error*) {
         called(object)._released.get_future().wait();
         return ::sd_bus_reply_method_return(call, nullptr);
@@ -78,6 +98,7 @@ class TestObject {
         SD_BUS_METHOD("Echo", "u", "u", echo, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("Answer", "u", "s", answer, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("Note", "", "", note, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("Nest", "u", "aa{sv}", nest, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("Wait", "", "", wait, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };

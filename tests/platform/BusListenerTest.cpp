@@ -1,6 +1,7 @@
 #include "platform/bus/BusListener.h"
 #include "platform/loop/RunLoop.h"
 #include "tests/platform/BusFixture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/RootFixture.h"
 
 #include <poll.h>
@@ -102,6 +103,18 @@ TEST_F(BusListenerTest, ClosesConnectionsThatTheDelegateRefusesAndThosePastAUser
     second.reset();
     while (!answers(BusClient(_path))) continue;
     EXPECT_TRUE(answers(first));
+}
+
+TEST_F(BusListenerTest, OtherBusLibrariesTakeTheDeepestValueToo) {
+    start();
+    const auto nest = [this](const char* dictionaries) {
+        return test::runProgram({"/usr/bin/gdbus", "call", "--address", "unix:path=" + _path, "--dest", "a.b",
+                                 "--object-path", kQuorvaneObjectPath, "--method", "com.velmora.Test.Nest",
+                                 dictionaries});
+    };
+    const test::ProgramResult deepest = nest("21");
+    EXPECT_EQ(deepest.status, 0) << deepest.errors;
+    EXPECT_THAT(nest("22").errors, testing::HasSubstr("Argument list too long"));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ enum class ErrorCode {
     Disconnected,
     /// The daemon's answer did not come in time. What was asked for may still happen.
     TimedOut,
-    /// The argument cannot be sent: a value nested deeper than 64 levels (42 of dictionaries), a text that is
+    /// The argument cannot be sent: a value nested deeper than 21 dictionaries or 30 arrays, a text that is
     /// not UTF-8 or holds a NUL, a path that is not of a regular file.
     InvalidArgument,
     /// The daemon answered with a D-Bus error.
