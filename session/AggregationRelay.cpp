@@ -1,10 +1,34 @@
 #include "platform/base/Log.h"
+#include "platform/base/RateLimitedCount.h"
+#include "platform/base/ThreadAnnotations.h"
 #include "session/QuorvanedSession.h"
 
+#include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
 namespace quorvane {
+
+namespace {
+
+/// Other sessions' clients decide how many events an aggregator cannot be given.
+std::uint64_t addLostEvent() {
+    static platform::Mutex mutex;
+    static platform::RateLimitedCount lost;
+    const platform::MutexLock lock(mutex);
+    lost.add();
+    return lost.takeDue(std::chrono::steady_clock::now());
+}
+
+void logLostEvent(const std::string& error) {
+    const std::uint64_t lost = addLostEvent();
+    if (lost == 0) return;
+    const std::string others = lost > 1 ? " (and " + std::to_string(lost - 1) + " more)" : "";
+    platform::logError("sendMessageWithDictionary: Failed to get remote object proxy: {}{}", error, others);
+}
+
+}  // namespace
 
 void QuorvanedSession::aggregateMessage(double timestamp, std::uint16_t category, std::uint16_t type,
                                         const Dictionary* payload) {
@@ -24,11 +48,8 @@ void QuorvanedSession::sendToAggregator(const Dictionary*, double timestamp, std
                                         std::uint16_t type, const Dictionary* payload) {
     static const Dictionary none;
     const auto sessionInfo = _sessionInfo.load();
-    _connection->sendMessageToClient(
-        sessionInfo != nullptr ? *sessionInfo : none, timestamp, category, type, payload,
-        [](const std::string& error) {
-            platform::logError("sendMessageWithDictionary: Failed to get remote object proxy: {}", error);
-        });
+    _connection->sendMessageToClient(sessionInfo != nullptr ? *sessionInfo : none, timestamp, category, type,
+                                     payload, logLostEvent);
 }
 
 void QuorvanedSession::shutdownSessionAggregation() {

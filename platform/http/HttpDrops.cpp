@@ -7,30 +7,20 @@
 
 namespace quorvane::platform {
 
-namespace {
-
-constexpr std::chrono::seconds kBetweenLines{1};
-
-}  // namespace
-
 bool HttpDrops::add(const std::string& server) {
     const MutexLock lock(_mutex);
     ++_count;
-    const auto [entry, isFirst] = _servers.try_emplace(server);
-    if (isFirst) entry->second.nextLine = std::chrono::steady_clock::now();
-    return ++entry->second.unwritten == 1;
+    return _servers[server].add() == 1;
 }
 
 void HttpDrops::writeDue(Time now) {
     const MutexLock lock(_mutex);
     for (auto entry = _servers.begin(); entry != _servers.end();) {
-        auto& [name, server] = *entry;
-        const bool isOver = now >= server.nextLine && server.unwritten == 0;
-        if (now >= server.nextLine && server.unwritten > 0) {
+        auto& [name, dropped] = *entry;
+        const bool isOver = dropped.isIdle(now);
+        if (const std::uint64_t due = dropped.takeDue(now); due > 0)
             logWarning("startDataTask: {} takes too little: dropped {} requests that waited for it", name,
-                       server.unwritten);
-            server = {0, now + kBetweenLines};
-        }
+                       due);
         entry = isOver ? _servers.erase(entry) : std::next(entry);
     }
 }
@@ -38,7 +28,8 @@ void HttpDrops::writeDue(Time now) {
 std::optional<HttpDrops::Time> HttpDrops::nextDue() {
     const MutexLock lock(_mutex);
     std::optional<Time> next;
-    for (const auto& [name, server] : _servers) next = std::min(next.value_or(Time::max()), server.nextLine);
+    for (const auto& [name, dropped] : _servers)
+        next = std::min(next.value_or(Time::max()), dropped.nextLine());
     return next;
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "platform/base/RateLimitedCount.h"
 #include "platform/base/ThreadAnnotations.h"
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -13,7 +13,7 @@ namespace quorvane::platform {
 /// Counts the posts that are dropped, with a warning for each server and second at most. Thread-safe.
 class HttpDrops {
   public:
-    using Time = std::chrono::steady_clock::time_point;
+    using Time = RateLimitedCount::Time;
 
     /// Whether writeDue() now has something to do that it had not.
     bool add(const std::string& server);
@@ -24,13 +24,8 @@ class HttpDrops {
     std::uint64_t count();
 
   private:
-    struct Server {
-        std::uint64_t unwritten = 0;
-        Time nextLine;
-    };
-
     Mutex _mutex;
-    std::map<std::string, Server> _servers GUARDED_BY(_mutex);  ///< Those of the last second.
+    std::map<std::string, RateLimitedCount> _servers GUARDED_BY(_mutex);  ///< Those of the last second.
     std::uint64_t _count GUARDED_BY(_mutex) = 0;
 };
 
