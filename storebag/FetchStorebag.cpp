@@ -3,6 +3,7 @@
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/FreedMemory.h"
 #include "platform/base/Log.h"
+#include "platform/base/Result.h"
 #include "platform/base/SettledOnce.h"
 #include "platform/crypto/Crypto.h"
 #include "platform/http/HttpSession.h"
@@ -75,11 +76,13 @@ Dictionary defaultStorebag() {
             {"refresh_cycle", 3600}};
 }
 
-std::optional<Dictionary> unreachable(const std::optional<std::string>& name, const std::string& url,
-                                      const std::string& error) {
+std::optional<Dictionary> unreachable(const std::optional<std::string>& name, const std::string& error,
+                                      FetchAttempt& attempt) {
+    attempt.reason = error;
     logInfo("fetchStorebagWithName: Error resolving with lookup server {}, sendSynchronousRequest error {}",
-            url, error);
+            attempt.url, error);
     if (name != "confluxa") return std::nullopt;
+    attempt.outcome = FetchAttempt::Outcome::BuiltIn;
     logInfo("fetchStorebagWithName: Loading default storebag '{}'", *name);
     return defaultStorebag();
 }
@@ -122,9 +125,13 @@ bool isUnchanged(const platform::HttpResponse& response, std::optional<std::stri
     return false;
 }
 
-std::unique_ptr<platform::RsaPublicKey> publicKey() {
+platform::Result<std::unique_ptr<platform::RsaPublicKey>> publicKey() {
     const std::optional<Data> der = publicKeyResource();
-    return der ? platform::RsaPublicKey::initWithDER(*der) : nullptr;
+    if (!der) return platform::failure("the public key that bags are signed for is missing");
+    auto key = platform::RsaPublicKey::initWithDER(*der);
+    if (key == nullptr)
+        return platform::failure("the public key that bags are signed for is no RSA key in DER");
+    return key;
 }
 
 void logNotOpened(const SignedBagError& error) {
@@ -134,46 +141,64 @@ void logNotOpened(const SignedBagError& error) {
     if (error.fault != Fault::Undecodable) logError("fetchStorebagWithName: Signature is missing");
 }
 
-std::optional<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
+platform::Result<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
     const auto opened = SignedBag::open(body);
     if (!opened) {
         logNotOpened(opened.error());
-        return std::nullopt;
+        return platform::failure(opened.error().message);
     }
     const auto key = publicKey();
-    if (key == nullptr) return std::nullopt;
-    if (!opened->isSignedWith(*key)) {
-        logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(key.get()));
-        return std::nullopt;
+    if (!key) return tl::unexpected(key.error());
+    if (!opened->isSignedWith(**key)) {
+        logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(key->get()));
+        return platform::failure("the signature was not made with the key that belongs to the public one");
     }
-    platform::Result<Dictionary> bag = opened->bag();
-    return bag ? std::optional(*std::move(bag)) : std::nullopt;
+    return opened->bag();
+}
+
+/// Why what came with that answer is no bag. A status never decides that, and often explains it.
+std::string explained(const platform::HttpResponse& response, const std::string& fault) {
+    const int status = response.statusCode;
+    if (status >= 300 && status <= 399)
+        return fmt::format("the server redirects to {}, which is not followed",
+                           platform::orNull(response.header("Location")));
+    return status >= 400 ? fmt::format("the server answers {}: {}", status, fault) : fault;
 }
 
 }  // namespace
 
 std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name, std::int32_t& maxAge,
-                                                bool& notModified, std::optional<std::string>* lastModified) {
-    const std::string url = storebagURL(name);
+                                                bool& notModified, std::optional<std::string>* lastModified,
+                                                FetchAttempt* attempt) {
+    FetchAttempt untold;
+    FetchAttempt& told = attempt != nullptr ? *attempt : untold;
+    const std::string url = told.url = storebagURL(name);
     logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
     if (!platform::hasScheme(url)) {
         logError(
             "fetchStorebagWithName: 'quorvane_storebag_url' holds no URL with a scheme, nothing is fetched");
-        return unreachable(name, url, "the URL has no scheme");
+        return unreachable(name, "the URL has no scheme", told);
     }
 
     const platform::HttpResult result = platform::performDataTask(conditionalRequest(url, lastModified));
-    if (result.error) return unreachable(name, url, *result.error);
+    told.httpStatus = result.response.statusCode;
+    if (result.error) return unreachable(name, *result.error, told);
 
     // The status counts for nothing: a server's answer is judged by its headers and its signed body alone.
     maxAge = maxAgeFromCacheControl(result.response.header("Cache-Control"));
     if (lastModified != nullptr && isUnchanged(result.response, *lastModified)) {
         notModified = true;
+        told.outcome = FetchAttempt::Outcome::Unchanged;
         return std::nullopt;
     }
     auto bag = verifiedBag(result.response.body);
     if (result.response.body.size() >= kLargeAnswer) platform::memoryIsFreed();
-    return bag;
+    if (!bag) {
+        told.reason = explained(result.response, bag.error().message);
+        return std::nullopt;
+    }
+    told.outcome = FetchAttempt::Outcome::Received;
+    return *std::move(bag);
 }
 
 }  // namespace quorvane

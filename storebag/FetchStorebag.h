@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/value/Value.h"
+#include "storebag/StorebagStatus.h"
 
 #include <cstdint>
 #include <optional>
@@ -16,7 +17,9 @@ namespace quorvane {
 ///   maxAge        seconds, from the answer; left alone when none came
 ///   notModified   set to true when the server reports the bag unchanged, else left alone
 ///   lastModified  in: the cached bag's "Last-Modified", out: the answer's; may be null
+///   attempt       out: all but its time; may be null
 std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name, std::int32_t& maxAge,
-                                                bool& notModified, std::optional<std::string>* lastModified);
+                                                bool& notModified, std::optional<std::string>* lastModified,
+                                                FetchAttempt* attempt = nullptr);
 
 }  // namespace quorvane

@@ -25,6 +25,11 @@ void logFetchFailure(std::int32_t clientType) {
              clientType);
 }
 
+void tellUnusable(FetchAttempt& attempt, const char* reason) {
+    attempt.outcome = FetchAttempt::Outcome::Failed;
+    attempt.reason = reason;
+}
+
 /// The bag's section of that key; null for the empty key, which environment 0 has.
 Dictionary* sectionOf(Dictionary& bag, std::string_view key) {
     Value* section = key.empty() ? nullptr : bag.find(key);
@@ -57,28 +62,32 @@ std::int32_t refreshCycle(const Value& seconds) {
 
 }  // namespace
 
-std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(std::int32_t clientType,
-                                                                   std::int32_t& maxAge,
-                                                                   std::optional<std::string>& version,
-                                                                   bool& notModified,
-                                                                   std::optional<std::string>* lastModified) {
+std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
+    std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version, bool& notModified,
+    std::optional<std::string>* lastModified, FetchAttempt* attempt) {
+    FetchAttempt untold;
+    FetchAttempt& told = attempt != nullptr ? *attempt : untold;
     if (clientType == 0) {
         logError("fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
                  clientType);
         return std::nullopt;
     }
-    auto bag =
-        fetchStorebagWithName(storebagNameForClientType(clientType), maxAge, notModified, lastModified);
+    auto bag = fetchStorebagWithName(storebagNameForClientType(clientType), maxAge, notModified, lastModified,
+                                     &told);
     if (!bag) {
         if (!notModified) logFetchFailure(clientType);
         return std::nullopt;
     }
     Dictionary* section = sectionForEnvironment(*bag, clientType);
-    if (section == nullptr) return std::nullopt;
+    if (section == nullptr) {
+        tellUnusable(told, "the bag has no section for the device's environment");
+        return std::nullopt;
+    }
 
     std::optional<std::string> bagVersion = bag->text("version");
     if (!bagVersion) {
         logFetchFailure(clientType);
+        tellUnusable(told, "the bag has no version");
         return std::nullopt;
     }
     version = std::move(bagVersion);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/value/Value.h"
+#include "storebag/StorebagStatus.h"
 
 #include <cstdint>
 #include <optional>
@@ -16,10 +17,9 @@ namespace quorvane {
 ///   version       the bag's version, written with a section
 ///   notModified   set to true when the cached section is still good, else left alone
 ///   lastModified  in: the cached bag's "Last-Modified", out: the answer's; may be null
-std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(std::int32_t clientType,
-                                                                   std::int32_t& maxAge,
-                                                                   std::optional<std::string>& version,
-                                                                   bool& notModified,
-                                                                   std::optional<std::string>* lastModified);
+///   attempt       out: all but its time; may be null
+std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
+    std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version, bool& notModified,
+    std::optional<std::string>* lastModified, FetchAttempt* attempt = nullptr);
 
 }  // namespace quorvane

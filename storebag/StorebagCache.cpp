@@ -67,8 +67,10 @@ void StorebagCache::fetchAndCacheStorebag(std::int32_t clientType, Entry& entry)
     std::int32_t maxAge = 0;
     std::optional<std::string> version;
     bool notModified = false;
+    entry.attempt = {};
+    entry.attempt.time = platform::timeOfDay();
     auto section = fetchStorebagForEnvironmentAndClientType(clientType, maxAge, version, notModified,
-                                                            &entry.lastModified);
+                                                            &entry.lastModified, &entry.attempt);
     logDebug("fetchAndCacheStorebag: Storebag max age: {} seconds", maxAge);
 
     const bool received = section.has_value();
@@ -82,6 +84,18 @@ void StorebagCache::fetchAndCacheStorebag(std::int32_t clientType, Entry& entry)
     const bool successful = received || notModified;
     entry.fetchState = successful ? kFetchSuccessful : kFetchFailure;
     entry.maxAge = successful ? maxAge : 0;
+    if (successful) entry.confirmed = entry.fetchTime;
+    publishStatuses();
+}
+
+void StorebagCache::publishStatuses() {
+    auto statuses = std::make_shared<std::vector<StorebagStatus>>();
+    for (const auto& [name, entry] : _cachedStorebags) {
+        platform::TimeValue next = entry.fetchTime;
+        next.seconds += entry.fetchState == kFetchSuccessful ? entry.maxAge : kSecondsBetweenAttempts;
+        statuses->push_back({name, entry.storebagVersion, entry.confirmed, entry.attempt, next});
+    }
+    _statuses.publish(std::move(statuses));
 }
 
 }  // namespace quorvane

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "platform/base/Clock.h"
+#include "platform/base/Snapshot.h"
 #include "platform/value/Value.h"
+#include "storebag/StorebagStatus.h"
 
 #include <cstdint>
 #include <map>
@@ -9,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quorvane {
 
@@ -25,6 +28,10 @@ class StorebagCache {
     /// The version of the section last served for the client type; nothing when there is none.
     std::optional<std::string> storebagVersion(std::int32_t clientType) const;
 
+    /// How things stand with each name that was asked for, as the last attempt left them; null before the
+    /// first. Any thread, no lock, also while a download runs.
+    std::shared_ptr<const std::vector<StorebagStatus>> statuses() const { return _statuses.load(); }
+
   private:
     /// What attempts left behind: data and version from the last that brought a section, "Last-Modified" from
     /// the last that had one, the rest from the last of all.
@@ -35,11 +42,15 @@ class StorebagCache {
         std::string_view fetchState;  ///< How the last attempt ended.
         std::int32_t maxAge = 0;      ///< Seconds.
         std::optional<std::string> lastModified;
+        FetchAttempt attempt;
+        std::optional<platform::TimeValue> confirmed;
     };
 
-    static void fetchAndCacheStorebag(std::int32_t clientType, Entry& entry);
+    void fetchAndCacheStorebag(std::int32_t clientType, Entry& entry);
+    void publishStatuses();
 
     std::map<std::string, Entry> _cachedStorebags;
+    platform::Snapshot<std::vector<StorebagStatus>> _statuses;
 };
 
 }  // namespace quorvane

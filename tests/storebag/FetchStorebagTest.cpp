@@ -8,6 +8,7 @@ namespace quorvane {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -21,13 +22,15 @@ struct Fetched {
     std::int32_t maxAge = -1;
     bool notModified = false;
     std::optional<std::string> lastModified;
+    FetchAttempt attempt;
 };
 
 Fetched fetch(const std::optional<std::string>& name = "stremcore",
               std::optional<std::string> lastModified = std::nullopt) {
     Fetched fetched;
     fetched.lastModified = std::move(lastModified);
-    fetched.bag = fetchStorebagWithName(name, fetched.maxAge, fetched.notModified, &fetched.lastModified);
+    fetched.bag = fetchStorebagWithName(name, fetched.maxAge, fetched.notModified, &fetched.lastModified,
+                                        &fetched.attempt);
     return fetched;
 }
 
@@ -215,7 +218,9 @@ TEST_F(FetchStorebagTest, WhatIsNotSignedOrCannotBeReadIsNotTaken) {
     for (const auto& [body, expected] : cases) {
         forgetLines();
         answer(body);
-        EXPECT_EQ(fetch().bag, std::nullopt) << body;
+        const Fetched fetched = fetch();
+        EXPECT_EQ(fetched.bag, std::nullopt) << body;
+        EXPECT_NE(fetched.attempt.reason, "") << body;
         const auto logged = lines();
         ASSERT_EQ(logged.size(), expected.size()) << body;
         for (std::size_t i = 0; i < logged.size(); ++i) EXPECT_THAT(logged[i], StartsWith(expected[i]));
@@ -237,11 +242,16 @@ TEST_F(FetchStorebagTest, TheMemoryOfALargeAnswerIsGivenBack) {
 TEST_F(FetchStorebagTest, TheKeyIsReadAtEveryVerification) {
     answer(signedBag(_bag));
     EXPECT_EQ(fetch().bag, _bag);
+    EXPECT_EQ(fetch().attempt.outcome, FetchAttempt::Outcome::Received);
     write(kPublicKey, "no key");
-    EXPECT_EQ(fetch().bag, std::nullopt);
+    EXPECT_THAT(fetch().attempt.reason, EndsWith("is no RSA key in DER"));
     std::filesystem::remove(_root / kPublicKey);
-    EXPECT_EQ(fetch().bag, std::nullopt);
+    EXPECT_THAT(fetch().attempt.reason, EndsWith("is missing"));
     EXPECT_THAT(lines(), IsEmpty());
+    answer("", {{"Location", "https://elsewhere.invalid/"}}, 302);
+    EXPECT_EQ(fetch().attempt.reason,
+              "the server redirects to https://elsewhere.invalid/, which is not followed");
+    EXPECT_EQ(fetch().attempt.httpStatus, 302);
 }
 
 TEST_F(FetchStorebagTest, ABagThatIsTooLargeIsATransportErrorAndConfluxaHasOneToFallBackOn) {
