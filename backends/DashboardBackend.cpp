@@ -224,6 +224,8 @@ QuorvaneBackend::Answer DashboardBackend::sendMessage(const Dictionary* message,
         datagram.insert(datagram.end(), text.begin(), text.end());
         put(datagram, kLengthAt, complement(datagram.size()));
         std::string line = writeLocalLog(datagram);
+        ledger().accept();
+        ledger().handOver(1);
         handOver(std::move(datagram), eventID);
         return line;
     } catch (const std::bad_alloc&) {

@@ -113,6 +113,7 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
     void handOver(Data datagram, EventID eventID);
     bool send(const Data& datagram) const;
     void sendUploadLocation(const OptionalString& location);
+    void giveUp();
     bool isStillWaiting(UDPPacketToSend& packet);
     bool retransmit(UDPPacketToSend& packet);
     void advanceCleanup();

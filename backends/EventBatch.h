@@ -21,9 +21,11 @@ class EventBatch {
     /// Opens the batch if it is closed; how many records of the method it counts.
     std::int32_t open(std::int64_t method);
 
+    enum class Outcome { Held, Lost, NoRoom };
+
     /// Takes the record and stores its method's count. A closed batch stores the count alone, and the record
-    /// is lost. False, and the record stays the caller's, when there is no room for it.
-    bool hold(Dictionary& record, std::int64_t method, std::int32_t count);
+    /// is lost. When there is no room for it, the record stays the caller's.
+    Outcome hold(Dictionary& record, std::int64_t method, std::int32_t count);
 
     /// Takes the records, of which there must be some, sets all counts to 0 and closes the batch.
     Array take();

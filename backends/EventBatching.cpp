@@ -1,6 +1,7 @@
 #include "backends/HTTPSPostBackend.h"
 #include "platform/base/Log.h"
 
+#include <cstddef>
 #include <utility>
 
 namespace quorvane {
@@ -20,7 +21,10 @@ bool promotesSampledOut(MessageFlag flag) {
 QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload, TimeValue timestamp,
                                                       std::uint16_t method, std::uint16_t respCode, EventID,
                                                       MessageFlag flag) {
-    if (state() == BackendState::Disabled) return std::nullopt;
+    if (const Standing now = standing(); now.state == BackendState::Disabled) {
+        ledger().drop(dropReasonOf(now.reason));
+        return std::nullopt;
+    }
 
     std::optional<Dictionary> extended;
     if (respCode == kSessionStop) extended = sessionStopPayload(payload);
@@ -28,7 +32,8 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
         createEventDictfromPayload(extended ? &*extended : payload, timestamp, method, respCode);
     _filters.filterEvent(event);
 
-    if (promotesSampledOut(flag)) replaceState(BackendState::SampledOut, BackendState::Enabled);
+    if (promotesSampledOut(flag))
+        replaceState(BackendState::SampledOut, {BackendState::Enabled, ReportingReason::AskedByEvent});
     if (mustHold(flag)) {
         logDebug("HTTPSPostBackend(sendMessage): Batching {}, {:d}, {:d}", static_cast<int>(state()),
                  batchEvents(), requireUserInfo());
@@ -68,12 +73,20 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
         _completed = takeBatch();
         count = 0;
     }
-    // A batch that was taken is closed, and the record that caused it is lost with it, on purpose.
-    if (_batch.hold(event, method, count + 1)) return;
+    if (hold(event, method, count + 1)) return;
     // What is held may be posted to make room, and so may a record for which there is none.
     flush(nullptr);
     count = _batch.open(method);
-    if (!_batch.hold(event, method, count + 1)) postOrDrop(std::move(event));
+    if (!hold(event, method, count + 1)) postOrDrop(std::move(event));
+}
+
+/// False when there is no room for the event. A batch that was taken is closed, and the record that caused it
+/// is lost with it, on purpose.
+bool HTTPSPostBackend::hold(Dictionary& event, std::int64_t method, std::int32_t count) {
+    const EventBatch::Outcome outcome = _batch.hold(event, method, count);
+    if (outcome == EventBatch::Outcome::Held) ledger().hold();
+    if (outcome == EventBatch::Outcome::Lost) ledger().drop(DropReason::ThresholdRecord);
+    return outcome != EventBatch::Outcome::NoRoom;
 }
 
 void HTTPSPostBackend::postOrDrop(Dictionary event) {
@@ -84,6 +97,7 @@ void HTTPSPostBackend::postOrDrop(Dictionary event) {
 }
 
 void HTTPSPostBackend::dropEvent() {
+    ledger().drop(DropReason::NoRoom);
     if (!_batch.noteDrop()) return;
     platform::logWarning("HTTPSPostBackend(batchEvent): {} has no room to hold further events and drops them",
                          name());
@@ -108,8 +122,10 @@ bool HTTPSPostBackend::beginPost() {
     Array events = std::exchange(_completed, {});
     if (events.empty()) return false;
     addUserInfo(events);
-    std::optional<Data> message = createMessageForPostAndLogging(std::move(events), nullptr);
-    if (!message || _targets.ordinary() == nullptr) return false;
+    std::optional<Message> message = createMessageForPostAndLogging(std::move(events), nullptr);
+    if (message && _targets.ordinary() == nullptr)
+        ledger().drop(DropReason::NoURL, std::exchange(message, std::nullopt)->events);
+    if (!message) return false;
     _unfinished.emplace(*std::move(message));
     return true;
 }
@@ -118,7 +134,18 @@ bool HTTPSPostBackend::beginPost() {
 Array HTTPSPostBackend::takeBatch() {
     if (_batch.isEmpty() || !mayFlush()) return {};
     logDebug("HTTPSPostBackend(flushMessages): called");
-    return _batch.take();
+    Array records = _batch.take();
+    ledger().take(records.size());
+    return records;
+}
+
+void HTTPSPostBackend::cleanup() {
+    if (_batch.isEmpty()) return;
+    const std::size_t events = _batch.take().size();
+    ledger().take(events);
+    const Standing now = standing();
+    ledger().drop(now.state == BackendState::Enabled ? DropReason::SessionEnded : dropReasonOf(now.reason),
+                  events);
 }
 
 void HTTPSPostBackend::postBatch(Array events, Answer* prettyJson, Order order) {
@@ -147,7 +174,7 @@ void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSession
 
 void HTTPSPostBackend::post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
                             std::optional<std::uint16_t> responseCode, Answer* prettyJson, Order order) {
-    std::optional<Data> message = createMessageForPostAndLogging(std::move(events), prettyJson);
+    std::optional<Message> message = createMessageForPostAndLogging(std::move(events), prettyJson);
     if (message) postJSONMessage(*std::move(message), flag, method, responseCode, order);
 }
 

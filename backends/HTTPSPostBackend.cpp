@@ -27,7 +27,8 @@ HTTPSPostBackend::HTTPSPostBackend(const std::string& name, std::shared_ptr<cons
 }
 
 void HTTPSPostBackend::updateState() {
-    setState(updateBackendState());
+    const BackendState state = updateBackendState();
+    setState(state, _reason);
 }
 
 }  // namespace quorvane

@@ -53,6 +53,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     /// Also rewrites "_sessionID" in every held record. Thread-safe.
     void setCorrelatedSessionID(const std::string& combinedSessionID) override;
 
+    /// Drops what is held.
+    void cleanup() override;
+
     /// Works the state and the settings out from the profile and the user info; does not store the state.
     BackendState updateBackendState();
 
@@ -69,14 +72,6 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     /// What the next post waits for: that this one has started, or that it was answered or has failed.
     enum class Order { Started, Ended };
-
-    /// A message of which a part is compressed.
-    struct UnfinishedPost {
-        explicit UnfinishedPost(Data text) : message(std::move(text)), deflater(message.size()) {}
-        Data message;
-        GzipDeflater deflater;
-        std::size_t compressed = 0;
-    };
 
     // The state: UpdateBackendState.cpp.
     ReportingFacts reportingFacts() const;
@@ -100,6 +95,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     bool mayFlush() const { return state() == BackendState::Enabled && !awaitsUserInfo(); }
     bool mustHold(MessageFlag flag) const;
     void batchEvent(Dictionary event);
+    bool hold(Dictionary& event, std::int64_t method, std::int32_t count);
     void postOrDrop(Dictionary event);
     void dropEvent();
     Array takeBatch();
@@ -113,16 +109,29 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
               std::optional<std::uint16_t> responseCode, Answer* prettyJson, Order order = Order::Started);
 
     // Messages and posts: JSONPosting.cpp.
-    std::optional<Data> createMessageForPostAndLogging(Array events, OptionalString* prettyJsonString) const;
+    struct Message {
+        Data json;
+        std::size_t events;
+    };
+
+    /// A message of which a part is compressed.
+    struct UnfinishedPost {
+        explicit UnfinishedPost(Message whole) : message(std::move(whole)), deflater(message.json.size()) {}
+        Message message;
+        GzipDeflater deflater;
+        std::size_t compressed = 0;
+    };
+    std::optional<Message> createMessageForPostAndLogging(Array events, OptionalString* prettyJsonString);
     OptionalString clientID() const;
     std::vector<platform::HttpHeader> postHeaders(std::optional<std::uint16_t> method,
                                                   std::optional<std::uint16_t> responseCode) const;
-    void postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
+    void postJSONMessage(Message message, MessageFlag flag, std::optional<std::uint16_t> method,
                          std::optional<std::uint16_t> responseCode, Order order);
     /// Posts the message or its compressed form, whichever is shorter.
-    void postBody(Data message, Data compressed, const std::string& url,
+    void postBody(Message message, Data compressed, const std::string& url,
                   std::vector<platform::HttpHeader> headers, Order order);
-    void postCompleted(const std::string& name, const platform::HttpResult& result);
+    void postCompleted(const std::string& name, const platform::HttpResult& result, std::size_t events);
+    void noteFate(const platform::HttpResult& result, std::size_t events);
 
     static constexpr std::int32_t kDefaultEventThreshold = 49;
 
@@ -130,6 +139,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     EventFilters _filters;
     const bool _dnuEnabled;  ///< the user's consent to the submission of diagnostics
     DnuType _dnuType = DnuType::None;
+    ReportingReason _reason = ReportingReason::NotSetUp;  ///< of the state worked out last
     std::int32_t _eventThreshold = kDefaultEventThreshold;
     std::int32_t _extrasOnInternal = 0;
     std::optional<Value> _overrideSampling;

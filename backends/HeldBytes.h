@@ -36,6 +36,9 @@ class HeldBytes {
         _bytes = 0;
     }
 
+    /// What all backends hold.
+    static std::size_t heldInAll() { return inAll.load(std::memory_order_relaxed); }
+
   private:
     static inline std::atomic<std::size_t> inAll = 0;
 

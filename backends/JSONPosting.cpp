@@ -65,29 +65,33 @@ std::string headerSafe(std::string text) {
 
 }  // namespace
 
-std::optional<Data> HTTPSPostBackend::createMessageForPostAndLogging(Array events,
-                                                                     OptionalString* prettyJsonString) const {
+std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::createMessageForPostAndLogging(
+    Array events, OptionalString* prettyJsonString) {
     const double postTime = finiteOrMinusOne(secondsFromTimeValue(platform::timeOfDay()));
     for (Value& event : events) removeUnserialisable(*event.dictionary());
-    const std::size_t count = events.size();
+    std::size_t count = events.size();
 
     Dictionary envelope;
     // Receivers know a message without "clientId": it has no events either.
     if (OptionalString client = clientID()) {
         envelope.set("clientId", *std::move(client));
         envelope.set("events", std::move(events));
+    } else {
+        ledger().drop(DropReason::NoIdentifier, std::exchange(count, 0));
     }
     envelope.set("postTime", postTime);
 
     const Value message(std::move(envelope));
     std::optional<Data> json = platform::compactJson(message);
-    if (!json)
+    if (!json) {
         platform::logError(
             "HTTPSPostBackend(createMessageForPostAndLogging): Dropping {} events, one of which holds a number that is not finite or a text that is not UTF-8",
             count);
+        ledger().drop(DropReason::NotSerialisable, count);
+    }
     if (prettyJsonString != nullptr && _dnuType == DnuType::None && _dnuEnabled)
         *prettyJsonString = platform::prettyJson(message);
-    return json;
+    return json ? std::optional(Message{*std::move(json), count}) : std::nullopt;
 }
 
 QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
@@ -96,19 +100,19 @@ QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
     return _dnuType == DnuType::None ? _uuidRespectDnu : _uuidOverrideDnu;
 }
 
-void HTTPSPostBackend::postJSONMessage(Data message, MessageFlag flag, std::optional<std::uint16_t> method,
+void HTTPSPostBackend::postJSONMessage(Message message, MessageFlag flag, std::optional<std::uint16_t> method,
                                        std::optional<std::uint16_t> responseCode, Order order) {
     const std::string* url = isRealtime(flag) ? _targets.realtime() : _targets.ordinary();
-    if (url == nullptr) return;
+    if (url == nullptr) return ledger().drop(DropReason::NoURL, message.events);
     // A failed compression counts as the shorter form and goes out as an empty body.
-    Data compressed = gzipDeflate(message).value_or(Data());
+    Data compressed = gzipDeflate(message.json).value_or(Data());
     postBody(std::move(message), std::move(compressed), *url, postHeaders(method, responseCode), order);
 }
 
 bool HTTPSPostBackend::compressStep() {
     auto& [message, deflater, compressed] = *_unfinished;
-    const std::size_t piece = std::min(kCompressedStep, message.size() - compressed);
-    if (piece > 0 && deflater.append({message.data() + compressed, piece})) {
+    const std::size_t piece = std::min(kCompressedStep, message.json.size() - compressed);
+    if (piece > 0 && deflater.append({message.json.data() + compressed, piece})) {
         compressed += piece;
         return true;
     }
@@ -119,23 +123,24 @@ bool HTTPSPostBackend::compressStep() {
     return false;
 }
 
-void HTTPSPostBackend::postBody(Data message, Data compressed, const std::string& url,
+void HTTPSPostBackend::postBody(Message message, Data compressed, const std::string& url,
                                 std::vector<platform::HttpHeader> headers, Order order) {
-    const bool isCompressed = compressed.size() < message.size();
+    const bool isCompressed = compressed.size() < message.json.size();
     platform::HttpRequest request;
     request.url = url;
     request.method = "POST";
-    request.body = isCompressed ? std::move(compressed) : std::move(message);
+    request.body = isCompressed ? std::move(compressed) : std::move(message.json);
     request.headers = std::move(headers);
     request.headers.push_back({"Content-Length", fmt::format("{}", request.body.size())});
     if (isCompressed) request.headers.push_back({"Content-Encoding", "gzip"});
     request.wantsBody = false;
     request.orderKey = this;
     request.isBarrier = order == Order::Ended;
-    platform::startDataTask(std::move(request),
-                            [self = shared_from_this(), name = name()](const platform::HttpResult& result) {
-                                self->postCompleted(name, result);
-                            });
+    ledger().handOver(message.events);
+    platform::startDataTask(
+        std::move(request),
+        [self = shared_from_this(), name = name(), events = message.events](
+            const platform::HttpResult& result) { self->postCompleted(name, result, events); });
 }
 
 std::vector<platform::HttpHeader> HTTPSPostBackend::postHeaders(
@@ -157,14 +162,25 @@ std::vector<platform::HttpHeader> HTTPSPostBackend::postHeaders(
     return headers;
 }
 
-/// On the HTTP session's thread: touches nothing but the state.
-void HTTPSPostBackend::postCompleted(const std::string& name, const platform::HttpResult& result) {
+/// On the HTTP session's thread: touches nothing but the state and the ledger.
+void HTTPSPostBackend::postCompleted(const std::string& name, const platform::HttpResult& result,
+                                     std::size_t events) {
+    noteFate(result, events);
     if (result.error && !result.wasDropped)
         platform::logError("HTTPSPostBackend(postJsonMessage): post error: {}", *result.error);
     const int status = result.response.statusCode;
     if (status < 500 || status > 599) return;
     platform::logInfo("postJSONMessage: backend {} disabled by server {} return code", name, status);
-    setState(BackendState::Disabled);
+    setState(BackendState::Disabled, ReportingReason::StoppedByServer);
+}
+
+void HTTPSPostBackend::noteFate(const platform::HttpResult& result, std::size_t events) {
+    using Fate = EventLedger::Fate;
+    if (result.wasDropped) return ledger().dropHandedOver(DropReason::ServerTooSlow, events);
+    const int status = result.error ? 0 : result.response.statusCode;
+    ledger().countPost(status);
+    const bool isTaken = status >= 200 && status <= 299;
+    ledger().finish(status == 0 ? Fate::Failed : isTaken ? Fate::Posted : Fate::Refused, events);
 }
 
 }  // namespace quorvane

@@ -67,9 +67,17 @@ QuorvaneBackend::Answer OsselBackend::sendMessage(const Dictionary* message, Tim
         logError("OsselBackend(sendMessage): Ossel adaptor {} does not respond to forwarding selector {}",
                  _osselAdaptor != nullptr ? _osselAdaptor->description() : std::string(platform::absentText),
                  kSelector);
+        ledger().drop(DropReason::NoAdaptor);
         return std::nullopt;
     }
-    if (const auto bytes = bytesOf(message)) _osselAdaptor->invoke(*operation, method, respCode, *bytes);
+    const auto bytes = bytesOf(message);
+    if (!bytes) {
+        ledger().drop(DropReason::NotSerialisable);
+        return std::nullopt;
+    }
+    _osselAdaptor->invoke(*operation, method, respCode, *bytes);
+    ledger().handOver(1);
+    ledger().finish(EventLedger::Fate::Posted, 1);
     return std::nullopt;
 }
 

@@ -45,12 +45,14 @@ std::string QuorvaneBackend::convertIntoSHA256(std::string_view text) {
 QuorvaneBackend::Answer QuorvaneBackend::sendMessage(const Dictionary* message, TimeValue timestamp,
                                                      std::uint16_t method, std::uint16_t respCode,
                                                      MessageFlag flag) {
+    _ledger.accept();
     ++_eventID;
     return sendMessage(message, timestamp, method, respCode, EventID{_eventID}, flag);
 }
 
 QuorvaneBackend::Answer QuorvaneBackend::sendMessage(const Dictionary*, TimeValue, std::uint16_t,
                                                      std::uint16_t, EventID, MessageFlag) {
+    _ledger.drop(DropReason::TakesNoEvents);
     return std::nullopt;
 }
 
@@ -102,8 +104,10 @@ void QuorvaneBackend::setSamplingThreshold(std::optional<Value> samplingThreshol
     _samplingThreshold = std::move(samplingThreshold);
 }
 
-void QuorvaneBackend::replaceState(BackendState expected, BackendState state) {
-    _state.compare_exchange_strong(expected, state);
+void QuorvaneBackend::replaceState(BackendState expected, Standing standing) {
+    Standing current = _standing;
+    while (current.state == expected && !_standing.compare_exchange_weak(current, standing)) {
+    }
 }
 
 }  // namespace quorvane

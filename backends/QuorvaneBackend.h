@@ -1,6 +1,7 @@
 #pragma once
 
 #include "backends/BackendState.h"
+#include "backends/EventLedger.h"
 #include "platform/base/Clock.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/value/Value.h"
@@ -21,9 +22,9 @@ enum class MessageFlag : std::uint32_t {};
 /// The base of every reporting backend: the facts of its session and the operations that a session calls. The
 /// base's own delivery operations do nothing.
 ///
-/// A backend is set up and fed by its session's thread. Other threads may call name, state, setState,
-/// hierarchy, combinedSessionIDString, setCorrelatedSessionID, samplingThreshold and setSamplingThreshold at
-/// any time.
+/// A backend is set up and fed by its session's thread. Other threads may call name, standing, state,
+/// setState, hierarchy, combinedSessionIDString, setCorrelatedSessionID, samplingThreshold and
+/// setSamplingThreshold at any time.
 class QuorvaneBackend {
   public:
     using TimeValue = platform::TimeValue;
@@ -48,7 +49,7 @@ class QuorvaneBackend {
     Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
                        std::uint16_t respCode, MessageFlag flag);
 
-    /// Delivers one event; the base does nothing. The answer is for the client and the local message log.
+    /// Delivers one event; the base drops it. The answer is for the client and the local message log.
     virtual Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
                                std::uint16_t respCode, EventID eventID, MessageFlag flag);
 
@@ -63,7 +64,7 @@ class QuorvaneBackend {
     virtual bool uploadLogData(const Array& logData);
 
     /// Works the state out anew; the base always reports.
-    virtual void updateState() { setState(BackendState::Enabled); }
+    virtual void updateState() { setState(BackendState::Enabled, ReportingReason::AlwaysReports); }
     virtual void setCorrelatedSessionID(const std::string& combinedSessionID);
     virtual void cleanup() {}
 
@@ -71,8 +72,16 @@ class QuorvaneBackend {
     void setSelfVersion(std::string_view version);
     void setStartTimestamp(TimeValue time);
 
-    BackendState state() const { return _state; }
-    void setState(BackendState state) { _state = state; }
+    BackendState state() const { return standing().state; }
+    /// The state and the reason for it.
+    Standing standing() const { return _standing; }
+    void setState(BackendState state, ReportingReason reason = ReportingReason::NotSetUp) {
+        _standing = Standing{state, reason};
+    }
+
+    /// What became of the events that it was given.
+    EventLedger& ledger() { return _ledger; }
+    const EventLedger& ledger() const { return _ledger; }
 
     std::uint32_t sessionID() const { return _sessionID; }
     void setSessionID(std::uint32_t sessionID) { change(_sessionID, sessionID); }
@@ -161,8 +170,8 @@ class QuorvaneBackend {
     std::uint32_t revision() const { return _revision.load(std::memory_order_relaxed); }
     void changed() { _revision.fetch_add(1, std::memory_order_relaxed); }
 
-    /// Sets the state only when it is the expected one.
-    void replaceState(BackendState expected, BackendState state);
+    /// Sets the standing only when the state is the expected one.
+    void replaceState(BackendState expected, Standing standing);
 
     /// Guards what the backend holds. The innermost lock of all: nothing is called out, awaited or posted
     /// under it.
@@ -177,7 +186,8 @@ class QuorvaneBackend {
 
     const std::shared_ptr<const Dictionary> _profile;
     std::string _name;
-    std::atomic<BackendState> _state{BackendState::WaitingForUserInfo};
+    EventLedger _ledger;
+    std::atomic<Standing> _standing{Standing()};
     OptionalString _productVersion;
     OptionalString _buildVersion;
     OptionalString _hardwareType;

@@ -53,7 +53,7 @@ bool DashboardBackend::send(const Data& datagram) const {
 
 void DashboardBackend::tryToSendMsg(Data message, std::uint16_t eventNumber) {
     const bool sent = send(message);
-    if (sent && !_reliableUDP) return;
+    if (sent && !_reliableUDP) return ledger().finish(EventLedger::Fate::Posted, 1);
     UDPPacketToSend packet;
     packet.state = sent ? UDPPacketToSend::State::AwaitsAcknowledgement : UDPPacketToSend::State::NotSent;
     packet.eventNumber = eventNumber;
@@ -63,7 +63,12 @@ void DashboardBackend::tryToSendMsg(Data message, std::uint16_t eventNumber) {
     _messageQueue.push_back(std::move(packet));
     if (_messageQueue.size() <= kWaitingDatagrams) return;
     _messageQueue.pop_front();
+    giveUp();
+}
+
+void DashboardBackend::giveUp() {
     ++_givenUp;
+    ledger().finish(EventLedger::Fate::Failed, 1);
 }
 
 void DashboardBackend::processSocketRead() {
@@ -75,7 +80,9 @@ void DashboardBackend::processSocketRead() {
     const auto acknowledged =
         std::find_if(_messageQueue.begin(), _messageQueue.end(),
                      [=](const UDPPacketToSend& packet) { return packet.eventNumber == eventNumber; });
-    if (acknowledged != _messageQueue.end()) _messageQueue.erase(acknowledged);
+    if (acknowledged == _messageQueue.end()) return;
+    _messageQueue.erase(acknowledged);
+    ledger().finish(EventLedger::Fate::Posted, 1);
 }
 
 void DashboardBackend::myPeriodicTask() {
@@ -88,6 +95,7 @@ bool DashboardBackend::isStillWaiting(UDPPacketToSend& packet) {
     if (packet.state == UDPPacketToSend::State::AwaitsAcknowledgement) return retransmit(packet);
     if (!send(packet.data)) return true;
     packet.state = UDPPacketToSend::State::AwaitsAcknowledgement;
+    if (!_reliableUDP) ledger().finish(EventLedger::Fate::Posted, 1);
     return _reliableUDP;
 }
 
@@ -96,7 +104,7 @@ bool DashboardBackend::retransmit(UDPPacketToSend& packet) {
     assert(packet.numberOfRetransmits >= 0 && "it is an index");
     const auto retransmits = static_cast<std::size_t>(packet.numberOfRetransmits);
     if (retransmits >= kChecksBeforeRetransmit.size()) {
-        ++_givenUp;
+        giveUp();
         return false;
     }
     if (packet.numberOfChecks + 1 < kChecksBeforeRetransmit[retransmits]) {

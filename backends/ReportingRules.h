@@ -24,22 +24,6 @@ struct ReportingFacts {
     double draw = 0;  ///< in [0, 1); reports where it is at most the sampling threshold
 };
 
-/// What decided. Each names the first rule that settled the state.
-enum class ReportingReason {
-    NoClientList,
-    NoRuleApplies,  ///< the session does not require user info
-    AwaitsUserInfo,
-    NoMatchingClient,
-    NoConsent,
-    CountryNotListed,
-    DeviceNotListed,
-    NoFilters,
-    NoSamplingThreshold,
-    BelowThreshold,
-    BetweenThresholds,  ///< above the sampling threshold, not above the override
-    AboveThresholds,
-};
-
 /// How a consent override stands; the numbers are what session-stop events report.
 enum class DnuType : std::int32_t { None = 0, OverriddenWithoutConsent = 1, OverriddenWithConsent = 2 };
 

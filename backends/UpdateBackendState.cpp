@@ -55,6 +55,7 @@ BackendState HTTPSPostBackend::updateBackendState() {
     if (decision.entry != nullptr) applyExpedite(*decision.entry);
     if (decision.reason == ReportingReason::NoRuleApplies) takeFirstTargets(*clients);
     if (decision.judgedEntry()) applyEntry(decision, facts);
+    _reason = decision.reason;
     return decision.state;
 }
 

@@ -39,7 +39,7 @@ void logKeptFile(const std::string& error) {
 }  // namespace
 
 ClientProxy::ClientProxy(const std::shared_ptr<platform::BusConnection>& connection)
-    : _connection(connection), _user(connection->peer().uid) {}
+    : _connection(connection), _peer(connection->peer()) {}
 
 void ClientProxy::sendMessageToClient(const Dictionary& sessionInfo, double timestamp, std::uint16_t category,
                                       std::uint16_t type, const Dictionary* payload,

@@ -21,7 +21,8 @@ class ClientProxy final : public ClientSessionReplyInterface {
     /// The connection is borrowed weakly: a proxy may outlive it.
     explicit ClientProxy(const std::shared_ptr<platform::BusConnection>& connection);
 
-    uid_t user() const override { return _user; }
+    uid_t user() const override { return _peer.uid; }
+    pid_t process() const override { return _peer.pid; }
 
     void sendMessageToClient(const Dictionary& sessionInfo, double timestamp, std::uint16_t category,
                              std::uint16_t type, const Dictionary* payload,
@@ -34,7 +35,7 @@ class ClientProxy final : public ClientSessionReplyInterface {
     void call(std::size_t bytes, ErrorHandler errorHandler, std::function<void(sd_bus*)> call) const;
 
     const std::weak_ptr<platform::BusConnection> _connection;
-    const uid_t _user;
+    const platform::BusConnection::Peer _peer;
 };
 
 }  // namespace quorvane

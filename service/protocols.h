@@ -76,8 +76,9 @@ class ClientSessionReplyInterface {
 
     virtual ~ClientSessionReplyInterface() = default;
 
-    /// Whose process the client is.
+    /// Whose process the client is, and which; 0 where that is not known.
     virtual uid_t user() const = 0;
+    virtual pid_t process() const { return 0; }
 
     /// One event for an aggregating client; timestamp 0, category 0, type 0 and no payload end its
     /// aggregation.

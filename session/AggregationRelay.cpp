@@ -39,8 +39,9 @@ void QuorvanedSession::aggregateMessage(double timestamp, std::uint16_t category
     if (hasAggregator() || getSessionHierarchy() > 0) lock.lock();
     QuorvanedSession* aggregator = _sessionDelegate.getAncestorWithAggregatorForSession(*this);
     if (aggregator == nullptr && hasAggregator()) aggregator = this;
-    if (aggregator != nullptr)
-        aggregator->sendToAggregator(_sessionInfo.own().get(), timestamp, category, type, payload);
+    if (aggregator == nullptr) return;
+    _ledger->relayed.add(1);
+    aggregator->sendToAggregator(_sessionInfo.own().get(), timestamp, category, type, payload);
 }
 
 /// An aggregating client always sees its own session info, whoever sent the event.

@@ -40,7 +40,10 @@ void QuorvanedSession::createBackendsWithStorebag(const std::shared_ptr<const Di
     platform::logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
     auto backends = createBackends(storebag, _sessionInfo.own().get(), _userInfo.own(), _deviceid.data());
     if (backends)
-        for (const auto& [name, backend] : *backends) backend->setCombinedSessionIDString(_sessionIDString);
+        for (const auto& [name, backend] : *backends) {
+            backend->ledger().join(_ledger);
+            backend->setCombinedSessionIDString(_sessionIDString);
+        }
     replaceBackends(std::move(backends));
     internalSendMessage(deviceFacts(), kInternalMethod, kSessionStart);
 }

@@ -16,6 +16,7 @@ void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint
                                                const Dictionary* payload,
                                                const std::function<void(const Answer&)>& reply) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
+    noteIfUnserved();
     const Answer answer = sendMessageWithCategory(category, type, payload);
     if (reply) reply(answer);
 }
@@ -23,6 +24,7 @@ void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint
 void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
                                                  const std::function<void(const Answer&)>& reply) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
+    noteIfUnserved();
     const Answer answer = sendMessageWithDictionary(message);
     if (reply) reply(answer);
 }
@@ -31,6 +33,7 @@ void QuorvanedSession::sendEarlierMessage(std::uint16_t category, std::uint16_t 
                                           const Dictionary* payload, std::uint32_t flag,
                                           platform::TimeValue time) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
+    noteIfUnserved();
     if (hasBackendsToSend()) dispatch(category, type, payload, MessageFlag{flag}, time);
 }
 
@@ -53,11 +56,13 @@ Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
     const Value* category = message.find(kQuorvaneMessageParametersCategory);
     if (category == nullptr) {
         logDebug("sendMessageWithDictionary: Missing mandatory parameter 'category'");
+        _ledger->incomplete.add(1);
         return std::nullopt;
     }
     const Value* type = message.find(kQuorvaneMessageParametersType);
     if (type == nullptr) {
         logDebug("sendMessageWithDictionary: Missing mandatory parameter 'type'");
+        _ledger->incomplete.add(1);
         return std::nullopt;
     }
     const auto flag = static_cast<std::uint32_t>(message.unsignedInteger(kQuorvaneMessageParametersFlag));
@@ -65,6 +70,12 @@ Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
                     static_cast<std::uint16_t>(type->unsignedInteger()),
                     message.dictionary(kQuorvaneMessageParametersPayload), MessageFlag{flag},
                     platform::timeOfDay());
+}
+
+/// Counts a client's event that no backend gets.
+void QuorvanedSession::noteIfUnserved() {
+    const auto& backends = _backends.own();
+    if (backends == nullptr || backends->empty()) _ledger->unserved.add(1);
 }
 
 bool QuorvanedSession::hasBackendsToSend() const {

@@ -46,7 +46,8 @@ QuorvanedSession::QuorvanedSession(QuorvanedSessionDelegate& sessionDelegate,
                                    std::shared_ptr<ClientSessionReplyInterface> connection)
     : _sessionDelegate(sessionDelegate),
       _sessionIDString(platform::base64Encode(platform::randomUuidBytes())),
-      _connection(std::move(connection)) {
+      _connection(std::move(connection)),
+      _ledger(std::make_shared<SessionLedger>(_connection->user(), _connection->process())) {
     if (platform::logs(platform::LogLevel::Debug))
         logDebug("initWithSessionDelegate: QuorvanedSession initWithSessionDelegate:{}",
                  sessionDelegate.description());
@@ -68,7 +69,29 @@ std::string QuorvanedSession::description() const {
     return fmt::format("<QuorvanedSession {} {}>", sessionID(), _sessionIDString);
 }
 
+SessionView QuorvanedSession::view() const {
+    return {.ledger = _ledger,
+            .identity = _ledger->identity.load(),
+            .identifier = _sessionIDString,
+            .sessionInfo = _sessionInfo.load(),
+            .backends = _backends.load(),
+            .level = getSessionHierarchy(),
+            .aggregates = hasAggregator()};
+}
+
 // Configuration.
+
+void QuorvanedSession::publishIdentity() {
+    const Dictionary* userInfo = _userInfo.own().get();
+    const auto named = [&](std::string_view key) {
+        return userInfo != nullptr ? userInfo->text(key) : std::nullopt;
+    };
+    _ledger->identity.publish(std::make_shared<const SessionLedger::Identity>(
+        SessionLedger::Identity{.sessionID = sessionID(),
+                                .clientName = named(kQuorvaneUserInfoClientName),
+                                .serviceName = named(kQuorvaneUserInfoServiceName),
+                                .storebagVersion = _storebagVersion}));
+}
 
 void QuorvanedSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                       std::vector<std::string> frameworksToCheck, bool hasAggregationBlock) {
@@ -80,6 +103,7 @@ void QuorvanedSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dict
     _frameworks = std::move(frameworksToCheck);
     _userInfo.publish(shared(std::move(userInfo)));
     setHasAggregator(hasAggregationBlock);
+    publishIdentity();
 }
 
 void QuorvanedSession::startConfigWithCompletionHandler(
@@ -88,6 +112,7 @@ void QuorvanedSession::startConfigWithCompletionHandler(
     ReportingStates states;
     if (const auto storebag = _sessionDelegate.storebagForSession(*this)) {
         _storebagVersion = _sessionDelegate.storebagVersionForSession(*this);
+        publishIdentity();
         createBackendsWithStorebag(storebag);
         updateSessionWithDefaultSessionInfo();
         states = fetchReportingStates();
@@ -108,6 +133,7 @@ void QuorvanedSession::receivedUserInfo(std::shared_ptr<const Dictionary> userIn
     if (_userInfo.own() == nullptr && userInfo == nullptr) return;
     logDebug("receivedUserInfo: Received new user info for session {}", sessionID());
     _userInfo.publish(std::move(userInfo));
+    publishIdentity();
     updateSessionWithDefaultSessionInfo();
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "backends/CreateBackends.h"
+#include "backends/SessionLedger.h"
 #include "platform/base/Clock.h"
 #include "platform/base/Snapshot.h"
 #include "platform/value/Value.h"
 #include "service/protocols.h"
+#include "session/SessionView.h"
 #include "util/DeviceFacts.h"
 
 #include <sys/types.h>
@@ -64,7 +66,8 @@ class QuorvanedSession final : public ClientSessionInterface {
                                            const std::shared_ptr<const Dictionary>& userInfo,
                                            const std::shared_ptr<const Dictionary>& storebag,
                                            std::uint16_t category, std::uint16_t type,
-                                           const Dictionary* payload);
+                                           const Dictionary* payload,
+                                           const std::shared_ptr<SessionLedger>& ledger = nullptr);
 
     // Identity. Any thread.
     std::uint32_t sessionID() const { return _sessionID; }
@@ -75,6 +78,8 @@ class QuorvanedSession final : public ClientSessionInterface {
     std::shared_ptr<const Dictionary> sessionInfo() const { return _sessionInfo.load(); }
     uid_t user() const { return _connection->user(); }
     std::string description() const;
+    /// All there is to see of the session from outside.
+    SessionView view() const;
 
     // Hierarchy and reporting states. Any thread.
     /// 0 is the top.
@@ -98,6 +103,7 @@ class QuorvanedSession final : public ClientSessionInterface {
                      std::shared_ptr<ClientSessionReplyInterface> connection);
 
     // Configuration: QuorvanedSession.cpp.
+    void publishIdentity();
     void receivedUserInfo(std::shared_ptr<const Dictionary> userInfo);
     bool sameNames(const Dictionary* userInfo) const;
     void updateSessionWithDefaultSessionInfo();
@@ -110,6 +116,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     // Dispatch: MessageDispatch.cpp.
     Answer sendMessageWithCategory(std::uint16_t category, std::uint16_t type, const Dictionary* payload);
     Answer sendMessageWithDictionary(const Dictionary& message);
+    void noteIfUnserved();
     bool hasBackendsToSend() const;
     Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag,
                     platform::TimeValue time);
@@ -137,6 +144,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     std::optional<std::string> _storebagVersion;
     DeviceIdentifier _deviceid{};
     const std::shared_ptr<ClientSessionReplyInterface> _connection;
+    const std::shared_ptr<SessionLedger> _ledger;
     std::atomic<bool> _hasAggregator{false};
 };
 

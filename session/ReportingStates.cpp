@@ -16,10 +16,10 @@ void follow(QuorvaneBackend& backend, const QuorvanedSession& parent, const Repo
     const bool reports =
         reporting && std::find(reporting->begin(), reporting->end(), backend.name()) != reporting->end();
     if (!reports) {
-        backend.setState(BackendState::Disabled);
+        backend.setState(BackendState::Disabled, ReportingReason::ParentDoesNotReport);
         return;
     }
-    backend.setState(BackendState::Enabled);
+    backend.setState(BackendState::Enabled, ReportingReason::ParentReports);
     backend.setSamplingThreshold(parent.samplingThresholdWithBackendName(backend.name()));
 }
 

@@ -46,6 +46,7 @@ void QuorvanedSession::uploadFileWithURL(const std::string& fileURL, const std::
     const bool success = path && anyBackend(_backends.own().get(), [&](QuorvaneBackend& backend) {
                              return backend.uploadFileAtPath(*path, extensionToken.c_str());
                          });
+    (success ? _ledger->uploads : _ledger->failedUploads).add(1);
     if (success)
         logDebug("uploadFileWithURL: File upload successful for {}", platform::orNull(path));
     else
@@ -60,6 +61,7 @@ void QuorvanedSession::uploadLogData(
     logDebug("uploadLogData: Uploading log data array: {}", logData);
     const bool success = anyBackend(_backends.own().get(),
                                     [&](QuorvaneBackend& backend) { return backend.uploadLogData(logData); });
+    (success ? _ledger->uploads : _ledger->failedUploads).add(1);
     if (success)
         logDebug("uploadLogData: Log data array upload successful");
     else

@@ -24,10 +24,14 @@ void QuorvanedSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo,
     setSessionID(static_cast<std::uint32_t>(info->unsignedInteger(kQuorvaneSessionInfoSessionID)));
     _sessionInfo.publish(info);
     receivedUserInfo(user);
+    publishIdentity();
     logDebug("sendMessageWithSessionInfo: Sending message with session info for session {}", sessionID());
 
     const auto storebag = _sessionDelegate.storebagForSession(*this);
-    if (storebag != nullptr) sendMessageWithSessionInfo(info, user, storebag, category, type, payload);
+    if (storebag != nullptr)
+        sendMessageWithSessionInfo(info, user, storebag, category, type, payload, _ledger);
+    else
+        _ledger->unserved.add(1);
     if (reply) reply(storebag != nullptr ? "finished" : "storebag not available");
 }
 
@@ -35,7 +39,8 @@ void QuorvanedSession::sendMessageWithSessionInfo(const std::shared_ptr<const Di
                                                   const std::shared_ptr<const Dictionary>& userInfo,
                                                   const std::shared_ptr<const Dictionary>& storebag,
                                                   std::uint16_t category, std::uint16_t type,
-                                                  const Dictionary* payload) {
+                                                  const Dictionary* payload,
+                                                  const std::shared_ptr<SessionLedger>& ledger) {
     logDebug("sendMessageWithSessionInfo: Sending single message with sessionID {}",
              sessionInfo != nullptr ? sessionInfo->integer(kQuorvaneSessionInfoSessionID) : 0);
     if (sessionInfo == nullptr || storebag == nullptr) {
@@ -47,11 +52,14 @@ void QuorvanedSession::sendMessageWithSessionInfo(const std::shared_ptr<const Di
     const auto backends = createBackends(storebag, sessionInfo.get(), userInfo, deviceIdentifier.data());
     if (!backends || backends->empty()) {
         logError("sendMessageWithSessionInfo: No backends available to send single message");
+        if (ledger != nullptr) ledger->unserved.add(1);
         return;
     }
     if (userInfo != nullptr && !sessionInfo->boolean(kQuorvaneSessionInfoRequireUserInfo))
         platform::logWarning("sendMessageWithSessionInfo: user info provided without requiring it.");
 
+    if (ledger != nullptr)
+        for (const auto& [name, backend] : *backends) backend->ledger().join(ledger);
     const platform::TimeValue now = platform::timeOfDay();
     collectAnswers(*backends, "[{} -> sendMessageWithSessionInfo] {}", [&](QuorvaneBackend& backend) {
         backend.updateState();
