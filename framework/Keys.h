@@ -13,6 +13,7 @@ inline constexpr const char* kClientSessionInterface = "com.velmora.quorvaned.Cl
 inline constexpr const char* kClientSessionReplyInterface =
     "com.velmora.quorvaned.ClientSessionReplyInterface";
 inline constexpr const char* kEventBatchInterface = "com.velmora.quorvaned.EventBatch";
+inline constexpr const char* kInspectionInterface = "com.velmora.quorvaned.Inspection";
 inline constexpr const char* kSandboxExtensionInterface = "com.velmora.quorvaned.SandboxExtension";
 inline constexpr const char* kSandboxExtensionOwnerInterface = "com.velmora.quorvaned.SandboxExtensionOwner";
 

@@ -6,6 +6,7 @@
 #include "platform/system/ProcessTransaction.h"
 #include "service/ClientProxy.h"
 #include "service/ClientSessionEndpoint.h"
+#include "service/InspectionEndpoint.h"
 #include "session/QuorvanedSession.h"
 
 #include <fmt/format.h>
@@ -47,6 +48,7 @@ bool QuorvanedAgent::listener(const platform::BusListener&,
     const auto session = QuorvanedSession::initWithSessionDelegate(*this, client);
     ClientSessionEndpoint::exportSession(*newConnection, session, client);
     newConnection->setIdleHandler([session] { return session->continueSending(); });
+    InspectionEndpoint::exportInspection(*newConnection, *this);
     add(session);
     newConnection->setInterruptionHandler([session] {
         if (platform::logs(platform::LogLevel::Debug))
@@ -83,6 +85,21 @@ void QuorvanedAgent::remove(const std::shared_ptr<QuorvanedSession>& session) {
         _correlatedSessions.removeSession(*session);
     }
     platform::memoryIsFreed();
+}
+
+// Inspection.
+
+std::vector<SessionView> QuorvanedAgent::sessionViews() {
+    const std::scoped_lock lock(_sessionList.lock);
+    std::vector<SessionView> views;
+    views.reserve(_sessionList.sessions.size());
+    for (const auto& session : _sessionList.sessions) views.push_back(session->view());
+    return views;
+}
+
+std::vector<StorebagStatus> QuorvanedAgent::storebagStatuses() {
+    const auto statuses = _cachedStorebags.statuses();
+    return statuses != nullptr ? *statuses : std::vector<StorebagStatus>();
 }
 
 // Storebags.

@@ -3,6 +3,7 @@
 #include "platform/bus/BusConnection.h"
 #include "platform/bus/BusListener.h"
 #include "service/GroupSharing.h"
+#include "service/InspectionSource.h"
 #include "service/SessionHierarchy.h"
 #include "service/protocols.h"
 #include "storebag/StorebagCache.h"
@@ -13,12 +14,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace quorvane {
 
 /// The process's one agent: gives every connection a session, owns the sessions, and is their delegate.
 /// While there is at least one session it holds a process transaction.
-class QuorvanedAgent final : public QuorvanedSessionDelegate {
+class QuorvanedAgent final : public QuorvanedSessionDelegate, public InspectionSource {
   public:
     static std::unique_ptr<QuorvanedAgent> init();
 
@@ -36,6 +38,9 @@ class QuorvanedAgent final : public QuorvanedSessionDelegate {
     QuorvanedSession* getAncestorWithAggregatorForSession(const QuorvanedSession& session) override;
     std::string description() const override;
 
+    std::vector<SessionView> sessionViews() override;
+    std::vector<StorebagStatus> storebagStatuses() override;
+
   private:
     /// The sessions in the order of acceptance, and the lock of the list.
     struct SessionList {
@@ -51,7 +56,7 @@ class QuorvanedAgent final : public QuorvanedSessionDelegate {
     // Neither lock is ever taken while the other is held.
     SessionList _sessionList;
     std::recursive_mutex _lock;
-    StorebagCache _cachedStorebags;  ///< Guarded by _lock.
+    StorebagCache _cachedStorebags;  ///< Guarded by _lock, but for what any thread may call.
     SessionHierarchy _correlatedSessions{_lock, GroupSharing::fromDefaults()};
 };
 

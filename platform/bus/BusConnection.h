@@ -34,6 +34,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     struct Peer {
         pid_t pid = 0;
         uid_t uid = 0;
+        bool isOfOwnGroup = false;  ///< It belongs to the group that this process runs as.
     };
     using Handler = std::function<void()>;
 

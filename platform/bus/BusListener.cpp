@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <systemd/sd-daemon.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
@@ -64,11 +65,23 @@ Result<UniqueDescriptor> socketAt(const std::string& path) {
     return socket;
 }
 
+/// Whether the process at the other end, whose first group is given, belonged to the group as it connected.
+bool isMember(int socket, gid_t first, gid_t group) {
+    if (first == group) return true;
+    std::vector<gid_t> others(32);
+    socklen_t size = others.size() * sizeof(gid_t);
+    int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, others.data(), &size);
+    others.resize(size / sizeof(gid_t));
+    if (result != 0 && errno == ERANGE)
+        result = ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, others.data(), &size);
+    return result == 0 && std::find(others.begin(), others.end(), group) != others.end();
+}
+
 BusConnection::Peer peerOf(int socket) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
     ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
-    return {credentials.pid, credentials.uid};
+    return {credentials.pid, credentials.uid, isMember(socket, credentials.gid, ::getegid())};
 }
 
 }  // namespace

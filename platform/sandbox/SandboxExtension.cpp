@@ -100,6 +100,11 @@ void revokeSandboxExtensions(ExtensionOwner owner) {
     std::erase_if(issuedTokens, [=](const auto& entry) { return entry.second.owner.number == owner.number; });
 }
 
+std::size_t outstandingSandboxExtensions() {
+    const MutexLock lock(mutex);
+    return issuedTokens.size();
+}
+
 SandboxExtension SandboxExtension::consume(const std::string& token, const std::string& path) {
     SandboxExtension extension;
     std::optional<Issued> issued = take(token);

@@ -44,6 +44,9 @@ bool ownsSandboxExtension(ExtensionOwner owner, const std::string& token);
 /// Forgets the owner's outstanding tokens. What is consumed already stays usable.
 void revokeSandboxExtensions(ExtensionOwner owner);
 
+/// Tokens of all owners that are outstanding.
+std::size_t outstandingSandboxExtensions();
+
 /// A consumed token.
 class SandboxExtension {
   public:

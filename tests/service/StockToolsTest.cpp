@@ -42,7 +42,7 @@ TEST_F(StockToolsTest, TheInstalledInterfacesAreShownAndServed) {
     _device.start();
     const ProgramResult shown = gdbus("introspect", {"--xml"});
     EXPECT_EQ(shown.status, 0) << shown.errors;
-    for (const char* name : {"ClientSessionInterface", "EventBatch", "SandboxExtension"})
+    for (const char* name : {"ClientSessionInterface", "EventBatch", "Inspection", "SandboxExtension"})
         EXPECT_THAT(shown.output, HasSubstr(installedInterface(name)));
 
     const std::string session = "{'SessionID': <uint32 7>, 'ClientType': <5>}";

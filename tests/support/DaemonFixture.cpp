@@ -1,7 +1,10 @@
 #include "tests/support/DaemonFixture.h"
 
+#include "framework/Keys.h"
+#include "platform/bus/BusValue.h"
 #include "platform/formats/Json.h"
 #include "platform/value/Bytes.h"
+#include "tests/support/BusClient.h"
 #include "tests/support/Within.h"
 #include "tools/storebag/SignStorebag.h"
 
@@ -110,8 +113,31 @@ Dictionary DaemonFixture::httpPostSection(const Dictionary& clientEntry) const {
 
 // The daemon.
 
+std::optional<Dictionary> DaemonFixture::statistics() const {
+    auto socket = connectSocket(socketPath());
+    if (!socket) return std::nullopt;
+    const BusReply reply = BusClient(std::move(socket)).call(kInspectionInterface, "GetStatistics");
+    Dictionary statistics;
+    if (reply.message.get() == nullptr || platform::readDictionary(reply.message.get(), statistics) < 0)
+        return std::nullopt;
+    return statistics;
+}
+
+void DaemonFixture::expectBalancedLedger() const {
+    const auto told = statistics();
+    if (!told) return;
+    const Dictionary& events = *told->dictionary("events");
+    std::uint64_t sum = 0;
+    for (const char* place : {"posted", "refused", "failed", "underWay", "held", "dropped"})
+        sum += events.unsignedInteger(place);
+    if (events.unsignedInteger("accepted") == sum) return;
+    std::cerr << "The ledger does not balance: " << told->description() << '\n';
+    std::abort();
+}
+
 void DaemonFixture::endDaemon() {
     if (_daemon == nullptr) return;
+    if (_daemon->running()) expectBalancedLedger();
     const std::string log = _daemon->errors();
     const auto reports = [&](const char* text) { return log.find(text) != std::string::npos; };
     if (_daemon->hasEndedUnasked() || reports("Sanitizer") || reports(": runtime error: ")) {

@@ -71,12 +71,17 @@ class DaemonFixture {
     /// Waits until so many events of the category have been posted; whether they have.
     bool waitForEvents(std::uint16_t category, std::size_t count) const;
 
+    /// What the daemon counts; nothing when it does not answer.
+    std::optional<Dictionary> statistics() const;
+
     /// Waits until the daemon's log holds the line, counted from its start; whether it does.
     bool logs(std::string_view text) { return _daemon->waitForErrors(text); }
 
   private:
     ServerAnswer answerTo(const ServerRequest& request);
     void endDaemon();
+    /// Aborts when events that the daemon accepted are nowhere.
+    void expectBalancedLedger() const;
 
     std::filesystem::path _root;
     std::unique_ptr<tools::SigningKey> _key;
