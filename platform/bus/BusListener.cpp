@@ -142,19 +142,19 @@ void BusListener::accept(UniqueDescriptor socket) {
         logError("listener: a connection of process {} could not be set up", peer.pid);
         return;
     }
-    const BusConnection* key = connection.get();
+    const std::uint64_t number = ++_accepted;
     {
         const MutexLock lock(_mutex);
-        _connections.emplace(key, connection);
+        _connections.emplace(number, connection);
     }
     const auto charge = std::make_shared<UserAccount::Charge>(*std::move(admitted));
-    const auto ended = [this, key, charge] {
+    const auto ended = [this, number, charge] {
         *charge = {};
-        connectionEnded(key);
+        connectionEnded(number);
     };
     if (_delegate(connection) && connection->resume(ended)) return;
     logError("listener: a connection of process {} could not be served", peer.pid);
-    connectionEnded(key);
+    connectionEnded(number);
 }
 
 std::optional<UserAccount::Charge> BusListener::admit(uid_t user) {
@@ -168,9 +168,9 @@ std::optional<UserAccount::Charge> BusListener::admit(uid_t user) {
     return admitted;
 }
 
-void BusListener::connectionEnded(const BusConnection* connection) {
+void BusListener::connectionEnded(std::uint64_t number) {
     const MutexLock lock(_mutex);
-    [[maybe_unused]] const std::size_t erased = _connections.erase(connection);
+    [[maybe_unused]] const std::size_t erased = _connections.erase(number);
     assert(erased == 1);  // One left behind, or ended twice, would keep the process from ending, or hurry it.
     if (_allGone && _connections.empty()) _loop->post(std::exchange(_allGone, nullptr));
 }
@@ -187,7 +187,7 @@ void BusListener::invalidateAll(RunLoop::Handler allGone) {
     std::vector<std::shared_ptr<BusConnection>> connections;
     {
         const MutexLock lock(_mutex);
-        for (const auto& [key, weak] : _connections)
+        for (const auto& [number, weak] : _connections)
             if (auto connection = weak.lock()) connections.push_back(std::move(connection));
         if (_connections.empty())
             _loop->post(std::move(allGone));

@@ -7,6 +7,7 @@
 #include "platform/bus/BusConnection.h"
 #include "platform/loop/RunLoop.h"
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -46,7 +47,7 @@ class BusListener {
     void acceptWaiting();
     void accept(UniqueDescriptor socket);
     std::optional<UserAccount::Charge> admit(uid_t user);
-    void connectionEnded(const BusConnection* connection);
+    void connectionEnded(std::uint64_t number);
     void pause();
 
     UniqueDescriptor _socket;
@@ -57,7 +58,9 @@ class BusListener {
     bool _accepting = false;
 
     Mutex _mutex;
-    std::map<const BusConnection*, std::weak_ptr<BusConnection>> _connections GUARDED_BY(_mutex);
+    /// By numbers: the address of one that is gone and still filed may be another's already.
+    std::map<std::uint64_t, std::weak_ptr<BusConnection>> _connections GUARDED_BY(_mutex);
+    std::uint64_t _accepted = 0;
     RunLoop::Handler _allGone GUARDED_BY(_mutex);
 };
 
