@@ -222,5 +222,27 @@ TEST_F(Ctl, ListensToTheSessionsBelowAndTellsWhyListeningAndWaitingEnd) {
     EXPECT_EQ(upper->errors(), "listening\nquorvanectl: the connection is lost: the daemon closed it\n");
 }
 
+TEST_F(Ctl, TellsWhyASessionDoesNotReportAndWhatBecameOfItsEvents) {
+    start({{"client", "Maps"}});
+    Client client = device.startedClient({.sessionID = 7, .clientType = 5, .requireUserInfo = true},
+                                         UserInfo{.clientName = "Mail"});
+    ASSERT_TRUE(client.send({.category = 12, .type = 3}));
+
+    const ProgramResult status = ctl("status");
+    EXPECT_EQ(status.status, 0) << status.errors;
+    EXPECT_THAT(status.output, HasSubstr("session 7 of process "));
+    EXPECT_THAT(status.output, HasSubstr("client Mail, service without a name, type 5, 7-test\n"));
+    EXPECT_THAT(status.output, HasSubstr("  httppost: disabled, "));
+    EXPECT_THAT(status.output, HasSubstr("dropped (noMatchingClient)"));
+    EXPECT_THAT(status.output, HasSubstr("storebag pelmark: version 7-test; "));
+
+    const auto stats = ctlJson("stats");
+    ASSERT_THAT(stats, SizeIs(1));
+    EXPECT_EQ(stats[0].dictionary("events")->dictionary("droppedBy")->integer("noMatchingClient"), 1)
+        << status.output;
+    ASSERT_THAT(ctlJson("storebags"), SizeIs(1));
+    EXPECT_EQ(ctl("status --socket /nonexistent").status, 3);
+}
+
 }  // namespace
 }  // namespace quorvane::test

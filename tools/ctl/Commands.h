@@ -13,5 +13,8 @@ void run(const DisplayURL& command);
 void run(const Upload& command);
 void run(const UploadLog& command);
 void run(const Listen& command);
+void run(const Status& command);
+void run(const Stats& command);
+void run(const Storebags& command);
 
 }  // namespace quorvane::ctl

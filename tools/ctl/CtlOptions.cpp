@@ -14,6 +14,14 @@ constexpr const char* kDescription =
 constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 usage, 3 the daemon cannot be reached or does not answer in time.";
 
+void addDaemonOptions(CLI::App& command, DaemonOptions& options) {
+    command.add_option("--socket", options.socket, "The daemon's socket, if not the one in QUORVANE_ROOT")
+        ->type_name("FILE");
+    command.add_option("--timeout", options.timeoutSeconds, "Seconds to wait for each answer; 0 has no end")
+        ->capture_default_str();
+    command.add_flag("--json", options.json, "Print JSON, one value a line");
+}
+
 void addSessionOptions(CLI::App& command, SessionOptions& options) {
     SessionInfo& info = options.sessionInfo;
     command.add_option("--client-type", info.clientType, "Kind of client; 5 to 11 have a storebag (5)")
@@ -35,11 +43,7 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
         .add_flag("--require-user-info", info.requireUserInfo,
                   "Report under the rules of the client and service name; without them events are held")
         ->group("Session");
-    command.add_option("--socket", options.socket, "The daemon's socket, if not the one in QUORVANE_ROOT")
-        ->type_name("FILE");
-    command.add_option("--timeout", options.timeoutSeconds, "Seconds to wait for each answer; 0 has no end")
-        ->capture_default_str();
-    command.add_flag("--json", options.json, "Print JSON, one value a line");
+    addDaemonOptions(command, options);
 }
 
 void addEventOptions(CLI::App& command, EventOptions& options) {
@@ -64,7 +68,10 @@ std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const ch
     const std::pair<CLI::App*, Kind&> added = tools::addCommand<Kind>(app, name, description, command);
     Kind& read = added.second;
     if constexpr (requires { read.event; }) addEventOptions(*added.first, read.event);
-    addSessionOptions(*added.first, read.session);
+    if constexpr (requires { read.session; })
+        addSessionOptions(*added.first, read.session);
+    else
+        addDaemonOptions(*added.first, read.daemon);
     return added;
 }
 
@@ -111,6 +118,11 @@ std::optional<Command> readCommand(int argc, char** argv, int& status) {
     addCommand<DisplayURL>(app, "display-url", "Print where a session's events can be looked at", command);
     addUploads(app, command);
     addListen(app, command);
+    addCommand<Status>(app, "status",
+                       "Tell of every session why it does or does not report, and what became of its events",
+                       command);
+    addCommand<Stats>(app, "stats", "Count what became of all events", command);
+    addCommand<Storebags>(app, "storebags", "Tell how fetching each storebag last went", command);
     if (!tools::parse(app, argc, argv, status)) return std::nullopt;
     return command;
 }

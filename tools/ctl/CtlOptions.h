@@ -10,14 +10,18 @@
 
 namespace quorvane::ctl {
 
-/// Who reports, and how the daemon is reached.
-struct SessionOptions {
-    SessionInfo sessionInfo{.sessionID = 1, .clientType = 5, .clientVersion = 1};
-    std::optional<std::string> clientName;
-    std::optional<std::string> serviceName;
+/// How the daemon is reached, and how its answers are printed.
+struct DaemonOptions {
     std::string socket;  ///< Empty for the usual one.
     std::uint32_t timeoutSeconds = 60;
     bool json = false;
+};
+
+/// Who reports.
+struct SessionOptions : DaemonOptions {
+    SessionInfo sessionInfo{.sessionID = 1, .clientType = 5, .clientVersion = 1};
+    std::optional<std::string> clientName;
+    std::optional<std::string> serviceName;
 };
 
 struct EventOptions {
@@ -68,7 +72,20 @@ struct Listen {
     std::optional<std::uint64_t> count;
 };
 
-using Command = std::variant<Send, Single, Flush, States, DisplayURL, Upload, UploadLog, Listen>;
+struct Status {
+    DaemonOptions daemon;
+};
+
+struct Stats {
+    DaemonOptions daemon;
+};
+
+struct Storebags {
+    DaemonOptions daemon;
+};
+
+using Command = std::variant<Send, Single, Flush, States, DisplayURL, Upload, UploadLog, Listen, Status,
+                             Stats, Storebags>;
 
 /// Reads the command line. Nothing when the program is to end at once with the status: help was asked for, or
 /// something in the command line is wrong and has been told.

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "platform/value/Value.h"
+#include "tools/ctl/CtlOptions.h"
+
+#include <vector>
+
+namespace quorvane::ctl {
+
+/// What the daemon tells of itself, by keys that docs/DBUS.md explains.
+struct Inspection {
+    Dictionary statistics;
+    std::vector<Dictionary> sessions;  ///< All but this program's own.
+    std::vector<Dictionary> storebags;
+};
+
+/// Asks the daemon. Throws a Failure when it does not answer.
+Inspection inspect(const DaemonOptions& options);
+
+}  // namespace quorvane::ctl
