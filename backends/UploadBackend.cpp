@@ -2,17 +2,17 @@
 
 #include "backends/UploadRequest.h"
 #include "backends/UploadRoom.h"
+#include "platform/base/DescriptorIO.h"
 #include "platform/base/Log.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "platform/value/Url.h"
 #include "util/Compression.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
+#include <span>
 #include <vector>
 
 #include <fmt/format.h>
@@ -26,6 +26,8 @@ using platform::orNull;
 namespace {
 
 constexpr std::size_t kPieceBytes = 256u << 10;
+/// The most that is taken of a file whose size reads 0, as those of the kernel's do whatever they hold.
+constexpr std::size_t kUnsizedBytes = 1u << 20;
 
 /// Nothing for what is no regular file, or no file at all.
 std::optional<std::size_t> sizeOfRegularFile(int descriptor) {
@@ -34,29 +36,20 @@ std::optional<std::size_t> sizeOfRegularFile(int descriptor) {
     return static_cast<std::size_t>(status.st_size);
 }
 
-/// Reads at a place of its own: the descriptor's offset is shared with the client. 0 at the end, less on
-/// failure.
-ssize_t readAt(int descriptor, std::size_t offset, std::span<std::uint8_t> piece) {
-    for (;;) {
-        const ssize_t count = ::pread(descriptor, piece.data(), piece.size(), static_cast<off_t>(offset));
-        if (count >= 0 || errno != EINTR) return count;
-    }
-}
-
 /// The file as it is now, but no more of it than the given size: it may grow as fast as it is read.
 std::optional<Data> compressedFile(int descriptor, std::size_t size) {
     GzipDeflater gzip(size);
     std::vector<std::uint8_t> buffer(std::min(size, kPieceBytes));
     std::size_t offset = 0;
-    ssize_t count = 0;
-    while (offset < size) {
+    std::optional<std::size_t> count = 0;
+    do {
         const std::span<std::uint8_t> piece(buffer.data(), std::min(size - offset, buffer.size()));
-        count = readAt(descriptor, offset, piece);
-        if (count <= 0) break;
-        if (!gzip.append(piece.first(static_cast<std::size_t>(count)))) return std::nullopt;
-        offset += static_cast<std::size_t>(count);
-    }
-    if (offset == 0 || count < 0) {
+        count = platform::readAt(descriptor, piece, offset);
+        if (!count) break;
+        if (!gzip.append(piece.first(*count))) return std::nullopt;
+        offset += *count;
+    } while (*count > 0 && offset < size);
+    if (offset == 0 || !count) {
         logError("UploadBackend(uploadFileAtPath): Input file is empty");
         return std::nullopt;
     }
@@ -96,12 +89,13 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const char* extens
         logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
         return false;
     }
-    auto room = uploadRoom(*_uploadURL, *size);
+    const std::size_t most = *size > 0 ? *size : kUnsizedBytes;
+    auto room = uploadRoom(*_uploadURL, most);
     if (!room) {
         logError("UploadBackend(uploadFileAtPath): No room for file {}", path);
         return false;
     }
-    std::optional<Data> compressed = compressedFile(extension.descriptor(), *size);
+    std::optional<Data> compressed = compressedFile(extension.descriptor(), most);
     if (!compressed) return false;
     room->shrinkTo(compressed->size());
 

@@ -140,12 +140,15 @@ TEST_F(UploadBackendTest, OnlyRegularFilesWithContentsAreRead) {
     write("empty", "");
     EXPECT_FALSE(upload("empty"));
     EXPECT_EQ(logged("<3>UploadBackend(uploadFileAtPath): Input file is empty"), 1u);
+    const std::string sizeless = "/proc/version";
+    EXPECT_TRUE(_backend->uploadFileAtPath(
+        sizeless, lent(platform::UniqueDescriptor(::open(sizeless.c_str(), O_RDONLY | O_CLOEXEC))).c_str()));
     EXPECT_EQ(logged("<3>"), 6u);
 
     makeLarge("huge", std::uintmax_t{1} << 32);
     EXPECT_FALSE(upload("huge"));
     EXPECT_EQ(logged("<3>compressDataWithZlibOrGzip: Cannot compress 4294967296 bytes at once"), 1u);
-    EXPECT_EQ(_server->requestCount(), 0u);
+    EXPECT_EQ(_server->requestCount(), 1u);
 }
 
 TEST_F(UploadBackendTest, AFileThatChangesIsSentAsItIsFound) {
