@@ -127,7 +127,6 @@ TEST_F(Ctl, TellsAndSendsWhatItsKindOfClientHas) {
         {"states --require-user-info", "reporting: none\n"},
         {"states --require-user-info --client-name beta", "reporting: none\n"},
         {"states --require-user-info --client-name alpha --service-name s", "reporting: httppost\n"},
-        {"states --client-type 6 --json", "{\"reporting\":[],\"storebag\":false}\n"},
         {"display-url --session-id 7", "https://display.example/show?sequences=7&override=yes\n"}};
     for (const auto& [words, output] : answers) {
         const auto result = ctl(words);
@@ -139,6 +138,7 @@ TEST_F(Ctl, TellsAndSendsWhatItsKindOfClientHas) {
     const std::vector<std::pair<std::string, std::string>> failures{
         {"single 3 200 --client-type 6", "storebag not available"},
         {"send 1 2 --client-type 6", "the daemon has no storebag for client type 6"},
+        {"states --client-type 6 --json", "the daemon has no storebag for client type 6"},
         {"display-url --client-type 8", "URL not available"}};
     for (const auto& [words, reason] : failures) {
         const auto result = ctl(words);

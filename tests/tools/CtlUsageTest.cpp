@@ -19,7 +19,8 @@ class CtlUsage : public RootFixture {
 TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
     const std::vector<std::pair<std::string, std::string>> wrong{
         {"", "subcommand"},
-        {"transmit", "subcommand"},
+        {"transmit", "transmit is no subcommand\n"},
+        {"sned 1 2", "sned is no subcommand; did you mean send?"},
         {"send 1", "type"},
         {"send 65536 1", "category"},
         {"send 1 2 --count 0", "--count"},

@@ -1,14 +1,20 @@
 #pragma once
 
 #include "tools/common/Failure.h"
+#include "tools/common/Nearest.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
+
+#include <fmt/format.h>
 
 namespace quorvane::tools {
 
@@ -34,11 +40,27 @@ inline CLI::Validator decimal() {
         "");
 }
 
+/// Whether the word is a subcommand; if not, says so, and which one was probably meant.
+inline bool isSubcommand(const CLI::App& app, const std::string& word) {
+    std::vector<std::string> names;
+    for (const CLI::App* known : app.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(known->get_name());
+    if (std::find(names.begin(), names.end(), word) != names.end()) return true;
+    const auto meant = nearest(word, names);
+    fmt::print(stderr, "{} is no subcommand{}\nRun with --help for more information.\n", word,
+               meant ? fmt::format("; did you mean {}?", *meant) : "");
+    return false;
+}
+
 /// Reads the command line, which names one subcommand. False when there is nothing more to do, as after
 /// --help or a wrong command line, which are answered here; the program's exit status is then set.
 inline bool parse(CLI::App& app, int argc, char** argv, int& status) {
     app.set_version_flag("--version", QUORVANE_VERSION);
     app.require_subcommand(1);
+    if (argc > 1 && argv[1][0] != '-' && !isSubcommand(app, argv[1])) {
+        status = kUsage;
+        return false;
+    }
     try {
         app.parse(argc, argv);
         return true;

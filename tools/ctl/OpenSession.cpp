@@ -32,12 +32,15 @@ ReportingStates start(Client& client, const SessionOptions& options, Aggregation
     return orFail(client.start(timeoutOf(options)));
 }
 
+tools::Failure noStorebag(const SessionOptions& options) {
+    return tools::Failure(fmt::format("the daemon has no storebag for client type {}",
+                                      options.sessionInfo.clientType.value_or(0)));
+}
+
 std::vector<std::string> startWithStorebag(Client& client, const SessionOptions& options,
                                            AggregationBlock block) {
     ReportingStates states = start(client, options, std::move(block));
-    if (!states)
-        throw tools::Failure(fmt::format("the daemon has no storebag for client type {}",
-                                         options.sessionInfo.clientType.value_or(0)));
+    if (!states) throw noStorebag(options);
     return *std::move(states);
 }
 

@@ -31,6 +31,8 @@ Client connect(const SessionOptions& options, std::function<void(Error)> disconn
 /// Configures and starts the session.
 ReportingStates start(Client& client, const SessionOptions& options, AggregationBlock block = {});
 
+tools::Failure noStorebag(const SessionOptions& options);
+
 /// The same, for what is of no use without a storebag; throws a Failure when there is none.
 std::vector<std::string> startWithStorebag(Client& client, const SessionOptions& options,
                                            AggregationBlock block = {});

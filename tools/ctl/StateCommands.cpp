@@ -7,7 +7,9 @@ namespace quorvane::ctl {
 
 void run(const States& command) {
     Client client = connect(command.session);
-    printStates(command.session.json, start(client, command.session));
+    const ReportingStates states = start(client, command.session);
+    printStates(command.session.json, states);
+    if (!states) throw noStorebag(command.session);
 }
 
 void run(const DisplayURL& command) {
