@@ -96,7 +96,8 @@ class RootFixture : public testing::Test {
 
     static inline std::atomic<std::int64_t> clock = 0;
     static inline std::mutex linesGuard;
-    static inline std::vector<std::string> lines;
+    /// Never destroyed: other threads may write lines until the process ends.
+    inline static std::vector<std::string>& lines = *new std::vector<std::string>();
 };
 
 }  // namespace quorvane
