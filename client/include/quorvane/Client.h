@@ -110,8 +110,7 @@ class Client {
     /// identifier.
     Result<std::string> sendMessageWithSessionInfo(const SessionInfo& sessionInfo,
                                                    const std::optional<UserInfo>& userInfo,
-                                                   const Event& event,
-                                                   Timeout timeout = kStartTimeout);
+                                                   const Event& event, Timeout timeout = kStartTimeout);
     Status sendMessageWithSessionInfoAsync(const SessionInfo& sessionInfo,
                                            const std::optional<UserInfo>& userInfo, const Event& event,
                                            Completion<std::string> completion,
