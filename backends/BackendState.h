@@ -30,8 +30,8 @@ enum class ReportingReason : std::int32_t {
     AboveThresholds,
 };
 
-/// A state and the reason for it.
-struct Standing {
+/// A state and the reason for it. So aligned it is read and written at once, by clang without a library, too.
+struct alignas(2 * sizeof(BackendState)) Standing {
     BackendState state = BackendState::WaitingForUserInfo;
     ReportingReason reason = ReportingReason::NotSetUp;
 };
