@@ -35,7 +35,7 @@ double secondsSince(platform::TimeValue time) {
 
 /// A client's text as far as an answer may carry it.
 std::string shortened(const std::string& text) {
-    const std::string safe = platform::escapedControls(text, "");
+    std::string safe = platform::escapedControls(text, "");
     if (safe.size() <= kMaximumTextBytes && platform::isUtf8(safe)) return safe;
     std::string start = safe.substr(0, kMaximumTextBytes);
     for (int cut = 0; cut < 4 && !platform::isUtf8(start); ++cut) start.pop_back();
