@@ -27,7 +27,7 @@ struct Bounds {
 };
 // Less than one above what was measured.
 constexpr Bounds kMostUnanswered{11, 0.4};
-constexpr Bounds kMostAnswered{23, 1.5};
+constexpr Bounds kMostAnswered{11, 1.5};
 
 /// A daemon that is counted, fed in batches. It is slower than others, so that no time is taken of it.
 class CountedDaemon {

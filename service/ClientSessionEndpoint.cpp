@@ -60,7 +60,7 @@ void ClientSessionEndpoint::exportSession(platform::BusConnection& connection,
                               });
     connection.setDictionaryHandler(
         {kQuorvaneObjectPath, kClientSessionInterface, "SendMessageWithDictionary"},
-        [endpoint](sd_bus_message* call, const Dictionary& message) {
+        [endpoint](const platform::BusCall& call, const Dictionary& message) {
             endpoint->sendPlainMessage(call, message);
         });
 }
@@ -198,14 +198,15 @@ int ClientSessionEndpoint::sendMessageWithDictionary(sd_bus_message* call) {
     return 0;
 }
 
-/// The same for a message that has been read already; the call is null when no answer is wanted.
-void ClientSessionEndpoint::sendPlainMessage(sd_bus_message* call, const Dictionary& message) noexcept {
+/// The same for a message that has been read already.
+void ClientSessionEndpoint::sendPlainMessage(const platform::BusCall& call,
+                                             const Dictionary& message) noexcept {
     try {
-        _session->sendMessageWithDictionary(message,
-                                            [&](const Answer& text) { answerOptionalText(call, text); });
+        _session->sendMessageWithDictionary(
+            message, [&](const Answer& text) { _connection.replyWithText(call, text ? &*text : nullptr); });
     } catch (const std::exception& thrown) {
         logFailure("SendMessageWithDictionary", thrown);
-        if (call != nullptr) ::sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "%s", kNotServed);
+        _connection.replyWithError(call, SD_BUS_ERROR_FAILED, kNotServed);
     }
 }
 
@@ -335,7 +336,7 @@ int ClientSessionEndpoint::keepFrameworks(const std::vector<std::string>& framew
 
 template <typename Append>
 void ClientSessionEndpoint::answer(sd_bus_message* call, std::size_t bytes, const Append& append) {
-    if (call == nullptr || ::sd_bus_message_get_expect_reply(call) <= 0) return;
+    if (::sd_bus_message_get_expect_reply(call) <= 0) return;
     sd_bus_message* raw = nullptr;
     int result = ::sd_bus_message_new_method_return(call, &raw);
     const platform::BusMessage reply(raw);

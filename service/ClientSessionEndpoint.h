@@ -3,6 +3,7 @@
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/base/UserAccount.h"
 #include "platform/bus/BusConnection.h"
+#include "platform/bus/BusHeader.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "service/ClientProxy.h"
 #include "service/protocols.h"
@@ -49,7 +50,7 @@ class ClientSessionEndpoint {
     int fetchDisplayURL(sd_bus_message* call);
     int sendMessageWithCategory(sd_bus_message* call);
     int sendMessageWithDictionary(sd_bus_message* call);
-    void sendPlainMessage(sd_bus_message* call, const Dictionary& message) noexcept;
+    void sendPlainMessage(const platform::BusCall& call, const Dictionary& message) noexcept;
     int sendMessages(sd_bus_message* call);
     int flushMessages(sd_bus_message* call);
     int uploadFileAtPath(sd_bus_message* call);

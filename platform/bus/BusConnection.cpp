@@ -246,6 +246,7 @@ void BusConnection::serveRest() {
     if (!_input.betweenMessages()) return;
     UniqueDescriptor nobody;
     sd_bus* const first = std::exchange(_bus, nullptr);
+    _servesRest = true;
     bool serves = openBus(socketPair(nobody));
     for (const Exported& exported : _exported) serves = serves && exportOnBus(exported);
     serves = serves && _authentication.skip(_bus) >= 0 && ::dup3(_socket, _busInput, O_CLOEXEC) >= 0;

@@ -58,11 +58,13 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     using FileHandler = std::function<void(sd_bus_message* call, UniqueDescriptor file)>;
     void setFileHandler(Method method, FileHandler handler);
     /// What calls with one a{sv} reach past the bus library, which takes several times as long to read one,
-    /// set before resume(). Some still come by way of the vtable: BusBody.h. The call is null when no answer
-    /// is wanted, and its arguments cannot be read. The handler throws nothing.
+    /// set before resume(). Some still come by way of the vtable: BusBody.h. The handler throws nothing.
     ///   method  must live as long as the connection
-    using DictionaryHandler = std::function<void(sd_bus_message* call, const Dictionary& argument)>;
+    using DictionaryHandler = std::function<void(const BusCall& call, const Dictionary& argument)>;
     void setDictionaryHandler(Method method, DictionaryHandler handler);
+    /// Answers a call that has come so, if it wants an answer, with one as: the text or nothing.
+    void replyWithText(const BusCall& call, const std::string* text);
+    void replyWithError(const BusCall& call, const char* name, const char* text);
     /// Runs, again and again while it says that there is more to do, whenever the client asks for nothing; on
     /// the connection's thread.
     void setIdleHandler(std::function<bool()> handler) { _idleHandler = std::move(handler); }
@@ -125,6 +127,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     int serveNext(BusInput::Next next);
     int serveFileCall();
     bool serveDictionaryCall(std::span<const std::uint8_t> message);
+    bool replyDirectly(const BusCall& call, const std::string* text) const;
     BusMessage directCall(const Method& method, const BusCall& read) const;
     int writeQueued();
     int drainReplies();
@@ -148,6 +151,7 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     std::atomic<bool> _ending = false;
     bool _nothingFollows = false;  ///< The client closed or died; what it sent before may be there still.
     bool _vanished = false;        ///< The client closed without reading what it was sent.
+    bool _servesRest = false;      ///< What is sent reaches nobody any more.
     std::vector<Exported> _exported;
     Method _fileMethod;
     FileHandler _fileHandler;

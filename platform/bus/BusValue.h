@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorvane::platform {
@@ -15,6 +16,8 @@ namespace quorvane::platform {
 /// value: -EBADMSG or -ENXIO for what is malformed or of another type, -E2BIG for values that nest too deep
 /// (Nesting.h) or are more than a million. Of equal keys the last counts. Texts that D-Bus cannot carry (not
 /// UTF-8, or with a NUL) are not appended: -EINVAL.
+
+bool isBusText(std::string_view text);
 
 int readDictionary(sd_bus_message* message, Dictionary& out);                         // a{sv}
 int readOptionalDictionary(sd_bus_message* message, std::optional<Dictionary>& out);  // aa{sv}

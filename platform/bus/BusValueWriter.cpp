@@ -12,10 +12,6 @@ namespace {
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
-bool isBusText(const std::string& text) {
-    return text.find('\0') == std::string::npos && isUtf8(text);
-}
-
 int appendText(sd_bus_message* message, const std::string& text) {
     if (!isBusText(text)) return -EINVAL;
     return ::sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, text.c_str());
@@ -122,6 +118,10 @@ int appendArray(sd_bus_message* message, const Array& array, unsigned open) {
 }
 
 }  // namespace
+
+bool isBusText(std::string_view text) {
+    return text.find('\0') == std::string_view::npos && isUtf8(text);
+}
 
 int appendDictionary(sd_bus_message* message, const Dictionary& dictionary) {
     return appendDictionary(message, dictionary, containersOf(Value::Kind::Dictionary));

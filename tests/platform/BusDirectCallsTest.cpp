@@ -127,9 +127,11 @@ class Recorder {
                                                        std::shared_ptr<void>(std::shared_ptr<void>(), this)));
               if (way == Way::Direct)
                   connection.setDictionaryHandler({kQuorvaneObjectPath, kInterface, "Take"},
-                                                  [this](sd_bus_message* call, const Dictionary& read) {
+                                                  [this](const BusCall& call, const Dictionary& read) {
                                                       ++_direct;
-                                                      note(call, read.description());
+                                                      note(read.description());
+                                                      if (!call.expectsReply) return;
+                                                      _connection->replyWithText(call, &_answer);
                                                   });
           }) {
         write("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv);
@@ -175,21 +177,22 @@ class Recorder {
     static int take(sd_bus_message* call, void* object, sd_bus_error*) {
         Dictionary read;
         const int result = readDictionary(call, read);
-        static_cast<Recorder*>(object)->note(call, result < 0 ? "refused" : read.description());
+        auto* const self = static_cast<Recorder*>(object);
+        self->note(result < 0 ? "refused" : read.description());
+        if (::sd_bus_message_get_expect_reply(call) <= 0) return 1;
+        self->_connection->noteQueuedBytes(self->_answer.size());
+        ::sd_bus_reply_method_return(call, "as", 1, self->_answer.c_str());
         return 1;
     }
 
-    void note(sd_bus_message* call, const std::string& read) {
+    void note(const std::string& read) {
         ++_calls;
         _read.push_back(read);
-        if (call == nullptr || ::sd_bus_message_get_expect_reply(call) <= 0) return;
-        _connection->noteQueuedBytes(_answer.size());
-        ::sd_bus_reply_method_return(call, "s", _answer.c_str());
     }
 
     static constexpr sd_bus_vtable vtable[] = {
         SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD("Take", "a{sv}", "s", take, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("Take", "a{sv}", "as", take, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END,
     };
 
@@ -308,13 +311,13 @@ TEST(BusDirectCalls, HostileBytesAreReadAsTheBusLibraryReadsThem) {
 
 TEST(BusDirectCalls, AnswersThatAreNotReadBoundThem) {
     constexpr std::uint32_t kCalls = 400;
-    Recorder recorder(Recorder::Way::Direct, 50'000);
+    Recorder recorder(Recorder::Way::Direct, 12'000);
     std::string calls;
     for (std::uint32_t serial = 1; serial <= kCalls; ++serial)
         calls += callOf({.serial = serial, .flags = 0});
     recorder.write(calls);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_LT(recorder.calls(), 100u);
+    EXPECT_LT(recorder.calls(), 200u);
     while (recorder.answers() < kCalls && recorder.receive()) continue;
     EXPECT_EQ(recorder.answers(), kCalls);
     EXPECT_EQ(recorder.end().size(), kCalls);
