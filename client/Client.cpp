@@ -187,8 +187,18 @@ Status Client::sendAndForget(const Event& event) {
     return _implementation->connection->send(event, Connection::WhenFull::Wait);
 }
 
+Status Client::sendAndForget(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                             std::uint32_t flag) {
+    return _implementation->connection->send({category, type, payload, flag}, Connection::WhenFull::Wait);
+}
+
 Status Client::trySend(const Event& event) {
     return _implementation->connection->send(event, Connection::WhenFull::Fail);
+}
+
+Status Client::trySend(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                       std::uint32_t flag) {
+    return _implementation->connection->send({category, type, payload, flag}, Connection::WhenFull::Fail);
 }
 
 Result<Answer> Client::flush(Timeout timeout) {

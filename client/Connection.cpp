@@ -141,7 +141,7 @@ Status Connection::greet(const Deadline& deadline) {
     return std::monostate{};
 }
 
-Status Connection::send(const Event& event, WhenFull whenFull) {
+Status Connection::send(const EventView& event, WhenFull whenFull) {
     const MutexLock lock(_mutex);
     if (whenFull == WhenFull::Fail && !_lost && isFull(false))
         return Error{ErrorCode::WouldBlock, "the daemon does not keep up"};

@@ -3,6 +3,7 @@
 #include "client/CallbackQueue.h"
 #include "client/Deadline.h"
 #include "client/EventCall.h"
+#include "client/EventView.h"
 #include "platform/base/ThreadAnnotations.h"
 #include "platform/base/UniqueDescriptor.h"
 
@@ -54,7 +55,7 @@ class Connection {
 
     enum class WhenFull { Wait, Fail };
     /// Sends an event in a call that is not answered. While the socket takes no more, it waits or fails.
-    Status send(const Event& event, WhenFull whenFull);
+    Status send(const EventView& event, WhenFull whenFull);
     /// Sends a call; the reply runs unless an error is returned.
     Status call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout);
     /// Sends a call and waits for its answer.

@@ -208,7 +208,7 @@ const std::vector<std::uint8_t>& header() {
 
 }  // namespace
 
-int EventCall::write(const Event& event) {
+int EventCall::write(const EventView& event) {
     const std::size_t headerBytes = header().size();
     if (_buffer.size() < headerBytes) _buffer = header();
     Writer writer(_buffer, headerBytes);
@@ -218,7 +218,7 @@ int EventCall::write(const Event& event) {
         };
         numberEntry(kQuorvaneMessageParametersCategory, "q", event.category);
         numberEntry(kQuorvaneMessageParametersType, "q", event.type);
-        if (event.payload)
+        if (event.payload != nullptr)
             writer.entry(kQuorvaneMessageParametersPayload, "a{sv}",
                          [&] { writer.dictionary(*event.payload, 3); });
         if (event.flag != 0) numberEntry(kQuorvaneMessageParametersFlag, "u", event.flag);

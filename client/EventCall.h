@@ -1,6 +1,6 @@
 #pragma once
 
-#include <quorvane/Session.h>
+#include "client/EventView.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -15,7 +15,7 @@ class EventCall {
   public:
     /// Writes the call. Negative errno when the event cannot be sent: -E2BIG when it is nested too deeply or
     /// too large, -EINVAL for a text that is not UTF-8 or holds a NUL.
-    int write(const Event& event);
+    int write(const EventView& event);
     /// What was written last.
     std::span<const std::uint8_t> bytes() const { return {_buffer.data(), _size}; }
     /// Gives memory back that a large event took.

@@ -39,9 +39,8 @@ ReportQueue::ReportQueue(std::size_t mostEvents, std::size_t mostBytes)
 
 // The program's side.
 
-bool ReportQueue::push(const Event& event, bool& wakes) {
-    const Dictionary* payload = event.payload ? &*event.payload : nullptr;
-    const std::optional<std::size_t> size = packedSize(payload);
+bool ReportQueue::push(const EventView& event, bool& wakes) {
+    const std::optional<std::size_t> size = packedSize(event.payload);
     const std::uint64_t now = elapsedMicroseconds();
     const MutexLock lock(_mutex);
     ++_statistics.reported;
@@ -53,7 +52,7 @@ bool ReportQueue::push(const Event& event, bool& wakes) {
     try {
         Parcel& parcel = parcelFor(*size);
         packEvent(parcel.buffer.get() + parcel.bytes, *size, event.category, event.type, event.flag, now,
-                  payload);
+                  event.payload);
         if (parcel.events++ == 0) parcel.firstReported = now;
         parcel.bytes += *size;
         parcel.isUrgent = parcel.isUrgent || (event.flag & kFlagSendNow) != 0;

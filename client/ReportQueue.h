@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/Deadline.h"
+#include "client/EventView.h"
 #include "platform/base/ThreadAnnotations.h"
 
 #include <quorvane/Reporter.h>
@@ -49,7 +50,7 @@ class ReportQueue {
     // The program's side. Where `wakes` comes to be true, the reporter's thread is to be woken.
 
     /// Whether the event is queued.
-    bool push(const Event& event, bool& wakes);
+    bool push(const EventView& event, bool& wakes);
     void pushUserInfo(std::optional<Dictionary> userInfo, bool& wakes);
     /// The number of the flush.
     std::uint64_t pushFlush(bool& wakes);

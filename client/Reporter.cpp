@@ -55,6 +55,13 @@ class Reporter::Implementation {
           queue(options.queueEvents, options.queueBytes),
           loop(std::move(options), queue, std::move(wake)) {}
 
+    bool report(const client::EventView& event) {
+        bool wakes = false;
+        const bool queued = queue.push(event, wakes);
+        if (wakes) loop.wake();
+        return queued;
+    }
+
     const Timeout closeTimeout;
     client::ReportQueue queue;
     client::ReporterLoop loop;
@@ -88,10 +95,12 @@ Reporter::~Reporter() {
 }
 
 bool Reporter::report(const Event& event) {
-    bool wakes = false;
-    const bool queued = _implementation->queue.push(event, wakes);
-    if (wakes) _implementation->loop.wake();
-    return queued;
+    return _implementation->report(event);
+}
+
+bool Reporter::report(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                      std::uint32_t flag) {
+    return _implementation->report({category, type, payload, flag});
 }
 
 Status Reporter::setUserInfo(const std::optional<UserInfo>& userInfo) {

@@ -183,8 +183,8 @@ void ReporterLink::sendOneByOne(Parcel parcel) {
     PackedEventReader events(parcel.packed());
     const auto appendNext = [&events](sd_bus_message* message) {
         events.next();
-        PackedEvent& event = events.event();
-        return appendMessage(message, {event.category, event.type, std::move(event.payload), event.flag});
+        const PackedEvent& event = events.event();
+        return appendMessage(message, {event.category, event.type, orNull(event.payload), event.flag});
     };
     for (std::uint32_t number = 0; number < last; ++number) send(kSendMessage, appendNext);
     call(kSendMessage, {.take = &ReporterLink::settleSingles, .parcel = std::move(parcel)}, appendNext);

@@ -68,11 +68,11 @@ std::string fileURL(const std::string& path) {
     return "file://" + platform::pathPercentEncoded(path);
 }
 
-int appendMessage(sd_bus_message* message, const Event& event) {
+int appendMessage(sd_bus_message* message, const EventView& event) {
     int result = ::sd_bus_message_open_container(message, 'a', "{sv}");
     if (result >= 0) result = appendNumber(message, kQuorvaneMessageParametersCategory, "q", &event.category);
     if (result >= 0) result = appendNumber(message, kQuorvaneMessageParametersType, "q", &event.type);
-    if (result >= 0 && event.payload) result = appendPayload(message, *event.payload);
+    if (result >= 0 && event.payload != nullptr) result = appendPayload(message, *event.payload);
     if (result >= 0 && event.flag != 0)
         result = appendNumber(message, kQuorvaneMessageParametersFlag, "u", &event.flag);
     return result < 0 ? result : ::sd_bus_message_close_container(message);

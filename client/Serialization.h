@@ -1,6 +1,6 @@
 #pragma once
 
-#include "client/Connection.h"
+#include "client/EventView.h"
 
 #include <quorvane/Session.h>
 
@@ -22,7 +22,7 @@ std::optional<Dictionary> userInfoDictionary(const std::optional<UserInfo>& user
 std::string fileURL(const std::string& path);
 
 /// Appends the message dictionary of an event.
-int appendMessage(sd_bus_message* message, const Event& event);
+int appendMessage(sd_bus_message* message, const EventView& event);
 /// Appends category, type and payload.
 int appendEvent(sd_bus_message* message, const Event& event);
 

@@ -23,12 +23,19 @@ int main(int, char** arguments) {
 }
 )";
 
-constexpr const char* kProject = R"(
-cmake_minimum_required(VERSION 3.25)
-project(outside LANGUAGES CXX)
-find_package(quorvane 7 REQUIRED)
-add_executable(program program.cpp)
-target_link_libraries(program PRIVATE quorvane::quorvane)
+constexpr const char* kProgramInC = R"(
+#include <quorvane/quorvane.h>
+#include <stdio.h>
+
+int main(int count, char** arguments) {
+    QuorvaneClientOptions* options = quorvane_client_options_new();
+    quorvane_client_options_set_socket_path(options, arguments[count - 1]);
+    QuorvaneClient* client = NULL;
+    char* message = NULL;
+    if (quorvane_client_connect(options, &client, &message) != QUORVANE_OK) return puts(message), 1;
+    puts("linked");
+    return 0;
+}
 )";
 
 /// The library installed in a folder of its own, and a program outside the tree that uses it.
@@ -36,7 +43,7 @@ class Install : public testing::Test {
   protected:
     void SetUp() override {
         std::ofstream(folder / "program.cpp") << kProgram;
-        std::ofstream(folder / "CMakeLists.txt") << kProject;
+        std::ofstream(folder / "program.c") << kProgramInC;
         succeed({QUORVANE_CMAKE, "--install", QUORVANE_BUILD_FOLDER, "--component", "libquorvane", "--prefix",
                  prefix.string()});
     }
@@ -50,32 +57,46 @@ class Install : public testing::Test {
         return result.output;
     }
 
+    /// Builds the program in the language with CMake; its path.
+    std::string built(const std::string& language, const std::string& compiler, const std::string& source) {
+        const std::string build = (folder / language).string();
+        std::ofstream(folder / "CMakeLists.txt") << "cmake_minimum_required(VERSION 3.25)\n"
+                                                 << "project(outside LANGUAGES " << language << ")\n"
+                                                 << "find_package(quorvane 7 REQUIRED)\n"
+                                                 << "add_executable(program " << source << ")\n"
+                                                 << "target_link_libraries(program quorvane::quorvane)\n";
+        succeed({QUORVANE_CMAKE, "-S", folder.string(), "-B", build, "-G", "Ninja",
+                 "-DCMAKE_PREFIX_PATH=" + prefix.string(), "-DCMAKE_" + language + "_COMPILER=" + compiler,
+                 "-DCMAKE_" + language + "_FLAGS=" QUORVANE_COMPILER_FLAGS});
+        succeed({QUORVANE_CMAKE, "--build", build});
+        return build + "/program";
+    }
+
     const fs::path folder = makeFolder();
     const fs::path prefix = folder / "prefix";
     BusPeer peer{[](sd_bus_message*) { return 1; }};
 };
 
 TEST_F(Install, AProgramFindsTheLibraryThroughItsCMakePackage) {
-    const std::string build = (folder / "build").string();
-    succeed({QUORVANE_CMAKE, "-S", folder.string(), "-B", build, "-G", "Ninja",
-             "-DCMAKE_PREFIX_PATH=" + prefix.string(), "-DCMAKE_CXX_COMPILER=" QUORVANE_COMPILER,
-             "-DCMAKE_CXX_FLAGS=" QUORVANE_COMPILER_FLAGS});
-    succeed({QUORVANE_CMAKE, "--build", build});
-    EXPECT_EQ(succeed({build + "/program", peer.path()}), "{linked = 1;}\n");
+    EXPECT_EQ(succeed({built("CXX", QUORVANE_COMPILER, "program.cpp"), peer.path()}), "{linked = 1;}\n");
+    EXPECT_EQ(succeed({built("C", QUORVANE_C_COMPILER, "program.c"), peer.path()}), "linked\n");
 }
 
 TEST_F(Install, AProgramFindsTheLibraryThroughPkgConfigWhereverItWasMoved) {
     const fs::path moved = folder / "moved";
     fs::rename(prefix, moved);
     const std::string library = (moved / QUORVANE_LIBRARY_FOLDER).string();
-    const std::string program = (folder / "program").string();
-    succeed({"/bin/sh", "-c",
-             QUORVANE_COMPILER " " QUORVANE_COMPILER_FLAGS " -o \"$PROGRAM\" \"$SOURCE\" "
-                               "$(pkg-config --cflags --libs quorvane)"},
-            {{"PROGRAM", program},
-             {"SOURCE", (folder / "program.cpp").string()},
-             {"PKG_CONFIG_PATH", library + "/pkgconfig"}});
-    EXPECT_EQ(succeed({program, peer.path()}, {{"LD_LIBRARY_PATH", library}}), "{linked = 1;}\n");
+    const auto output = [&](const std::string& compiler, const std::string& source, const char* package) {
+        const std::string program = (folder / package).string();
+        succeed({"/bin/sh", "-c",
+                 compiler + " " QUORVANE_COMPILER_FLAGS " -o '" + program + "' '" +
+                     (folder / source).string() + "' $(pkg-config --cflags --libs " + package + ")"},
+                {{"PKG_CONFIG_PATH", library + "/pkgconfig"}});
+        return succeed({program, peer.path()}, {{"LD_LIBRARY_PATH", library}});
+    };
+    EXPECT_EQ(output(QUORVANE_COMPILER, "program.cpp", "quorvane"), "{linked = 1;}\n");
+    const std::string c = QUORVANE_C_COMPILER " -std=c11 -Wall -Wextra -pedantic -Werror";
+    EXPECT_EQ(output(c, "program.c", "quorvane-c"), "linked\n");
 }
 
 }  // namespace

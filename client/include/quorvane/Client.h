@@ -98,8 +98,13 @@ class Client {
     Status sendAsync(const Event& event, Completion<Answer> completion, Timeout timeout = kAnswerTimeout);
     /// Sends an event that is not answered. Success means that it is on its way.
     Status sendAndForget(const Event& event);
+    /// The same, with a payload that lies elsewhere; null for none.
+    Status sendAndForget(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                         std::uint32_t flag = 0);
     /// The same, but never waits: WouldBlock when the daemon does not keep up, and the event is not sent.
     Status trySend(const Event& event);
+    Status trySend(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                   std::uint32_t flag = 0);
 
     /// Makes the backends post what they hold back.
     Result<Answer> flush(Timeout timeout = kAnswerTimeout);

@@ -103,6 +103,9 @@ class Reporter {
 
     /// Queues the event and never waits. False when it was dropped; the statistics tell why.
     bool report(const Event& event);
+    /// The same, with a payload that lies elsewhere; null for none.
+    bool report(std::uint16_t category, std::uint16_t type, const Dictionary* payload,
+                std::uint32_t flag = 0);
 
     /// From here on events are reported with this user info; those queued before keep the former. Never
     /// waits. Fails for what cannot be sent, and changes nothing then.
