@@ -99,5 +99,12 @@ TEST_F(Install, AProgramFindsTheLibraryThroughPkgConfigWhereverItWasMoved) {
     EXPECT_EQ(output(c, "program.c", "quorvane-c"), "linked\n");
 }
 
+TEST_F(Install, PythonFindsTheLibraryBesideItsPackage) {
+    if (std::string(QUORVANE_COMPILER_FLAGS) != "") GTEST_SKIP() << "a sanitizer's library has to be first";
+    EXPECT_EQ(succeed({"/usr/bin/python3", "-c", "import quorvane; print(quorvane.version())"},
+                      {{"PYTHONPATH", (prefix / "lib/python3/dist-packages").string()}}),
+              "7.0.0\n");
+}
+
 }  // namespace
 }  // namespace quorvane::test
