@@ -1,6 +1,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DaemonFixture.h"
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -20,6 +21,7 @@ class Bindings : public testing::Test {
     void succeed(const std::vector<std::string>& command) {
         const ProgramResult result = runProgram(command, {{"QUORVANE_ROOT", device.root().string()},
                                                           {"QUORVANE_LIBRARY", QUORVANE_LIBRARY},
+                                                          {"NODE_PATH", QUORVANE_NODE_MODULES},
                                                           {"PYTHONDONTWRITEBYTECODE", "1"},
                                                           {"PYTHONPATH", QUORVANE_SOURCE "/client/python"}});
         EXPECT_EQ(result.status, 0) << command[0] << '\n' << result.output << result.errors;
@@ -66,6 +68,12 @@ TEST_F(Bindings, TheExampleInPython) {
 TEST_F(Bindings, TheExampleInPythonOverDBus) {
     succeed({QUORVANE_PYTHON, QUORVANE_SOURCE "/examples/report-dbus.py"});
     EXPECT_EQ(postedFrom(), "Python over D-Bus");
+}
+
+TEST_F(Bindings, TheExampleInJavaScriptOverDBus) {
+    if (!std::filesystem::exists(QUORVANE_NODE_MODULES "/dbus-next")) GTEST_SKIP() << "needs dbus-next";
+    succeed({"/usr/bin/env", "node", QUORVANE_SOURCE "/examples/report.js"});
+    EXPECT_EQ(postedFrom(), "JavaScript");
 }
 
 TEST_F(Bindings, TheDocumentedLineForBusctl) {
