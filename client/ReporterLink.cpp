@@ -78,11 +78,16 @@ int ReporterLink::begin(platform::UniqueDescriptor socket, const ReporterSession
 
     call(kSetSessionInfo, {&ReporterLink::noteConfigured},
          [&](sd_bus_message* message) { return appendSession(message, session, userInfo); });
-    call(kStartConfig, {&ReporterLink::noteStates}, appendNothing);
+    startAgain();
     // No events at all, to see whether the daemon knows the call.
     call(kSendMessages, {&ReporterLink::noteBatches},
          [](sd_bus_message* message) { return ::sd_bus_message_append(message, "ay", 0); });
     return 0;
+}
+
+void ReporterLink::startAgain() {
+    _starts = true;
+    call(kStartConfig, {&ReporterLink::noteStarted}, appendNothing);
 }
 
 ReporterLink::~ReporterLink() {
@@ -214,6 +219,11 @@ void ReporterLink::forsake(Call& call) {
 
 void ReporterLink::noteConfigured(Call&, sd_bus_message* answer) {
     if (isRefusal(answer)) lose(::sd_bus_message_get_error(answer)->message);
+}
+
+void ReporterLink::noteStarted(Call& call, sd_bus_message* answer) {
+    _starts = false;
+    noteStates(call, answer);
 }
 
 void ReporterLink::noteStates(Call&, sd_bus_message* answer) {

@@ -45,6 +45,10 @@ class ReporterLink {
     bool isReady() const { return _ready; }
     /// The backends that report, as the daemon last said.
     const ReportingStates& backends() const { return _backends; }
+    /// Whether the session is set up, but has no backends.
+    bool lacksStorebag() const { return _ready && !_starts && !_backends; }
+    /// Has the daemon make the session's backends anew.
+    void startAgain();
     /// Whether a further parcel can be sent now.
     bool takesParcels() const;
     void send(Parcel parcel);
@@ -88,6 +92,7 @@ class ReporterLink {
 
     // One a call: what its answer does.
     void noteConfigured(Call& call, sd_bus_message* answer);
+    void noteStarted(Call& call, sd_bus_message* answer);
     void noteStates(Call& call, sd_bus_message* answer);
     void noteBatches(Call& call, sd_bus_message* answer);
     void settleBatch(Call& call, sd_bus_message* answer);
@@ -100,6 +105,7 @@ class ReporterLink {
     std::size_t _parcelsOnTheirWay = 0;
     ReportingStates _backends;
     bool _ready = false;
+    bool _starts = false;  ///< The daemon is making the backends.
     bool _knowsBatches = true;
     std::optional<Error> _lost;
 };

@@ -27,20 +27,23 @@ std::uint64_t microseconds(std::chrono::milliseconds time) {
     return static_cast<std::uint64_t>(std::chrono::microseconds(time).count());
 }
 
+Backoff pauses(const ReporterOptions& options) {
+    return {microseconds(options.firstRetry), microseconds(options.longestRetry),
+            static_cast<std::minstd_rand::result_type>(elapsedMicroseconds())};
+}
+
 }  // namespace
 
 ReporterLoop::ReporterLoop(ReporterOptions options, ReportQueue& queue, platform::UniqueDescriptor wake)
     : _socketPath(options.socketPath.empty() ? platform::rooted(kQuorvaneSocketPath)
                                              : std::move(options.socketPath)),
       _session{sessionInfoDictionary(options.sessionInfo), std::move(options.frameworksToCheck)},
-      _firstRetry(microseconds(options.firstRetry)),
-      _longestRetry(std::max(_firstRetry, microseconds(options.longestRetry))),
       _stateChanged(std::move(options.stateChanged)),
       _queue(queue),
       _wake(std::move(wake)),
       _userInfo(userInfoDictionary(options.userInfo)),
-      _pause(_firstRetry),
-      _random(static_cast<std::minstd_rand::result_type>(elapsedMicroseconds())) {}
+      _connectPauses(pauses(options)),
+      _startPauses(pauses(options)) {}
 
 void ReporterLoop::run() {
     t_runs = this;
@@ -84,9 +87,21 @@ void ReporterLoop::serve() {
     if (_link == nullptr) return;
     if (const Status alive = _link->process(); !alive) return lose(alive.error());
     if (!_link->isReady()) return;
-    _pause = _firstRetry;
+    _connectPauses.reset();
     tell(ReporterState::Connected);
+    startAgainWhenDue();
     sendDue();
+}
+
+/// A daemon that had no storebag may come to have one, and tells nobody.
+void ReporterLoop::startAgainWhenDue() {
+    if (_link->backends()) _startPauses.reset();
+    if (!_link->lacksStorebag() || stops()) return;
+    const std::uint64_t now = elapsedMicroseconds();
+    if (_startAt == UINT64_MAX) _startAt = now + _startPauses.next();
+    if (now < _startAt) return;
+    _startAt = UINT64_MAX;
+    _link->startAgain();
 }
 
 void ReporterLoop::sendDue() {
@@ -100,8 +115,8 @@ void ReporterLoop::sendDue() {
 
 void ReporterLoop::lose(Error error) {
     _link.reset();
-    _retryAt = elapsedMicroseconds() + _pause - _random() % (_pause / 2 + 1);
-    _pause = std::min(2 * _pause, _longestRetry);
+    _retryAt = elapsedMicroseconds() + _connectPauses.next();
+    _startAt = UINT64_MAX;
     tell(ReporterState::Disconnected, std::move(error));
 }
 
@@ -137,7 +152,7 @@ std::uint64_t ReporterLoop::longestWait() const {
     if (_link == nullptr)
         longest = stops() ? 0 : until(_retryAt);
     else
-        longest = _link->longestWait();
+        longest = std::min(_link->longestWait(), until(_startAt));
     if (_link != nullptr && _link->takesParcels()) {
         const std::uint64_t due = _queue.nextDue();
         if (due != UINT64_MAX) longest = std::min(longest, until(due));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "client/Backoff.h"
 #include "client/Deadline.h"
 #include "client/ReportQueue.h"
 #include "client/ReporterLink.h"
@@ -12,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 
 namespace quorvane::client {
@@ -38,6 +38,7 @@ class ReporterLoop {
   private:
     void connectWhenDue();
     void serve();
+    void startAgainWhenDue();
     void sendDue();
     void lose(Error error);
     void tell(ReporterState state, std::optional<Error> error = {});
@@ -48,7 +49,6 @@ class ReporterLoop {
 
     const std::string _socketPath;
     const ReporterSession _session;
-    const std::uint64_t _firstRetry, _longestRetry;  ///< In microseconds.
     const std::function<void(const ReporterStatus&)> _stateChanged;
     ReportQueue& _queue;
     const platform::UniqueDescriptor _wake;
@@ -60,10 +60,10 @@ class ReporterLoop {
     std::optional<Dictionary> _userInfo;  ///< What the next session is set up with.
     std::unique_ptr<ReporterLink> _link;
     std::uint64_t _retryAt = 0;
-    std::uint64_t _pause;
+    std::uint64_t _startAt = UINT64_MAX;   ///< When the session is started again.
+    Backoff _connectPauses, _startPauses;  ///< In microseconds.
     bool _gaveUp = false;
     ReporterStatus _told;
-    std::minstd_rand _random;
 };
 
 }  // namespace quorvane::client

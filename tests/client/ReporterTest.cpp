@@ -51,6 +51,8 @@ class NotingDaemon {
         if (member == "SetSessionInfo" || member == "FetchStatesWithUserInfo")
             platform::readOptionalDictionary(message, user);
         _calls.push_back(member + (user ? " " + user->text("ClientName").value_or("") : ""));
+        if (member == "StartConfig" && startsWithoutStorebag-- > 0)
+            return ::sd_bus_reply_method_return(message, "aas", 0);
         if (member == "StartConfig" || member == "FetchStatesWithUserInfo")
             return ::sd_bus_reply_method_return(message, "aas", 1, 1, "httppost");
         return answerNil(message);
@@ -78,6 +80,7 @@ class NotingDaemon {
     std::chrono::microseconds _oldest{0};
 
   public:
+    std::atomic<int> startsWithoutStorebag = 0;
     BusPeer peer;
 };
 
@@ -173,6 +176,29 @@ TEST(ReporterTest, UserInfoAndFlushKeepTheirPlaceAmongTheEvents) {
               (std::vector<std::string>{"SetSessionInfo first", "StartConfig", "events",
                                         "FetchStatesWithUserInfo second", "events", "FlushMessages",
                                         "SetSessionInfo second", "StartConfig", "events"}));
+}
+
+TEST(ReporterTest, ASessionWithoutAStorebagIsStartedAgainUntilThereIsOne) {
+    NotingDaemon daemon;
+    daemon.startsWithoutStorebag = 3;
+    ReporterOptions options = daemon.options();
+    std::mutex mutex;
+    std::vector<ReportingStates> told;
+    options.stateChanged = [&](const ReporterStatus& status) {
+        const std::lock_guard lock(mutex);
+        if (status.state == ReporterState::Connected) told.push_back(status.backends);
+    };
+    Reporter reporter = startReporter(options);
+    ASSERT_TRUE(eventually([&] {
+        const std::lock_guard lock(mutex);
+        return told.size() == 2;
+    }));
+    EXPECT_EQ(told, (std::vector<ReportingStates>{std::nullopt, std::vector<std::string>{"httppost"}}));
+    std::this_thread::sleep_for(milliseconds(20));
+    ASSERT_TRUE(reporter.flush());
+    const std::vector<std::string> calls = daemon.calls();
+    EXPECT_EQ(std::ranges::count(calls, "StartConfig"), 4) << "no more once there is one";
+    EXPECT_EQ(reporter.statistics().sessions, 1u);
 }
 
 TEST(ReporterTest, ClosingWaitsForADaemonThatAnswersOnly) {
