@@ -63,7 +63,8 @@ Result<T> ask(Connection& connection, const Connection::Method& method, const Co
 /// A reply that reads the answer and hands it to the completion on the executor.
 template <typename T>
 Connection::Reply completing(Connection& connection, Completion<T> completion, Read<T> read) {
-    return [&connection, completion = std::move(completion), read](const Result<sd_bus_message*>& reply) {
+    return [&connection, completion = std::move(completion),
+            read](const Result<sd_bus_message*>& reply) mutable {
         T answer{};
         Result<T> result = answer;
         if (!reply)
@@ -72,7 +73,9 @@ Connection::Reply completing(Connection& connection, Completion<T> completion, R
             result = Error{ErrorCode::Refused, "the daemon's answer is malformed"};
         else
             result = std::move(answer);
-        if (completion) connection.deliverLater({[completion, result] { completion(result); }, 0});
+        if (!completion) return;
+        connection.deliverLater(
+            {[completion = std::move(completion), result = std::move(result)] { completion(result); }, 0});
     };
 }
 
@@ -179,8 +182,7 @@ Result<Answer> Client::send(const Event& event, Timeout timeout) {
 Status Client::sendAsync(const Event& event, Completion<Answer> completion, Timeout timeout) {
     Connection& connection = *_implementation->connection;
     return connection.call(
-        kSendMessage, appendingMessage(event),
-        completing<Answer>(connection, std::move(completion), platform::readOptionalString), timeout);
+        event, completing<Answer>(connection, std::move(completion), platform::readOptionalString), timeout);
 }
 
 Status Client::sendAndForget(const Event& event) {

@@ -67,7 +67,8 @@ Error encodingError(int error) {
 struct Connection::Call {
     Reply reply;
     Deadline deadline;
-    bool blocks = false;  ///< A thread waits for the reply.
+    bool blocks = false;       ///< A thread waits for the reply.
+    std::uint32_t serial = 0;  ///< Of an event's call that the bus library does not know.
     Connection* connection = nullptr;
     std::list<std::unique_ptr<Call>>::iterator at = {};
 };
@@ -111,6 +112,7 @@ Status Connection::open(std::span<const Export> exports) {
         if (result >= 0)
             result = ::sd_bus_add_object_vtable(_bus, nullptr, kQuorvaneObjectPath, each.interface,
                                                 each.vtable, each.object);
+    if (result >= 0) result = ::sd_bus_add_filter(_bus, nullptr, &takeEventReply, this);
     if (result < 0) return systemError("cannot open the bus", result);
     // sd_bus_start() reads from the socket, so a peer that does not speak D-Bus can fail it.
     if (result = ::sd_bus_start(_bus); result < 0) return noDaemonError(result);
@@ -152,6 +154,44 @@ Status Connection::send(const EventView& event, WhenFull whenFull) {
     if (written) return std::monostate{};
     return post(
         kSendMessage, [&event](sd_bus_message* message) { return appendMessage(message, event); }, nullptr);
+}
+
+Status Connection::call(const EventView& event, Reply reply, Timeout timeout) {
+    auto call = std::make_unique<Call>();
+    call->reply = std::move(reply);
+    call->deadline = deadlineAfter(timeout);
+    const MutexLock lock(_mutex);
+    if (Status room = waitForRoom(call.get()); !room) return room;
+    call->serial = nextEventSerial();
+    if (const int result = _eventCall.write(event, call->serial); result < 0) return encodingError(result);
+    Call& kept = keep(std::move(call));
+    const bool written = writeDirectly(_eventCall.bytes());
+    _eventCall.trim();
+    if (written) {
+        _eventExpiry = std::min(_eventExpiry, pointOf(kept.deadline));
+        wakeIfNeeded();
+        return std::monostate{};
+    }
+    call = std::move(*kept.at);
+    _calls.erase(call->at);
+    call->serial = 0;
+    return post(
+        kSendMessage, [&event](sd_bus_message* message) { return appendMessage(message, event); },
+        std::move(call));
+}
+
+/// In the upper half, which the bus library's own, counted from 1, do not reach.
+std::uint32_t Connection::nextEventSerial() {
+    constexpr std::uint32_t first = 1u << 31;
+    _eventSerial = std::max(first, (_eventSerial + 1) % EventCall::kUnanswered);
+    return _eventSerial;
+}
+
+Connection::Call& Connection::keep(std::unique_ptr<Call> call) {
+    Call& kept = *call;
+    kept.connection = this;
+    kept.at = _calls.insert(_calls.end(), std::move(call));
+    return kept;
 }
 
 /// Past the bus library, which has nothing to write itself. False when the socket took nothing.
@@ -256,9 +296,7 @@ int Connection::sendUnanswered(sd_bus_message* message) {
 }
 
 int Connection::sendCall(sd_bus_message* message, std::unique_ptr<Call> call) {
-    Call& stored = *call;
-    stored.connection = this;
-    stored.at = _calls.insert(_calls.end(), std::move(call));
+    Call& stored = keep(std::move(call));
     const int result =
         ::sd_bus_call_async(_bus, nullptr, message, &takeReply, &stored, microsecondsUntil(stored.deadline));
     if (result < 0)
@@ -274,6 +312,37 @@ int Connection::takeReply(sd_bus_message* message, void* userdata, sd_bus_error*
     const bool refused = ::sd_bus_message_is_method_error(message, nullptr) > 0;
     connection.finish(call, refused ? Result<sd_bus_message*>(connection.errorOf(message)) : message);
     return 1;
+}
+
+/// Answers come in the order of the calls, so the call is among the first.
+int Connection::takeEventReply(sd_bus_message* message, void* self, sd_bus_error*) {
+    const auto& calls = static_cast<Connection*>(self)->_calls;
+    std::uint64_t serial = 0;
+    if (::sd_bus_message_get_reply_cookie(message, &serial) < 0) return 0;
+    const auto found =
+        std::ranges::find_if(calls, [serial](const auto& call) { return call->serial == serial; });
+    return found != calls.end() ? takeReply(message, found->get(), nullptr) : 0;
+}
+
+void Connection::expireEventCalls() {
+    const std::uint64_t now = pointOf(std::chrono::steady_clock::now());
+    if (now < _eventExpiry) return;
+    _eventExpiry = UINT64_MAX;
+    for (auto at = _calls.begin(); at != _calls.end();) {
+        Call& call = **at++;
+        if (call.serial == 0) continue;
+        const std::uint64_t expiry = pointOf(call.deadline);
+        if (expiry <= now)
+            finish(call, Error{ErrorCode::TimedOut, "the daemon did not answer in time"});
+        else
+            _eventExpiry = std::min(_eventExpiry, expiry);
+    }
+}
+
+std::uint64_t Connection::nextExpiry() const {
+    std::uint64_t until = UINT64_MAX;
+    ::sd_bus_get_timeout(_bus, &until);
+    return std::min(until, _eventExpiry);
 }
 
 void Connection::finish(Call& call, const Result<sd_bus_message*>& answer) {

@@ -56,6 +56,8 @@ class Connection {
     enum class WhenFull { Wait, Fail };
     /// Sends an event in a call that is not answered. While the socket takes no more, it waits or fails.
     Status send(const EventView& event, WhenFull whenFull);
+    /// Sends an event in a call; the reply runs unless an error is returned.
+    Status call(const EventView& event, Reply reply, Timeout timeout);
     /// Sends a call; the reply runs unless an error is returned.
     Status call(const Method& method, const Encoder& encode, Reply reply, Timeout timeout);
     /// Sends a call and waits for its answer.
@@ -93,6 +95,8 @@ class Connection {
     Status submit(const Method& method, const Encoder& encode, std::unique_ptr<Call> call);
     Status post(const Method& method, const Encoder& encode, std::unique_ptr<Call> call) REQUIRES(_mutex);
     bool writeDirectly(std::span<const std::uint8_t> message) REQUIRES(_mutex);
+    std::uint32_t nextEventSerial() REQUIRES(_mutex);
+    Call& keep(std::unique_ptr<Call> call) REQUIRES(_mutex);
     Status waitForRoom(const Call* call) REQUIRES(_mutex);
     void waitOn(std::condition_variable_any& change, const Deadline& deadline) REQUIRES(_mutex);
     void wakeWaiters() REQUIRES(_mutex);
@@ -104,6 +108,12 @@ class Connection {
     /// Called by sd-bus from process(), so under the lock, which the analysis cannot see.
     static int takeReply(sd_bus_message* message, void* call, sd_bus_error* error)
         QUORVANE_TSA(no_thread_safety_analysis);
+    /// The same for answers to calls that were written past the bus library, which does not know them.
+    static int takeEventReply(sd_bus_message* message, void* connection, sd_bus_error* error)
+        QUORVANE_TSA(no_thread_safety_analysis);
+    void expireEventCalls() REQUIRES(_mutex);
+    /// When the next call expires, or a time before; in microseconds of CLOCK_MONOTONIC, UINT64_MAX for none.
+    std::uint64_t nextExpiry() const REQUIRES(_mutex);
     void finish(Call& call, const Result<sd_bus_message*>& answer) REQUIRES(_mutex);
     Error errorOf(sd_bus_message* message) const REQUIRES(_mutex);
     Error sendingError(int error) const REQUIRES(_mutex);
@@ -137,6 +147,8 @@ class Connection {
     std::size_t _blocked GUARDED_BY(_mutex) = 0;  ///< Threads that wait for an answer or for room.
     std::size_t _roomWaiters GUARDED_BY(_mutex) = 0;
     EventCall _eventCall GUARDED_BY(_mutex);
+    std::uint32_t _eventSerial GUARDED_BY(_mutex) = 0;
+    std::uint64_t _eventExpiry GUARDED_BY(_mutex) = UINT64_MAX;
     // Of the connection's thread only: callbacks to deliver once the lock is released.
     std::vector<CallbackQueue::Callback> _ready;
     std::size_t _readyBytes = 0;

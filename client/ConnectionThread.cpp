@@ -69,6 +69,7 @@ Connection::Next Connection::process() {
         end({ErrorCode::Disconnected, "the client was closed"});
     else if (processed < 0)
         lose(processed);
+    expireEventCalls();
     wakeWaiters();
 
     awaitNext(handled > 0 && processed == 0);
@@ -80,8 +81,7 @@ void Connection::awaitNext(bool readAll) {
     _awaited.writing = events > 0 && (events & POLLOUT) != 0;
     _awaited.paused = readAll && !_calls.empty() && !waitsForAnswer();
     _awaited.reading = mayRead() && !_awaited.paused;
-    std::uint64_t until = UINT64_MAX;
-    ::sd_bus_get_timeout(_bus, &until);
+    const std::uint64_t until = nextExpiry();
     // A time that was set earlier stays, also when its call is answered: the next call need not wake this
     // thread to set one.
     const bool isPast = microsecondsUntilPoint(_awaited.until) == 0;
@@ -121,10 +121,8 @@ bool Connection::hasQueuedWrites() const {
 }
 
 void Connection::wakeIfNeeded() const {
-    std::uint64_t until = UINT64_MAX;
-    ::sd_bus_get_timeout(_bus, &until);
     const bool readsTooLate = _awaited.paused ? waitsForAnswer() : !_awaited.reading && _blocked > 0;
-    if (until < _awaited.until || (!_awaited.writing && hasQueuedWrites()) || readsTooLate) wake();
+    if (nextExpiry() < _awaited.until || (!_awaited.writing && hasQueuedWrites()) || readsTooLate) wake();
 }
 
 void Connection::wake() const {

@@ -33,6 +33,12 @@ std::uint64_t microsecondsUntil(const Deadline& deadline) {
     return static_cast<std::uint64_t>(std::max<std::int64_t>(rest, 1));
 }
 
+std::uint64_t pointOf(const Deadline& deadline) {
+    if (!deadline) return UINT64_MAX;
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline->time_since_epoch()).count());
+}
+
 std::uint64_t microsecondsUntilPoint(std::uint64_t point) {
     if (point == UINT64_MAX) return point;
     timespec now{};

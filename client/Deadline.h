@@ -20,6 +20,9 @@ int millisecondsUntil(const Deadline& deadline);
 /// Time left, for sd-bus: at least 1, UINT64_MAX means no limit.
 std::uint64_t microsecondsUntil(const Deadline& deadline);
 
+/// The deadline as a point of CLOCK_MONOTONIC in microseconds; UINT64_MAX for never.
+std::uint64_t pointOf(const Deadline& deadline);
+
 /// Time left until a point of CLOCK_MONOTONIC, both in microseconds; UINT64_MAX for UINT64_MAX.
 std::uint64_t microsecondsUntilPoint(std::uint64_t point);
 

@@ -23,7 +23,11 @@ constexpr std::size_t kMaximumArray = 64u << 20;
 constexpr std::size_t kKeptBytes = 64u << 10;
 constexpr std::int64_t kSecond = 1'000'000;
 
+constexpr std::size_t kFlagsAt = 2;
 constexpr std::size_t kBodyLengthAt = 4;
+constexpr std::size_t kSerialAt = 8;
+
+constexpr std::uint8_t kNoReplyExpected = 1;
 
 /// Writes values in D-Bus's form, each aligned from the message's start; the first failure stays.
 class Writer {
@@ -180,9 +184,8 @@ const std::vector<std::uint8_t>& header() {
     static const std::vector<std::uint8_t> header = [] {
         std::vector<std::uint8_t> bytes;
         Writer writer(bytes);
-        // Little-endian, a call, without a reply, version 1; then the body's length and the serial, which no
-        // reply names, so all have the highest: the bus library's own begin with 1.
-        constexpr std::uint8_t fixed[] = {'l', 1, 1, 1, 0, 0, 0, 0, 255, 255, 255, 255};
+        // Little-endian, a call, its flags, version 1; then the body's length and the serial.
+        constexpr std::uint8_t fixed[] = {'l', 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
         writer.bytes(fixed, sizeof fixed);
         const auto field = [&writer](std::uint8_t code, const char* type) {
             writer.align(8);
@@ -208,7 +211,7 @@ const std::vector<std::uint8_t>& header() {
 
 }  // namespace
 
-int EventCall::write(const EventView& event) {
+int EventCall::write(const EventView& event, std::uint32_t serial) {
     const std::size_t headerBytes = header().size();
     if (_buffer.size() < headerBytes) _buffer = header();
     Writer writer(_buffer, headerBytes);
@@ -226,7 +229,9 @@ int EventCall::write(const EventView& event) {
     if (writer.failure() < 0) return writer.failure();
     _size = writer.size();
     const auto bodyLength = static_cast<std::uint32_t>(_size - headerBytes);
+    _buffer[kFlagsAt] = serial == kUnanswered ? kNoReplyExpected : 0;
     std::memcpy(_buffer.data() + kBodyLengthAt, &bodyLength, sizeof bodyLength);
+    std::memcpy(_buffer.data() + kSerialAt, &serial, sizeof serial);
     return 0;
 }
 

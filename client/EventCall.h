@@ -9,13 +9,16 @@
 
 namespace quorvane::client {
 
-/// An event as the bytes of a D-Bus call of SendMessageWithDictionary that is not answered. The bus library
-/// would take three times as long, since it checks at every step what is known here.
+/// An event as the bytes of a D-Bus call of SendMessageWithDictionary. The bus library would take three times
+/// as long, since it checks at every step what is known here.
 class EventCall {
   public:
+    /// The serial of calls that are not answered: no reply names it, so all have the same.
+    static constexpr std::uint32_t kUnanswered = UINT32_MAX;
+
     /// Writes the call. Negative errno when the event cannot be sent: -E2BIG when it is nested too deeply or
     /// too large, -EINVAL for a text that is not UTF-8 or holds a NUL.
-    int write(const EventView& event);
+    int write(const EventView& event, std::uint32_t serial = kUnanswered);
     /// What was written last.
     std::span<const std::uint8_t> bytes() const { return {_buffer.data(), _size}; }
     /// Gives memory back that a large event took.

@@ -1,3 +1,4 @@
+#include "platform/bus/BusMessage.h"
 #include "tests/client/ClientFixture.h"
 
 #include <sys/socket.h>
@@ -15,6 +16,14 @@ const Event kEvent{.category = 1, .type = 2};
 /// Answers nothing.
 int silent(sd_bus_message*) {
     return 1;
+}
+
+/// The answer to an event that is not waited for.
+std::future<Result<Answer>> later(Client& client, const Event& event, Timeout timeout = kAnswerTimeout) {
+    const auto answer = std::make_shared<std::promise<Result<Answer>>>();
+    EXPECT_TRUE(client.sendAsync(
+        event, [answer](Result<Answer> given) { answer->set_value(std::move(given)); }, timeout));
+    return answer->get_future();
 }
 
 TEST(Failures, WhereNobodyListensOrSpeaksDBusThereIsNoClient) {
@@ -52,6 +61,7 @@ TEST(Failures, TheDaemonsErrorsAndMalformedAnswersComeBack) {
     const auto refused = client.send(kEvent);
     EXPECT_EQ(refused.error().code, ErrorCode::Refused);
     EXPECT_EQ(refused.error().message, "no events today");
+    EXPECT_EQ(later(client, kEvent).get().error().message, "no events today");
     EXPECT_EQ(client.start().error().code, ErrorCode::Refused);
 }
 
@@ -77,6 +87,10 @@ TEST(Failures, AnAnswerThatNeverComesEndsWithItsTime) {
         client.sendMessageWithSessionInfo({.clientType = 5}, std::nullopt, kEvent, milliseconds(30));
     EXPECT_EQ(single.error().code, ErrorCode::TimedOut);
 
+    auto patient = later(client, kEvent, milliseconds(60));
+    EXPECT_EQ(later(client, kEvent, milliseconds(10)).get().error().code, ErrorCode::TimedOut);
+    EXPECT_EQ(patient.get().error().code, ErrorCode::TimedOut);
+
     std::promise<Result<std::string>> completed;
     ASSERT_TRUE(client.sendMessageWithSessionInfoAsync(
         {.sessionID = 1}, std::nullopt, kEvent,
@@ -87,6 +101,26 @@ TEST(Failures, AnAnswerThatNeverComesEndsWithItsTime) {
     EXPECT_TRUE(client.send(kEvent));
 }
 
+TEST(Failures, AnAnswerFindsItsEventInAnyOrder) {
+    platform::BusMessage held;
+    BusPeer peer([&](sd_bus_message* message) {
+        if (held == nullptr) return held.reset(::sd_bus_message_ref(message)), 1;
+        const platform::BusMessage earlier = std::move(held);
+        ::sd_bus_reply_method_return(message, "as", 1, "second");
+        return ::sd_bus_reply_method_return(earlier.get(), "as", 1, "first");
+    });
+    Client client = connectTo(peer);
+    auto first = later(client, kEvent);
+    // More than is written past the bus library.
+    auto second = later(client, {.payload = Dictionary{{"text", std::string(20'000, 'x')}}});
+    EXPECT_EQ(*first.get(), "first");
+    EXPECT_EQ(*second.get(), "second");
+    first = later(client, kEvent);
+    second = later(client, kEvent);
+    EXPECT_EQ(*first.get(), "first");
+    EXPECT_EQ(*second.get(), "second");
+}
+
 TEST(Failures, ALostConnectionFailsWhatWaitsAndTellsOnce) {
     BusPeer peer(silent);
     std::atomic<int> notices = 0;
@@ -94,15 +128,13 @@ TEST(Failures, ALostConnectionFailsWhatWaitsAndTellsOnce) {
                                   EXPECT_EQ(error.code, ErrorCode::Disconnected);
                                   ++notices;
                               }});
-    std::promise<Result<Answer>> completed;
-    ASSERT_TRUE(
-        client.sendAsync(kEvent, [&](Result<Answer> answer) { completed.set_value(std::move(answer)); }));
+    auto completed = later(client, kEvent);
     auto waiting = std::async(std::launch::async, [&] { return client.send(kEvent); });
     peer.run([](sd_bus*) {});
     peer.disconnect();
 
     EXPECT_EQ(waiting.get().error().code, ErrorCode::Disconnected);
-    EXPECT_EQ(completed.get_future().get().error().code, ErrorCode::Disconnected);
+    EXPECT_EQ(completed.get().error().code, ErrorCode::Disconnected);
     EXPECT_TRUE(eventually([&] { return notices == 1; }));
     EXPECT_EQ(client.send(kEvent).error().code, ErrorCode::Disconnected);
     EXPECT_EQ(client.sendAndForget(kEvent).error().code, ErrorCode::Disconnected);
