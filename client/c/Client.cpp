@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+using quorvane::AggregatedEvent;
 using quorvane::Answer;
 using quorvane::Client;
 using quorvane::ConnectOptions;
@@ -122,6 +123,29 @@ int quorvane_client_set_session_info(QuorvaneClient* client, const QuorvaneSessi
                                            session_info->frameworks, {},
                                            timeoutOf(timeout, quorvane::kAnswerTimeout));
     });
+}
+
+int quorvane_client_set_aggregating_session_info(QuorvaneClient* client,
+                                                 const QuorvaneSessionInfo* session_info,
+                                                 const QuorvaneUserInfo* user_info,
+                                                 QuorvaneEventCallback event, QuorvaneEndedCallback ended,
+                                                 void* context, int64_t timeout, char** message) {
+    return telling(message, [&]() -> Status {
+        if (client == nullptr || session_info == nullptr || event == nullptr) return nullArgument();
+        quorvane::AggregationBlock block{.event = [=](AggregatedEvent given) {
+            QuorvaneDictionary payload;
+            if (given.payload) payload.held = *std::move(given.payload);
+            event(context, given.timestamp, given.category, given.type, given.payload ? &payload : nullptr);
+        }};
+        if (ended != nullptr) block.ended = [=](const quorvane::SessionInfo&) { ended(context); };
+        return client->held.setSessionInfo(session_info->held, userInfoOf(user_info),
+                                           session_info->frameworks, std::move(block),
+                                           timeoutOf(timeout, quorvane::kAnswerTimeout));
+    });
+}
+
+uint64_t quorvane_client_dropped_events(const QuorvaneClient* client) {
+    return client != nullptr ? client->held.droppedEvents() : 0;
 }
 
 int quorvane_client_start(QuorvaneClient* client, int64_t timeout, char*** backends, char** message) {

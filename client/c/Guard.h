@@ -58,12 +58,11 @@ inline Error nullArgument() {
 /// An object for the caller; null without memory.
 template <typename T>
 T* newOrNull() noexcept {
-    T* made = nullptr;
-    guarded([&]() -> int {
-        made = new T;
-        return QUORVANE_OK;
-    });
-    return made;
+    try {
+        return new T;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 }  // namespace quorvane::client

@@ -85,6 +85,28 @@ class ClientTest(unittest.TestCase):
         with self.assertRaises(quorvane.DisconnectedError):
             client.flush()
 
+    def test_aggregates(self) -> None:
+        came = threading.Event()
+        events: list[quorvane.AggregatedEvent] = []
+
+        def note(event: quorvane.AggregatedEvent) -> None:
+            if event.category == 23:
+                events.append(event)
+                came.set()
+
+        values = {"at": datetime(2025, 11, 16, 8, tzinfo=timezone.utc), "data": b"\0\1", "most": (1 << 64) - 1,
+                  "inner": {"list": ["text", True, -1, 0.5, []]}}
+        with quorvane.Client() as client:
+            info = quorvane.SessionInfo(session_id=1, client_type=5, require_user_info=True)
+            client.set_aggregating_session_info(info, quorvane.UserInfo("client", "service"), note)
+            client.start()
+            client.send_and_forget(23, 3, values)
+            self.assertTrue(came.wait(30))
+            self.assertEqual(client.dropped_events, 0)
+        self.assertEqual(events[0].payload, values)
+        self.assertEqual(events[0].type, 3)
+        self.assertLess(abs((datetime.now(timezone.utc) - events[0].at).total_seconds()), 60)
+
     def test_says_why_there_is_no_connection(self) -> None:
         with self.assertRaisesRegex(quorvane.DisconnectedError, "No such file"):
             quorvane.Client(socket_path="/nowhere")

@@ -127,6 +127,50 @@ int quorvane_array_add_data(QuorvaneArray* array, const void* bytes, size_t size
 int quorvane_array_add_array(QuorvaneArray* array, const QuorvaneArray* value);
 int quorvane_array_add_dictionary(QuorvaneArray* array, const QuorvaneDictionary* value);
 
+/* Reading. A value belongs to its dictionary or array, as do the texts and bytes in it: they are there until
+   it changes or is freed. NULL where there is no such value; a NULL value reads as what its function gives
+   for other types. */
+
+typedef struct QuorvaneValue QuorvaneValue;
+
+enum QuorvaneKind {
+    QUORVANE_KIND_TEXT = 0,
+    QUORVANE_KIND_BOOLEAN = 1,
+    QUORVANE_KIND_SIGNED = 2,
+    QUORVANE_KIND_UNSIGNED = 3,
+    QUORVANE_KIND_REAL = 4,
+    QUORVANE_KIND_DATE = 5,
+    QUORVANE_KIND_DATA = 6,
+    QUORVANE_KIND_ARRAY = 7,
+    QUORVANE_KIND_DICTIONARY = 8
+};
+
+const QuorvaneValue* quorvane_dictionary_find(const QuorvaneDictionary* dictionary, const char* key);
+/* Entries are in the order of their keys' bytes. The key may be NULL. */
+const QuorvaneValue* quorvane_dictionary_at(const QuorvaneDictionary* dictionary, size_t index,
+                                            const char** key);
+const QuorvaneValue* quorvane_array_at(const QuorvaneArray* array, size_t index);
+
+/* A QuorvaneKind; -1 for NULL. */
+int quorvane_value_kind(const QuorvaneValue* value);
+/* NULL for other types. */
+const char* quorvane_value_text(const QuorvaneValue* value);
+/* Booleans and all numbers, as one of them; 0 for other types. A real number is cut to the range of signed
+   ones, a signed and an unsigned one wrap. */
+bool quorvane_value_boolean(const QuorvaneValue* value);
+int64_t quorvane_value_signed(const QuorvaneValue* value);
+uint64_t quorvane_value_unsigned(const QuorvaneValue* value);
+double quorvane_value_real(const QuorvaneValue* value);
+/* 0 for other types. */
+int64_t quorvane_value_date(const QuorvaneValue* value);
+/* NULL and 0 for other types. */
+const void* quorvane_value_data(const QuorvaneValue* value, size_t* size);
+/* Elements of an array, entries of a dictionary; 0 for other types. */
+size_t quorvane_value_count(const QuorvaneValue* value);
+const QuorvaneValue* quorvane_value_at(const QuorvaneValue* value, size_t index);
+/* NULL for all but dictionaries. */
+const char* quorvane_value_key_at(const QuorvaneValue* value, size_t index);
+
 /* Who reports. The daemon chooses the session's backends by the client type (5 to 11 have some). A new info
    has neither session ID nor client type, version 0, and is not true in anything. */
 
@@ -277,6 +321,22 @@ void quorvane_client_free(QuorvaneClient* client);
    otherwise, as for all calls of which nothing else is said. */
 int quorvane_client_set_session_info(QuorvaneClient* client, const QuorvaneSessionInfo* session_info,
                                      const QuorvaneUserInfo* user_info, int64_t timeout, char** message);
+/* An event of this client's session or of one below it: in seconds since 1970, when. The payload is NULL when
+   there is none, and the library's. */
+typedef void (*QuorvaneEventCallback)(void* context, double timestamp, uint16_t category, uint16_t type,
+                                      const QuorvaneDictionary* payload);
+/* No more events come. */
+typedef void (*QuorvaneEndedCallback)(void* context);
+/* The same for a client that aggregates: it gets the events of the sessions of its user info's names that are
+   below its own. ended may be NULL. */
+int quorvane_client_set_aggregating_session_info(QuorvaneClient* client,
+                                                 const QuorvaneSessionInfo* session_info,
+                                                 const QuorvaneUserInfo* user_info,
+                                                 QuorvaneEventCallback event, QuorvaneEndedCallback ended,
+                                                 void* context, int64_t timeout, char** message);
+/* Events for the callback that were dropped, since it did not keep up: 4 MiB wait for it, and as much again
+   while a call waits for its answer. */
+uint64_t quorvane_client_dropped_events(const QuorvaneClient* client);
 /* Makes the daemon set up the session's backends, for which it may download; 90 s unless told otherwise.
    Backends, where not NULL, are set to the names of those that report; to NULL when there are none for want
    of a storebag. */

@@ -28,10 +28,11 @@ from ._errors import (
 from ._library import version
 from ._session import Flag, SessionInfo, UserInfo
 from ._values import Value
-from .client import Client, UploadStep
+from .client import AggregatedEvent, Client, UploadStep
 from .reporter import Reporter, ReporterState, ReporterStatistics, ReporterStatus
 
 __all__ = [
+    "AggregatedEvent",
     "Client",
     "DisconnectedError",
     "Flag",

@@ -30,6 +30,8 @@ _library = _load()
 StateCallback = ctypes.CFUNCTYPE(None, c_void_p, c_int, POINTER(c_char_p), c_int, c_char_p)
 DisconnectedCallback = ctypes.CFUNCTYPE(None, c_void_p, c_int, c_char_p)
 AnswerCallback = ctypes.CFUNCTYPE(None, c_void_p, c_int, c_char_p, c_char_p)
+EventCallback = ctypes.CFUNCTYPE(None, c_void_p, c_double, c_uint16, c_uint16, c_void_p)
+EndedCallback = ctypes.CFUNCTYPE(None, c_void_p)
 ProgressCallback = ctypes.CFUNCTYPE(None, c_void_p, c_int, c_uint64)
 
 
@@ -72,6 +74,20 @@ for _kind, _types in {
     dictionary_set[_kind] = _function("dictionary_set_" + _kind, c_int, object, c_char_p, *_types)
     array_add[_kind] = _function("array_add_" + _kind, c_int, object, *_types)
 
+dictionary_count = _function("dictionary_count", c_size_t, object)
+dictionary_at = _function("dictionary_at", c_void_p, object, c_size_t, POINTER(c_char_p))
+value_kind = _function("value_kind", c_int, object)
+value_text = _function("value_text", c_char_p, object)
+value_boolean = _function("value_boolean", c_bool, object)
+value_signed = _function("value_signed", c_int64, object)
+value_unsigned = _function("value_unsigned", c_uint64, object)
+value_real = _function("value_real", c_double, object)
+value_date = _function("value_date", c_int64, object)
+value_data = _function("value_data", c_void_p, object, POINTER(c_size_t))
+value_count = _function("value_count", c_size_t, object)
+value_at = _function("value_at", c_void_p, object, c_size_t)
+value_key_at = _function("value_key_at", c_char_p, object, c_size_t)
+
 session_info_new, session_info_free = _class("session_info")
 session_info_set_session_id = _function("session_info_set_session_id", None, object, c_uint32)
 session_info_set_client_type = _function("session_info_set_client_type", None, object, c_uint32)
@@ -111,6 +127,10 @@ client_options_set_disconnected_callback = _function(
 client_connect = _function("client_connect", c_int, object, _OUT, _OUT)
 client_free = _function("client_free", None, object)
 client_set_session_info = _function("client_set_session_info", c_int, object, c_void_p, c_void_p, c_int64, _OUT)
+client_set_aggregating_session_info = _function(
+    "client_set_aggregating_session_info", c_int, object, c_void_p, c_void_p, EventCallback, EndedCallback, c_void_p,
+    c_int64, _OUT)
+client_dropped_events = _function("client_dropped_events", c_uint64, object)
 client_start = _function("client_start", c_int, object, c_int64, _OUT, _OUT)
 client_fetch_states = _function("client_fetch_states", c_int, object, c_void_p, c_int64, _OUT, _OUT)
 client_display_url = _function("client_display_url", c_int, object, c_int64, _OUT, _OUT)

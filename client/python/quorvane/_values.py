@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import ctypes
 from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from datetime import datetime, timedelta, timezone
@@ -38,6 +39,50 @@ def array(elements: Sequence[Value]) -> Iterator[int]:
         yield handle
     finally:
         c.array_free(handle)
+
+
+def dictionary_of(handle: int) -> dict[str, Value]:
+    """What a dictionary of the library's holds."""
+    entries: dict[str, Value] = {}
+    key = ctypes.c_char_p()
+    for index in range(c.dictionary_count(handle)):
+        value = c.dictionary_at(handle, index, ctypes.byref(key))
+        entries[_decoded(key.value)] = _read(value)
+    return entries
+
+
+def _decoded(text: bytes | None) -> str:
+    return (text or b"").decode(errors="replace")
+
+
+def _read(value: int) -> Value:
+    held: Value = _READERS[c.value_kind(value)](value)
+    return held
+
+
+def _read_date(value: int) -> datetime:
+    return _EPOCH + timedelta(microseconds=c.value_date(value))
+
+
+def _read_data(value: int) -> bytes:
+    size = ctypes.c_size_t()
+    data = c.value_data(value, ctypes.byref(size))
+    return ctypes.string_at(data, size.value) if data else b""
+
+
+def _read_array(value: int) -> list[Value]:
+    return [_read(c.value_at(value, index)) for index in range(c.value_count(value))]
+
+
+def _read_dictionary(value: int) -> dict[str, Value]:
+    return {_decoded(c.value_key_at(value, index)): _read(c.value_at(value, index))
+            for index in range(c.value_count(value))}
+
+
+# By kind, in the order of QuorvaneKind.
+_READERS: list[Callable[[int], Value]] = [
+    lambda value: _decoded(c.value_text(value)), c.value_boolean, c.value_signed, c.value_unsigned, c.value_real,
+    _read_date, _read_data, _read_array, _read_dictionary]
 
 
 def _made(handle: int | None) -> int:

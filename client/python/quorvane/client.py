@@ -8,6 +8,8 @@ import threading
 import weakref
 from collections.abc import Mapping, Sequence
 from concurrent.futures import Future
+from dataclasses import dataclass
+from datetime import datetime, timezone
 from enum import IntEnum
 from types import TracebackType
 from typing import Any, Callable
@@ -15,13 +17,23 @@ from typing import Any, Callable
 from . import _library as c
 from ._errors import DisconnectedError, error_of
 from ._session import Flag, SessionInfo, UserInfo, event, session_handle, user_handle
-from ._values import Value, array, dictionary
+from ._values import Value, array, dictionary, dictionary_of
 
 
 class UploadStep(IntEnum):
     OPENED = 0  #: The file is open.
     LENT = 1  #: The daemon holds the file and is about to send it.
     FINISHED = 2  #: The daemon has answered.
+
+
+@dataclass(frozen=True)
+class AggregatedEvent:
+    """An event of an aggregating client's session or of one below it."""
+
+    at: datetime
+    category: int
+    type: int
+    payload: dict[str, Value] | None
 
 
 class Client:
@@ -61,6 +73,36 @@ class Client:
         """Configures the session; comes before start()."""
         with session_handle(session_info) as session, user_handle(user_info) as user:
             c.telling(c.client_set_session_info, self._open(), session, user, c.milliseconds(timeout))
+
+    def set_aggregating_session_info(
+        self,
+        session_info: SessionInfo,
+        user_info: UserInfo,
+        event: Callable[[AggregatedEvent], None],
+        ended: Callable[[], None] | None = None,
+        timeout: float | None = None,
+    ) -> None:
+        """The same for a client that aggregates: event gets the events of the sessions of its user info's names that
+        are below its own, on a thread of the library's; ended is told when no more come."""
+
+        def take(_context: Any, timestamp: float, category: int, type: int, payload: int | None) -> None:
+            values = dictionary_of(payload) if payload else None
+            event(AggregatedEvent(datetime.fromtimestamp(timestamp, timezone.utc), category, type, values))
+
+        def end(_context: Any) -> None:
+            if ended is not None:
+                ended()
+
+        callbacks = c.EventCallback(take), c.EndedCallback(end)
+        self._answers.keep(callbacks)
+        with session_handle(session_info) as session, user_handle(user_info) as user:
+            c.telling(c.client_set_aggregating_session_info, self._open(), session, user, *callbacks, None,
+                      c.milliseconds(timeout))
+
+    @property
+    def dropped_events(self) -> int:
+        """Aggregated events that were dropped, since the callback did not keep up."""
+        return int(c.client_dropped_events(self._open()))
 
     def start(self, timeout: float | None = None) -> list[str] | None:
         """Makes the daemon set up the session's backends, for which it may download; 90 s unless told otherwise. The
@@ -202,13 +244,18 @@ class Client:
 
 
 class _Answers:
-    """The answers that have not come, by number, which is the context of the one callback."""
+    """The answers that have not come, by number, which is the context of the one callback; and further callbacks."""
 
     def __init__(self) -> None:
         self._lock = threading.Lock()
         self._last = 0
         self._futures: dict[int, Future[str | None]] = {}
+        self._kept: list[Any] = []
         self.callback = c.AnswerCallback(self._settle)
+
+    def keep(self, callbacks: Any) -> None:
+        """As long as the client is there, which may call them."""
+        self._kept.append(callbacks)
 
     def add(self) -> tuple[int, Future[str | None]]:
         future: Future[str | None] = Future()
