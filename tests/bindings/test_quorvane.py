@@ -1,10 +1,12 @@
 """The Python package against the daemon below QUORVANE_ROOT."""
 
+import gc
 import math
 import os
 import pathlib
 import threading
 import unittest
+import weakref
 from datetime import datetime, timezone
 
 import quorvane
@@ -53,6 +55,22 @@ class ReporterTest(unittest.TestCase):
         self.assertEqual((counted.dropped_full, counted.dropped_at_end), (1, 1))
         self.assertIs(told[0].state, quorvane.ReporterState.DISCONNECTED)
         self.assertIsInstance(told[0].error, quorvane.DisconnectedError)
+
+    def test_may_be_collected_in_its_callback(self) -> None:
+        dropped, collected = threading.Event(), threading.Event()
+
+        def collect(_status: quorvane.ReporterStatus) -> None:
+            dropped.wait(30)
+            gc.collect()
+            collected.set()
+
+        reporter = quorvane.Reporter(SESSION, state_changed=collect, close_timeout=0)
+        gone = weakref.ref(reporter)
+        reporter.itself = reporter  # type: ignore
+        del reporter
+        dropped.set()
+        self.assertTrue(collected.wait(30))
+        self.assertIsNone(gone())
 
     def test_names_what_is_wrong(self) -> None:
         with self.assertRaisesRegex(quorvane.InvalidArgumentError, "the queue has no room"):

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import ctypes
+import threading
 import weakref
 from collections.abc import Mapping
 from dataclasses import dataclass
@@ -127,8 +128,16 @@ class Reporter:
         self.close()
 
 
+_thread = threading.local()
+
+
 def _free(handle: ctypes.c_void_p, _callback: Any) -> None:
-    c.reporter_free(handle)
+    """Freeing waits for the reporter's thread, so it must not happen there; but that is where a callback is when it has
+    the collector find the reporter."""
+    if getattr(_thread, "runs_callback", False):
+        threading.Thread(target=c.reporter_free, args=(handle,)).start()
+    else:
+        c.reporter_free(handle)
 
 
 def _state_callback(state_changed: Callable[[ReporterStatus], None] | None) -> Any:
@@ -138,6 +147,7 @@ def _state_callback(state_changed: Callable[[ReporterStatus], None] | None) -> A
     told = state_changed
 
     def tell(_context: Any, state: int, backends: Any, code: int, message: bytes | None) -> None:
+        _thread.runs_callback = True
         names = c.names_at(backends) if backends else None
         error = error_of(code, message.decode(errors="replace") if message else None) if code else None
         told(ReporterStatus(ReporterState(state), names, error))
