@@ -27,8 +27,12 @@ std::uint64_t microseconds(std::chrono::milliseconds time) {
     return static_cast<std::uint64_t>(std::chrono::microseconds(time).count());
 }
 
-Backoff pauses(const ReporterOptions& options) {
-    return {microseconds(options.firstRetry), microseconds(options.longestRetry),
+/// The daemon itself waits a quarter of an hour after a storebag that it could not fetch, and logs who asks
+/// meanwhile.
+constexpr std::chrono::milliseconds kLongestStartPause = std::chrono::minutes(5);
+
+Backoff pauses(const ReporterOptions& options, std::chrono::milliseconds longest) {
+    return {microseconds(options.firstRetry), microseconds(longest),
             static_cast<std::minstd_rand::result_type>(elapsedMicroseconds())};
 }
 
@@ -42,8 +46,8 @@ ReporterLoop::ReporterLoop(ReporterOptions options, ReportQueue& queue, platform
       _queue(queue),
       _wake(std::move(wake)),
       _userInfo(userInfoDictionary(options.userInfo)),
-      _connectPauses(pauses(options)),
-      _startPauses(pauses(options)) {}
+      _connectPauses(pauses(options, options.longestRetry)),
+      _startPauses(pauses(options, kLongestStartPause)) {}
 
 void ReporterLoop::run() {
     t_runs = this;

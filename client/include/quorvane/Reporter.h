@@ -67,9 +67,10 @@ struct ReporterOptions {
     std::size_t queueEvents = 10'000;
     std::size_t queueBytes = std::size_t{8} << 20;
 
-    /// Pause before a lost connection is made anew, or a session for which there was no storebag is started
-    /// again. It doubles with each failure up to the longest; of every pause a random part, up to half, is
-    /// left out, so that not all programs come at once. Above 0.
+    /// Pause before a lost connection is made anew. It doubles with each failure up to the longest; of every
+    /// pause a random part, up to half, is left out, so that not all programs come at once. Above 0. A
+    /// session for which there was no storebag is started again in the same way, with pauses of up to 5
+    /// minutes.
     std::chrono::milliseconds firstRetry{100};
     std::chrono::milliseconds longestRetry{30'000};
 

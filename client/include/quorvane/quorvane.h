@@ -233,8 +233,9 @@ int quorvane_reporter_options_set_socket_path(QuorvaneReporterOptions* options, 
 /* The most events that wait, and the most bytes of them (an event of 8 keys takes about 200). At least 1
    each; 10,000 and 8 MiB unless set. */
 void quorvane_reporter_options_set_queue(QuorvaneReporterOptions* options, size_t events, size_t bytes);
-/* Pause before a lost connection is made anew, or a session without a storebag is started again, in
-   milliseconds above 0; it doubles with each failure up to the longest. 100 and 30,000 unless set. */
+/* Pause before a lost connection is made anew, in milliseconds above 0; it doubles with each failure up to
+   the longest. 100 and 30,000 unless set. A session without a storebag is started again likewise, with pauses
+   of up to 5 minutes. */
 void quorvane_reporter_options_set_retry(QuorvaneReporterOptions* options, uint32_t first, uint32_t longest);
 /* Longest wait of quorvane_reporter_free for the daemon to take what waits; 5 s unless set. */
 void quorvane_reporter_options_set_close_timeout(QuorvaneReporterOptions* options, int64_t timeout);
