@@ -34,6 +34,8 @@ int main(int count, char** arguments) {
     char* message = NULL;
     if (quorvane_client_connect(options, &client, &message) != QUORVANE_OK) return puts(message), 1;
     puts("linked");
+    quorvane_client_free(client);
+    quorvane_client_options_free(options);
     return 0;
 }
 )";
