@@ -18,15 +18,14 @@ static_assert(std::endian::native == std::endian::little, "numbers lie in memory
 /// A local socket takes so much at once or not at all.
 constexpr std::size_t kMaximumText = 16u << 10;
 
-/// All of the message but the text itself (D-Bus Specification, "Message Format").
+/// All of the message but the text itself, as D-Bus lays it out (dbus.freedesktop.org, "Message Format").
 struct Head {
     char endianness = 'l';
     std::uint8_t type = SD_BUS_MESSAGE_METHOD_RETURN;
     std::uint8_t flags = 1;  // It wants no reply.
     std::uint8_t version = 1;
     std::uint32_t bodyBytes = 4;
-    std::uint32_t serial =
-        0xffffffff;  // No call names it, so all have the same; the bus library counts from 1.
+    std::uint32_t serial = UINT32_MAX;  // Nobody names it, so all have the same.
     std::uint32_t fieldBytes = 16;
     char replySerial[4] = {5, 1, 'u', 0};
     std::uint32_t answered = 0;
