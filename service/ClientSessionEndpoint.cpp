@@ -202,11 +202,13 @@ int ClientSessionEndpoint::sendMessageWithDictionary(sd_bus_message* call) {
 void ClientSessionEndpoint::sendPlainMessage(const platform::BusCall& call,
                                              const Dictionary& message) noexcept {
     try {
-        _session->sendMessageWithDictionary(
-            message, [&](const Answer& text) { _connection.replyWithText(call, text ? &*text : nullptr); });
+        _session->sendMessageWithDictionary(message,
+                                            [&](const Answer& text) { answerPlainMessage(call, text); });
     } catch (const std::exception& thrown) {
         logFailure("SendMessageWithDictionary", thrown);
-        _connection.replyWithError(call, SD_BUS_ERROR_FAILED, kNotServed);
+        if (!call.expectsReply) return;
+        if (const platform::BusMessage whole = _connection.messageOf(call))
+            ::sd_bus_reply_method_errorf(whole.get(), SD_BUS_ERROR_FAILED, "%s", kNotServed);
     }
 }
 
@@ -363,6 +365,11 @@ void ClientSessionEndpoint::answerOptionalText(sd_bus_message* call, const Answe
     answer(call, text ? text->size() : 0, [&](sd_bus_message* reply) {
         return platform::appendOptionalString(reply, text ? &*text : nullptr);
     });
+}
+
+void ClientSessionEndpoint::answerPlainMessage(const platform::BusCall& call, const Answer& text) {
+    if (!call.expectsReply || _connection.replyWithText(call, text ? &*text : nullptr)) return;
+    if (const platform::BusMessage whole = _connection.messageOf(call)) answerOptionalText(whole.get(), text);
 }
 
 void ClientSessionEndpoint::answerStates(sd_bus_message* call, const ReportingStates& states) {

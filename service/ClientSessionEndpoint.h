@@ -71,6 +71,7 @@ class ClientSessionEndpoint {
     void answerNothing(sd_bus_message* call);
     void answerText(sd_bus_message* call, const std::string& text);
     void answerOptionalText(sd_bus_message* call, const Answer& text);
+    void answerPlainMessage(const platform::BusCall& call, const Answer& text);
     void answerStates(sd_bus_message* call, const ReportingStates& states);
 
     platform::BusConnection& _connection;  ///< Owns this.

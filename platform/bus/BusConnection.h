@@ -62,9 +62,12 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     ///   method  must live as long as the connection
     using DictionaryHandler = std::function<void(const BusCall& call, const Dictionary& argument)>;
     void setDictionaryHandler(Method method, DictionaryHandler handler);
-    /// Answers a call that has come so, if it wants an answer, with one as: the text or nothing.
-    void replyWithText(const BusCall& call, const std::string* text);
-    void replyWithError(const BusCall& call, const char* name, const char* text);
+    /// Answers a call that has come so with one as: the text or nothing. False when it has to be answered by
+    /// the bus library: the text is none for a bus or long, or something waits to be sent before it.
+    bool replyWithText(const BusCall& call, const std::string* text) const;
+    /// A call that has come so for the bus library, which takes its answer; its arguments cannot be read.
+    /// Null when it cannot be made.
+    BusMessage messageOf(const BusCall& call) const;
     /// Runs, again and again while it says that there is more to do, whenever the client asks for nothing; on
     /// the connection's thread.
     void setIdleHandler(std::function<bool()> handler) { _idleHandler = std::move(handler); }
@@ -127,7 +130,6 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     int serveNext(BusInput::Next next);
     int serveFileCall();
     bool serveDictionaryCall(std::span<const std::uint8_t> message);
-    bool replyDirectly(const BusCall& call, const std::string* text) const;
     BusMessage directCall(const Method& method, const BusCall& read) const;
     int writeQueued();
     int drainReplies();

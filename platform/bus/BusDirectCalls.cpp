@@ -2,7 +2,6 @@
 #include "platform/bus/BusConnection.h"
 #include "platform/bus/BusHeader.h"
 #include "platform/bus/BusTextReply.h"
-#include "platform/bus/BusValue.h"
 
 #include <systemd/sd-bus.h>
 
@@ -59,29 +58,14 @@ bool BusConnection::serveDictionaryCall(std::span<const std::uint8_t> message) {
     return true;
 }
 
-void BusConnection::replyWithText(const BusCall& call, const std::string* text) {
-    if (!call.expectsReply || replyDirectly(call, text)) return;
-    const BusMessage read = directCall(_dictionaryMethod, call);
-    sd_bus_message* raw = nullptr;
-    int result = read == nullptr ? -ENOMEM : ::sd_bus_message_new_method_return(read.get(), &raw);
-    const BusMessage reply(raw);
-    if (result >= 0) result = appendOptionalString(raw, text);
-    if (result < 0) return replyWithError(call, SD_BUS_ERROR_FAILED, "The answer cannot be sent");
-    noteQueuedBytes(text != nullptr ? text->size() : 0);
-    ::sd_bus_send(nullptr, raw, nullptr);
-}
-
-void BusConnection::replyWithError(const BusCall& call, const char* name, const char* text) {
-    if (!call.expectsReply) return;
-    if (const BusMessage read = directCall(_dictionaryMethod, call))
-        ::sd_bus_reply_method_errorf(read.get(), name, "%s", text);
-}
-
-/// False while anything waits to be sent before it.
-bool BusConnection::replyDirectly(const BusCall& call, const std::string* text) const {
+bool BusConnection::replyWithText(const BusCall& call, const std::string* text) const {
     std::uint64_t waiting = 0;
     return !_servesRest && ::sd_bus_get_n_queued_write(_bus, &waiting) >= 0 && waiting == 0 &&
            writeTextReply(_socket, call.serial, text);
+}
+
+BusMessage BusConnection::messageOf(const BusCall& call) const {
+    return directCall(_dictionaryMethod, call);
 }
 
 /// A call of the bus library's own making, as it would have read it but for the arguments; null when it

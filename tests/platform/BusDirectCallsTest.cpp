@@ -126,13 +126,14 @@ class Recorder {
               EXPECT_TRUE(connection.setExportedObject(kQuorvaneObjectPath, kInterface, vtable,
                                                        std::shared_ptr<void>(std::shared_ptr<void>(), this)));
               if (way == Way::Direct)
-                  connection.setDictionaryHandler({kQuorvaneObjectPath, kInterface, "Take"},
-                                                  [this](const BusCall& call, const Dictionary& read) {
-                                                      ++_direct;
-                                                      note(read.description());
-                                                      if (!call.expectsReply) return;
-                                                      _connection->replyWithText(call, &_answer);
-                                                  });
+                  connection.setDictionaryHandler(
+                      {kQuorvaneObjectPath, kInterface, "Take"},
+                      [this](const BusCall& call, const Dictionary& read) {
+                          ++_direct;
+                          note(read.description());
+                          if (!call.expectsReply || _connection->replyWithText(call, &_answer)) return;
+                          answer(_connection->messageOf(call).get());
+                      });
           }) {
         write("\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n"sv);
     }
@@ -179,10 +180,13 @@ class Recorder {
         const int result = readDictionary(call, read);
         auto* const self = static_cast<Recorder*>(object);
         self->note(result < 0 ? "refused" : read.description());
-        if (::sd_bus_message_get_expect_reply(call) <= 0) return 1;
-        self->_connection->noteQueuedBytes(self->_answer.size());
-        ::sd_bus_reply_method_return(call, "as", 1, self->_answer.c_str());
+        if (::sd_bus_message_get_expect_reply(call) > 0) self->answer(call);
         return 1;
+    }
+
+    void answer(sd_bus_message* call) {
+        _connection->noteQueuedBytes(_answer.size());
+        ::sd_bus_reply_method_return(call, "as", 1, _answer.c_str());
     }
 
     void note(const std::string& read) {
@@ -311,17 +315,20 @@ TEST(BusDirectCalls, HostileBytesAreReadAsTheBusLibraryReadsThem) {
 
 TEST(BusDirectCalls, AnswersThatAreNotReadBoundThem) {
     constexpr std::uint32_t kCalls = 400;
-    Recorder recorder(Recorder::Way::Direct, 12'000);
     std::string calls;
     for (std::uint32_t serial = 1; serial <= kCalls; ++serial)
         calls += callOf({.serial = serial, .flags = 0});
-    recorder.write(calls);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_LT(recorder.calls(), 200u);
-    while (recorder.answers() < kCalls && recorder.receive()) continue;
-    EXPECT_EQ(recorder.answers(), kCalls);
-    EXPECT_EQ(recorder.end().size(), kCalls);
-    EXPECT_GT(recorder.direct(), 0u);
+    // The smaller ones are written past the bus library until the socket is full.
+    for (const auto& [bytes, most] : {std::pair{50'000u, 100u}, {12'000u, 200u}}) {
+        Recorder recorder(Recorder::Way::Direct, bytes);
+        recorder.write(calls);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_LT(recorder.calls(), most);
+        while (recorder.answers() < kCalls && recorder.receive()) continue;
+        EXPECT_EQ(recorder.answers(), kCalls);
+        EXPECT_EQ(recorder.end().size(), kCalls);
+        EXPECT_GT(recorder.direct(), 0u);
+    }
 }
 
 TEST(BusDirectCalls, PlainDictionariesKeepTheirKindsAndNothingBehindTheirEndIsRead) {
