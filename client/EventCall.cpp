@@ -1,7 +1,7 @@
 #include "client/EventCall.h"
 
 #include "framework/Keys.h"
-#include "platform/value/Text.h"
+#include "platform/bus/BusValue.h"
 
 #include <algorithm>
 #include <bit>
@@ -67,7 +67,7 @@ class Writer {
     }
 
     void text(std::string_view text) {
-        if (text.find('\0') != std::string_view::npos || !platform::isUtf8(text)) fail(-EINVAL);
+        if (!platform::isBusText(text)) fail(-EINVAL);
         constant(text);
     }
 
