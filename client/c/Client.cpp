@@ -36,26 +36,13 @@ Event eventOf(uint16_t category, uint16_t type, const QuorvaneDictionary* payloa
 
 /// Asks a client, and hands out what it answers.
 template <typename Ask, typename Out>
-int ask(const QuorvaneClient* client, char** message, Out** out, const Ask& ask) {
-    if (out != nullptr) *out = nullptr;
+int ask(const QuorvaneClient* client, char** message, Out* out, const Ask& ask) {
+    if (out != nullptr) *out = Out();
     return telling(message, [&]() -> Status {
         if (client == nullptr) return nullArgument();
         const auto answer = ask();
         if (!answer) return answer.error();
         handOut(*answer, out);
-        return std::monostate{};
-    });
-}
-
-/// The same for who answers yes or no.
-template <typename Ask>
-int askWhether(const QuorvaneClient* client, char** message, bool* out, const Ask& ask) {
-    if (out != nullptr) *out = false;
-    return telling(message, [&]() -> Status {
-        if (client == nullptr) return nullArgument();
-        const Result<bool> answer = ask();
-        if (!answer) return answer.error();
-        if (out != nullptr) *out = *answer;
         return std::monostate{};
     });
 }
@@ -230,7 +217,7 @@ int quorvane_client_send_single(QuorvaneClient* client, const QuorvaneSessionInf
 
 int quorvane_client_upload_file(QuorvaneClient* client, const char* path, QuorvaneProgressCallback callback,
                                 void* context, int64_t timeout, bool* uploaded, char** message) {
-    return askWhether(client, message, uploaded, [&]() -> Result<bool> {
+    return ask(client, message, uploaded, [&]() -> Result<bool> {
         if (path == nullptr) return nullArgument();
         const auto report = [=](const UploadProgress& progress) {
             if (callback != nullptr) callback(context, static_cast<int>(progress.step), progress.fileBytes);
@@ -241,7 +228,7 @@ int quorvane_client_upload_file(QuorvaneClient* client, const char* path, Quorva
 
 int quorvane_client_upload_log_data(QuorvaneClient* client, const QuorvaneArray* log_data, int64_t timeout,
                                     bool* uploaded, char** message) {
-    return askWhether(client, message, uploaded, [&]() -> Result<bool> {
+    return ask(client, message, uploaded, [&]() -> Result<bool> {
         if (log_data == nullptr) return nullArgument();
         return client->held.uploadLogData(log_data->held, timeoutOf(timeout, quorvane::kUploadTimeout));
     });

@@ -22,6 +22,9 @@ char* textOf(const char* text) noexcept;
 // The same, but they throw std::bad_alloc. Null for nothing, and nothing is done without a place to put it.
 void handOut(const std::optional<std::string>& text, char** to);
 void handOut(const std::optional<std::vector<std::string>>& names, char*** to);
+inline void handOut(bool flag, bool* to) {
+    if (to != nullptr) *to = flag;
+}
 
 /// Runs a function that returns a code. Nothing is thrown past it.
 template <typename Function>
