@@ -51,7 +51,7 @@ TEST(BackPressure, ADaemonThatDoesNotReadSlowsTheSender) {
     // The sender stands when its count no longer moves.
     unsigned seen = 0;
     ASSERT_TRUE(eventually([&] {
-        std::this_thread::sleep_for(milliseconds(20));
+        std::this_thread::sleep_for(milliseconds(100));
         return std::exchange(seen, sent.load()) == sent && sent > 0;
     }));
     EXPECT_LT(seen, kEvents / 2);
