@@ -36,4 +36,7 @@ struct alignas(2 * sizeof(BackendState)) Standing {
     ReportingReason reason = ReportingReason::NotSetUp;
 };
 
+/// Of backends that know no rules.
+inline constexpr Standing kAlwaysReporting{BackendState::Enabled, ReportingReason::AlwaysReports};
+
 }  // namespace quorvane

@@ -97,17 +97,6 @@ std::string textOf(const Dictionary& message) {
     return text;
 }
 
-bool namesCollector(const Dictionary& profile) {
-    const Value* port = profile.find("port");
-    if (profile.string("ip") == nullptr)
-        logError("DashboardBackend(initWithName): can't resolve server IP");
-    else if (port == nullptr || !port->isNumber())
-        logError("DashboardBackend(initWithName): can't resolve server port");
-    else
-        return true;
-    return false;
-}
-
 struct Collector {
     sockaddr_in address;
     std::optional<milliseconds> reliable;  ///< The periodic task's period, for reliable delivery.
@@ -129,6 +118,17 @@ std::optional<Collector> collectorOf(const Dictionary* profile,
 }
 
 }  // namespace
+
+bool DashboardBackend::namesCollector(const Dictionary& profile) {
+    const Value* port = profile.find("port");
+    if (profile.string("ip") == nullptr)
+        logError("DashboardBackend(initWithName): can't resolve server IP");
+    else if (port == nullptr || !port->isNumber())
+        logError("DashboardBackend(initWithName): can't resolve server port");
+    else
+        return true;
+    return false;
+}
 
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     const std::string& name, const std::shared_ptr<const Dictionary>& profile,

@@ -61,6 +61,8 @@ class DashboardBackend final : public QuorvaneBackend, public std::enable_shared
                                                           const std::string& serverIP,
                                                           std::uint16_t serverPort,
                                                           const OptionalString& productFamily);
+    /// Whether the profile names a collector; else null is made, with the same error line.
+    static bool namesCollector(const Dictionary& profile);
     ~DashboardBackend() override;
 
     /// Sends one datagram; the answer is its line for the local log. Sessions do not call this form: their

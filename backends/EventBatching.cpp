@@ -1,4 +1,5 @@
 #include "backends/HTTPSPostBackend.h"
+#include "backends/MessageFlags.h"
 #include "platform/base/Log.h"
 
 #include <cstddef>
@@ -7,16 +8,6 @@
 namespace quorvane {
 
 using platform::logDebug;
-
-namespace {
-
-constexpr std::uint16_t kSessionStop = 1;
-
-bool promotesSampledOut(MessageFlag flag) {
-    return flag == MessageFlag{2} || flag == MessageFlag{3};
-}
-
-}  // namespace
 
 QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload, TimeValue timestamp,
                                                       std::uint16_t method, std::uint16_t respCode, EventID,
@@ -34,7 +25,7 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
 
     if (promotesSampledOut(flag))
         replaceState(BackendState::SampledOut, {BackendState::Enabled, ReportingReason::AskedByEvent});
-    if (mustHold(flag)) {
+    if (isHeld(flag, state(), batchEvents(), awaitsUserInfo())) {
         logDebug("HTTPSPostBackend(sendMessage): Batching {}, {:d}, {:d}", static_cast<int>(state()),
                  batchEvents(), requireUserInfo());
         batchEvent(std::move(event));
@@ -53,13 +44,6 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     Answer prettyJson;
     post(std::move(events), flag, method, respCode, &prettyJson);
     return prettyJson;
-}
-
-bool HTTPSPostBackend::mustHold(MessageFlag flag) const {
-    if (flag != MessageFlag{0} && flag != MessageFlag{2}) return false;
-    const BackendState current = state();
-    return current == BackendState::WaitingForUserInfo || current == BackendState::SampledOut ||
-           batchEvents() || awaitsUserInfo();
 }
 
 void HTTPSPostBackend::batchEvent(Dictionary event) {

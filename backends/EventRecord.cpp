@@ -17,9 +17,21 @@ namespace {
 
 constexpr std::int32_t kClientTypeWithNumericSessionID = 7;
 
-std::uint8_t internalLevel(bool isInternal) {
-    if (environmentType() == EnvironmentType::Seed) return 2;
-    return isInternal ? 1 : 0;
+/// Whether the value is of a kind that JSON can carry; a date becomes its seconds since 1970.
+bool makeSerialisable(Value& value) {
+    switch (value.kind()) {
+        case Value::Kind::String:
+        case Value::Kind::Boolean:
+        case Value::Kind::Signed:
+        case Value::Kind::Unsigned:
+        case Value::Kind::Real:
+            return true;
+        case Value::Kind::Date:
+            value = static_cast<double>(value.date()->microseconds) / 1e6;
+            return true;
+        default:
+            return false;
+    }
 }
 
 /// The entries of both, in one pass; of two with the same key, the one that lies over the other.
@@ -46,6 +58,40 @@ std::string_view senderCode(std::int32_t clientType) {
     static constexpr std::string_view unknown = "UNK";
     const bool known = clientType >= 0 && static_cast<std::size_t>(clientType) < codes.size();
     return known ? codes[static_cast<std::size_t>(clientType)] : unknown;
+}
+
+std::uint8_t internalLevel(bool isInternal, EnvironmentType environment) {
+    if (environment == EnvironmentType::Seed) return 2;
+    return isInternal ? 1 : 0;
+}
+
+std::optional<Value> recordedSessionID(const SessionIDs& session, std::int32_t clientType,
+                                       bool tellsIdentifier) {
+    if (tellsIdentifier && clientType == kClientTypeWithNumericSessionID) return Value(session.number);
+    return session.combined ? std::optional<Value>(*session.combined) : std::nullopt;
+}
+
+Dictionary withSamplingSettings(Dictionary payload, const SamplingSettings& settings) {
+    payload.set("Opt", static_cast<std::int32_t>(settings.dnuType));
+    payload.set("SamplingThreshold", settings.threshold.value_or(Value(-1)));
+    payload.set("OverrideSampling", settings.override.value_or(Value(-1)));
+    payload.set("Batch", static_cast<std::uint8_t>(settings.batchEvents));
+    return payload;
+}
+
+void removeUnserialisable(Dictionary& record) {
+    const auto serialisable = [](Dictionary::Entry& entry) { return makeSerialisable(entry.value); };
+    if (std::all_of(record.begin(), record.end(), serialisable)) return;
+    Dictionary kept;
+    for (auto& entry : record) {
+        if (makeSerialisable(entry.value))
+            kept.setOwned(std::move(entry.key), std::move(entry.value));
+        else
+            platform::logWarning(
+                "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: {}, value: {}",
+                entry.key, entry.value);
+    }
+    record = std::move(kept);
 }
 
 RecordTemplate::RecordTemplate(const RecordFacts& facts) {
@@ -96,7 +142,7 @@ Dictionary HTTPSPostBackend::createEventDictfromPayload(const Dictionary* payloa
     return _template.record(payload,
                             {.clientTime = finiteOrMinusOne(static_cast<double>(startMinute()) + elapsed),
                              .eventNumber = eventID(),
-                             .internalLevel = internalLevel(isInternal()),
+                             .internalLevel = internalLevel(isInternal(), environmentType()),
                              .method = method,
                              .status = respCode,
                              .timeZoneOffset = platform::timeZoneOffset()});
@@ -117,17 +163,11 @@ void HTTPSPostBackend::renewTemplate() {
                                 .productModel = hardwareType(),
                                 .reportVersion = selfVersion(),
                                 .clientType = compType(),
-                                .sessionID = recordedSessionID(),
+                                .sessionID = recordedSessionID({sessionID(), combinedSessionIDString()},
+                                                               compType(), tellsIdentifier()),
                                 .startMinute = startMinute(),
                                 .userInfo = userInfoDict().get()});
     _templateRevision = current;
-}
-
-std::optional<Value> HTTPSPostBackend::recordedSessionID() const {
-    if (_extrasOnInternal != 0 && isInternal() && compType() == kClientTypeWithNumericSessionID)
-        return Value(sessionID());
-    if (auto combined = combinedSessionIDString()) return Value(*std::move(combined));
-    return std::nullopt;
 }
 
 std::optional<Dictionary> HTTPSPostBackend::sessionStopPayload(const Dictionary* payload) const {
@@ -137,12 +177,10 @@ std::optional<Dictionary> HTTPSPostBackend::sessionStopPayload(const Dictionary*
         platform::logError("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
         return std::nullopt;
     }
-    Dictionary extended = *payload;
-    extended.set("Opt", static_cast<std::int32_t>(_dnuType));
-    extended.set("SamplingThreshold", samplingThreshold().value_or(Value(-1)));
-    extended.set("OverrideSampling", _overrideSampling.value_or(Value(-1)));
-    extended.set("Batch", static_cast<std::uint8_t>(batchEvents()));
-    return extended;
+    return withSamplingSettings(*payload, {.dnuType = _dnuType,
+                                           .threshold = samplingThreshold(),
+                                           .override = _overrideSampling,
+                                           .batchEvents = batchEvents()});
 }
 
 }  // namespace quorvane

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "backends/ReportingRules.h"
 #include "platform/value/Value.h"
+#include "util/Environment.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +14,35 @@ namespace quorvane {
 
 /// The code that records and posts carry for a client type.
 std::string_view senderCode(std::int32_t clientType);
+
+/// How far the device belongs to its maker, as records tell it.
+std::uint8_t internalLevel(bool isInternal, EnvironmentType environment);
+
+struct SessionIDs {
+    std::uint32_t number;
+    std::optional<std::string> combined;  ///< with those of its ancestors
+};
+
+/// By which of its identifiers records name the session.
+std::optional<Value> recordedSessionID(const SessionIDs& session, std::int32_t clientType,
+                                       bool tellsIdentifier);
+
+/// The type of a session's last event, which tells how the session was sampled.
+inline constexpr std::uint16_t kSessionStop = 1;
+
+struct SamplingSettings {
+    DnuType dnuType;
+    std::optional<Value> threshold;
+    std::optional<Value> override;
+    bool batchEvents;
+};
+
+/// The last event's payload with what it tells beside it.
+Dictionary withSamplingSettings(Dictionary payload, const SamplingSettings& settings);
+
+/// Makes seconds since 1970 of dates, and drops every key whose value is of a kind that JSON cannot carry,
+/// each with a warning.
+void removeUnserialisable(Dictionary& record);
 
 /// What all records of a session have in common.
 struct RecordFacts {

@@ -9,12 +9,15 @@ namespace quorvane {
 std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::string& name,
                                                                  std::shared_ptr<const Dictionary> profile,
                                                                  const OptionalString& productFamily) {
-    if (profile == nullptr || !productFamily) return nullptr;
-    if (profile->array("clients") == nullptr) {
-        platform::logError("HTTPSPostBackend(initWithName): can't find the client list.");
-        return nullptr;
-    }
+    if (!accepts(profile.get(), productFamily)) return nullptr;
     return std::shared_ptr<HTTPSPostBackend>(new HTTPSPostBackend(name, std::move(profile), productFamily));
+}
+
+bool HTTPSPostBackend::accepts(const Dictionary* profile, const OptionalString& productFamily) {
+    if (profile == nullptr || !productFamily) return false;
+    if (profile->array("clients") != nullptr) return true;
+    platform::logError("HTTPSPostBackend(initWithName): can't find the client list.");
+    return false;
 }
 
 HTTPSPostBackend::HTTPSPostBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "backends/EntrySettings.h"
 #include "backends/EventBatch.h"
 #include "backends/EventFilters.h"
 #include "backends/EventRecord.h"
@@ -30,6 +31,9 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     static std::shared_ptr<HTTPSPostBackend> initWithName(const std::string& name,
                                                           std::shared_ptr<const Dictionary> profile,
                                                           const OptionalString& productFamily);
+
+    /// Whether there is enough for a backend; else null is made, with the same error line.
+    static bool accepts(const Dictionary* profile, const OptionalString& productFamily);
 
     /// Builds the event's record and posts or holds it. The answer is the posted message's pretty-printed
     /// JSON, when the user's consent lets it be logged.
@@ -75,11 +79,11 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
 
     // The state: UpdateBackendState.cpp.
     ReportingFacts reportingFacts() const;
-    void applyExpedite(const Dictionary& entry);
+    void applyExpedite(bool batchEvents);
     void takeFirstTargets(const Array& clients);
-    void applyEntry(const ReportingDecision& decision, const ReportingFacts& facts);
-    void readEventThreshold(const Dictionary& entry);
-    void readExtrasOnInternal(const Dictionary& entry);
+    void applyReporting(const EntrySettings::Reporting& settings);
+    void applyEventThreshold(std::optional<std::int32_t> threshold);
+    void applyExtrasOnInternal(std::optional<std::int32_t> extras);
 
     // Records: EventRecord.cpp.
     Dictionary createEventDictfromPayload(const Dictionary* payload, TimeValue timestamp,
@@ -87,13 +91,13 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     std::int64_t startMinute() const;
     /// After a change to what the template was made from.
     void renewTemplate();
-    std::optional<Value> recordedSessionID() const;
+    /// Internal builds may tell the device by its own identifier.
+    bool tellsIdentifier() const { return _extrasOnInternal != 0 && isInternal(); }
     std::optional<Dictionary> sessionStopPayload(const Dictionary* payload) const;
 
     // Sending, holding and flushing: EventBatching.cpp.
     bool awaitsUserInfo() const { return requireUserInfo() && userInfoDict() == nullptr; }
     bool mayFlush() const { return state() == BackendState::Enabled && !awaitsUserInfo(); }
-    bool mustHold(MessageFlag flag) const;
     void batchEvent(Dictionary event);
     bool hold(Dictionary& event, std::int64_t method, std::int32_t count);
     void postOrDrop(Dictionary event);
@@ -133,9 +137,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     void postCompleted(const std::string& name, const platform::HttpResult& result, std::size_t events);
     void noteFate(const platform::HttpResult& result, std::size_t events);
 
-    static constexpr std::int32_t kDefaultEventThreshold = 49;
-
-    PostTargets _targets;
+    PostTargets _targets = PostTargets::ofUserDefaults();
     EventFilters _filters;
     const bool _dnuEnabled;  ///< the user's consent to the submission of diagnostics
     DnuType _dnuType = DnuType::None;

@@ -1,5 +1,6 @@
 #include "backends/EventRecord.h"
 #include "backends/HTTPSPostBackend.h"
+#include "backends/MessageFlags.h"
 #include "framework/Keys.h"
 #include "platform/base/Log.h"
 #include "platform/formats/Json.h"
@@ -18,43 +19,6 @@ namespace {
 
 /// Takes about as long as an event, whose answer shall not wait for more.
 constexpr std::size_t kCompressedStep = 3u << 10;
-
-bool isRealtime(MessageFlag flag) {
-    return flag == MessageFlag{1} || flag == MessageFlag{3};
-}
-
-/// Whether the value is of a kind that JSON can carry; a date becomes its seconds since 1970.
-bool makeSerialisable(Value& value) {
-    switch (value.kind()) {
-        case Value::Kind::String:
-        case Value::Kind::Boolean:
-        case Value::Kind::Signed:
-        case Value::Kind::Unsigned:
-        case Value::Kind::Real:
-            return true;
-        case Value::Kind::Date:
-            value = static_cast<double>(value.date()->microseconds) / 1e6;
-            return true;
-        default:
-            return false;
-    }
-}
-
-/// Drops every key whose value is of a kind that JSON cannot carry.
-void removeUnserialisable(Dictionary& record) {
-    const auto serialisable = [](Dictionary::Entry& entry) { return makeSerialisable(entry.value); };
-    if (std::all_of(record.begin(), record.end(), serialisable)) return;
-    Dictionary kept;
-    for (auto& entry : record) {
-        if (makeSerialisable(entry.value))
-            kept.setOwned(std::move(entry.key), std::move(entry.value));
-        else
-            platform::logWarning(
-                "HTTPSPostBackend(createMessageForPostAndLogging): NSJSONSerialization unable to handle key: {}, value: {}",
-                entry.key, entry.value);
-    }
-    record = std::move(kept);
-}
 
 /// The text with blanks for control characters, which would end a header or start another.
 std::string headerSafe(std::string text) {
@@ -95,8 +59,7 @@ std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::createMessageForPostA
 }
 
 QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
-    if (_extrasOnInternal != 0 && isInternal())
-        return udid() != nullptr ? OptionalString(udid()) : std::nullopt;
+    if (tellsIdentifier()) return udid() != nullptr ? OptionalString(udid()) : std::nullopt;
     return _dnuType == DnuType::None ? _uuidRespectDnu : _uuidOverrideDnu;
 }
 

@@ -18,10 +18,6 @@ constexpr std::string_view kBundlePath = "/usr/lib/quorvane/OsselAdaptor.so";
 constexpr std::string_view kClass = "OsselAdaptor";
 constexpr std::string_view kSelector = "sendMessageWithMethod:respCode:dict:";
 
-bool hasAdaptor(std::int32_t clientType) {
-    return clientType == 7 || clientType == 11;
-}
-
 /// The bytes for the adaptor, none for no message; nothing, and an error line, for a message that a property
 /// list cannot hold.
 std::optional<Data> bytesOf(const Dictionary* message) {
@@ -45,11 +41,14 @@ std::shared_ptr<OsselBackend> OsselBackend::initWithName(const std::string& name
                                                          std::int32_t clientType) {
     platform::logInfo("OsselBackend(initWithName): Loading Ossel adaptor class for client type {}",
                       clientType);
-    if (!hasAdaptor(clientType)) {
-        logError("OsselBackend(initWithName): No matching bundle found for client type {}", clientType);
-        return nullptr;
-    }
+    if (!hasAdaptor(clientType)) return nullptr;
     return std::shared_ptr<OsselBackend>(new OsselBackend(name, std::move(profile), productFamily));
+}
+
+bool OsselBackend::hasAdaptor(std::int32_t clientType) {
+    if (clientType == 7 || clientType == 11) return true;
+    logError("OsselBackend(initWithName): No matching bundle found for client type {}", clientType);
+    return false;
 }
 
 OsselBackend::OsselBackend(const std::string& name, std::shared_ptr<const Dictionary> profile,

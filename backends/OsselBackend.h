@@ -24,6 +24,9 @@ class OsselBackend final : public QuorvaneBackend {
                                                       const OptionalString& productFamily,
                                                       std::int32_t clientType);
 
+    /// Whether the client type has an adaptor; else null is made, with the same error line.
+    static bool hasAdaptor(std::int32_t clientType);
+
     /// The adaptor gets the method, the response code and the message alone. Waits for it.
     Answer sendMessage(const Dictionary* message, TimeValue timestamp, std::uint16_t method,
                        std::uint16_t respCode, EventID eventID, MessageFlag flag) override;

@@ -5,6 +5,7 @@
 #include "util/DeviceFacts.h"
 
 #include <string_view>
+#include <utility>
 
 namespace quorvane {
 
@@ -25,10 +26,14 @@ const std::string* sendable(const std::optional<std::string>& url) {
 
 }  // namespace
 
-PostTargets::PostTargets()
-    : _postURL(daemonSetting("httpsPostURL")),
+PostTargets PostTargets::ofUserDefaults() {
+    return {daemonSetting("httpsPostURL"), daemonSetting("httpsRealtimePostURL")};
+}
+
+PostTargets::PostTargets(std::optional<std::string> postURL, std::optional<std::string> realtimePostURL)
+    : _postURL(std::move(postURL)),
       _useDefaultPostURL(_postURL.has_value()),
-      _realtimePostURL(daemonSetting("httpsRealtimePostURL")),
+      _realtimePostURL(std::move(realtimePostURL)),
       _useDefaultRealtimePostURL(_realtimePostURL.has_value()) {
     if (_postURL) logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for postURL", *_postURL);
     if (_realtimePostURL)
@@ -63,6 +68,12 @@ bool PostTargets::update(const Dictionary& entry) {
                  platform::orNull(_postURL));
     }
     return supplied;
+}
+
+const Dictionary* PostTargets::updateFromFirst(const Array& clients) {
+    for (const Value& client : clients)
+        if (const Dictionary* entry = client.dictionary(); entry != nullptr && update(*entry)) return entry;
+    return nullptr;
 }
 
 const std::string* PostTargets::ordinary() const {

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace quorvane {
 
@@ -11,11 +12,15 @@ namespace quorvane {
 /// Not thread-safe.
 class PostTargets {
   public:
-    /// Takes the user defaults "httpsPostURL" and "httpsRealtimePostURL".
-    PostTargets();
+    /// With the URLs that no client entry changes, if there are any.
+    PostTargets(std::optional<std::string> postURL, std::optional<std::string> realtimePostURL);
+    /// Those that this device's user defaults "httpsPostURL" and "httpsRealtimePostURL" set.
+    static PostTargets ofUserDefaults();
 
     /// Takes the entry's URLs where no user default is in force; whether it supplied the ordinary one.
     bool update(const Dictionary& entry);
+    /// Takes the URLs of one entry after the other until one supplies the ordinary one; that entry, or null.
+    const Dictionary* updateFromFirst(const Array& clients);
 
     const std::optional<std::string>& postURL() const { return _postURL; }
     void setPostURL(std::optional<std::string> postURL) { _postURL = std::move(postURL); }

@@ -72,11 +72,17 @@ void QuorvaneBackend::finishSending() {
     while (continueSending()) continue;
 }
 
-void QuorvaneBackend::setSelfVersion(std::string_view version) {
+QuorvaneBackend::ShortVersion QuorvaneBackend::shortVersionOf(std::string_view version) {
     const auto point = version.find('.');
     const auto rest = point == std::string_view::npos ? std::string_view() : version.substr(point + 1);
-    _selfVersionMajor = static_cast<std::uint8_t>(leadingInteger(version));
-    _selfVersion = fmt::format("{}.{}", _selfVersionMajor, static_cast<std::uint8_t>(leadingInteger(rest)));
+    const auto major = static_cast<std::uint8_t>(leadingInteger(version));
+    return {major, fmt::format("{}.{}", major, static_cast<std::uint8_t>(leadingInteger(rest)))};
+}
+
+void QuorvaneBackend::setSelfVersion(std::string_view version) {
+    ShortVersion shortened = shortVersionOf(version);
+    _selfVersionMajor = shortened.major;
+    _selfVersion = std::move(shortened.text);
     changed();
 }
 

@@ -37,6 +37,10 @@ class QuorvaneBackend {
                                                                const OptionalString& productFamily,
                                                                std::int32_t clientType);
 
+    /// Whether that makes one, as far as it rests on these; else with the error line that tells why.
+    static bool isMadeOf(const std::string& name, const Dictionary* profile,
+                         const OptionalString& productFamily, std::int32_t clientType);
+
     virtual ~QuorvaneBackend() = default;
     QuorvaneBackend(const QuorvaneBackend&) = delete;
     QuorvaneBackend& operator=(const QuorvaneBackend&) = delete;
@@ -64,11 +68,16 @@ class QuorvaneBackend {
     virtual bool uploadLogData(const Array& logData);
 
     /// Works the state out anew; the base always reports.
-    virtual void updateState() { setState(BackendState::Enabled, ReportingReason::AlwaysReports); }
+    virtual void updateState() { setState(kAlwaysReporting.state, kAlwaysReporting.reason); }
     virtual void setCorrelatedSessionID(const std::string& combinedSessionID);
     virtual void cleanup() {}
 
-    /// "major.minor"; each part is cut to 8 bits, what follows is ignored.
+    struct ShortVersion {
+        std::uint8_t major;
+        std::string text;  ///< "major.minor"
+    };
+    /// Each part is cut to 8 bits, what follows is ignored.
+    static ShortVersion shortVersionOf(std::string_view version);
     void setSelfVersion(std::string_view version);
     void setStartTimestamp(TimeValue time);
 

@@ -9,19 +9,6 @@ namespace quorvane {
 
 namespace {
 
-/// The texts between the commas, as they stand; empty for a missing text.
-Array commaSeparated(const std::string* text) {
-    Array parts;
-    if (text == nullptr) return parts;
-    std::string_view rest = *text;
-    for (auto comma = rest.find(','); comma != std::string_view::npos; comma = rest.find(',')) {
-        parts.emplace_back(rest.substr(0, comma));
-        rest.remove_prefix(comma + 1);
-    }
-    parts.emplace_back(rest);
-    return parts;
-}
-
 const Dictionary* firstMatchingClient(const Array& clients, const Dictionary* userInfo) {
     const std::string* name = userInfo ? userInfo->string(kQuorvaneUserInfoClientName) : nullptr;
     const std::string* service = userInfo ? userInfo->string(kQuorvaneUserInfoServiceName) : nullptr;
@@ -87,12 +74,28 @@ bool ReportingDecision::settledBySampling() const {
     return reason >= ReportingReason::NoSamplingThreshold;
 }
 
+EntryMatch matchOf(const Dictionary& entry, const std::string* clientName, const std::string* serviceName) {
+    const Array clients = commaSeparated(entry.string("client"));
+    if (!matchExactStringWithList(&clients, clientName, true)) return EntryMatch::OtherClient;
+    const Array services = commaSeparated(entry.string("service"));
+    return matchStringWithList(&services, serviceName, true) ? EntryMatch::Matches : EntryMatch::OtherService;
+}
+
 bool matchClientNameAndServiceID(const Dictionary& entry, const std::string* clientName,
                                  const std::string* serviceName) {
-    const Array clients = commaSeparated(entry.string("client"));
-    if (!matchExactStringWithList(&clients, clientName, true)) return false;
-    const Array services = commaSeparated(entry.string("service"));
-    return matchStringWithList(&services, serviceName, true);
+    return matchOf(entry, clientName, serviceName) == EntryMatch::Matches;
+}
+
+Array commaSeparated(const std::string* text) {
+    Array parts;
+    if (text == nullptr) return parts;
+    std::string_view rest = *text;
+    for (auto comma = rest.find(','); comma != std::string_view::npos; comma = rest.find(',')) {
+        parts.emplace_back(rest.substr(0, comma));
+        rest.remove_prefix(comma + 1);
+    }
+    parts.emplace_back(rest);
+    return parts;
 }
 
 DnuType dnuTypeUnder(const Dictionary& entry, bool consent) {

@@ -42,12 +42,18 @@ struct ReportingDecision {
 /// The decision on a profile's client list, which may be null.
 ReportingDecision decideReporting(const Array* clients, const ReportingFacts& facts);
 
+enum class EntryMatch { Matches, OtherClient, OtherService };
+
 /// Whether the entry is for the client and service of those names; an entry that names none is for all.
+EntryMatch matchOf(const Dictionary& entry, const std::string* clientName, const std::string* serviceName);
 bool matchClientNameAndServiceID(const Dictionary& entry, const std::string* clientName,
                                  const std::string* serviceName);
 
 /// How the entry's consent override stands.
 DnuType dnuTypeUnder(const Dictionary& entry, bool consent);
+
+/// The names that an entry's text lists, as they stand between the commas; empty for a missing text.
+Array commaSeparated(const std::string* text);
 
 /// The value under the key if it is a number.
 std::optional<Value> numberUnder(const Dictionary& entry, std::string_view key);

@@ -1,10 +1,9 @@
+#include "backends/EntrySettings.h"
 #include "backends/HTTPSPostBackend.h"
 #include "backends/ReportingRules.h"
 #include "framework/Keys.h"
 #include "platform/base/Log.h"
 #include "platform/device/Locale.h"
-
-#include <cassert>
 
 namespace quorvane {
 
@@ -12,10 +11,6 @@ using platform::logDebug;
 using platform::orNull;
 
 namespace {
-
-std::int32_t integerUnder(const Dictionary& entry, std::string_view key) {
-    return static_cast<std::int32_t>(entry.integer(key));
-}
 
 /// A list for a log line.
 const Value& printable(const Value* list) {
@@ -52,9 +47,21 @@ BackendState HTTPSPostBackend::updateBackendState() {
     const Array* clients = profile()->array("clients");
     const ReportingFacts facts = reportingFacts();
     const ReportingDecision decision = decideReporting(clients, facts);
-    if (decision.entry != nullptr) applyExpedite(*decision.entry);
+    const EntrySettings settings = settingsUnder(decision, facts.consent);
+    if (settings.batchEvents) applyExpedite(*settings.batchEvents);
     if (decision.reason == ReportingReason::NoRuleApplies) takeFirstTargets(*clients);
-    if (decision.judgedEntry()) applyEntry(decision, facts);
+    if (settings.identity) {
+        setHierarchy(settings.identity->hierarchy);
+        _dnuType = settings.identity->dnuType;
+        logRefusal(decision, facts);
+    }
+    if (settings.reporting) {
+        applyReporting(*settings.reporting);
+        logDebug("HTTPSPostBackend(updateBackendState): {}: client found {}, state? {}, {:f}", name(),
+                 orNull(facts.userInfo->string(kQuorvaneUserInfoClientName)),
+                 static_cast<int>(decision.state), facts.draw);
+        updatePostLink(*decision.entry);
+    }
     _reason = decision.reason;
     return decision.state;
 }
@@ -68,45 +75,27 @@ ReportingFacts HTTPSPostBackend::reportingFacts() const {
             .draw = samplingFactor()};
 }
 
-void HTTPSPostBackend::applyExpedite(const Dictionary& entry) {
-    if (!entry.contains("expedite")) return;
-    setBatchEvents(entry.integer("expedite") == 0);
-    logDebug("HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent={:d}", batchEvents());
+void HTTPSPostBackend::applyExpedite(bool batchEvents) {
+    setBatchEvents(batchEvents);
+    logDebug("HTTPSPostBackend(updateBackendState): Store bag override  _batchEvent={:d}", batchEvents);
 }
 
 void HTTPSPostBackend::takeFirstTargets(const Array& clients) {
-    for (const Value& client : clients) {
-        const Dictionary* entry = client.dictionary();
-        if (entry == nullptr || !updatePostLink(*entry)) continue;
-        readExtrasOnInternal(*entry);
-        break;
-    }
+    if (const Dictionary* entry = _targets.updateFromFirst(clients))
+        applyExtrasOnInternal(extrasOnInternalUnder(*entry));
 }
 
-/// What the rules did not come to keeps the value that an earlier entry gave it.
-void HTTPSPostBackend::applyEntry(const ReportingDecision& decision, const ReportingFacts& facts) {
-    assert(decision.entry != nullptr);
-    const Dictionary& entry = *decision.entry;
-    setHierarchy(integerUnder(entry, "hierarchy"));
-    _dnuType = dnuTypeUnder(entry, facts.consent);
-    logRefusal(decision, facts);
-    if (!decision.settledBySampling()) return;
-
-    _filters.createFiltersFromArray(*entry.array("filters"));
-    setSamplingThreshold(numberUnder(entry, "sampling_threshold"));
-    if (decision.reason > ReportingReason::BelowThreshold)
-        _overrideSampling = numberUnder(entry, "override_sampling");
-    readEventThreshold(entry);
-    readExtrasOnInternal(entry);
-    logDebug("HTTPSPostBackend(updateBackendState): {}: client found {}, state? {}, {:f}", name(),
-             orNull(facts.userInfo->string(kQuorvaneUserInfoClientName)), static_cast<int>(decision.state),
-             facts.draw);
-    updatePostLink(entry);
+void HTTPSPostBackend::applyReporting(const EntrySettings::Reporting& settings) {
+    _filters.createFiltersFromArray(*settings.filters);
+    setSamplingThreshold(settings.samplingThreshold);
+    if (settings.comparedOverride) _overrideSampling = settings.overrideSampling;
+    applyEventThreshold(settings.eventThreshold);
+    applyExtrasOnInternal(settings.extrasOnInternal);
 }
 
-void HTTPSPostBackend::readEventThreshold(const Dictionary& entry) {
-    if (entry.contains("event_threshold")) {
-        _eventThreshold = integerUnder(entry, "event_threshold");
+void HTTPSPostBackend::applyEventThreshold(std::optional<std::int32_t> threshold) {
+    if (threshold) {
+        _eventThreshold = *threshold;
         logDebug("HTTPSPostBackend(updateBackendState): event_threshold set to {}", _eventThreshold);
     } else {
         // An earlier entry's threshold stays in force; the line names the default all the same.
@@ -116,9 +105,9 @@ void HTTPSPostBackend::readEventThreshold(const Dictionary& entry) {
     }
 }
 
-void HTTPSPostBackend::readExtrasOnInternal(const Dictionary& entry) {
-    if (!entry.contains("extras_on_internal")) return;
-    _extrasOnInternal = integerUnder(entry, "extras_on_internal");
+void HTTPSPostBackend::applyExtrasOnInternal(std::optional<std::int32_t> extras) {
+    if (!extras) return;
+    _extrasOnInternal = *extras;
     changed();
     logDebug("HTTPSPostBackend(updateBackendState): extras on internal is set to {}", _extrasOnInternal);
 }

@@ -65,11 +65,14 @@ std::string_view lastPathComponent(std::string_view path) {
 std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& name,
                                                            const std::shared_ptr<const Dictionary>& profile,
                                                            const OptionalString& productFamily) {
-    if (profile == nullptr || profile->string("post_url") == nullptr) {
-        logError("UploadBackend(initWithName): can't resolve upload post URL.");
-        return nullptr;
-    }
+    if (!accepts(profile.get())) return nullptr;
     return std::shared_ptr<UploadBackend>(new UploadBackend(name, profile, productFamily));
+}
+
+bool UploadBackend::accepts(const Dictionary* profile) {
+    if (profile != nullptr && profile->string("post_url") != nullptr) return true;
+    logError("UploadBackend(initWithName): can't resolve upload post URL.");
+    return false;
 }
 
 UploadBackend::UploadBackend(const std::string& name, const std::shared_ptr<const Dictionary>& profile,

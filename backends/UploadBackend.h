@@ -19,6 +19,9 @@ class UploadBackend final : public QuorvaneBackend {
                                                        const std::shared_ptr<const Dictionary>& profile,
                                                        const OptionalString& productFamily);
 
+    /// Whether the profile has what is required; else null is made, with the same error line.
+    static bool accepts(const Dictionary* profile);
+
     /// Sends the file that the token was issued for, when the path names it, and waits for the answer. True
     /// once the server or the network has answered, whatever the answer; a reply with "success" in it has the
     /// client remove the file. False when nothing was sent: with an error line for what is no regular file,

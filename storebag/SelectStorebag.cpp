@@ -25,32 +25,11 @@ void logFetchFailure(std::int32_t clientType) {
              clientType);
 }
 
-void tellUnusable(FetchAttempt& attempt, const char* reason) {
-    attempt.outcome = FetchAttempt::Outcome::Failed;
-    attempt.reason = reason;
-}
-
-/// The bag's section of that key; null for the empty key, which environment 0 has.
-Dictionary* sectionOf(Dictionary& bag, std::string_view key) {
-    Value* section = key.empty() ? nullptr : bag.find(key);
-    return section != nullptr ? section->dictionary() : nullptr;
-}
-
-/// The section of the device's environment, in the bag; null, which is logged, when the bag has none.
-Dictionary* sectionForEnvironment(Dictionary& bag, std::int32_t clientType) {
-    const EnvironmentType environment = environmentType();
-    std::string_view key = environmentSectionKey(environment);
-    Dictionary* section = sectionOf(bag, key);
-    if (section == nullptr && environment == EnvironmentType::Seed) {
-        logWarning("fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
-        key = environmentSectionKey(EnvironmentType::Release);
-        section = sectionOf(bag, key);
-    }
-    if (section == nullptr)
-        logError(
-            "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} environment",
-            clientType, key.empty() ? platform::absentText : key);
-    return section;
+void logFault(BagFault fault, std::int32_t clientType, std::string_view sectionKey) {
+    if (fault == BagFault::NoVersion) return logFetchFailure(clientType);
+    logError(
+        "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} environment",
+        clientType, sectionKey.empty() ? platform::absentText : sectionKey);
 }
 
 std::int32_t refreshCycle(const Value& seconds) {
@@ -61,6 +40,24 @@ std::int32_t refreshCycle(const Value& seconds) {
 }
 
 }  // namespace
+
+std::string_view sectionKeyForEnvironment(const Dictionary& bag, EnvironmentType environment) {
+    const std::string_view key = environmentSectionKey(environment);
+    if (environment != EnvironmentType::Seed || bag.dictionary(key) != nullptr) return key;
+    logWarning("fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
+    return environmentSectionKey(EnvironmentType::Release);
+}
+
+std::optional<BagFault> faultOf(const Dictionary& bag, std::string_view sectionKey) {
+    if (sectionKey.empty() || bag.dictionary(sectionKey) == nullptr) return BagFault::NoSection;
+    if (bag.string("version") == nullptr) return BagFault::NoVersion;
+    return std::nullopt;
+}
+
+const char* textOf(BagFault fault) {
+    return fault == BagFault::NoSection ? "the bag has no section for the device's environment"
+                                        : "the bag has no version";
+}
 
 std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
     std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version, bool& notModified,
@@ -78,24 +75,19 @@ std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
         if (!notModified) logFetchFailure(clientType);
         return std::nullopt;
     }
-    Dictionary* section = sectionForEnvironment(*bag, clientType);
-    if (section == nullptr) {
-        tellUnusable(told, "the bag has no section for the device's environment");
+    const std::string_view key = sectionKeyForEnvironment(*bag, environmentType());
+    if (const std::optional<BagFault> fault = faultOf(*bag, key)) {
+        logFault(*fault, clientType, key);
+        told.outcome = FetchAttempt::Outcome::Failed;
+        told.reason = textOf(*fault);
         return std::nullopt;
     }
-
-    std::optional<std::string> bagVersion = bag->text("version");
-    if (!bagVersion) {
-        logFetchFailure(clientType);
-        tellUnusable(told, "the bag has no version");
-        return std::nullopt;
-    }
-    version = std::move(bagVersion);
+    version = bag->text("version");
     if (const Value* seconds = bag->find("refresh_cycle")) {
         maxAge = refreshCycle(*seconds);
         logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);
     }
-    return std::move(*section);
+    return std::move(*bag->find(key)->dictionary());
 }
 
 }  // namespace quorvane

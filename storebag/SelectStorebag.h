@@ -2,10 +2,12 @@
 
 #include "platform/value/Value.h"
 #include "storebag/StorebagStatus.h"
+#include "util/Environment.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace quorvane {
 
@@ -21,5 +23,14 @@ namespace quorvane {
 std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
     std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version, bool& notModified,
     std::optional<std::string>* lastModified, FetchAttempt* attempt = nullptr);
+
+/// The key of the section that devices of the environment run with, whether the bag has it or not: for seed,
+/// with a warning, that of release where the bag has none of its own. Empty for no environment.
+std::string_view sectionKeyForEnvironment(const Dictionary& bag, EnvironmentType environment);
+
+/// Why a bag is not taken by devices that run with the section of that key.
+enum class BagFault { NoSection, NoVersion };
+std::optional<BagFault> faultOf(const Dictionary& bag, std::string_view sectionKey);
+const char* textOf(BagFault fault);
 
 }  // namespace quorvane
