@@ -26,12 +26,10 @@ namespace quorvane::platform {
 
 namespace {
 
-/// Past either bound the connection's next call waits until its client has read. The bus library bounds its
-/// own queue by messages only, and far higher.
-constexpr std::uint64_t kQueuedReplies = 256;
-constexpr std::size_t kQueuedReplyBytes = 1u << 20;
-
 constexpr std::chrono::seconds kAuthenticationTime{10};
+
+/// How long a client that the daemon leaves may take to read what it is told in the end.
+constexpr std::chrono::seconds kLastWordsTime{1};
 
 /// How long to wait for the rest of a header of which only some bytes have come.
 constexpr std::chrono::milliseconds kHeaderPause{100};
@@ -63,8 +61,11 @@ UniqueDescriptor socketPair(UniqueDescriptor& other) {
     return UniqueDescriptor(ends[0]);
 }
 
-/// A socket from which nothing ever comes, for a bus that shall write only. -1 when there is no descriptor.
-int silentSocket() {
+}  // namespace
+
+// The bus.
+
+int BusConnection::silentSocket() {
     static Mutex mutex;
     static UniqueDescriptor other;
     static UniqueDescriptor silent;
@@ -72,10 +73,6 @@ int silentSocket() {
     if (!silent) silent = socketPair(other);
     return silent.get();
 }
-
-}  // namespace
-
-// The bus.
 
 std::shared_ptr<BusConnection> BusConnection::initWithDescriptor(UniqueDescriptor socket, Peer peer) {
     std::shared_ptr<BusConnection> connection(new BusConnection(socket.get(), peer));
@@ -146,19 +143,23 @@ bool BusConnection::resume(Handler ended) {
 void BusConnection::serve() {
     nameThisThread(fmt::format("client {}", _peer.uid).c_str());
     servedHere = this;
-    const Ending ending = serveUntilItEnds();
+    finish(serveUntilItEnds());
     servedHere = nullptr;
-    finish(ending);
 }
 
+/// A client that leaves is told nothing more. One that is left, and reads, is told what waits for it and what
+/// the handlers' and the objects' ends have to say.
 void BusConnection::finish(Ending ending) {
-    std::vector<QueuedCall> dropped;
+    const auto end = std::chrono::steady_clock::now() + kLastWordsTime;
+    const bool listens = _ending && !_vanished && ::sd_bus_is_ready(_bus) > 0 && writeAllUntil(end);
+    if (!listens) servedHere = nullptr;
+    std::vector<QueuedCall> rest;
     {
         const MutexLock lock(_mutex);
         _over = true;  // The bus closes the socket soon.
-        dropped.swap(_calls);
+        rest.swap(_calls);
     }
-    for (const QueuedCall& queued : dropped) queued.call(nullptr);
+    for (const QueuedCall& queued : rest) queued.call(listens ? _bus : nullptr);
     if (ending == Ending::Broken && _interruptionHandler) _interruptionHandler();
     if (_invalidationHandler) _invalidationHandler();
     _interruptionHandler = nullptr;
@@ -167,6 +168,7 @@ void BusConnection::finish(Ending ending) {
     _fileHandler = nullptr;
     _dictionaryHandler = nullptr;
     _exported.clear();
+    if (listens) writeAllUntil(end);
     _bus = ::sd_bus_close_unref(_bus);
 }
 
@@ -256,37 +258,6 @@ void BusConnection::serveRest() {
         serves = serveNext(next) > 0;
     }
     ::sd_bus_close_unref(std::exchange(_bus, first));
-}
-
-/// A bus that may read reads, too.
-int BusConnection::writeQueued() {
-    if (::dup3(silentSocket(), _busInput, O_CLOEXEC) < 0) return -errno;
-    const int result = ::sd_bus_process(_bus, nullptr);
-    if (::dup3(_socket, _busInput, O_CLOEXEC) < 0) return -errno;
-    return result;
-}
-
-int BusConnection::drainReplies() {
-    for (;;) {
-        std::uint64_t waiting = 0;
-        if (const int result = ::sd_bus_get_n_queued_write(_bus, &waiting); result < 0) return result;
-        if (mayKeepReplies(waiting)) return 0;
-        if (_ending) return -ECANCELED;
-        if (const int waited = wait(POLLOUT, std::nullopt); waited < 0) return waited;
-        if (const int result = writeQueued(); result < 0) return result;
-        if (::sd_bus_is_open(_bus) <= 0) return -ECONNRESET;
-    }
-}
-
-/// What is queued is charged as a whole: it is little, or its client does not read.
-bool BusConnection::mayKeepReplies(std::uint64_t waiting) {
-    if (waiting == 0) {
-        _replyBytes = 0;
-        _replyCharge.reset();
-        return true;
-    }
-    if (!_replyCharge) _replyCharge = _account->charge(UserAccount::Slot::Bytes, kQueuedReplyBytes);
-    return _replyCharge && waiting < kQueuedReplies && _replyBytes < kQueuedReplyBytes;
 }
 
 int BusConnection::waitForWork() {

@@ -76,12 +76,17 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     /// Runs once when the connection has ended, on the connection's thread.
     void setInvalidationHandler(Handler handler) { _invalidationHandler = std::move(handler); }
 
+    /// How long the client may read nothing while so much waits for it that it is not served; then it is
+    /// left. Set before resume().
+    void setPatience(std::chrono::milliseconds patience) { _patience = patience; }
+
     /// Starts serving; the handler given runs when everything of the connection is gone. False when no thread
     /// can be started: the connection has ended then, and only that handler does not run.
     bool resume(Handler ended);
 
-    /// Ends the connection once what its client has sent so far is served. From any thread, also while it
-    /// waits for its client to read.
+    /// Ends the connection once what its client has sent so far is served. A client that reads is told what
+    /// waits for it, also what its objects send as they go, for a second at most. From any thread, also while
+    /// it waits for its client to read.
     void invalidate();
 
     /// Runs the function with the bus, so that it can send: at once when the connection's thread calls, so
@@ -118,6 +123,9 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     };
 
     BusConnection(int socket, Peer peer);
+    /// A socket from which nothing ever comes, for a bus that shall write only. -1 when there is no
+    /// descriptor.
+    static int silentSocket();
     bool openBus(UniqueDescriptor output);
     bool exportOnBus(const Exported& exported);
     void serve();
@@ -133,6 +141,8 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     BusMessage directCall(const Method& method, const BusCall& read) const;
     int writeQueued();
     int drainReplies();
+    int leave();
+    bool writeAllUntil(std::chrono::steady_clock::time_point end);
     bool mayKeepReplies(std::uint64_t waiting);
     int waitForWork();
     int wait(short events, std::optional<std::chrono::milliseconds> longest);
@@ -148,11 +158,12 @@ class BusConnection : public std::enable_shared_from_this<BusConnection> {
     int _busInput = -1;      ///< The bus owns it and reads from it.
     BusAuthentication _authentication;
     BusInput _input;
+    std::chrono::milliseconds _patience = std::chrono::minutes(1);
     std::size_t _replyBytes = 0;
     std::optional<UserAccount::Charge> _replyCharge;
     std::atomic<bool> _ending = false;
     bool _nothingFollows = false;  ///< The client closed or died; what it sent before may be there still.
-    bool _vanished = false;        ///< The client closed without reading what it was sent.
+    bool _vanished = false;        ///< The client closed without reading what it was sent, or reads no more.
     bool _servesRest = false;      ///< What is sent reaches nobody any more.
     std::vector<Exported> _exported;
     Method _fileMethod;

@@ -31,7 +31,10 @@ std::uint32_t echo(const BusClient& client, std::uint32_t number) {
 
 /// A connection whose client has called once.
 struct ConnectedClient : ServedConnection {
-    ConnectedClient() { EXPECT_EQ(echo(busClient, 1), 1u); }
+    explicit ConnectedClient(const std::function<void(BusConnection&)>& setUp = [](BusConnection&) {})
+        : ServedConnection(setUp) {
+        EXPECT_EQ(echo(busClient, 1), 1u);
+    }
 
     BusClient busClient{std::move(client)};
 };
@@ -209,6 +212,14 @@ TEST(BusConnection, AClientThatDoesNotReadIsSlowedAloneAndLosesNothing) {
         EXPECT_EQ(::sd_bus_message_is_method_error(message.get(), nullptr), 0);
     }
     EXPECT_EQ(slow.object->calls(), kCalls + 1u);
+}
+
+TEST(BusConnection, AClientThatReadsNothingForLongIsLeft) {
+    const ConnectedClient served(
+        [](BusConnection& connection) { connection.setPatience(std::chrono::milliseconds(200)); });
+    askWithoutReading(served.busClient, 100, 100'000);
+    EXPECT_THAT(served.endings->wait(), ElementsAre("interrupted", "invalidated", "ended"));
+    EXPECT_EQ(served.object->calls(), 101u) << "what it had sent is served all the same";
 }
 
 TEST(BusConnection, CanBeEndedWhileItWaitsForItsClientToReadAndTellsItsQueuedCalls) {

@@ -123,5 +123,14 @@ TEST_F(AggregationChainTest, AnAggregatorThatDoesNotReadLosesEventsPastABoundAnd
     EXPECT_LE(lines, 10u);
 }
 
+TEST_F(AggregationChainTest, AnAggregatorHearsOfItsSessionsEndWhenTheDaemonEnds) {
+    const auto top = started(Place::Top, "Chain", kAggregates);
+    top->send(1);
+    EXPECT_EQ(_device.daemon().terminate(), 0);
+    EXPECT_TRUE(top->hearsOfAnEnd());
+    EXPECT_TRUE(top->ends());
+    EXPECT_EQ(logged(kUnreachable), 0u);
+}
+
 }  // namespace
 }  // namespace quorvane::test
