@@ -1,5 +1,7 @@
 #include "collector/CollectorOptions.h"
 
+#include "tools/common/OptionRange.h"
+
 #include <CLI/CLI.hpp>
 
 #include <chrono>
@@ -10,6 +12,8 @@
 namespace quorvane::collector {
 
 namespace {
+
+using tools::between;
 
 constexpr const char* kDescription =
     "Receives what quorvaned reports: serves signed storebags and takes event posts over HTTPS. Every event "
@@ -22,15 +26,15 @@ std::string recordKeyFault(const std::string& key) {
 void addServerOptions(CLI::App& app, Options& options) {
     WebSettings& web = options.web;
     app.add_option("--address", web.address, "Address to listen on")->capture_default_str();
-    app.add_option("--port", web.port, "Port to listen on; 0 picks a free one")
-        ->capture_default_str()
-        ->check(CLI::Range(0, 65535));
-    app.add_option("--udp-port", options.udpPort,
-                   "Port to take dashboard datagrams on; 0 picks a free one; without it none are taken")
-        ->check(CLI::Range(0, 65535));
-    app.add_option("--connections", web.connections, "Connections served at once; further ones wait")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 10000));
+    between(app.add_option("--port", web.port, "Port to listen on; 0 picks a free one"), 0, 65535)
+        ->capture_default_str();
+    between(
+        app.add_option("--udp-port", options.udpPort,
+                       "Port to take dashboard datagrams on; 0 picks a free one; without it none are taken"),
+        0, 65535);
+    between(app.add_option("--connections", web.connections, "Connections served at once; further ones wait"),
+            1, 10000)
+        ->capture_default_str();
 }
 
 void addCertificateOptions(CLI::App& app, Options& options) {
@@ -58,27 +62,28 @@ void addContentOptions(CLI::App& app, Options& options) {
     app.add_option(
            "--removed-key", options.removedKeys,
            "Key of every record that the storebags filter out, and that may be missing; may be repeated")
-        ->check(CLI::Validator(recordKeyFault, "KEY"));
-    app.add_option("--max-post", options.web.maximumPostBytes,
-                   "Largest event post in bytes, as sent and unpacked")
-        ->capture_default_str()
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 30));
+        ->check(CLI::Validator(recordKeyFault, ""))
+        ->type_name("KEY");
+    between(app.add_option("--max-post", options.web.maximumPostBytes,
+                           "Largest event post in bytes, as sent and unpacked"),
+            std::uint64_t{1}, std::uint64_t{1} << 30)
+        ->capture_default_str();
     app.add_option("--uploads", options.uploadFolder,
                    "Folder to store uploaded files and log-data archives in; without it none are taken");
-    app.add_option("--max-upload", options.web.maximumUploadBytes,
-                   "Largest upload in bytes, as sent and unpacked")
-        ->capture_default_str()
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40));
+    between(app.add_option("--max-upload", options.web.maximumUploadBytes,
+                           "Largest upload in bytes, as sent and unpacked"),
+            std::uint64_t{1}, std::uint64_t{1} << 40)
+        ->capture_default_str();
 }
 
 void addTestingOptions(CLI::App& app, WebSettings& web, std::uint32_t& delay) {
-    app.add_option("--answer", web.answer,
-                   "Response every event post with this status and keep nothing of it; see how devices cope "
-                   "(5xx makes them stop)")
-        ->check(CLI::Range(200, 599))
+    between(app.add_option(
+                "--answer", web.answer,
+                "Response every event post with this status and keep nothing of it; see how devices cope "
+                "(5xx makes them stop)"),
+            200, 599)
         ->group("Trying a deployment");
-    app.add_option("--delay", delay, "Milliseconds before a post is answered")
-        ->check(CLI::Range(0, 600000))
+    between(app.add_option("--delay", delay, "Milliseconds before a post is answered"), 0, 600000)
         ->group("Trying a deployment");
 }
 

@@ -22,6 +22,7 @@ TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
         {"transmit", "transmit is no subcommand\n"},
         {"sned 1 2", "sned is no subcommand; did you mean send?"},
         {"send 1", "type"},
+        {"--json --client-type 6 sned 1 2", "sned is no subcommand; did you mean send?"},
         {"send 65536 1", "category"},
         {"send 1 2 --count 0", "--count"},
         {"send 1 2 colour", "colour: KEY=VALUE is expected"},
@@ -48,7 +49,8 @@ TEST_F(CtlUsage, TellsThatTheDaemonCannotBeReached) {
         EXPECT_EQ(result.errors, "quorvanectl: cannot connect to " + _root.string() +
                                      "/run/quorvane/com.velmora.quorvaned: No such file or directory\n");
     }
-    EXPECT_THAT(ctl("states --socket /nowhere").errors, HasSubstr("cannot connect to /nowhere"));
+    for (const char* words : {"states --socket /nowhere", "--json --socket /nowhere states"})
+        EXPECT_THAT(ctl(words).errors, HasSubstr("cannot connect to /nowhere"));
 }
 
 TEST_F(CtlUsage, TheInstalledProgramFindsItsLibrary) {

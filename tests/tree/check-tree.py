@@ -21,7 +21,7 @@ PLATFORM = [room for line in ROOMS for room in line]
 DAEMON = [folder for line in HOUSE for folder in line]
 BESIDE = {
     "client": SHARED,
-    "collector": PLATFORM,
+    "collector": PLATFORM + ["tools/common"],
     "tools": PLATFORM + ["framework", "util", "storebag", "backends", "client/include"],
     "examples": DAEMON + ["client/include"],
     "tests": DAEMON + ["client", "collector", "tools"],

@@ -18,6 +18,7 @@ void addDaemonOptions(CLI::App& command, DaemonOptions& options) {
     command.add_option("--socket", options.socket, "The daemon's socket, if not the one in QUORVANE_ROOT")
         ->type_name("FILE");
     command.add_option("--timeout", options.timeoutSeconds, "Seconds to wait for each answer; 0 has no end")
+        ->type_name("N")
         ->capture_default_str();
     command.add_flag("--json", options.json, "Print JSON, one value a line");
 }
@@ -25,17 +26,23 @@ void addDaemonOptions(CLI::App& command, DaemonOptions& options) {
 void addSessionOptions(CLI::App& command, SessionOptions& options) {
     SessionInfo& info = options.sessionInfo;
     command.add_option("--client-type", info.clientType, "Kind of client; 5 to 11 have a storebag (5)")
+        ->type_name("N")
         ->transform(tools::decimal())
         ->group("Session");
     command.add_option("--session-id", info.sessionID, "The session's number (1)")
+        ->type_name("N")
         ->transform(tools::decimal())
         ->group("Session");
     command.add_option("--client-version", info.clientVersion, "The client's version")
+        ->type_name("N")
         ->capture_default_str()
         ->transform(tools::decimal())
         ->group("Session");
-    command.add_option("--client-name", options.clientName, "Client name of the user info")->group("Session");
+    command.add_option("--client-name", options.clientName, "Client name of the user info")
+        ->type_name("NAME")
+        ->group("Session");
     command.add_option("--service-name", options.serviceName, "Service name of the user info")
+        ->type_name("NAME")
         ->group("Session");
     command.add_flag("--batch", info.batchEvent, "Let events be collected and posted together")
         ->group("Session");
@@ -48,9 +55,11 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
 
 void addEventOptions(CLI::App& command, EventOptions& options) {
     command.add_option("category", options.category, "The event's category, 0 to 65535")
+        ->type_name("N")
         ->required()
         ->transform(tools::decimal());
     command.add_option("type", options.type, "The event's type, 0 to 65535")
+        ->type_name("N")
         ->required()
         ->transform(tools::decimal());
     command
@@ -77,9 +86,8 @@ std::pair<CLI::App*, Kind&> addCommand(CLI::App& app, const char* name, const ch
 
 void addSend(CLI::App& app, std::optional<Command>& command) {
     auto [send, options] = addCommand<Send>(app, "send", "Send events and print the answers", command);
-    send->add_option("--count", options.count, "How many times to send the event")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+    tools::positive(send->add_option("--count", options.count, "How many times to send the event"))
+        ->capture_default_str();
     send->add_flag("--now", options.now, "Real-time events: unbatched, to the real-time URL");
     send->add_flag("--promote", options.promote, "Let a sampled-out session report from here on");
     send->add_flag("--flush", options.flush, "Flush after the last event");
@@ -102,7 +110,7 @@ void addListen(CLI::App& app, std::optional<Command>& command) {
         "Print the events of the sessions of a client and service name until interrupted, as an aggregating "
         "client of theirs",
         command);
-    listen->add_option("--count", options.count, "End after so many events")->check(CLI::PositiveNumber);
+    tools::positive(listen->add_option("--count", options.count, "End after so many events"));
 }
 
 }  // namespace

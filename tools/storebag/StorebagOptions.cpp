@@ -23,9 +23,9 @@ void addKeygen(CLI::App& app, std::optional<Command>& command) {
     keygen->add_option("--public-key", options.publicKey, "Where to write the key that devices get (DER)")
         ->type_name("FILE")
         ->capture_default_str();
-    keygen->add_option("--bits", options.bits, "Length of the RSA key")
-        ->capture_default_str()
-        ->check(CLI::Range(kMinimumKeyBits, kMaximumKeyBits));
+    between(keygen->add_option("--bits", options.bits, "Length of the RSA key"), kMinimumKeyBits,
+            kMaximumKeyBits)
+        ->capture_default_str();
     keygen->add_flag("--force", options.force, "Replace keys that are there");
 }
 
