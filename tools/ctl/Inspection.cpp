@@ -69,6 +69,10 @@ std::vector<Dictionary> dictionariesOf(sd_bus_message* reply) {
 
 }  // namespace
 
+bool isOwn(const Dictionary& session) {
+    return session.integer("process") == ::getpid();
+}
+
 Inspection inspect(const DaemonOptions& options) {
     const Bus bus = connectTo(options);
     Inspection seen;
@@ -76,8 +80,6 @@ Inspection inspect(const DaemonOptions& options) {
     const int result = platform::readDictionary(statistics.get(), seen.statistics);
     if (result < 0) fail("the daemon's answer cannot be read", result);
     seen.sessions = dictionariesOf(call(bus.get(), "GetSessions").get());
-    std::erase_if(seen.sessions,
-                  [](const Dictionary& session) { return session.integer("process") == ::getpid(); });
     seen.storebags = dictionariesOf(call(bus.get(), "GetStorebags").get());
     return seen;
 }

@@ -10,9 +10,12 @@ namespace quorvane::ctl {
 /// What the daemon tells of itself, by keys that docs/DBUS.md explains.
 struct Inspection {
     Dictionary statistics;
-    std::vector<Dictionary> sessions;  ///< All but this program's own.
+    std::vector<Dictionary> sessions;
     std::vector<Dictionary> storebags;
 };
+
+/// Whether this program opened it.
+bool isOwn(const Dictionary& session);
 
 /// Asks the daemon. Throws a Failure when it does not answer.
 Inspection inspect(const DaemonOptions& options);

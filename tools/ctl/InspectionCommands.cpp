@@ -106,7 +106,8 @@ void print(bool json, const Dictionary& fact, std::string text) {
 }  // namespace
 
 void run(const Status& command) {
-    const Inspection seen = inspect(command.daemon);
+    Inspection seen = inspect(command.daemon);
+    std::erase_if(seen.sessions, isOwn);
     std::string text = totalsText(seen.statistics);
     for (const Dictionary& session : seen.sessions) text += sessionText(session);
     for (const Dictionary& storebag : seen.storebags) text += storebagText(storebag);

@@ -1,6 +1,8 @@
+#include "platform/value/Text.h"
 #include "tools/common/Json.h"
 #include "tools/common/Output.h"
 #include "tools/ctl/Commands.h"
+#include "tools/ctl/ListenScope.h"
 #include "tools/ctl/OpenSession.h"
 
 #include <pthread.h>
@@ -107,7 +109,7 @@ void run(const Listen& command) {
             }};
     Client client = connect(command.session, [&](const Error& error) { ending.end(failureOf(error)); });
     startWithStorebag(client, command.session, block);
-    fmt::print(stderr, "listening\n");
+    fmt::print(stderr, "{}\n", platform::escapedControls(scopeOfListening(command.session), "\n"));
     ending.wait();
     if (const auto dropped = client.droppedEvents(); dropped > 0)
         fmt::print(stderr, "quorvanectl: {} events were dropped: they came faster than they were printed\n",

@@ -1,8 +1,11 @@
+#include "platform/formats/Json.h"
 #include "tools/common/Output.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/OpenSession.h"
 #include "tools/ctl/Payload.h"
 #include "tools/ctl/PrintStates.h"
+
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -10,8 +13,14 @@ namespace quorvane::ctl {
 
 namespace {
 
+/// Answers are JSON objects, or plain words.
+Value valueOf(const std::string& answer) {
+    auto value = platform::parseJson(answer);
+    return value && value->dictionary() != nullptr ? *std::move(value) : Value(answer);
+}
+
 void printAnswer(bool json, Dictionary fact, const std::string& what, const Answer& answer) {
-    if (answer) fact.set("answer", *answer);
+    if (answer) fact.set("answer", valueOf(*answer));
     tools::printFact(json, fact, fmt::format("{}: {}", what, answer.value_or("(no answer)")));
 }
 
