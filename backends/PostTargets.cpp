@@ -2,7 +2,7 @@
 
 #include "platform/base/Log.h"
 #include "platform/value/Url.h"
-#include "util/DeviceFacts.h"
+#include "util/Settings.h"
 
 #include <string_view>
 #include <utility>
@@ -27,7 +27,7 @@ const std::string* sendable(const std::optional<std::string>& url) {
 }  // namespace
 
 PostTargets PostTargets::ofUserDefaults() {
-    return {daemonSetting("httpsPostURL"), daemonSetting("httpsRealtimePostURL")};
+    return {textSetting(Setting::PostURL), textSetting(Setting::RealtimePostURL)};
 }
 
 PostTargets::PostTargets(std::optional<std::string> postURL, std::optional<std::string> realtimePostURL)

@@ -8,7 +8,7 @@
 namespace quorvane {
 
 std::optional<std::string> bundleVersion() {
-    const std::string file = platform::rooted("/usr/share/quorvane/framework/Info.plist");
+    const std::string file = platform::rooted(kBundleInfoFile);
     const std::optional<Data> bytes = platform::readFile(file);
     if (!bytes) return std::nullopt;
     const auto parsed = platform::parsePropertyList(*bytes);
@@ -21,7 +21,7 @@ std::optional<std::string> bundleVersion() {
 }
 
 std::optional<Data> publicKeyResource() {
-    return platform::readFile(platform::rooted("/usr/share/quorvane/framework/publicKey.der"));
+    return platform::readFile(platform::rooted(kPublicKeyFile));
 }
 
 }  // namespace quorvane

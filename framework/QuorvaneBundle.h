@@ -4,15 +4,19 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace quorvane {
 
-/// The client framework's bundle, /usr/share/quorvane/framework/. Both read the file afresh at every call.
+/// The client framework's bundle. Both functions read their file afresh at every call.
 
-/// "CFBundleVersion" of its Info.plist.
+inline constexpr std::string_view kBundleInfoFile = "/usr/share/quorvane/framework/Info.plist";
+inline constexpr std::string_view kPublicKeyFile = "/usr/share/quorvane/framework/publicKey.der";
+
+/// Its "CFBundleVersion".
 std::optional<std::string> bundleVersion();
 
-/// The bytes of its resource publicKey.der, the key that storebags are verified with.
+/// The bytes of the key that storebags are verified with.
 std::optional<Data> publicKeyResource();
 
 /// The version used where the bundle gives none.

@@ -3,9 +3,9 @@
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/Root.h"
-#include "platform/device/UserDefaults.h"
-#include "util/DeviceFacts.h"
+#include "util/Settings.h"
 
+#include <algorithm>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -14,18 +14,17 @@ namespace quorvane {
 
 namespace {
 
-constexpr const char* kKey = "share_groups_between_users";
-
 /// Also stands for users of other namespaces, so it is nobody's own and no service's.
 constexpr uid_t kNobody = 65534;
 
 GroupSharing::Users sharingUsers() {
-    const auto set = platform::userDefaultString(kQuorvaneDefaultsSuite, kKey);
-    if (!set || *set == "system") return GroupSharing::Users::System;
-    if (*set == "all") return GroupSharing::Users::All;
-    if (*set == "none") return GroupSharing::Users::None;
+    const SettingRule& rule = ruleOf(Setting::GroupSharing);
+    const auto set = textSetting(Setting::GroupSharing);
+    if (!set) return GroupSharing::Users::System;
+    const auto word = std::ranges::find(rule.words, *set);
+    if (word != rule.words.end()) return static_cast<GroupSharing::Users>(word - rule.words.begin());
     platform::logError("readConfiguration: {}: {}: system, all or none is expected",
-                       platform::rooted("/etc/quorvane/defaults/com.velmora.quorvane.toml"), kKey);
+                       platform::rooted("/etc/quorvane/defaults/com.velmora.quorvane.toml"), rule.key);
     return GroupSharing::Users::System;
 }
 

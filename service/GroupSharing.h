@@ -7,7 +7,7 @@ namespace quorvane {
 /// Which users' sessions may belong to one group. Immutable.
 class GroupSharing {
   public:
-    enum class Users { System, All, None };
+    enum class Users { System, All, None };  ///< In the order of the setting's words.
 
     /// System users group with each other, every other user's sessions only with that user's own.
     GroupSharing() = default;

@@ -5,11 +5,16 @@
 #include "framework/Keys.h"
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/Clock.h"
+#include "platform/device/Consent.h"
+#include "platform/device/Locale.h"
 #include "platform/http/HttpSession.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/sandbox/SandboxExtension.h"
 #include "platform/value/Text.h"
 #include "storebag/StorebagNames.h"
 #include "util/Conversions.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -108,6 +113,15 @@ void tellInfo(Dictionary& answer, const Dictionary& info) {
     answer.set("batches", info.boolean(kQuorvaneSessionInfoBatchEvent));
 }
 
+/// What decides about reporting and only this process can say.
+Dictionary deviceAnswer() {
+    Dictionary device{{"consent", platform::diagnosticsSubmissionAllowed()},
+                      {"confined", platform::isConfined()},
+                      {"process", static_cast<std::int64_t>(::getpid())}};
+    setIfPresent(device, "country", platform::currentCountryCode());
+    return device;
+}
+
 std::string_view keyOf(FetchAttempt::Outcome outcome) {
     static constexpr std::array<std::string_view, 4> keys{"received", "unchanged", "builtIn", "failed"};
     return keys.at(static_cast<std::size_t>(outcome));
@@ -118,6 +132,7 @@ std::string_view keyOf(FetchAttempt::Outcome outcome) {
 Dictionary statisticsAnswer(std::optional<uid_t> user) {
     Dictionary answer = countsAnswer(SessionLedger::ofAll(user));
     answer.set("all", !user);
+    answer.set("device", deviceAnswer());
     answer.set("version", bundleVersion().value_or(kDefaultBundleVersion));
     if (user) return answer;
     answer.set("heldBytes", std::uint64_t{HeldBytes::heldInAll()});

@@ -5,14 +5,13 @@
 #include "platform/base/Root.h"
 #include "platform/base/UserAccount.h"
 #include "platform/bus/BusListener.h"
-#include "platform/device/UserDefaults.h"
 #include "platform/loop/RunLoop.h"
 #include "platform/system/Memory.h"
 #include "platform/system/NamedSandbox.h"
 #include "platform/system/QualityOfService.h"
 #include "service/QuorvanedAgent.h"
 #include "service/Shutdown.h"
-#include "util/DeviceFacts.h"
+#include "util/Settings.h"
 
 #include <systemd/sd-daemon.h>
 
@@ -29,12 +28,12 @@ namespace {
 
 using namespace quorvane;
 
-std::optional<std::size_t> positiveDefault(const char* key) {
-    const auto set = platform::userDefault(kQuorvaneDefaultsSuite, key);
+std::optional<std::size_t> positiveSetting(Setting setting) {
+    const auto set = settingValue(setting);
     if (!set) return std::nullopt;
     if (set->integer() > 0) return set->unsignedInteger();
-    platform::logError("main: {} in the defaults of {} is no number above 0: {}", key, kQuorvaneDefaultsSuite,
-                       set->description());
+    platform::logError("main: {} in the defaults of {} is no number above 0: {}", ruleOf(setting).key,
+                       suiteOf(setting), set->description());
     return std::nullopt;
 }
 
@@ -43,15 +42,15 @@ void setUserBounds() {
     using platform::UserAccount;
     static const std::array builtIn{UserAccount::bounds(UserAccount::Slot::Connections),
                                     UserAccount::bounds(UserAccount::Slot::Bytes)};
-    const auto set = [](UserAccount::Slot slot, const char* perUserKey, const char* inAllKey,
+    const auto set = [](UserAccount::Slot slot, Setting perUserSetting, Setting inAllSetting,
                         std::size_t unit) {
         UserAccount::Bounds bounds = builtIn[static_cast<std::size_t>(slot)];
-        if (const auto perUser = positiveDefault(perUserKey)) bounds.perUser = *perUser * unit;
-        if (const auto inAll = positiveDefault(inAllKey)) bounds.inAll = *inAll * unit;
+        if (const auto perUser = positiveSetting(perUserSetting)) bounds.perUser = *perUser * unit;
+        if (const auto inAll = positiveSetting(inAllSetting)) bounds.inAll = *inAll * unit;
         UserAccount::setBounds(slot, bounds);
     };
-    set(UserAccount::Slot::Connections, "connections_per_user", "connections", 1);
-    set(UserAccount::Slot::Bytes, "megabytes_per_user", "megabytes", 1u << 20);
+    set(UserAccount::Slot::Connections, Setting::ConnectionsPerUser, Setting::Connections, 1);
+    set(UserAccount::Slot::Bytes, Setting::MegabytesPerUser, Setting::Megabytes, 1u << 20);
 }
 
 std::unique_ptr<platform::BusListener> newListener() {

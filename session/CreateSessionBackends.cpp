@@ -1,8 +1,8 @@
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/Log.h"
 #include "platform/device/Locale.h"
-#include "platform/device/UserDefaults.h"
 #include "session/QuorvanedSession.h"
+#include "util/Settings.h"
 
 #include <utility>
 
@@ -14,7 +14,7 @@ constexpr std::uint16_t kInternalMethod = 0;
 constexpr std::uint16_t kSessionStart = 0;
 
 bool automaticTimeSet() {
-    return platform::userDefaultBoolean("com.velmora.timed", "TMAutomaticTimeZoneEnabled").value_or(true);
+    return booleanSetting(Setting::AutomaticTimeZone).value_or(true);
 }
 
 /// The device as its session's first event tells it. Devices outside the maker's house tell their time

@@ -10,6 +10,7 @@
 #include "platform/value/Url.h"
 #include "storebag/SignedBag.h"
 #include "util/DeviceFacts.h"
+#include "util/Settings.h"
 
 #include <algorithm>
 #include <charconv>
@@ -42,7 +43,7 @@ constexpr std::size_t kLargeAnswer = 256u << 10;
 
 const std::string& baseURL() {
     static platform::SettledOnce<std::string> url([] {
-        return daemonSetting("quorvane_storebag_url")
+        return textSetting(Setting::StorebagURL)
             .value_or(isInternalBuild() ? kInternalStorebagServer : kStorebagServer);
     });
     return url.value();
@@ -125,15 +126,6 @@ bool isUnchanged(const platform::HttpResponse& response, std::optional<std::stri
     return false;
 }
 
-platform::Result<std::unique_ptr<platform::RsaPublicKey>> publicKey() {
-    const std::optional<Data> der = publicKeyResource();
-    if (!der) return platform::failure("the public key that bags are signed for is missing");
-    auto key = platform::RsaPublicKey::initWithDER(*der);
-    if (key == nullptr)
-        return platform::failure("the public key that bags are signed for is no RSA key in DER");
-    return key;
-}
-
 void logNotOpened(const SignedBagError& error) {
     using Fault = SignedBagError::Fault;
     if (error.fault == Fault::NoPropertyList)
@@ -147,7 +139,7 @@ platform::Result<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
         logNotOpened(opened.error());
         return platform::failure(opened.error().message);
     }
-    const auto key = publicKey();
+    const auto key = storebagPublicKey();
     if (!key) return tl::unexpected(key.error());
     if (!opened->isSignedWith(**key)) {
         logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(key->get()));
@@ -167,6 +159,15 @@ std::string explained(const platform::HttpResponse& response, const std::string&
 
 }  // namespace
 
+platform::Result<std::unique_ptr<platform::RsaPublicKey>> storebagPublicKey() {
+    const std::optional<Data> der = publicKeyResource();
+    if (!der) return platform::failure("the public key that bags are signed for is missing");
+    auto key = platform::RsaPublicKey::initWithDER(*der);
+    if (key == nullptr)
+        return platform::failure("the public key that bags are signed for is no RSA key in DER");
+    return key;
+}
+
 std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name, std::int32_t& maxAge,
                                                 bool& notModified, std::optional<std::string>* lastModified,
                                                 FetchAttempt* attempt) {
@@ -182,6 +183,7 @@ std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>
 
     const platform::HttpResult result = platform::performDataTask(conditionalRequest(url, lastModified));
     told.httpStatus = result.response.statusCode;
+    told.serverTime = result.response.header("Date");
     if (result.error) return unreachable(name, *result.error, told);
 
     // The status counts for nothing: a server's answer is judged by its headers and its signed body alone.

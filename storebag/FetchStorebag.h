@@ -1,9 +1,12 @@
 #pragma once
 
+#include "platform/base/Result.h"
+#include "platform/crypto/Crypto.h"
 #include "platform/value/Value.h"
 #include "storebag/StorebagStatus.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -21,5 +24,8 @@ namespace quorvane {
 std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name, std::int32_t& maxAge,
                                                 bool& notModified, std::optional<std::string>* lastModified,
                                                 FetchAttempt* attempt = nullptr);
+
+/// The framework's public key. Thread-safe.
+platform::Result<std::unique_ptr<platform::RsaPublicKey>> storebagPublicKey();
 
 }  // namespace quorvane

@@ -14,7 +14,8 @@ struct FetchAttempt {
 
     platform::TimeValue time;  ///< when it began
     std::string url;
-    int httpStatus = 0;  ///< 0 when no answer came
+    int httpStatus = 0;                     ///< 0 when no answer came
+    std::optional<std::string> serverTime;  ///< the answer's "Date"
     Outcome outcome = Outcome::Failed;
     std::string reason;  ///< why it failed, or why a built-in bag stands in; else empty
 };

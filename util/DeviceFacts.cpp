@@ -4,7 +4,6 @@
 #include "platform/base/SettledOnce.h"
 #include "platform/crypto/Uuid.h"
 #include "platform/device/DeviceQuery.h"
-#include "platform/device/UserDefaults.h"
 #include "platform/value/Text.h"
 
 #include <algorithm>
@@ -66,10 +65,6 @@ std::string userInfoKey(const Dictionary* userInfo) {
 const std::string& processIdentifier() {
     static const std::string identifier = platform::randomUuidText();
     return identifier;
-}
-
-std::optional<std::string> daemonSetting(std::string_view key) {
-    return platform::userDefaultString(kQuorvaneDefaultsSuite, key);
 }
 
 }  // namespace quorvane

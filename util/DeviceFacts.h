@@ -33,9 +33,4 @@ std::string userInfoKey(const Dictionary* userInfo);
 /// A random UUID, the same for the life of the process. Thread-safe.
 const std::string& processIdentifier();
 
-/// The text stored under the key in the user-defaults suite "com.velmora.quorvane".
-std::optional<std::string> daemonSetting(std::string_view key);
-
-inline constexpr std::string_view kQuorvaneDefaultsSuite = "com.velmora.quorvane";
-
 }  // namespace quorvane

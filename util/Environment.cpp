@@ -2,8 +2,8 @@
 
 #include "platform/base/Log.h"
 #include "platform/base/SettledOnce.h"
-#include "platform/device/UserDefaults.h"
 #include "util/DeviceFacts.h"
+#include "util/Settings.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -16,7 +16,7 @@ namespace quorvane {
 namespace {
 
 std::uint32_t environmentNumber() {
-    const auto stored = platform::userDefaultInteger(kQuorvaneDefaultsSuite, "environmentType");
+    const auto stored = integerSetting(Setting::Environment);
     if (!stored)
         return static_cast<std::uint32_t>(isInternalBuild() ? EnvironmentType::Internal
                                                             : EnvironmentType::Release);

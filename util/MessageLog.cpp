@@ -4,9 +4,8 @@
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/Root.h"
-#include "platform/device/UserDefaults.h"
 #include "platform/value/Text.h"
-#include "util/DeviceFacts.h"
+#include "util/Settings.h"
 
 #include <atomic>
 #include <cerrno>
@@ -85,7 +84,7 @@ void deleteLogFile(const LogFile& file) {
 }
 
 std::int64_t configuredSizeLimit() {
-    const auto limit = platform::userDefaultInteger(kQuorvaneDefaultsSuite, "message_log_bytes");
+    const auto limit = integerSetting(Setting::MessageLogBytes);
     return limit && *limit > 0 ? *limit : kUnlimited;
 }
 

@@ -9,9 +9,9 @@
 namespace quorvane::platform {
 
 bool diagnosticsSubmissionAllowed() {
-    const std::string file = rooted("/etc/quorvane/consent.toml");
+    const std::string file = rooted(kConsentFile);
     const Dictionary configuration = readConfiguration(file);
-    const Value* allowed = configuration.find("diagnostics_submission");
+    const Value* allowed = configuration.find(kConsentKey);
     if (allowed == nullptr) return false;
     if (allowed->kind() == Value::Kind::Boolean) return allowed->boolean();
     logError("diagnosticsSubmissionAllowed: {}: diagnostics_submission: true or false is expected", file);

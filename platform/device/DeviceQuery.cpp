@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstddef>
 
 namespace quorvane::platform {
 
@@ -79,25 +80,39 @@ Answer productType() {
     return product ? product : trimmed(kernel().machine);
 }
 
-Answer systemInformation(std::string_view key) {
-    if (key == "UniqueDeviceID") return machineId();
-    if (key == "ProductVersion") return release("VERSION_ID");
-    if (key == "BuildVersion") return release("BUILD_ID");
-    if (key == "ReleaseType") return osRelease("RELEASE_TYPE");
-    if (key == "DeviceName") return trimmed(kernel().nodename);
-    if (key == "ProductType") return productType();
-    if (key == "HWModelStr") return firmware("/sys/class/dmi/id/board_name", "/proc/device-tree/compatible");
-    if (key == "SerialNumber")
-        return firmware("/sys/class/dmi/id/product_serial", "/proc/device-tree/serial-number");
-    return std::nullopt;
+Answer hardwareModel() {
+    return firmware("/sys/class/dmi/id/board_name", "/proc/device-tree/compatible");
 }
+
+Answer serialNumber() {
+    return firmware("/sys/class/dmi/id/product_serial", "/proc/device-tree/serial-number");
+}
+
+constexpr std::array<std::string_view, 8> kKeys{"UniqueDeviceID", "ProductVersion", "BuildVersion",
+                                                "ReleaseType",    "DeviceName",     "ProductType",
+                                                "HWModelStr",     "SerialNumber"};
+/// What the system knows, key by key.
+constexpr std::array<Answer (*)(), kKeys.size()> kSystem{machineId,
+                                                         [] { return release("VERSION_ID"); },
+                                                         [] { return release("BUILD_ID"); },
+                                                         [] { return osRelease("RELEASE_TYPE"); },
+                                                         [] { return trimmed(kernel().nodename); },
+                                                         productType,
+                                                         hardwareModel,
+                                                         serialNumber};
 
 }  // namespace
 
+std::span<const std::string_view> deviceInformationKeys() {
+    return kKeys;
+}
+
 std::optional<std::string> deviceInformation(std::string_view key) {
-    const std::string file = rooted("/etc/quorvane/device.toml");
+    const std::string file = rooted(kDeviceFile);
     if (Answer stored = textUnder(key, readConfiguration(file), file)) return stored;
-    return systemInformation(key);
+    const auto known = std::ranges::find(kKeys, key);
+    return known != kKeys.end() ? kSystem.at(static_cast<std::size_t>(known - kKeys.begin()))()
+                                : std::nullopt;
 }
 
 }  // namespace quorvane::platform

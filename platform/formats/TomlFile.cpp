@@ -93,15 +93,13 @@ std::string keyOnLine(std::string_view text, std::size_t line) {
     return key.empty() || key.size() > 128 ? std::string() : std::string(key) + ": ";
 }
 
-}  // namespace
-
-Result<Dictionary> parseToml(std::string_view text, std::string_view name) {
+Result<toml::table> parseTable(std::string_view text, std::string_view name) {
     const auto faultOnLine = [&](std::size_t line, std::string_view fault) {
         return failure(fmt::format("{}: line {}: {}{}", name, line, keyOnLine(text, line), fault));
     };
     if (const auto line = lineNestedTooDeep(text)) return faultOnLine(*line, kTooDeep);
     try {
-        return dictionaryFrom(toml::parse(text));
+        return toml::parse(text);
     } catch (const toml::parse_error& error) {
         return faultOnLine(error.source().begin.line, error.description());
     } catch (const std::exception& error) {
@@ -109,11 +107,36 @@ Result<Dictionary> parseToml(std::string_view text, std::string_view name) {
     }
 }
 
-Result<Dictionary> readTomlFile(const std::string& file) {
+Result<toml::table> readTable(const std::string& file) {
     errno = 0;
     const std::optional<Data> bytes = readFile(file, kLargestFile);
     if (!bytes) return failure(fmt::format("{}: {}", file, std::strerror(errno != 0 ? errno : EFBIG)));
-    return parseToml(textOf(*bytes), file);
+    return parseTable(textOf(*bytes), file);
+}
+
+Result<Dictionary> valuesOf(const Result<toml::table>& table) {
+    if (!table) return tl::unexpected(table.error());
+    return dictionaryFrom(*table);
+}
+
+}  // namespace
+
+Result<Dictionary> parseToml(std::string_view text, std::string_view name) {
+    return valuesOf(parseTable(text, name));
+}
+
+Result<Dictionary> readTomlFile(const std::string& file) {
+    return valuesOf(readTable(file));
+}
+
+Result<std::vector<TomlEntry>> readTomlEntries(const std::string& file) {
+    const auto table = readTable(file);
+    if (!table) return tl::unexpected(table.error());
+    std::vector<TomlEntry> entries;
+    for (const auto& [key, node] : *table)
+        entries.push_back({std::string(key.str()), key.source().begin.line, valueFrom(node)});
+    std::ranges::stable_sort(entries, {}, &TomlEntry::line);
+    return entries;
 }
 
 Dictionary readConfiguration(const std::string& file) {

@@ -3,9 +3,11 @@
 #include "platform/base/Result.h"
 #include "platform/value/Value.h"
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quorvane::platform {
 
@@ -16,6 +18,16 @@ Result<Dictionary> parseToml(std::string_view text, std::string_view name);
 
 /// The same for a file of at most 4 MiB.
 Result<Dictionary> readTomlFile(const std::string& file);
+
+/// A key at the top of a TOML file, and the line where it stands first, counted from 1.
+struct TomlEntry {
+    std::string key;
+    std::size_t line = 0;
+    Value value;
+};
+
+/// The same file, told by its keys at the top, in the order of their lines.
+Result<std::vector<TomlEntry>> readTomlEntries(const std::string& file);
 
 /// A configuration file as values: empty when there is none, and, after an error line that names the file,
 /// when it is malformed.

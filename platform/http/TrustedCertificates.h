@@ -2,10 +2,23 @@
 
 #include <openssl/ssl.h>
 
+#include <string>
+#include <vector>
+
 namespace quorvane::platform {
 
 /// Makes the context trust the certificates of /etc/quorvane/trust/*.pem besides what it trusts already. A
 /// file that cannot be read is logged by name and left out. Thread-safe.
 void trustConfiguredCertificates(SSL_CTX& context);
+
+/// What one of those files adds to the trust.
+struct TrustedFile {
+    std::string path;
+    bool isReadable = false;  ///< It holds certificates and nothing that is damaged.
+    bool isInForce = false;   ///< All of them are valid now.
+};
+
+/// Thread-safe.
+std::vector<TrustedFile> trustedFiles();
 
 }  // namespace quorvane::platform

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <linux/landlock.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <seccomp.h>
 #include <sys/prctl.h>
@@ -236,6 +237,10 @@ Result<void> applySandbox(const SandboxProfile& profile) {
     if (auto confined = confineTo(profile); !confined) return confined;
     if (auto proved = provePathsRefused(); !proved) return proved;
     return proveSystemCallsRefused(profile);
+}
+
+bool isConfined() {
+    return ::prctl(PR_GET_SECCOMP, 0, 0, 0, 0) == SECCOMP_MODE_FILTER;
 }
 
 }  // namespace quorvane::platform

@@ -12,4 +12,7 @@ namespace quorvane::platform {
 /// Files and sockets that are open already stay usable. Programs cannot gain privileges afterwards.
 Result<void> applySandbox(const SandboxProfile& profile);
 
+/// Whether a filter of system calls is in force in this process. Thread-safe.
+bool isConfined();
+
 }  // namespace quorvane::platform

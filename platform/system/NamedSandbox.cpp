@@ -4,16 +4,13 @@
 #include "platform/base/Root.h"
 #include "platform/formats/TomlFile.h"
 #include "platform/sandbox/Sandbox.h"
-#include "platform/sandbox/SandboxProfile.h"
 
 #include <exception>
 #include <string>
 
 namespace quorvane::platform {
 
-namespace {
-
-Result<SandboxProfile> profileNamed(std::string_view name) {
+Result<SandboxProfile> sandboxProfileNamed(std::string_view name) {
     if (name.find('/') != std::string_view::npos)
         return failure("no profile can be named " + std::string(name));
     const std::string file = rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml");
@@ -24,11 +21,9 @@ Result<SandboxProfile> profileNamed(std::string_view name) {
     return profile;
 }
 
-}  // namespace
-
 Result<void> applySandboxProfile(std::string_view name) {
     try {
-        const auto profile = profileNamed(name);
+        const auto profile = sandboxProfileNamed(name);
         return profile ? applySandbox(*profile) : failure(profile.error().message);
     } catch (const std::exception& error) {
         return failure(std::string("cannot apply the sandbox profile: ") + error.what());

@@ -1,13 +1,17 @@
 #pragma once
 
 #include "platform/base/Result.h"
+#include "platform/sandbox/SandboxProfile.h"
 
 #include <string_view>
 
 namespace quorvane::platform {
 
-/// Confines the process, for good, to the profile /usr/share/quorvane/sandbox/NAME.toml, as Sandbox.h says.
-/// An error in the file is told with the file, and the key or the line.
+/// The profile in /usr/share/quorvane/sandbox/NAME.toml. An error is told with the file, and the key or the
+/// line.
+Result<SandboxProfile> sandboxProfileNamed(std::string_view name);
+
+/// Confines the process, for good, to that profile, as Sandbox.h says.
 Result<void> applySandboxProfile(std::string_view name);
 
 }  // namespace quorvane::platform
