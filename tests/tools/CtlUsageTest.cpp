@@ -80,7 +80,7 @@ std::string offered(const std::vector<std::string>& words) {
 
 TEST(Completion, OffersCommandsOptionsAndChoices) {
     EXPECT_EQ(offered({QUORVANECTL, ""}),
-              "send single flush states display-url upload upload-log listen status stats storebags\n");
+              "send single flush states display-url upload upload-log listen status stats storebags doctor\n");
     EXPECT_EQ(offered({QUORVANECTL, "up"}), "upload upload-log\n");
     EXPECT_EQ(offered({QUORVANECTL, "send", "1", "2", "--client-"}),
               "--client-type --client-version --client-name\n");

@@ -16,5 +16,6 @@ void run(const Listen& command);
 void run(const Status& command);
 void run(const Stats& command);
 void run(const Storebags& command);
+void run(const Doctor& command);
 
 }  // namespace quorvane::ctl

@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <fmt/format.h>
+
 namespace quorvane::ctl {
 
 namespace {
@@ -12,7 +14,8 @@ constexpr const char* kDescription =
     "Reports to the quorvaned daemon from the command line, and asks it questions. Each run opens a session "
     "of its own and closes it at the end.";
 constexpr const char* kFooter =
-    "Exit status: 0 done, 1 failed, 2 usage, 3 the daemon cannot be reached or does not answer in time.";
+    "Exit status: 0 done, 1 failed, 2 usage, 3 the daemon cannot be reached or does not answer in time; of doctor 5 warnings, "
+    "6 faults.";
 
 void addDaemonOptions(CLI::App& command, DaemonOptions& options) {
     command.add_option("--socket", options.socket, "The daemon's socket, if not the one in QUORVANE_ROOT")
@@ -113,6 +116,15 @@ void addListen(CLI::App& app, std::optional<Command>& command) {
     tools::positive(listen->add_option("--count", options.count, "End after so many events"));
 }
 
+void addDoctor(CLI::App& app, std::optional<Command>& command) {
+    auto [doctor, options] = addCommand<Doctor>(
+        app, "doctor", "Check whether everything is in place for events to arrive, and tell what to do",
+        command);
+    doctor->footer(fmt::format(
+        "Exit status: 0 all is good, {} warnings, {} faults. Run it as root: it reads what the daemon reads.",
+        kDoctorWarnings, kDoctorFaults));
+}
+
 }  // namespace
 
 std::optional<Command> readCommand(int argc, char** argv, int& status) {
@@ -131,6 +143,7 @@ std::optional<Command> readCommand(int argc, char** argv, int& status) {
                        command);
     addCommand<Stats>(app, "stats", "Count what became of all events", command);
     addCommand<Storebags>(app, "storebags", "Tell how fetching each storebag last went", command);
+    addDoctor(app, command);
     if (!tools::parse(app, argc, argv, status)) return std::nullopt;
     return command;
 }

@@ -84,8 +84,16 @@ struct Storebags {
     DaemonOptions daemon;
 };
 
+/// Exit statuses of the doctor that found something: nothing worse than warnings, or faults.
+inline constexpr int kDoctorWarnings = 5;
+inline constexpr int kDoctorFaults = 6;
+
+struct Doctor {
+    DaemonOptions daemon;
+};
+
 using Command = std::variant<Send, Single, Flush, States, DisplayURL, Upload, UploadLog, Listen, Status,
-                             Stats, Storebags>;
+                             Stats, Storebags, Doctor>;
 
 /// Reads the command line. Nothing when the program is to end at once with the status: help was asked for, or
 /// something in the command line is wrong and has been told.

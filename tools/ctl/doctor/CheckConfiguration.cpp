@@ -1,0 +1,167 @@
+#include "platform/base/FileManager.h"
+#include "platform/base/Root.h"
+#include "platform/device/Consent.h"
+#include "platform/device/DeviceQuery.h"
+#include "platform/formats/TomlFile.h"
+#include "platform/value/Url.h"
+#include "tools/common/Nearest.h"
+#include "tools/ctl/doctor/Checks.h"
+#include "util/Settings.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace quorvane::ctl {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Form = SettingRule::Form;
+
+constexpr std::string_view kFolder = "/etc/quorvane";
+
+/// A file that the daemon reads, and the keys that it looks for there.
+struct KnownFile {
+    std::string path;
+    std::vector<SettingRule> rules;
+};
+
+std::vector<KnownFile> knownFiles() {
+    std::vector<KnownFile> files{
+        {platform::rooted(platform::kConsentFile), {{platform::kConsentKey, Form::Boolean}}},
+        {platform::rooted(platform::kDeviceFile), {}}};
+    for (const std::string_view key : platform::deviceInformationKeys()) files.back().rules.push_back({key});
+    for (const std::string_view suite : settingSuites()) {
+        const auto rules = settingRules(suite);
+        files.push_back({platform::rooted(fmt::format("{}/defaults/{}.toml", kFolder, suite)),
+                         {rules.begin(), rules.end()}});
+    }
+    return files;
+}
+
+bool isInteger(const Value& value) {
+    return value.kind() == Value::Kind::Signed || value.kind() == Value::Kind::Unsigned;
+}
+
+bool hasForm(const SettingRule& rule, const Value& value) {
+    const std::string* text = value.string();
+    switch (rule.form) {
+        case Form::Text:
+            return text != nullptr;
+        case Form::URL:
+            return text != nullptr && platform::hasScheme(*text);
+        case Form::Word:
+            return text != nullptr && std::ranges::find(rule.words, *text) != rule.words.end();
+        case Form::Number:
+            return isInteger(value) && value.integer() >= rule.first && value.integer() <= rule.last;
+        case Form::Boolean:
+            return value.kind() == Value::Kind::Boolean;
+    }
+    return false;
+}
+
+std::string nameOfForm(const SettingRule& rule) {
+    switch (rule.form) {
+        case Form::Text:
+            return "a text";
+        case Form::URL:
+            return "a URL with its scheme, as in \"https://host/path\",";
+        case Form::Word:
+            return fmt::format("one of \"{}\"", fmt::join(rule.words, "\", \""));
+        case Form::Number:
+            return rule.last == std::numeric_limits<std::int64_t>::max()
+                       ? fmt::format("a whole number from {} on", rule.first)
+                       : fmt::format("a whole number from {} to {}", rule.first, rule.last);
+        case Form::Boolean:
+            return "true or false";
+    }
+    return {};
+}
+
+std::string orListOf(const std::string& word, const std::vector<std::string>& known) {
+    const auto meant = tools::nearest(word, known);
+    return meant ? fmt::format("did you mean {}?", *meant)
+                 : fmt::format("remove it; what is read are {}", fmt::join(known, ", "));
+}
+
+std::optional<Finding> faultOf(const platform::TomlEntry& entry, const KnownFile& file) {
+    const auto rule = std::ranges::find(file.rules, entry.key, &SettingRule::key);
+    if (rule == file.rules.end()) {
+        std::vector<std::string> known;
+        for (const SettingRule& each : file.rules) known.emplace_back(each.key);
+        return warning(file.path, fmt::format("{}: nothing reads this key", entry.key),
+                       orListOf(entry.key, known), entry.line);
+    }
+    if (hasForm(*rule, entry.value)) return std::nullopt;
+    return fault(file.path, fmt::format("{}: {} is not taken", entry.key, entry.value.description()),
+                 fmt::format("write {} there", nameOfForm(*rule)), entry.line);
+}
+
+/// The message of what cannot be read starts with the file's name.
+Finding unreadable(const std::string& path, std::string why) {
+    if (why.starts_with(path + ": ")) why.erase(0, path.size() + 2);
+    return fault(path, "the whole file does not count: " + why,
+                 "mend it; the daemon's user must be able to read it");
+}
+
+void checkKnownFile(const KnownFile& file, Findings& findings) {
+    if (!platform::fileExists(file.path)) return;
+    const auto entries = platform::readTomlEntries(file.path);
+    if (!entries) return findings.push_back(unreadable(file.path, entries.error().message));
+    const std::size_t before = findings.size();
+    for (const platform::TomlEntry& entry : *entries)
+        if (auto found = faultOf(entry, file)) findings.push_back(*std::move(found));
+    if (findings.size() == before)
+        findings.push_back(good(file.path, fmt::format("every key is known ({})", entries->size())));
+}
+
+/// Those of editors and package managers, which everybody knows to count for nothing.
+bool isLeftOver(const std::string& name) {
+    return name.starts_with('.') || name.ends_with('~') || name.find(".dpkg-") != std::string::npos;
+}
+
+std::vector<std::string> filesUnder(const std::string& folder) {
+    std::vector<std::string> files;
+    std::error_code error;
+    for (fs::recursive_directory_iterator at(folder, error), end; !error && at != end; at.increment(error))
+        if (!at->is_directory(error) && !isLeftOver(at->path().filename())) files.push_back(at->path());
+    std::ranges::sort(files);
+    return files;
+}
+
+void checkOtherFiles(const std::vector<KnownFile>& known, Findings& findings) {
+    const std::string trust = platform::rooted(fmt::format("{}/trust/", kFolder));
+    std::vector<std::string> paths;
+    for (const KnownFile& file : known) paths.push_back(file.path);
+    for (const std::string& path : filesUnder(platform::rooted(kFolder))) {
+        if (std::ranges::find(paths, path) != paths.end()) continue;
+        if (!path.starts_with(trust))
+            findings.push_back(warning(path, "nothing reads this file", orListOf(path, paths)));
+        else if (!path.ends_with(".pem"))
+            findings.push_back(warning(path, "it is not trusted: its name does not end in .pem",
+                                       "rename it, if it holds certificates in PEM form"));
+    }
+}
+
+}  // namespace
+
+Findings checkConfiguration() {
+    Findings findings;
+    const std::vector<KnownFile> known = knownFiles();
+    for (const KnownFile& file : known) checkKnownFile(file, findings);
+    checkOtherFiles(known, findings);
+    if (findings.empty())
+        findings.push_back(good(platform::rooted(kFolder), "no settings: built-in ones are in force"));
+    return findings;
+}
+
+}  // namespace quorvane::ctl
