@@ -23,6 +23,7 @@ TEST_F(CtlUsage, TellsAWrongCommandLineBeforeItAsksForTheDaemon) {
         {"sned 1 2", "sned is no subcommand; did you mean send?"},
         {"send 1", "type"},
         {"--json --client-type 6 sned 1 2", "sned is no subcommand; did you mean send?"},
+        {"send 1 2 --clinet-name a", "--clinet-name is no option; did you mean --client-name?"},
         {"send 65536 1", "category"},
         {"send 1 2 --count 0", "--count"},
         {"send 1 2 colour", "colour: KEY=VALUE is expected"},
@@ -79,8 +80,9 @@ std::string offered(const std::vector<std::string>& words) {
 }
 
 TEST(Completion, OffersCommandsOptionsAndChoices) {
-    EXPECT_EQ(offered({QUORVANECTL, ""}),
-              "send single flush states display-url upload upload-log listen status stats storebags doctor\n");
+    EXPECT_EQ(
+        offered({QUORVANECTL, ""}),
+        "send single flush states display-url upload upload-log listen status stats storebags doctor\n");
     EXPECT_EQ(offered({QUORVANECTL, "up"}), "upload upload-log\n");
     EXPECT_EQ(offered({QUORVANECTL, "send", "1", "2", "--client-"}),
               "--client-type --client-version --client-name\n");

@@ -50,6 +50,20 @@ int placeOfSubcommand(const CLI::App& app, int argc, char** argv) {
     return argc;
 }
 
+/// Says of the first word that looks like an option, and is none, which one was probably meant.
+void tellMeantOption(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::App* subcommand : app.get_subcommands())
+        for (const CLI::Option* option : subcommand->get_options())
+            for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    for (const std::string& word : app.remaining(true)) {
+        if (!word.starts_with("--")) continue;
+        if (const auto meant = nearest(word.substr(0, word.find('=')), names))
+            fmt::print(stderr, "{} is no option; did you mean {}?\n", word, *meant);
+        return;
+    }
+}
+
 }  // namespace
 
 CLI::Validator decimal() {
@@ -78,6 +92,7 @@ bool parse(CLI::App& app, int argc, char** argv, int& status) {
         app.parse(argc, argv);
         return true;
     } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) tellMeantOption(app);
         status = app.exit(error) == 0 ? 0 : kUsage;
         return false;
     }
