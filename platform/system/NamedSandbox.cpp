@@ -10,10 +10,14 @@
 
 namespace quorvane::platform {
 
+std::string sandboxProfileFile(std::string_view name) {
+    return rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml");
+}
+
 Result<SandboxProfile> sandboxProfileNamed(std::string_view name) {
     if (name.find('/') != std::string_view::npos)
         return failure("no profile can be named " + std::string(name));
-    const std::string file = rooted("/usr/share/quorvane/sandbox/" + std::string(name) + ".toml");
+    const std::string file = sandboxProfileFile(name);
     const auto settings = readTomlFile(file);
     if (!settings) return failure((fileExists(file) ? "" : "cannot read ") + settings.error().message);
     auto profile = sandboxProfile(*settings);

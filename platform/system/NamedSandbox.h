@@ -3,11 +3,15 @@
 #include "platform/base/Result.h"
 #include "platform/sandbox/SandboxProfile.h"
 
+#include <string>
 #include <string_view>
 
 namespace quorvane::platform {
 
-/// The profile in /usr/share/quorvane/sandbox/NAME.toml. An error is told with the file, and the key or the
+/// /usr/share/quorvane/sandbox/NAME.toml.
+std::string sandboxProfileFile(std::string_view name);
+
+/// The profile in that file. An error is told with the file, and the key or the
 /// line.
 Result<SandboxProfile> sandboxProfileNamed(std::string_view name);
 

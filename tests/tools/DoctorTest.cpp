@@ -3,6 +3,8 @@
 #include "tests/support/DaemonFixture.h"
 #include "tests/tools/Words.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -106,6 +108,24 @@ TEST_F(Doctor, TellsHowTheServerAnswersAndWhatTheDaemonMadeOfIt) {
     device.daemon().signal(SIGKILL);
     device.daemon().wait();
     expectTold(6, "daemon: cannot connect to " + device.socketPath());
+}
+
+TEST_F(Doctor, TellsWhatTheDaemonsUserCannotRead) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+    device.daemon().terminate();
+    runProgram({"/bin/chown", "-R", "65534:65534", device.root()});
+    std::filesystem::permissions(device.root(), std::filesystem::perms(0755));
+    const auto daemon = ChildProcess::start(
+        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+         std::filesystem::path(QUORVANECTL).parent_path() / "quorvaned"},
+        {{"QUORVANE_ROOT", device.root()}, {"QUORVANE_LOG", "stderr"}, {"LC_ALL", "en_US.UTF-8"}});
+    if (!daemon->waitForErrors("main: Listener resumes")) GTEST_SKIP() << daemon->errors();
+    EXPECT_EQ(doctor().status, 0) << doctor().output;
+    const std::string consent = device.root() / "etc/quorvane/consent.toml";
+    runProgram({"/bin/chown", "root:root", consent});
+    std::filesystem::permissions(consent, std::filesystem::perms(0600));
+    EXPECT_THAT(doctor().output, AllOf(HasSubstr("fault    " + consent + ": the daemon's user nobody cannot"),
+                                       HasSubstr("does not consent, as the daemon sees it")));
 }
 
 }  // namespace

@@ -6,16 +6,15 @@
 #include "platform/value/Url.h"
 #include "tools/common/Nearest.h"
 #include "tools/ctl/doctor/Checks.h"
+#include "tools/ctl/doctor/ConfigurationFiles.h"
 #include "util/Settings.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
 #include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -24,10 +23,7 @@ namespace quorvane::ctl {
 
 namespace {
 
-namespace fs = std::filesystem;
 using Form = SettingRule::Form;
-
-constexpr std::string_view kFolder = "/etc/quorvane";
 
 /// A file that the daemon reads, and the keys that it looks for there.
 struct KnownFile {
@@ -42,7 +38,7 @@ std::vector<KnownFile> knownFiles() {
     for (const std::string_view key : platform::deviceInformationKeys()) files.back().rules.push_back({key});
     for (const std::string_view suite : settingSuites()) {
         const auto rules = settingRules(suite);
-        files.push_back({platform::rooted(fmt::format("{}/defaults/{}.toml", kFolder, suite)),
+        files.push_back({platform::rooted(fmt::format("{}/defaults/{}.toml", kConfigurationFolder, suite)),
                          {rules.begin(), rules.end()}});
     }
     return files;
@@ -109,8 +105,7 @@ std::optional<Finding> faultOf(const platform::TomlEntry& entry, const KnownFile
 /// The message of what cannot be read starts with the file's name.
 Finding unreadable(const std::string& path, std::string why) {
     if (why.starts_with(path + ": ")) why.erase(0, path.size() + 2);
-    return fault(path, "the whole file does not count: " + why,
-                 "mend it; the daemon's user must be able to read it");
+    return fault(path, "the whole file does not count: " + why, "mend it there");
 }
 
 void checkKnownFile(const KnownFile& file, Findings& findings) {
@@ -124,25 +119,11 @@ void checkKnownFile(const KnownFile& file, Findings& findings) {
         findings.push_back(good(file.path, fmt::format("every key is known ({})", entries->size())));
 }
 
-/// Those of editors and package managers, which everybody knows to count for nothing.
-bool isLeftOver(const std::string& name) {
-    return name.starts_with('.') || name.ends_with('~') || name.find(".dpkg-") != std::string::npos;
-}
-
-std::vector<std::string> filesUnder(const std::string& folder) {
-    std::vector<std::string> files;
-    std::error_code error;
-    for (fs::recursive_directory_iterator at(folder, error), end; !error && at != end; at.increment(error))
-        if (!at->is_directory(error) && !isLeftOver(at->path().filename())) files.push_back(at->path());
-    std::ranges::sort(files);
-    return files;
-}
-
 void checkOtherFiles(const std::vector<KnownFile>& known, Findings& findings) {
-    const std::string trust = platform::rooted(fmt::format("{}/trust/", kFolder));
+    const std::string trust = platform::rooted(fmt::format("{}/trust/", kConfigurationFolder));
     std::vector<std::string> paths;
     for (const KnownFile& file : known) paths.push_back(file.path);
-    for (const std::string& path : filesUnder(platform::rooted(kFolder))) {
+    for (const std::string& path : configurationFiles()) {
         if (std::ranges::find(paths, path) != paths.end()) continue;
         if (!path.starts_with(trust))
             findings.push_back(warning(path, "nothing reads this file", orListOf(path, paths)));
@@ -160,7 +141,8 @@ Findings checkConfiguration() {
     for (const KnownFile& file : known) checkKnownFile(file, findings);
     checkOtherFiles(known, findings);
     if (findings.empty())
-        findings.push_back(good(platform::rooted(kFolder), "no settings: built-in ones are in force"));
+        findings.push_back(
+            good(platform::rooted(kConfigurationFolder), "no settings: built-in ones are in force"));
     return findings;
 }
 

@@ -6,6 +6,7 @@
 #include "tools/ctl/doctor/CheckStorebags.h"
 #include "tools/ctl/doctor/Checks.h"
 
+#include <optional>
 #include <string>
 
 #include <fmt/format.h>
@@ -50,6 +51,7 @@ Finding unreached(const std::string& why) {
 Findings withoutDaemon(const std::string& why) {
     Findings findings{unreached(why),
                       consentFinding(platform::diagnosticsSubmissionAllowed(), "this program")};
+    append(checkAccess(std::nullopt), findings);
     append(checkStorebags({}), findings);
     return findings;
 }
@@ -67,6 +69,7 @@ Findings checkDaemon(const DaemonOptions& options) {
     if (device == nullptr) return withoutDaemon("it is of another version than this program");
     Findings findings{answerFinding(seen.statistics, *device), countryFinding(*device),
                       consentFinding(device->boolean("consent"), "the daemon")};
+    append(checkAccess(static_cast<pid_t>(device->integer("process"))), findings);
     append(checkStorebags(seen.storebags), findings);
     return findings;
 }

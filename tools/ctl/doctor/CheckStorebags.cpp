@@ -73,10 +73,8 @@ std::optional<Finding> lastAttemptFinding(const std::string& subject, const Dict
     return warning(
         subject,
         fmt::format("it can be fetched now, but the daemon could not: {}", told->text("reason").value_or("")),
-        fmt::format(
-            "systemctl restart quorvaned, whose user must be able to read the public key; else it tries "
-            "again with the first session after {}",
-            dateUnder(*told, "nextAttempt").value_or("a while")));
+        fmt::format("systemctl restart quorvaned; else it tries again with the first session after {}",
+                    dateUnder(*told, "nextAttempt").value_or("a while")));
 }
 
 void checkStorebag(std::int32_t type, const std::string& name, const Dictionary* told, Findings& findings) {

@@ -17,8 +17,7 @@ Finding publicKeyFinding() {
     const auto key = storebagPublicKey();
     if (key) return good(file, "an RSA key in DER form");
     return fault(file, key.error().message,
-                 "copy the DER file that `quorvane-storebag keygen --public-key` writes there, so that the "
-                 "daemon's user can read it");
+                 "copy the DER file that `quorvane-storebag keygen --public-key` writes there");
 }
 
 Finding versionFinding() {
@@ -32,8 +31,7 @@ Finding versionFinding() {
 Finding findingOf(const platform::TrustedFile& file) {
     if (!file.isReadable)
         return fault(file.path, "no certificates in PEM form, or something among them is damaged",
-                     "write the certificate of the server's authority there, so that the daemon's user can "
-                     "read it");
+                     "write the certificate of the server's authority there");
     if (!file.isInForce)
         return fault(file.path, "a certificate in it is not valid now",
                      "renew it, if the device's clock is right");

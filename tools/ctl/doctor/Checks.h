@@ -3,6 +3,10 @@
 #include "tools/ctl/CtlOptions.h"
 #include "tools/ctl/doctor/Finding.h"
 
+#include <sys/types.h>
+
+#include <optional>
+
 namespace quorvane::ctl {
 
 /// The checks of the doctor, each of which says at least one thing. They use the daemon's own readers.
@@ -18,6 +22,10 @@ Findings checkDevice();
 
 /// The sandbox profile, applied for a trial in a process that ends then. No other thread may run yet.
 Findings checkSandbox();
+
+/// Whether the daemon's user can read the files; nothing where that cannot be tried, which needs root.
+///   process  the daemon's, where there is one
+Findings checkAccess(std::optional<pid_t> process);
 
 /// The daemon: socket, answer, confinement, and the country and consent that it sees. Each storebag that it
 /// was asked for: what its last attempt to fetch it brought, and what one brings now.
