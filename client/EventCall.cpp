@@ -1,7 +1,7 @@
 #include "client/EventCall.h"
 
 #include "framework/Keys.h"
-#include "platform/bus/BusValue.h"
+#include "platform/bus/BusText.h"
 
 #include <algorithm>
 #include <bit>

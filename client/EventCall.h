@@ -17,7 +17,7 @@ class EventCall {
     static constexpr std::uint32_t kUnanswered = UINT32_MAX;
 
     /// Writes the call. Negative errno when the event cannot be sent: -E2BIG when it is nested too deeply or
-    /// too large, -EINVAL for a text that is not UTF-8 or holds a NUL.
+    /// too large, -EINVAL for a text that the bus cannot carry.
     int write(const EventView& event, std::uint32_t serial = kUnanswered);
     /// What was written last.
     std::span<const std::uint8_t> bytes() const { return {_buffer.data(), _size}; }

@@ -1,8 +1,8 @@
 #include "framework/EventPacking.h"
 
+#include "platform/bus/BusText.h"
 #include "platform/value/Bytes.h"
 #include "platform/value/Nesting.h"
-#include "platform/value/Text.h"
 
 #include <bit>
 #include <cstring>
@@ -32,31 +32,6 @@ constexpr std::size_t kMaximumValues = 1'000'000;
 constexpr std::size_t kSmallestEntry = 4 + 1 + 1;
 constexpr std::size_t kSmallestElement = 1 + 1;
 
-/// Whether the word's bytes are all ASCII and none is 0.
-bool isPlain(std::uint64_t word) {
-    constexpr std::uint64_t ones = 0x0101'0101'0101'0101;
-    constexpr std::uint64_t highBits = ones << 7;
-    return (((word - ones) | word) & highBits) == 0;
-}
-
-/// Whether D-Bus can carry the text. Nearly all are short and plain, so this looks at eight characters at
-/// once.
-bool isSendable(std::string_view text) {
-    std::uint64_t word = 0;
-    std::size_t at = 0;
-    for (; text.size() - at >= sizeof word; at += sizeof word) {
-        std::memcpy(&word, text.data() + at, sizeof word);
-        if (!isPlain(word)) break;
-    }
-    if (text.size() == at) return true;
-    if (text.size() - at < sizeof word) {
-        word = 0x0101'0101'0101'0101;
-        std::memcpy(&word, text.data() + at, text.size() - at);
-        if (isPlain(word)) return true;
-    }
-    return text.find('\0') == std::string_view::npos && platform::isUtf8(text);
-}
-
 // Measuring.
 
 /// Adds up what values take; false when they cannot be sent.
@@ -75,7 +50,7 @@ class Measure {
   private:
     bool text(const std::string& text) {
         bytes += 4 + text.size();
-        return isSendable(text);
+        return platform::isBusText(text);
     }
 
     bool array(const Array& array, unsigned open) {
@@ -215,7 +190,7 @@ class Reader {
 
     std::string_view text() {
         const auto text = platform::textOf(take(number<std::uint32_t>()));
-        if (!isSendable(text)) fail("a text is not UTF-8 or holds a NUL");
+        if (!platform::isBusText(text)) fail("a text is not UTF-8 or holds a NUL");
         return text;
     }
 

@@ -22,7 +22,7 @@ struct PackedEvent {
 };
 
 /// Bytes that an event with the payload, which may be null, takes; nothing when D-Bus cannot carry it: a text
-/// that is not UTF-8 or holds a NUL, values nested too deeply.
+/// that is none of isBusText(), values nested too deeply.
 std::optional<std::size_t> packedSize(const Dictionary* payload);
 
 /// Writes an event of packedSize() bytes.

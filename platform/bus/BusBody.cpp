@@ -1,10 +1,9 @@
 #include "platform/bus/BusBody.h"
 
-#include "platform/value/Text.h"
+#include "platform/bus/BusText.h"
 
 #include <systemd/sd-bus-protocol.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <new>
@@ -18,15 +17,6 @@ namespace {
 
 /// Dictionaries in each other; few events have more than two.
 constexpr unsigned kMaximumDepth = 8;
-
-/// The bus library takes no text with one of Unicode's noncharacters, and these bytes are in all of them: in
-/// U+FDD0 to U+FDEF, and in the last two of every 65,536.
-bool mayHoldNoncharacters(std::string_view text) {
-    const auto suspicious = [](char a, char b) {
-        return (a == '\xef' && b == '\xb7') || (a == '\xbf' && (b == '\xbe' || b == '\xbf'));
-    };
-    return std::adjacent_find(text.begin(), text.end(), suspicious) != text.end();
-}
 
 /// Functions return false for what is not plain; what they have read by then is of no use.
 class BodyReader {
@@ -154,9 +144,7 @@ bool BodyReader::text(std::string_view& out) {
     if (!number(size) || size >= left()) return false;
     out = ahead(size);
     _at += size + std::size_t{1};
-    // The first NUL is the one behind the text.
-    return std::memchr(out.data(), 0, out.size() + 1) == out.data() + out.size() && isUtf8(out) &&
-           !mayHoldNoncharacters(out);
+    return isBusText(out) && out.data()[out.size()] == 0;
 }
 
 template <typename Number>

@@ -1,6 +1,6 @@
 #include "platform/bus/BusTextReply.h"
 
-#include "platform/bus/BusValue.h"
+#include "platform/bus/BusText.h"
 
 #include <sys/socket.h>
 #include <sys/uio.h>

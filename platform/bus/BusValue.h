@@ -6,7 +6,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace quorvane::platform {
@@ -14,10 +13,8 @@ namespace quorvane::platform {
 /// Values in D-Bus messages. D-Bus has no nil: an optional T travels as "aT" with no element or one. Dates
 /// travel as (xu), seconds since 1970 and microseconds. Every function returns 0 or more, or a negative errno
 /// value: -EBADMSG or -ENXIO for what is malformed or of another type, -E2BIG for values that nest too deep
-/// (Nesting.h) or are more than a million. Of equal keys the last counts. Texts that D-Bus cannot carry (not
-/// UTF-8, or with a NUL) are not appended: -EINVAL.
-
-bool isBusText(std::string_view text);
+/// (Nesting.h) or are more than a million. Of equal keys the last counts. Texts that D-Bus cannot carry
+/// (BusText.h) are not appended: -EINVAL.
 
 int readDictionary(sd_bus_message* message, Dictionary& out);                         // a{sv}
 int readOptionalDictionary(sd_bus_message* message, std::optional<Dictionary>& out);  // aa{sv}

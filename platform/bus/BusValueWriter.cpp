@@ -1,7 +1,7 @@
 #include "platform/bus/BusValue.h"
 
+#include "platform/bus/BusText.h"
 #include "platform/value/Nesting.h"
-#include "platform/value/Text.h"
 
 #include <cerrno>
 #include <type_traits>
@@ -118,10 +118,6 @@ int appendArray(sd_bus_message* message, const Array& array, unsigned open) {
 }
 
 }  // namespace
-
-bool isBusText(std::string_view text) {
-    return text.find('\0') == std::string_view::npos && isUtf8(text);
-}
 
 int appendDictionary(sd_bus_message* message, const Dictionary& dictionary) {
     return appendDictionary(message, dictionary, containersOf(Value::Kind::Dictionary));

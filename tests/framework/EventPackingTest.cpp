@@ -54,8 +54,9 @@ TEST(EventPacking, EventsComeBackAsTheyWere) {
 
 TEST(EventPacking, WhatDBusCannotCarryIsNotPacked) {
     EXPECT_TRUE(packedSize(nullptr));
-    for (const Dictionary& wrong : {Dictionary{{std::string("a\0b", 3), 1}}, Dictionary{{"key", "\xff"}},
-                                    Dictionary{{"in", Array{"\xc0\x80"}}}, nested(22)})
+    for (const Dictionary& wrong :
+         {Dictionary{{std::string("a\0b", 3), 1}}, Dictionary{{"key", "\xff"}},
+          Dictionary{{"in", Array{"\xc0\x80"}}}, Dictionary{{"\ufdd0", 1}}, nested(22)})
         EXPECT_FALSE(packedSize(&wrong)) << wrong.description();
     const Bytes deepest = packed(nested(21));
     PackedEventReader reader(deepest);
@@ -77,6 +78,8 @@ TEST(EventPacking, AWrongEventDoesNotStopThoseBehindIt) {
         bytes.at(at) = byte;
         return bytes;
     };
+    Bytes noncharacter = packed(Dictionary{{"a", "\ufffd"}});
+    noncharacter.back() = 0xbe;
     follows({0, 0, 0, 0}, "its values go past its end");
     follows(changed(20, 2), "a boolean is neither 0 nor 1");
     follows(changed(20, 0), "it is longer than its values");
@@ -84,6 +87,7 @@ TEST(EventPacking, AWrongEventDoesNotStopThoseBehindIt) {
     follows(changed(21, 1), "it is longer than its values");
     follows(changed(24, 0x7f), "its values go past its end");
     follows(changed(29, 0xff), "a text is not UTF-8 or holds a NUL");
+    follows(noncharacter, "a text is not UTF-8 or holds a NUL");
     follows(changed(30, 9), "a value is of an unknown type");
 
     PackedEventReader cut(std::span<const std::uint8_t>(good).first(good.size() - 1));

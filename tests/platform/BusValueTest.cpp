@@ -1,6 +1,7 @@
 #include "platform/bus/BusValue.h"
 
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/bus/BusText.h"
 #include "tests/platform/BusFixture.h"
 #include "tests/support/BusClient.h"
 
@@ -232,14 +233,34 @@ TEST_F(BusValueTest, NestingIsBoundedBothWaysAndAMillionValuesAreTheMost) {
 }
 
 TEST_F(BusValueTest, TextsThatTheBusCannotCarryAreNotAppended) {
-    for (const std::string& text :
-         {std::string("\xff"), std::string("\xed\xa0\x80"), std::string("a\0b", 3)}) {
+    for (const std::string& text : {std::string("\xff"), std::string("\xed\xa0\x80"), std::string("a\0b", 3),
+                                    std::string("a noncharacter: \ufffe")}) {
         renew();
         EXPECT_EQ(appendDictionary(message, {{"k", text}}), -EINVAL);
         renew();
         EXPECT_EQ(appendDictionary(message, {{text, 1}}), -EINVAL);
         renew();
         EXPECT_EQ(appendStrings(message, {text}), -EINVAL);
+    }
+}
+
+TEST_F(BusValueTest, EveryCharacterIsTakenOrRefusedAsTheBusLibraryDoes) {
+    for (char32_t point = 1; point <= 0x110000; point += (point & 0xffff) == 0x2000 ? 0xb000 : 1) {
+        const auto byte = [&](int shift, int mark) {
+            return static_cast<char>((point >> shift & 0x3f) | mark);
+        };
+        std::string text("plain and ");
+        if (point < 0x80)
+            text += static_cast<char>(point);
+        else if (point < 0x800)
+            text += {byte(6, 0xc0), byte(0, 0x80)};
+        else if (point < 0x10000)
+            text += {byte(12, 0xe0), byte(6, 0x80), byte(0, 0x80)};
+        else
+            text += {byte(18, 0xf0), byte(12, 0x80), byte(6, 0x80), byte(0, 0x80)};
+        if (point % 0x4000 == 1) renew();
+        ASSERT_EQ(isBusText(text), ::sd_bus_message_append_basic(message, 's', text.c_str()) >= 0)
+            << std::uint32_t{point};
     }
 }
 
