@@ -20,11 +20,12 @@ std::int32_t EventBatch::open(std::int64_t method) {
     return counted != _methodCounts.end() ? counted->second : 0;
 }
 
-EventBatch::Outcome EventBatch::hold(Dictionary& record, std::int64_t method, std::int32_t count) {
+EventBatch::Outcome EventBatch::hold(Dictionary& record, std::int64_t method, std::int32_t count,
+                                     platform::UserAccount& account) {
     const std::size_t bytes = sizeof(Value) + platform::heldBytes(record);
     const MutexLock lock(_lock);
     if (_records) {
-        if (!_heldBytes.add(bytes)) return Outcome::NoRoom;
+        if (!_heldBytes.add(bytes, account)) return Outcome::NoRoom;
         _records->emplace_back(std::move(record));
     }
     _methodCounts[method] = count;

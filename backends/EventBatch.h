@@ -2,6 +2,7 @@
 
 #include "backends/HeldBytes.h"
 #include "platform/base/ThreadAnnotations.h"
+#include "platform/base/UserAccount.h"
 #include "platform/value/Value.h"
 
 #include <cstdint>
@@ -12,8 +13,8 @@
 namespace quorvane {
 
 /// The records that a backend holds, in their order, with a count for each method. What it may hold is
-/// bounded in bytes, for itself and for all batches together: a client whose backend never gets to report
-/// would otherwise fill the memory. Thread-safe.
+/// bounded in bytes, for itself, for its user and for all: a client whose backend never gets to report would
+/// otherwise fill the memory. Thread-safe.
 class EventBatch {
   public:
     bool isEmpty() const;
@@ -25,7 +26,8 @@ class EventBatch {
 
     /// Takes the record and stores its method's count. A closed batch stores the count alone, and the record
     /// is lost. When there is no room for it, the record stays the caller's.
-    Outcome hold(Dictionary& record, std::int64_t method, std::int32_t count);
+    ///   account  the same from the first record until they are taken
+    Outcome hold(Dictionary& record, std::int64_t method, std::int32_t count, platform::UserAccount& account);
 
     /// Takes the records, of which there must be some, sets all counts to 0 and closes the batch.
     Array take();

@@ -1,48 +1,47 @@
 #pragma once
 
-#include <atomic>
+#include "platform/base/UserAccount.h"
+
 #include <cassert>
 #include <cstddef>
+#include <optional>
 
 namespace quorvane {
 
-/// Counts the bytes that one backend holds, for itself and for all backends together. An object belongs to
-/// one thread at a time; different ones may be used at once.
+/// Counts the bytes that one backend holds, for itself and in the account of its user. That is charged in
+/// blocks, so that hardly an event takes the lock of the accounts. An object belongs to one thread at a time;
+/// different ones may be used at once.
 class HeldBytes {
   public:
     static constexpr std::size_t kMaximum = 16u << 20;
-    static constexpr std::size_t kMaximumInAll = 256u << 20;
 
-    HeldBytes() = default;
-    ~HeldBytes() { clear(); }
-    HeldBytes(const HeldBytes&) = delete;
-    HeldBytes& operator=(const HeldBytes&) = delete;
-
-    /// False, and nothing is added, when they would go past either maximum.
-    bool add(std::size_t bytes) {
+    /// False, and nothing is added, when they would go past the maximum or a bound of the account.
+    bool add(std::size_t bytes, platform::UserAccount& account) {
         assert(_bytes <= kMaximum && "past it the difference would wrap, and nothing be refused");
-        if (bytes > kMaximum - _bytes) return false;
-        if (inAll.fetch_add(bytes, std::memory_order_relaxed) + bytes > kMaximumInAll) {
-            inAll.fetch_sub(bytes, std::memory_order_relaxed);
-            return false;
-        }
+        if (bytes > kMaximum - _bytes || !charge(_bytes + bytes, account)) return false;
         _bytes += bytes;
         return true;
     }
 
     void clear() {
-        [[maybe_unused]] const std::size_t before = inAll.fetch_sub(_bytes, std::memory_order_relaxed);
-        assert(before >= _bytes && "below zero no backend could hold an event any more");
         _bytes = 0;
+        _charge.reset();
     }
 
-    /// What all backends hold.
-    static std::size_t heldInAll() { return inAll.load(std::memory_order_relaxed); }
-
   private:
-    static inline std::atomic<std::size_t> inAll = 0;
+    static constexpr std::size_t kBlock = 16u << 10;
+
+    bool charge(std::size_t bytes, platform::UserAccount& account) {
+        const std::size_t charged = _charge ? _charge->amount() : 0;
+        if (bytes <= charged) return true;
+        const std::size_t blocks = (bytes - charged + kBlock - 1) / kBlock * kBlock;
+        if (_charge) return _charge->grow(blocks);
+        _charge = account.charge(platform::UserAccount::Slot::EventBytes, blocks);
+        return _charge.has_value();
+    }
 
     std::size_t _bytes = 0;
+    std::optional<platform::UserAccount::Charge> _charge;
 };
 
 }  // namespace quorvane

@@ -1,10 +1,10 @@
 #include "service/InspectionAnswers.h"
 
-#include "backends/HeldBytes.h"
 #include "backends/ReasonTexts.h"
 #include "framework/Keys.h"
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/Clock.h"
+#include "platform/base/UserAccount.h"
 #include "platform/device/Consent.h"
 #include "platform/device/Locale.h"
 #include "platform/http/HttpSession.h"
@@ -135,7 +135,8 @@ Dictionary statisticsAnswer(std::optional<uid_t> user) {
     answer.set("device", deviceAnswer());
     answer.set("version", bundleVersion().value_or(kDefaultBundleVersion));
     if (user) return answer;
-    answer.set("heldBytes", std::uint64_t{HeldBytes::heldInAll()});
+    using platform::UserAccount;
+    answer.set("heldBytes", std::uint64_t{UserAccount::takenInAll(UserAccount::Slot::EventBytes)});
     answer.set("lentFiles", std::uint64_t{platform::outstandingSandboxExtensions()});
     answer.set("droppedPosts", platform::droppedDataTasks());
     return answer;

@@ -41,7 +41,8 @@ std::optional<std::size_t> positiveSetting(Setting setting) {
 void setUserBounds() {
     using platform::UserAccount;
     static const std::array builtIn{UserAccount::bounds(UserAccount::Slot::Connections),
-                                    UserAccount::bounds(UserAccount::Slot::Bytes)};
+                                    UserAccount::bounds(UserAccount::Slot::Bytes),
+                                    UserAccount::bounds(UserAccount::Slot::EventBytes)};
     const auto set = [](UserAccount::Slot slot, Setting perUserSetting, Setting inAllSetting,
                         std::size_t unit) {
         UserAccount::Bounds bounds = builtIn[static_cast<std::size_t>(slot)];
@@ -51,6 +52,8 @@ void setUserBounds() {
     };
     set(UserAccount::Slot::Connections, Setting::ConnectionsPerUser, Setting::Connections, 1);
     set(UserAccount::Slot::Bytes, Setting::MegabytesPerUser, Setting::Megabytes, 1u << 20);
+    // Held events have half as much beside that.
+    set(UserAccount::Slot::EventBytes, Setting::MegabytesPerUser, Setting::Megabytes, 1u << 19);
 }
 
 std::unique_ptr<platform::BusListener> newListener() {

@@ -15,7 +15,7 @@ struct Books {
     Mutex mutex;
     std::map<uid_t, std::weak_ptr<UserAccount>> accounts GUARDED_BY(mutex);
     std::array<UserAccount::Bounds, UserAccount::kSlots> bounds GUARDED_BY(mutex){
-        UserAccount::Bounds{4096, 8192}, {256u << 20, 512u << 20}, {1024, 4096}};
+        UserAccount::Bounds{4096, 8192}, {256u << 20, 512u << 20}, {128u << 20, 256u << 20}, {1024, 4096}};
     std::array<std::size_t, UserAccount::kSlots> taken GUARDED_BY(mutex){};
 };
 
@@ -58,21 +58,38 @@ UserAccount::Bounds UserAccount::bounds(Slot slot) {
 }
 
 std::optional<UserAccount::Charge> UserAccount::charge(Slot slot, std::size_t amount) {
+    if (!take(slot, amount)) return std::nullopt;
+    return Charge(shared_from_this(), slot, amount);
+}
+
+bool UserAccount::take(Slot slot, std::size_t amount) {
     const auto at = static_cast<std::size_t>(slot);
     const MutexLock lock(books().mutex);
     const Bounds& bounds = books().bounds[at];
     const bool mayUseReserve = _user == 0 || _taken[at] == 0;
     const std::size_t inAll = mayUseReserve ? bounds.inAll : bounds.inAll - bounds.inAll / kReservedPart;
     if (!isRoom(_taken[at], amount, bounds.perUser) || !isRoom(books().taken[at], amount, inAll))
-        return std::nullopt;
+        return false;
     _taken[at] += amount;
     books().taken[at] += amount;
-    return Charge(shared_from_this(), slot, amount);
+    return true;
 }
 
 std::size_t UserAccount::taken(Slot slot) const {
     const MutexLock lock(books().mutex);
     return _taken[static_cast<std::size_t>(slot)];
+}
+
+std::size_t UserAccount::takenInAll(Slot slot) {
+    const MutexLock lock(books().mutex);
+    return books().taken[static_cast<std::size_t>(slot)];
+}
+
+bool UserAccount::Charge::grow(std::size_t amount) {
+    assert(_account != nullptr && "nothing was charged that could grow");
+    if (!_account->take(_slot, amount)) return false;
+    _amount += amount;
+    return true;
 }
 
 UserAccount::Charge::~Charge() {

@@ -17,10 +17,11 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
   public:
     enum class Slot : std::size_t {
         Connections,
-        Bytes,  ///< Of messages, of calls that wait to be sent, and of what sessions keep.
-        Files,  ///< Lent, and not used yet.
+        Bytes,       ///< Of messages, of calls that wait to be sent, and of what sessions keep.
+        EventBytes,  ///< Of events that are held: apart, so that they take no room from messages.
+        Files,       ///< Lent, and not used yet.
     };
-    static constexpr std::size_t kSlots = 3;
+    static constexpr std::size_t kSlots = 4;
 
     struct Bounds {
         std::size_t perUser;
@@ -40,6 +41,8 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
         ~Charge();
 
         std::size_t amount() const { return _amount; }
+        /// Takes so much more; false when it would go past a bound.
+        bool grow(std::size_t amount);
 
       private:
         friend UserAccount;
@@ -57,8 +60,8 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
     };
 
     static std::shared_ptr<UserAccount> of(uid_t user);
-    /// The bounds that a process begins with: 4,096 and 8,192 connections, 256 and 512 MiB, 1,024 and 4,096
-    /// files.
+    /// The bounds that a process begins with: 4,096 and 8,192 connections, 256 and 512 MiB, 128 and 256 MiB
+    /// of events, 1,024 and 4,096 files.
     static void setBounds(Slot slot, Bounds bounds);
     static Bounds bounds(Slot slot);
 
@@ -71,8 +74,12 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
     std::optional<Charge> charge(Slot slot, std::size_t amount);
     /// What the user has of the slot.
     std::size_t taken(Slot slot) const;
+    /// What all users have of it.
+    static std::size_t takenInAll(Slot slot);
 
   private:
+    bool take(Slot slot, std::size_t amount);
+
     const uid_t _user;
     std::array<std::size_t, kSlots> _taken{};  ///< Guarded by the lock of all accounts.
 };

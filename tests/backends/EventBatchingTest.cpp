@@ -1,7 +1,6 @@
 #include "platform/http/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
 
-#include <array>
 #include <chrono>
 
 namespace quorvane {
@@ -98,7 +97,13 @@ TEST_F(EventBatchingTest, BoundsWhatItHolds) {
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 1u);
 }
 
-using EventRoomTest = PostingFixture;
+class EventRoomTest : public PostingFixture {
+  protected:
+    static constexpr auto kSlot = platform::UserAccount::Slot::EventBytes;
+    ~EventRoomTest() override { platform::UserAccount::setBounds(kSlot, _bounds); }
+
+    const platform::UserAccount::Bounds _bounds = platform::UserAccount::bounds(kSlot);
+};
 
 TEST_F(EventRoomTest, AReportingBackendPostsWhatItHasNoRoomFor) {
     auto backend = enabledBackend({{"post_url", _server->url("/post")}});
@@ -117,21 +122,33 @@ TEST_F(EventRoomTest, AReportingBackendPostsWhatItHasNoRoomFor) {
     EXPECT_FALSE(send(*backend, large)) << "answered as a held one";
     EXPECT_THAT(posted(), testing::ElementsAre(1, 2));
 
-    std::array<HeldBytes, HeldBytes::kMaximumInAll / HeldBytes::kMaximum> others;
-    for (HeldBytes& each : others) {
-        EXPECT_TRUE(each.add(HeldBytes::kMaximum));
-        EXPECT_FALSE(each.add(1)) << "one's bound";
-    }
+    platform::UserAccount::setBounds(kSlot, {0, 0});
     for (const int n : {3, 4}) EXPECT_FALSE(send(*backend, {{"n", n}}));
     EXPECT_THAT(posted(), testing::ElementsAre(3, 4));
     EXPECT_EQ(logged("<4>HTTPSPostBackend(batchEvent): "), 0u);
-    {
-        HeldBytes another;
-        EXPECT_FALSE(another.add(1)) << "that of all";
-        others[0].clear();
-        EXPECT_TRUE(another.add(HeldBytes::kMaximum));
-    }
-    EXPECT_TRUE(others[0].add(1)) << "what is gone counts no more";
+}
+
+TEST_F(EventRoomTest, EventsOfAUserWhoHoldsAllThatHeMayTakeNoRoomFromOthers) {
+    platform::UserAccount::setBounds(kSlot, {1u << 20, 2u << 20});
+    const auto holdingFor = [](uid_t user) {
+        auto backend = enabledBackend();
+        backend->setState(BackendState::SampledOut);
+        backend->setAccount(platform::UserAccount::of(user));
+        return backend;
+    };
+    const auto first = holdingFor(1001), second = holdingFor(1001), other = holdingFor(1002);
+    const auto held = [](const auto& backend) { return backend->ledger().totals().held; };
+    for (int n = 0; n < 8; ++n) send(*first, {{"text", std::string(200'000, 'x')}});
+    for (const auto& backend : {second, other}) send(*backend, {{"text", std::string(100'000, 'x')}});
+    EXPECT_EQ(held(first), 5u);
+    EXPECT_EQ(held(second), 0u);
+    EXPECT_EQ(held(other), 1u);
+    first->setState(BackendState::Enabled);
+    EXPECT_TRUE(first->flushMessages());
+    send(*second, {});
+    EXPECT_EQ(held(second), 1u) << "what is gone counts no more";
+    first->cleanup(), second->cleanup(), other->cleanup();
+    EXPECT_EQ(platform::UserAccount::takenInAll(kSlot), 0u);
 }
 
 }  // namespace

@@ -40,10 +40,14 @@ TEST_F(UserAccountTest, WhatIsTakenIsGivenBackOnceByWhoeverHoldsTheCharge) {
     ASSERT_TRUE(charge);
     UserAccount::Charge moved = *std::move(charge);
     EXPECT_FALSE(UserAccount::of(1)->charge(Slot::Bytes, 1)) << "it is the same account";
+    UserAccount::setBounds(Slot::Bytes, {60, 80});
+    EXPECT_FALSE(moved.grow(11));
+    EXPECT_TRUE(moved.grow(10));
+    EXPECT_EQ(UserAccount::takenInAll(Slot::Bytes), 60u);
     EXPECT_FALSE(account->charge(Slot::Bytes, static_cast<std::size_t>(-10))) << "no sum overflows";
     moved = {};
     EXPECT_EQ(account->taken(Slot::Bytes), 0u);
-    EXPECT_EQ(takeAll(1), 50u);
+    EXPECT_EQ(takeAll(1), 60u);
 }
 
 }  // namespace
