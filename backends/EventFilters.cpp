@@ -50,25 +50,41 @@ void EventFilters::createFiltersFromArray(const Array& filters) {
     if (filters.empty()) return;
     _filters.clear();
     _filters.reserve(filters.size());
-    for (const Value& item : filters) {
-        const Dictionary* filter = item.dictionary();
-        const std::string* key = filter != nullptr ? filter->string("key") : nullptr;
-        if (key == nullptr) continue;
-        _filters.push_back({.method = numberOrAny(*filter, "method"),
-                            .status = numberOrAny(*filter, "status"),
-                            .action = actionNamed(filter->string("action")),
-                            .keyEnd = endOf(*key),
-                            .key = *key});
-    }
+    for (const Value& item : filters)
+        if (const std::optional<Filter> filter = filterOf(item)) _filters.push_back(*filter);
+}
+
+std::optional<EventFilters::Filter> EventFilters::filterOf(const Value& item) {
+    const Dictionary* filter = item.dictionary();
+    const std::string* key = filter != nullptr ? filter->string("key") : nullptr;
+    if (key == nullptr) return std::nullopt;
+    return Filter{.method = numberOrAny(*filter, "method"),
+                  .status = numberOrAny(*filter, "status"),
+                  .action = actionNamed(filter->string("action")),
+                  .keyEnd = endOf(*key),
+                  .key = *key};
+}
+
+bool EventFilters::hides(const Value& earlier, const Value& later) {
+    const std::optional<Filter> first = filterOf(earlier), second = filterOf(later);
+    // A filter for any method is hidden only by another such: no event has a method below 0.
+    return first && second &&
+           isFor(*first, second->keyEnd, second->key, std::max(second->method, kAny),
+                 std::max(second->status, kAny));
+}
+
+bool EventFilters::isFor(const Filter& filter, unsigned char end, std::string_view key, std::int32_t method,
+                         std::int32_t status) {
+    const bool endsDiffer = filter.keyEnd != end && filter.keyEnd != 0 && end != 0;
+    return !endsDiffer && covers(filter.method, method) && covers(filter.status, status) &&
+           platform::equalsIgnoringCase(filter.key, key);
 }
 
 const EventFilters::Filter* EventFilters::firstMatch(std::string_view key, std::int32_t method,
                                                      std::int32_t status) const {
     const unsigned char end = endOf(key);
     const auto match = std::find_if(_filters.begin(), _filters.end(), [&](const Filter& filter) {
-        const bool endsDiffer = filter.keyEnd != end && filter.keyEnd != 0 && end != 0;
-        return !endsDiffer && covers(filter.method, method) && covers(filter.status, status) &&
-               platform::equalsIgnoringCase(filter.key, key);
+        return isFor(filter, end, key, method, status);
     });
     return match != _filters.end() ? &*match : nullptr;
 }

@@ -3,6 +3,7 @@
 #include "platform/value/Value.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,9 @@ class EventFilters {
     /// acts.
     void filterEvent(Dictionary& event) const;
 
+    /// Whether the later filter never acts, since the earlier one always acts before it.
+    static bool hides(const Value& earlier, const Value& later);
+
   private:
     enum class Action : std::uint8_t { Keep, Remove, Hash };
 
@@ -32,6 +36,9 @@ class EventFilters {
         std::string_view key;
     };
 
+    static std::optional<Filter> filterOf(const Value& item);
+    static bool isFor(const Filter& filter, unsigned char end, std::string_view key, std::int32_t method,
+                      std::int32_t status);
     static Action actionNamed(const std::string* name);
     const Filter* firstMatch(std::string_view key, std::int32_t method, std::int32_t status) const;
 
