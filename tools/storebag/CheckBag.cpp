@@ -1,13 +1,16 @@
 #include "tools/storebag/CheckBag.h"
 
 #include "framework/Keys.h"
+#include "tools/common/Nearest.h"
 #include "tools/storebag/KeyRules.h"
+#include "tools/storebag/LintClients.h"
 #include "util/Environment.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -21,24 +24,24 @@ constexpr std::array kHttpPost{KeyRule{"clients", Form::Entries, true}, KeyRule{
 constexpr std::array kClient{
     KeyRule{"client", Form::Text},
     KeyRule{"device_whitelist", Form::Texts},
-    KeyRule{"event_threshold", Form::Integer},
+    KeyRule{"event_threshold", Form::Count},
     KeyRule{"expedite", Form::Integer},
     KeyRule{"extras_on_internal", Form::Integer},
     KeyRule{"filters", Form::Entries},
-    KeyRule{"hierarchy", Form::Integer},
+    KeyRule{"hierarchy", Form::Count},
     KeyRule{"locale_whitelist", Form::Texts},
     KeyRule{"override_dnu", Form::Integer},
-    KeyRule{"override_sampling", Form::Number},
+    KeyRule{"override_sampling", Form::Share},
     KeyRule{"post_url", Form::Url},
     KeyRule{"realtime_post_url", Form::Url},
-    KeyRule{"sampling_threshold", Form::Number},
+    KeyRule{"sampling_threshold", Form::Share},
     KeyRule{"service", Form::Text},
 };
 constexpr std::array kFilter{KeyRule{"action", Form::FilterAction}, KeyRule{"key", Form::Text, true},
-                             KeyRule{"method", Form::Integer}, KeyRule{"status", Form::Integer}};
+                             KeyRule{"method", Form::EventNumber}, KeyRule{"status", Form::EventNumber}};
 constexpr std::array kDashboard{KeyRule{"display_url", Form::Url}, KeyRule{"ip", Form::Address, true},
                                 KeyRule{"port", Form::Port, true}, KeyRule{"post_url", Form::Url},
-                                KeyRule{"reliable", Form::Integer}};
+                                KeyRule{"reliable", Form::Count}};
 constexpr std::array kUploadServer{KeyRule{"display_url", Form::Url}, KeyRule{"post_url", Form::Url, true}};
 
 constexpr std::uint64_t kLongestRefreshCycle = 86400;
@@ -47,6 +50,18 @@ const KeyRule* ruleOf(std::string_view key, std::span<const KeyRule> rules) {
     const auto rule =
         std::find_if(rules.begin(), rules.end(), [&](const KeyRule& r) { return r.key == key; });
     return rule != rules.end() ? &*rule : nullptr;
+}
+
+std::string suggestion(std::string_view key, std::span<const KeyRule> rules) {
+    std::vector<std::string> known;
+    for (const KeyRule& rule : rules) known.emplace_back(rule.key);
+    const auto meant = nearest(key, known);
+    return meant ? fmt::format("; did you mean \"{}\"?", *meant) : "";
+}
+
+/// What is said beside that another form is expected.
+std::string_view adviceOn(const Value& value, Form form) {
+    return isNumberAsText(value, form) ? "; a text counts as none, so write it as a number" : "";
 }
 
 class Check {
@@ -82,7 +97,8 @@ class Check {
 
     void refreshCycle(const Value& cycle) {
         if (!isInteger(cycle) || cycle.real() < 0)
-            find("refresh_cycle", "a number of seconds without a fraction is expected");
+            find("refresh_cycle", "a number of seconds without a fraction is expected{}",
+                 adviceOn(cycle, Form::Count));
         else if (cycle.unsignedInteger() > kLongestRefreshCycle)
             find("refresh_cycle", "a daemon asks again after {} seconds already", kLongestRefreshCycle);
     }
@@ -99,6 +115,8 @@ class Check {
         if (name == kQuorvaneBackendHTTPPost || name == kQuorvaneBackendHTTPPost2) {
             keys(*profile, kHttpPost, path);
             entries(*profile, "clients", path, &Check::client);
+            if (const Array* clients = profile->array("clients"))
+                lintClients(*clients, path + ".clients", _findings);
         } else if (name == kQuorvaneBackendDashboard) {
             keys(*profile, kDashboard, path);
         } else if (name == kQuorvaneBackendUploadServer) {
@@ -131,9 +149,10 @@ class Check {
         for (const auto& [key, value] : holder) {
             const KeyRule* rule = ruleOf(key, rules);
             if (rule == nullptr)
-                find(path, "no key of the name \"{}\" is read", key);
+                find(path, "no key of the name \"{}\" is read{}", key, suggestion(key, rules));
             else if (!hasForm(value, rule->form))
-                find(fmt::format("{}.{}", path, key), "{} is expected", nameOf(rule->form));
+                find(fmt::format("{}.{}", path, key), "{} is expected{}", nameOf(rule->form),
+                     adviceOn(value, rule->form));
         }
         for (const KeyRule& rule : rules)
             if (rule.required && !holder.contains(rule.key)) find(path, "\"{}\" is missing", rule.key);

@@ -1,10 +1,13 @@
 #include "tools/storebag/KeyRules.h"
 
+#include "platform/formats/Json.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <cmath>
+#include <cstdint>
+#include <limits>
 
 namespace quorvane::tools {
 
@@ -22,6 +25,16 @@ bool isAddress(const std::string& text) {
 /// Of any other word a daemon makes that the key is kept, which nobody who names an action means.
 bool isFilterAction(const std::string& text) {
     return text == "remove" || text == "sha256";
+}
+
+bool isWithin(const Value& value, std::int64_t least, std::int64_t most) {
+    return isInteger(value) && value.real() >= static_cast<double>(least) &&
+           value.real() <= static_cast<double>(most);
+}
+
+bool isNumeric(Form form) {
+    return form == Form::Port || form == Form::Integer || form == Form::Count || form == Form::EventNumber ||
+           form == Form::Share;
 }
 
 template <typename Held>
@@ -50,17 +63,28 @@ bool hasForm(const Value& value, Form form) {
         case Form::Address:
             return text != nullptr && isAddress(*text);
         case Form::Port:
-            return isInteger(value) && value.integer() > 0 && value.integer() <= 65535;
+            return isWithin(value, 1, std::numeric_limits<std::uint16_t>::max());
         case Form::Integer:
             return isInteger(value) || value.kind() == Value::Kind::Boolean;
-        case Form::Number:
-            return value.isNumber() && std::isfinite(value.real());
+        case Form::Count:
+            return isWithin(value, 0, std::numeric_limits<std::int32_t>::max());
+        case Form::EventNumber:
+            return isWithin(value, -1, std::numeric_limits<std::uint16_t>::max());
+        case Form::Share:
+            return value.isNumber() && value.real() >= 0 && value.real() <= 1;
         case Form::Entries:
             return allAre<Dictionary>(value, &Value::dictionary);
         case Form::FilterAction:
             return text != nullptr && isFilterAction(*text);
     }
     return false;
+}
+
+bool isNumberAsText(const Value& value, Form form) {
+    const std::string* text = value.string();
+    if (text == nullptr || !isNumeric(form)) return false;
+    const auto number = platform::parseJson(*text);
+    return number && number->isNumber();
 }
 
 std::string_view nameOf(Form form) {
@@ -77,8 +101,12 @@ std::string_view nameOf(Form form) {
             return "a number from 1 to 65535";
         case Form::Integer:
             return "a number without a fraction";
-        case Form::Number:
-            return "a number";
+        case Form::Count:
+            return "a number from 0 to 2147483647, without a fraction,";
+        case Form::EventNumber:
+            return "a number from 0 to 65535, or -1 for all,";
+        case Form::Share:
+            return "a share of sessions, from 0 to 1,";
         case Form::Entries:
             return "an array of dictionaries";
         case Form::FilterAction:

@@ -7,7 +7,19 @@
 namespace quorvane::tools {
 
 /// What a backend reads a key of its profile as.
-enum class Form { Text, Texts, Url, Address, Port, Integer, Number, Entries, FilterAction };
+enum class Form {
+    Text,
+    Texts,
+    Url,
+    Address,
+    Port,
+    Integer,
+    Count,
+    EventNumber,
+    Share,
+    Entries,
+    FilterAction
+};
 
 struct KeyRule {
     std::string_view key;
@@ -18,6 +30,9 @@ struct KeyRule {
 bool hasForm(const Value& value, Form form);
 /// As in "a text".
 std::string_view nameOf(Form form);
+
+/// Whether the value is a text that reads as the number that the form asks for.
+bool isNumberAsText(const Value& value, Form form);
 
 /// A number that is neither boolean nor real.
 bool isInteger(const Value& value);

@@ -39,6 +39,7 @@ int run(const Sign& command) {
     const std::string_view name = nameOfInput(command.source);
     const Dictionary bag = readBagSource(command.source, command.format);
     warnAbout(bag, name, command.strict);
+    refuseUntakeable(bag, name);
     const auto envelope = signStorebag(bag, *key);
     if (!envelope)
         throw Failure(fmt::format("{}: {}: a property list cannot hold this value", name,

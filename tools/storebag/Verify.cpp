@@ -17,8 +17,7 @@ int run(const Verify& command) {
         throw Failure(fmt::format("{}: the signature is not good for {}", name, command.publicKey));
     const Dictionary bag = bagOf(envelope, name);
     warnAbout(bag, name, command.strict);
-    if (bag.string("version") == nullptr)
-        throw Failure(fmt::format("{}: no device takes a bag without a version", name));
+    refuseUntakeable(bag, name);
     printLine(fmt::format("{}: good", name));
     return 0;
 }

@@ -10,4 +10,7 @@ namespace quorvane::tools {
 /// and strict is set.
 void warnAbout(const Dictionary& bag, std::string_view name, bool strict);
 
+/// Throws a Failure for a bag that devices of no environment take.
+void refuseUntakeable(const Dictionary& bag, std::string_view name);
+
 }  // namespace quorvane::tools
