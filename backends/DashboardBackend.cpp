@@ -224,8 +224,9 @@ QuorvaneBackend::Answer DashboardBackend::sendMessage(const Dictionary* message,
         datagram.insert(datagram.end(), text.begin(), text.end());
         put(datagram, kLengthAt, complement(datagram.size()));
         std::string line = writeLocalLog(datagram);
-        ledger().accept();
-        ledger().handOver(1);
+        ledger().accept(method, respCode);
+        EventGroup event;
+        ledger().handOver(event);
         handOver(std::move(datagram), eventID);
         return line;
     } catch (const std::bad_alloc&) {

@@ -39,11 +39,16 @@ QuorvaneBackend::Answer HTTPSPostBackend::sendMessage(const Dictionary* payload,
     logDebug("HTTPSPostBackend(sendMessage): Sending {}, {:d}, {:d}", static_cast<int>(state()),
              batchEvents(), requireUserInfo());
     finishSending();
-    Array events;
-    events.emplace_back(std::move(event));
     Answer prettyJson;
-    post(std::move(events), flag, method, respCode, &prettyJson);
+    post(alone(std::move(event)), flag, method, respCode, &prettyJson);
     return prettyJson;
+}
+
+/// The current event's record.
+HTTPSPostBackend::Records HTTPSPostBackend::alone(Dictionary event) const {
+    Records records{{}, ledger().current()};
+    records.records.emplace_back(std::move(event));
+    return records;
 }
 
 void HTTPSPostBackend::batchEvent(Dictionary event) {
@@ -75,9 +80,7 @@ bool HTTPSPostBackend::hold(Dictionary& event, std::int64_t method, std::int32_t
 
 void HTTPSPostBackend::postOrDrop(Dictionary event) {
     if (!mayFlush()) return dropEvent();
-    Array events;
-    events.emplace_back(std::move(event));
-    post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, nullptr);
+    post(alone(std::move(event)), MessageFlag{0}, std::nullopt, std::nullopt, nullptr);
 }
 
 void HTTPSPostBackend::dropEvent() {
@@ -103,10 +106,10 @@ bool HTTPSPostBackend::continueSending() {
 }
 
 bool HTTPSPostBackend::beginPost() {
-    Array events = std::exchange(_completed, {});
-    if (events.empty()) return false;
-    addUserInfo(events);
-    std::optional<Message> message = createMessageForPostAndLogging(std::move(events), nullptr);
+    Records batch = std::exchange(_completed, {});
+    if (batch.records.empty()) return false;
+    addUserInfo(batch.records);
+    std::optional<Message> message = createMessageForPostAndLogging(std::move(batch), nullptr);
     if (message && _targets.ordinary() == nullptr)
         ledger().drop(DropReason::NoURL, std::exchange(message, std::nullopt)->events);
     if (!message) return false;
@@ -115,37 +118,36 @@ bool HTTPSPostBackend::beginPost() {
 }
 
 /// The held records if they may be posted, else none.
-Array HTTPSPostBackend::takeBatch() {
+HTTPSPostBackend::Records HTTPSPostBackend::takeBatch() {
     if (_batch.isEmpty() || !mayFlush()) return {};
     logDebug("HTTPSPostBackend(flushMessages): called");
     Array records = _batch.take();
-    ledger().take(records.size());
-    return records;
+    EventGroup events = ledger().take(records.size());
+    return {std::move(records), std::move(events)};
 }
 
 void HTTPSPostBackend::cleanup() {
     if (_batch.isEmpty()) return;
-    const std::size_t events = _batch.take().size();
-    ledger().take(events);
+    const EventGroup events = ledger().take(_batch.take().size());
     const Standing now = standing();
     ledger().drop(now.state == BackendState::Enabled ? DropReason::SessionEnded : dropReasonOf(now.reason),
                   events);
 }
 
-void HTTPSPostBackend::postBatch(Array events, Answer* prettyJson, Order order) {
-    if (events.empty()) return;
-    addUserInfo(events);
-    post(std::move(events), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson, order);
+void HTTPSPostBackend::postBatch(Records batch, Answer* prettyJson, Order order) {
+    if (batch.records.empty()) return;
+    addUserInfo(batch.records);
+    post(std::move(batch), MessageFlag{0}, std::nullopt, std::nullopt, prettyJson, order);
 }
 
-void HTTPSPostBackend::addUserInfo(Array& events) const {
+void HTTPSPostBackend::addUserInfo(Array& records) const {
     Dictionary userInfo = userInfoDict() != nullptr ? *userInfoDict() : Dictionary();
     _filters.filterEvent(userInfo);
     if (userInfo.empty()) return;
     // One key stands for all: a record that has it was made with the user info.
     const std::string& tested = userInfo.begin()->key;
-    for (Value& event : events) {
-        Dictionary& record = *event.dictionary();
+    for (Value& each : records) {
+        Dictionary& record = *each.dictionary();
         if (record.contains(tested)) continue;
         record.merge(userInfo);
     }
@@ -156,9 +158,9 @@ void HTTPSPostBackend::setCorrelatedSessionID(const std::string& combinedSession
     _batch.setSessionID(combinedSessionID);
 }
 
-void HTTPSPostBackend::post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
+void HTTPSPostBackend::post(Records records, MessageFlag flag, std::optional<std::uint16_t> method,
                             std::optional<std::uint16_t> responseCode, Answer* prettyJson, Order order) {
-    std::optional<Message> message = createMessageForPostAndLogging(std::move(events), prettyJson);
+    std::optional<Message> message = createMessageForPostAndLogging(std::move(records), prettyJson);
     if (message) postJSONMessage(*std::move(message), flag, method, responseCode, order);
 }
 

@@ -1,5 +1,6 @@
 #include "backends/EventLedger.h"
 
+#include "backends/ReasonTexts.h"
 #include "backends/SessionLedger.h"
 
 #include <algorithm>
@@ -73,30 +74,80 @@ EventLedger::~EventLedger() {
     if (_session != nullptr) _session->ledgerEnds(*this);
 }
 
-void EventLedger::join(std::shared_ptr<SessionLedger> session) {
+void EventLedger::join(std::shared_ptr<SessionLedger> session, std::string backend) {
     _session = std::move(session);
+    _backend = std::move(backend);
     _session->ledgerJoins(*this);
 }
 
-void EventLedger::drop(DropReason reason, std::uint64_t events) {
-    _inHand.subtract(events);
-    _dropped[indexOf(reason)].add(events);
+EventGroup EventLedger::current() const {
+    if (_current.number == 0) return {};
+    return {.category = _current.category, .type = _current.type, .numbers = {_current.number}};
 }
 
-void EventLedger::handOver(std::uint64_t events) {
-    _inHand.subtract(events);
-    _handedOver.add(events);
+void EventLedger::hold() {
+    _inHand.subtract(1);
+    _held.add(1);
+    if (_current.number == 0) return;
+    _heldNumbers.push_back(_current.number);
+    tell({.fate = "held", .held = _held.get()}, current());
 }
 
-void EventLedger::finish(Fate fate, std::uint64_t events) {
-    _handedOver.subtract(events);
+EventGroup EventLedger::take(std::uint64_t events) {
+    _held.subtract(events);
+    _inHand.add(events);
+    return {.count = events, .numbers = std::exchange(_heldNumbers, {})};
+}
+
+void EventLedger::drop(DropReason reason, const EventGroup& events) {
+    _inHand.subtract(events.count);
+    _dropped[indexOf(reason)].add(events.count);
+    tellDrop(reason, events);
+}
+
+void EventLedger::handOver(EventGroup& events) {
+    _inHand.subtract(events.count);
+    _handedOver.add(events.count);
+    if (isWatched()) events.handedOver = std::chrono::steady_clock::now();
+}
+
+void EventLedger::finish(Fate fate, const EventGroup& events, const PostAnswer& answer) {
+    _handedOver.subtract(events.count);
     SharedCount& count = fate == Fate::Posted ? _posted : fate == Fate::Refused ? _refused : _failed;
-    count.add(events);
+    count.add(events.count);
+    if (!isWatched()) return;
+    EventNews news{.fate = keyOf(fate), .status = answer.status};
+    if (fate == Fate::Failed) {
+        news.reason = "noAnswer";
+        news.reasonText = answer.error.empty() ? "no answer came" : answer.error;
+    }
+    tell(std::move(news), events);
 }
 
-void EventLedger::dropHandedOver(DropReason reason, std::uint64_t events) {
-    _handedOver.subtract(events);
-    _dropped[indexOf(reason)].add(events);
+void EventLedger::dropHandedOver(DropReason reason, const EventGroup& events) {
+    _handedOver.subtract(events.count);
+    _dropped[indexOf(reason)].add(events.count);
+    tellDrop(reason, events);
+}
+
+void EventLedger::tellDrop(DropReason reason, const EventGroup& events) const {
+    if (isWatched())
+        tell({.fate = "dropped", .reason = keyOf(reason), .reasonText = std::string(textOf(reason))}, events);
+}
+
+void EventLedger::tell(EventNews news, const EventGroup& events) const {
+    using std::chrono::milliseconds;
+    if (_session == nullptr || events.count == 0) return;
+    news.count = events.count;
+    news.numbers = events.numbers;
+    news.category = events.category;
+    news.type = events.type;
+    if (events.handedOver)
+        news.milliseconds =
+            std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - *events.handedOver)
+                .count();
+    news.backend = _backend;
+    _session->tell(std::move(news));
 }
 
 void EventLedger::countPost(int status) {
@@ -125,11 +176,12 @@ EventTotals EventLedger::read() const {
 }
 
 void EventLedger::finishAll() {
-    _dropped[indexOf(DropReason::SessionEnded)].add(_held.get());
-    _held.subtract(_held.get());
-    _dropped[indexOf(DropReason::CutOff)].add(_inHand.get() + _handedOver.get());
-    _inHand.subtract(_inHand.get());
-    _handedOver.subtract(_handedOver.get());
+    const std::uint64_t held = _held.get();
+    if (held > 0) drop(DropReason::SessionEnded, take(held));
+    const std::uint64_t handedOver = _handedOver.get();
+    if (handedOver > 0) dropHandedOver(DropReason::CutOff, {.count = handedOver});
+    const std::uint64_t inHand = _inHand.get();
+    if (inHand > 0) drop(DropReason::CutOff, {.count = inHand});
 }
 
 }  // namespace quorvane

@@ -1,12 +1,17 @@
 #pragma once
 
 #include "backends/BackendState.h"
+#include "backends/EventMonitor.h"
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace quorvane {
 
@@ -85,8 +90,25 @@ class SharedCount {
     std::atomic<std::uint64_t> _number{0};
 };
 
+/// One event of a backend, or several that go together.
+struct EventGroup {
+    std::uint64_t count = 1;
+    /// Of a single one, and only while somebody watches; so are the numbers and the time.
+    std::optional<std::uint16_t> category = {};
+    std::optional<std::uint16_t> type = {};
+    std::vector<std::uint64_t> numbers = {};  ///< 1 is the backend's first event
+    std::optional<std::chrono::steady_clock::time_point> handedOver = {};
+};
+
+/// How a post went, for those who watch.
+struct PostAnswer {
+    int status = 0;          ///< 0 without an answer
+    std::string error = {};  ///< what came instead
+};
+
 /// Keeps count of one backend's events, from their acceptance to their end: an event is first in hand, then
-/// held or handed over, or its fate is known. What is still on its way when the ledger ends is dropped.
+/// held or handed over, or its fate is known. What is still on its way when the ledger ends is dropped. Tells
+/// those who watch of each fate.
 class EventLedger {
   public:
     enum class Fate { Posted, Refused, Failed };
@@ -97,31 +119,28 @@ class EventLedger {
     EventLedger& operator=(const EventLedger&) = delete;
 
     /// Makes it count in the session's ledger from now on. Once, before anything is counted.
-    void join(std::shared_ptr<SessionLedger> session);
-    const std::shared_ptr<SessionLedger>& session() const { return _session; }
+    ///   backend  as those who watch know it
+    void join(std::shared_ptr<SessionLedger> session, std::string backend = "");
 
     // The thread that feeds the backend.
-    /// The event's number, 1 for the backend's first.
-    std::uint64_t accept() {
+    /// Of the events in hand, the one accepted is the current one.
+    void accept(std::uint16_t category, std::uint16_t type) {
         _accepted.add(1);
         _inHand.add(1);
-        return _accepted.get();
+        _current = {category, type, EventMonitor::isWatched() ? _accepted.get() : 0};
     }
-    void hold() {
-        _inHand.subtract(1);
-        _held.add(1);
-    }
-    /// Of what is held.
-    void take(std::uint64_t events) {
-        _held.subtract(events);
-        _inHand.add(events);
-    }
-    void drop(DropReason reason, std::uint64_t events = 1);
-    void handOver(std::uint64_t events);
+    EventGroup current() const;
+    /// The current one.
+    void hold();
+    /// All that is held, which are so many.
+    EventGroup take(std::uint64_t events);
+    void drop(DropReason reason) { drop(reason, current()); }
+    void drop(DropReason reason, const EventGroup& events);
+    void handOver(EventGroup& events);
 
     // Any thread, of what was handed over.
-    void finish(Fate fate, std::uint64_t events);
-    void dropHandedOver(DropReason reason, std::uint64_t events);
+    void finish(Fate fate, const EventGroup& events, const PostAnswer& answer = {});
+    void dropHandedOver(DropReason reason, const EventGroup& events);
     /// 0 for a post without an answer.
     void countPost(int status);
 
@@ -131,10 +150,22 @@ class EventLedger {
     EventTotals totals() const;
 
   private:
+    struct Current {
+        std::uint16_t category = 0;
+        std::uint16_t type = 0;
+        std::uint64_t number = 0;  ///< 0 when nobody watched its acceptance
+    };
+
     EventTotals read() const;
     void finishAll();
+    bool isWatched() const { return _session != nullptr && EventMonitor::isWatched(); }
+    void tell(EventNews news, const EventGroup& events) const;
+    void tellDrop(DropReason reason, const EventGroup& events) const;
 
     std::shared_ptr<SessionLedger> _session;
+    std::string _backend;
+    Current _current;
+    std::vector<std::uint64_t> _heldNumbers;
     OwnCount _accepted, _inHand, _held;
     SharedCount _handedOver, _posted, _refused, _failed;
     std::array<SharedCount, kDropReasons> _dropped;

@@ -95,6 +95,12 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     bool tellsIdentifier() const { return _extrasOnInternal != 0 && isInternal(); }
     std::optional<Dictionary> sessionStopPayload(const Dictionary* payload) const;
 
+    /// Records that go together, and which events they are of.
+    struct Records {
+        Array records;
+        EventGroup events;
+    };
+
     // Sending, holding and flushing: EventBatching.cpp.
     bool awaitsUserInfo() const { return requireUserInfo() && userInfoDict() == nullptr; }
     bool mayFlush() const { return state() == BackendState::Enabled && !awaitsUserInfo(); }
@@ -102,20 +108,21 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     bool hold(Dictionary& event, std::int64_t method, std::int32_t count);
     void postOrDrop(Dictionary event);
     void dropEvent();
-    Array takeBatch();
+    Records alone(Dictionary event) const;
+    Records takeBatch();
     bool beginPost();
     bool compressStep();
-    void addUserInfo(Array& events) const;
+    void addUserInfo(Array& records) const;
     /// These write the posted text where it is asked for: it costs as much as the message itself.
     void flush(Answer* prettyJson, Order order = Order::Started);
-    void postBatch(Array events, Answer* prettyJson, Order order = Order::Started);
-    void post(Array events, MessageFlag flag, std::optional<std::uint16_t> method,
+    void postBatch(Records batch, Answer* prettyJson, Order order = Order::Started);
+    void post(Records records, MessageFlag flag, std::optional<std::uint16_t> method,
               std::optional<std::uint16_t> responseCode, Answer* prettyJson, Order order = Order::Started);
 
     // Messages and posts: JSONPosting.cpp.
     struct Message {
         Data json;
-        std::size_t events;
+        EventGroup events;
     };
 
     /// A message of which a part is compressed.
@@ -125,7 +132,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
         GzipDeflater deflater;
         std::size_t compressed = 0;
     };
-    std::optional<Message> createMessageForPostAndLogging(Array events, OptionalString* prettyJsonString);
+    std::optional<Message> createMessageForPostAndLogging(Records records, OptionalString* prettyJsonString);
     OptionalString clientID() const;
     std::vector<platform::HttpHeader> postHeaders(std::optional<std::uint16_t> method,
                                                   std::optional<std::uint16_t> responseCode) const;
@@ -134,8 +141,8 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     /// Posts the message or its compressed form, whichever is shorter.
     void postBody(Message message, Data compressed, const std::string& url,
                   std::vector<platform::HttpHeader> headers, Order order);
-    void postCompleted(const std::string& name, const platform::HttpResult& result, std::size_t events);
-    void noteFate(const platform::HttpResult& result, std::size_t events);
+    void postCompleted(const std::string& name, const platform::HttpResult& result, const EventGroup& events);
+    void noteFate(const platform::HttpResult& result, const EventGroup& events);
 
     PostTargets _targets = PostTargets::ofUserDefaults();
     EventFilters _filters;
@@ -150,7 +157,7 @@ class HTTPSPostBackend final : public QuorvaneBackend, public std::enable_shared
     RecordTemplate _template;
     std::uint32_t _templateRevision = 0;  ///< of the facts that it was made from
     EventBatch _batch;
-    Array _completed;  ///< a batch that continueSending() posts
+    Records _completed;  ///< a batch that continueSending() posts
     std::optional<UnfinishedPost> _unfinished;
 };
 

@@ -30,18 +30,18 @@ std::string headerSafe(std::string text) {
 }  // namespace
 
 std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::createMessageForPostAndLogging(
-    Array events, OptionalString* prettyJsonString) {
+    Records records, OptionalString* prettyJsonString) {
     const double postTime = finiteOrMinusOne(secondsFromTimeValue(platform::timeOfDay()));
-    for (Value& event : events) removeUnserialisable(*event.dictionary());
-    std::size_t count = events.size();
+    for (Value& record : records.records) removeUnserialisable(*record.dictionary());
+    EventGroup& events = records.events;
 
     Dictionary envelope;
     // Receivers know a message without "clientId": it has no events either.
     if (OptionalString client = clientID()) {
         envelope.set("clientId", *std::move(client));
-        envelope.set("events", std::move(events));
+        envelope.set("events", std::move(records.records));
     } else {
-        ledger().drop(DropReason::NoIdentifier, std::exchange(count, 0));
+        ledger().drop(DropReason::NoIdentifier, std::exchange(events, {.count = 0}));
     }
     envelope.set("postTime", postTime);
 
@@ -50,12 +50,12 @@ std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::createMessageForPostA
     if (!json) {
         platform::logError(
             "HTTPSPostBackend(createMessageForPostAndLogging): Dropping {} events, one of which holds a number that is not finite or a text that is not UTF-8",
-            count);
-        ledger().drop(DropReason::NotSerialisable, count);
+            events.count);
+        ledger().drop(DropReason::NotSerialisable, events);
     }
     if (prettyJsonString != nullptr && _dnuType == DnuType::None && _dnuEnabled)
         *prettyJsonString = platform::prettyJson(message);
-    return json ? std::optional(Message{*std::move(json), count}) : std::nullopt;
+    return json ? std::optional(Message{*std::move(json), std::move(events)}) : std::nullopt;
 }
 
 QuorvaneBackend::OptionalString HTTPSPostBackend::clientID() const {
@@ -102,7 +102,7 @@ void HTTPSPostBackend::postBody(Message message, Data compressed, const std::str
     ledger().handOver(message.events);
     platform::startDataTask(
         std::move(request),
-        [self = shared_from_this(), name = name(), events = message.events](
+        [self = shared_from_this(), name = name(), events = std::move(message.events)](
             const platform::HttpResult& result) { self->postCompleted(name, result, events); });
 }
 
@@ -127,7 +127,7 @@ std::vector<platform::HttpHeader> HTTPSPostBackend::postHeaders(
 
 /// On the HTTP session's thread: touches nothing but the state and the ledger.
 void HTTPSPostBackend::postCompleted(const std::string& name, const platform::HttpResult& result,
-                                     std::size_t events) {
+                                     const EventGroup& events) {
     noteFate(result, events);
     if (result.error && !result.wasDropped)
         platform::logError("HTTPSPostBackend(postJsonMessage): post error: {}", *result.error);
@@ -137,13 +137,16 @@ void HTTPSPostBackend::postCompleted(const std::string& name, const platform::Ht
     setState(BackendState::Disabled, ReportingReason::StoppedByServer);
 }
 
-void HTTPSPostBackend::noteFate(const platform::HttpResult& result, std::size_t events) {
+void HTTPSPostBackend::noteFate(const platform::HttpResult& result, const EventGroup& events) {
     using Fate = EventLedger::Fate;
     if (result.wasDropped) return ledger().dropHandedOver(DropReason::ServerTooSlow, events);
     const int status = result.error ? 0 : result.response.statusCode;
     ledger().countPost(status);
     const bool isTaken = status >= 200 && status <= 299;
-    ledger().finish(status == 0 ? Fate::Failed : isTaken ? Fate::Posted : Fate::Refused, events);
+    ledger().finish(status == 0 ? Fate::Failed
+                    : isTaken   ? Fate::Posted
+                                : Fate::Refused,
+                    events, {.status = status, .error = result.error.value_or("")});
 }
 
 }  // namespace quorvane

@@ -30,9 +30,10 @@ QuorvaneBackend::Answer JoularyBackend::sendMessage(const Dictionary* message, T
     event.set("respCode", std::uint32_t{respCode});
     event.set("event", static_cast<std::uint32_t>(eventID));
     platform::writeRegisteredEvent(kPowerLogAgent, kPowerLogEvent, event);
-    ledger().accept();
-    ledger().handOver(1);
-    ledger().finish(EventLedger::Fate::Posted, 1);
+    ledger().accept(method, respCode);
+    EventGroup handed = ledger().current();
+    ledger().handOver(handed);
+    ledger().finish(EventLedger::Fate::Posted, handed);
     return std::nullopt;
 }
 

@@ -75,8 +75,9 @@ QuorvaneBackend::Answer OsselBackend::sendMessage(const Dictionary* message, Tim
         return std::nullopt;
     }
     _osselAdaptor->invoke(*operation, method, respCode, *bytes);
-    ledger().handOver(1);
-    ledger().finish(EventLedger::Fate::Posted, 1);
+    EventGroup event = ledger().current();
+    ledger().handOver(event);
+    ledger().finish(EventLedger::Fate::Posted, event);
     return std::nullopt;
 }
 

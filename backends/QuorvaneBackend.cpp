@@ -45,7 +45,7 @@ std::string QuorvaneBackend::convertIntoSHA256(std::string_view text) {
 QuorvaneBackend::Answer QuorvaneBackend::sendMessage(const Dictionary* message, TimeValue timestamp,
                                                      std::uint16_t method, std::uint16_t respCode,
                                                      MessageFlag flag) {
-    _ledger.accept();
+    _ledger.accept(method, respCode);
     ++_eventID;
     return sendMessage(message, timestamp, method, respCode, EventID{_eventID}, flag);
 }

@@ -59,6 +59,15 @@ constexpr std::array<Words, kDropReasons> kDropReasonWords{{
     {"noAdaptor", "the adaptor cannot be reached"},
 }};
 
+constexpr std::array<std::string_view, 3> kFates{"posted", "refused", "failed"};
+
+constexpr std::array<Words, 4> kUnservedReasons{{
+    {"notStarted", "the session is not started"},
+    {"noStorebag", "there is no storebag for the session's client type"},
+    {"noBackends", "the storebag has no backends for the session"},
+    {"incomplete", "it lacks its category, its type or what identifies its session"},
+}};
+
 template <typename Table, typename Reason>
 const auto& entryOf(const Table& table, Reason reason) {
     const auto at = static_cast<std::size_t>(reason);
@@ -70,6 +79,10 @@ const auto& entryOf(const Table& table, Reason reason) {
 
 std::string_view keyOf(BackendState state) {
     return entryOf(kStates, state);
+}
+
+std::string_view keyOf(EventLedger::Fate fate) {
+    return entryOf(kFates, fate);
 }
 
 std::string_view keyOf(ReportingReason reason) {
@@ -86,6 +99,14 @@ std::string_view keyOf(DropReason reason) {
 
 std::string_view textOf(DropReason reason) {
     return entryOf(kDropReasonWords, reason).text;
+}
+
+std::string_view keyOf(UnservedReason reason) {
+    return entryOf(kUnservedReasons, reason).key;
+}
+
+std::string_view textOf(UnservedReason reason) {
+    return entryOf(kUnservedReasons, reason).text;
 }
 
 }  // namespace quorvane

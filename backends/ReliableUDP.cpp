@@ -53,7 +53,7 @@ bool DashboardBackend::send(const Data& datagram) const {
 
 void DashboardBackend::tryToSendMsg(Data message, std::uint16_t eventNumber) {
     const bool sent = send(message);
-    if (sent && !_reliableUDP) return ledger().finish(EventLedger::Fate::Posted, 1);
+    if (sent && !_reliableUDP) return ledger().finish(EventLedger::Fate::Posted, {});
     UDPPacketToSend packet;
     packet.state = sent ? UDPPacketToSend::State::AwaitsAcknowledgement : UDPPacketToSend::State::NotSent;
     packet.eventNumber = eventNumber;
@@ -68,7 +68,7 @@ void DashboardBackend::tryToSendMsg(Data message, std::uint16_t eventNumber) {
 
 void DashboardBackend::giveUp() {
     ++_givenUp;
-    ledger().finish(EventLedger::Fate::Failed, 1);
+    ledger().finish(EventLedger::Fate::Failed, {});
 }
 
 void DashboardBackend::processSocketRead() {
@@ -82,7 +82,7 @@ void DashboardBackend::processSocketRead() {
                      [=](const UDPPacketToSend& packet) { return packet.eventNumber == eventNumber; });
     if (acknowledged == _messageQueue.end()) return;
     _messageQueue.erase(acknowledged);
-    ledger().finish(EventLedger::Fate::Posted, 1);
+    ledger().finish(EventLedger::Fate::Posted, {});
 }
 
 void DashboardBackend::myPeriodicTask() {
@@ -95,7 +95,7 @@ bool DashboardBackend::isStillWaiting(UDPPacketToSend& packet) {
     if (packet.state == UDPPacketToSend::State::AwaitsAcknowledgement) return retransmit(packet);
     if (!send(packet.data)) return true;
     packet.state = UDPPacketToSend::State::AwaitsAcknowledgement;
-    if (!_reliableUDP) ledger().finish(EventLedger::Fate::Posted, 1);
+    if (!_reliableUDP) ledger().finish(EventLedger::Fate::Posted, {});
     return _reliableUDP;
 }
 

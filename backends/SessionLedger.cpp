@@ -1,6 +1,9 @@
 #include "backends/SessionLedger.h"
 
+#include "backends/ReasonTexts.h"
+
 #include <set>
+#include <utility>
 
 namespace quorvane {
 
@@ -42,6 +45,30 @@ SessionLedger::~SessionLedger() {
     const MutexLock lock(allSessions().mutex);
     allSessions().living.erase(this);
     allSessions().ended += totals();
+}
+
+void SessionLedger::dropUnserved(UnservedReason reason, std::optional<std::uint16_t> category,
+                                 std::optional<std::uint16_t> type) {
+    (reason == UnservedReason::Incomplete ? incomplete : unserved).add(1);
+    if (!EventMonitor::isWatched()) return;
+    tell({.fate = "dropped",
+          .category = category,
+          .type = type,
+          .reason = keyOf(reason),
+          .reasonText = std::string(textOf(reason))});
+}
+
+void SessionLedger::tell(EventNews news) const {
+    if (!EventMonitor::watches(_user)) return;
+    news.user = _user;
+    news.process = _process;
+    news.time = platform::timeOfDay();
+    if (const auto who = identity.load()) {
+        news.sessionID = who->sessionID;
+        news.clientName = who->clientName;
+        news.serviceName = who->serviceName;
+    }
+    EventMonitor::tell(std::move(news));
 }
 
 SessionTotals SessionLedger::totals() const {

@@ -16,11 +16,14 @@
 
 namespace quorvane {
 
+/// Why an event reaches no backend.
+enum class UnservedReason : std::uint8_t { NotStarted, NoStorebag, NoBackends, Incomplete };
+
 /// What is counted of one session, or of many.
 struct SessionTotals {
     EventTotals events;            ///< Of all backends: an event counts once with each of them.
     std::uint64_t unserved = 0;    ///< Events of sessions that had no backends, or none for events.
-    std::uint64_t incomplete = 0;  ///< Messages without category or type.
+    std::uint64_t incomplete = 0;  ///< Messages without category or type, or without a session's identifiers.
     std::uint64_t relayed = 0;     ///< Events handed to an aggregating client.
     std::uint64_t uploads = 0;
     std::uint64_t failedUploads = 0;
@@ -53,6 +56,12 @@ class SessionLedger {
     platform::Snapshot<Identity> identity;
 
     OwnCount unserved, incomplete, relayed, uploads, failedUploads;
+
+    /// Counts an event that no backend gets, and tells those who watch. The session's thread.
+    void dropUnserved(UnservedReason reason, std::optional<std::uint16_t> category,
+                      std::optional<std::uint16_t> type);
+    /// Tells those who watch what became of events of the session. Any thread.
+    void tell(EventNews news) const;
 
     SessionTotals totals() const;
     /// Of the process; with a user, of his sessions that are there.

@@ -7,10 +7,10 @@
 #include "platform/base/UniqueDescriptor.h"
 #include "platform/bus/BusMessage.h"
 #include "platform/bus/BusValue.h"
+#include "service/ServeCall.h"
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -23,17 +23,8 @@ namespace quorvane {
 
 namespace {
 
-/// About what a message takes beside its contents.
-constexpr std::size_t kMessageBytes = 128;
-
 /// Largest session info, user info, and framework names: they stay for the session's life.
 constexpr std::size_t kMaximumKeptBytes = 64u << 10;
-
-constexpr const char* kNotServed = "The call could not be served";
-
-void logFailure(const char* member, const std::exception& thrown) {
-    platform::logError("serve: {} failed: {}", member, thrown.what());
-}
 
 const Dictionary* orNone(const std::optional<Dictionary>& dictionary) {
     return dictionary ? &*dictionary : nullptr;
@@ -77,30 +68,8 @@ ClientSessionEndpoint::~ClientSessionEndpoint() {
     platform::revokeSandboxExtensions(_extensionOwner);
 }
 
-/// sd-bus calls this from C, so no exception may leave it. It reads 0 as "not handled", goes on to the next
-/// handler and in the end answers UnknownMethod itself; 1 says that the call is done with.
-template <int (ClientSessionEndpoint::*method)(sd_bus_message*)>
-int ClientSessionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept {
-    try {
-        const int result = (static_cast<ClientSessionEndpoint*>(endpoint)->*method)(call);
-        if (result >= 0) return 1;
-        if (result == -EMSGSIZE)
-            return ::sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                      "Session info, user info and framework names may have 64 KiB each");
-        if (result == -ENOBUFS)
-            return ::sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                      "Too much is held for the client's user already");
-        return ::sd_bus_error_setf(error, SD_BUS_ERROR_INVALID_ARGS, "The arguments cannot be read (%s)",
-                                   std::strerror(-result));
-    } catch (const std::exception& thrown) {
-        logFailure(::sd_bus_message_get_member(call), thrown);
-        return ::sd_bus_error_set(error, SD_BUS_ERROR_FAILED, kNotServed);
-    }
-}
-
-#define METHOD(name, in, inNames, out, outNames, method)                                    \
-    SD_BUS_METHOD_WITH_NAMES(name, in, inNames, out, outNames,                              \
-                             &ClientSessionEndpoint::serve<&ClientSessionEndpoint::method>, \
+#define METHOD(name, in, inNames, out, outNames, method)                                                   \
+    SD_BUS_METHOD_WITH_NAMES(name, in, inNames, out, outNames, &serveCall<&ClientSessionEndpoint::method>, \
                              SD_BUS_VTABLE_UNPRIVILEGED)
 #define P(name) SD_BUS_PARAM(name)
 
@@ -154,7 +123,7 @@ int ClientSessionEndpoint::setSessionInfo(sd_bus_message* call) {
     if (result < 0) return result;
     _session->setSessionInfo(std::move(sessionInfo), std::move(userInfo), std::move(frameworks),
                              aggregates != 0);
-    answerNothing(call);
+    answerNothing(_connection, call);
     return 0;
 }
 
@@ -205,7 +174,7 @@ void ClientSessionEndpoint::sendPlainMessage(const platform::BusCall& call,
         _session->sendMessageWithDictionary(message,
                                             [&](const Answer& text) { answerPlainMessage(call, text); });
     } catch (const std::exception& thrown) {
-        logFailure("SendMessageWithDictionary", thrown);
+        logThrown("SendMessageWithDictionary", thrown);
         if (!call.expectsReply) return;
         if (const platform::BusMessage whole = _connection.messageOf(call))
             ::sd_bus_reply_method_errorf(whole.get(), SD_BUS_ERROR_FAILED, "%s", kNotServed);
@@ -233,7 +202,7 @@ int ClientSessionEndpoint::sendMessages(sd_bus_message* call) {
             firstFailure = fmt::format("event {}: {}", accepted, events.failure());
         }
     }
-    answer(call, 0, [&](sd_bus_message* reply) {
+    answerCall(_connection, call, 0, [&](sd_bus_message* reply) {
         const int result = ::sd_bus_message_append(reply, "u", accepted);
         return result < 0 ? result
                           : platform::appendOptionalString(reply, firstFailure ? &*firstFailure : nullptr);
@@ -254,8 +223,8 @@ int ClientSessionEndpoint::uploadFileAtPath(sd_bus_message* call) {
     std::string token = named;
     if (!platform::ownsSandboxExtension(_extensionOwner, token)) token.clear();
     _session->uploadFileAtPath(fileURL, token, [&](bool success) {
-        answer(call, 0,
-               [=](sd_bus_message* reply) { return ::sd_bus_message_append(reply, "b", int{success}); });
+        answerCall(_connection, call, 0,
+                   [=](sd_bus_message* reply) { return ::sd_bus_message_append(reply, "b", int{success}); });
     });
     // One that no backend asked for is used up all the same, or it would count as outstanding for good.
     platform::SandboxExtension::consume(token, {});
@@ -266,7 +235,7 @@ int ClientSessionEndpoint::uploadLogData(sd_bus_message* call) {
     Array logData;
     if (const int result = platform::readArray(call, logData); result < 0) return result;
     _session->uploadLogData(logData, [&](bool success, const Answer& error) {
-        answer(call, error ? error->size() : 0, [&](sd_bus_message* reply) {
+        answerCall(_connection, call, error ? error->size() : 0, [&](sd_bus_message* reply) {
             const int result = ::sd_bus_message_append(reply, "b", int{success});
             return result < 0 ? result : platform::appendOptionalString(reply, error ? &*error : nullptr);
         });
@@ -336,33 +305,13 @@ int ClientSessionEndpoint::keepFrameworks(const std::vector<std::string>& framew
 
 // The answers.
 
-template <typename Append>
-void ClientSessionEndpoint::answer(sd_bus_message* call, std::size_t bytes, const Append& append) {
-    if (::sd_bus_message_get_expect_reply(call) <= 0) return;
-    sd_bus_message* raw = nullptr;
-    int result = ::sd_bus_message_new_method_return(call, &raw);
-    const platform::BusMessage reply(raw);
-    if (result >= 0) result = append(raw);
-    if (result >= 0) {
-        _connection.noteQueuedBytes(kMessageBytes + bytes);
-        ::sd_bus_send(nullptr, raw, nullptr);
-        return;
-    }
-    ::sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "The answer cannot be sent (%s)",
-                                 std::strerror(-result));
-}
-
-void ClientSessionEndpoint::answerNothing(sd_bus_message* call) {
-    answer(call, 0, [](sd_bus_message*) { return 0; });
-}
-
 void ClientSessionEndpoint::answerText(sd_bus_message* call, const std::string& text) {
-    answer(call, text.size(),
-           [&](sd_bus_message* reply) { return ::sd_bus_message_append(reply, "s", text.c_str()); });
+    answerCall(_connection, call, text.size(),
+               [&](sd_bus_message* reply) { return ::sd_bus_message_append(reply, "s", text.c_str()); });
 }
 
 void ClientSessionEndpoint::answerOptionalText(sd_bus_message* call, const Answer& text) {
-    answer(call, text ? text->size() : 0, [&](sd_bus_message* reply) {
+    answerCall(_connection, call, text ? text->size() : 0, [&](sd_bus_message* reply) {
         return platform::appendOptionalString(reply, text ? &*text : nullptr);
     });
 }
@@ -373,7 +322,7 @@ void ClientSessionEndpoint::answerPlainMessage(const platform::BusCall& call, co
 }
 
 void ClientSessionEndpoint::answerStates(sd_bus_message* call, const ReportingStates& states) {
-    answer(call, 0, [&](sd_bus_message* reply) {
+    answerCall(_connection, call, 0, [&](sd_bus_message* reply) {
         return platform::appendOptionalStrings(reply, states ? &*states : nullptr);
     });
 }

@@ -40,9 +40,6 @@ class ClientSessionEndpoint {
     static const sd_bus_vtable batchVtable[];
     static const sd_bus_vtable extensionVtable[];
 
-    template <int (ClientSessionEndpoint::*method)(sd_bus_message*)>
-    static int serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept;
-
     // One a method: a negative errno value for arguments that cannot be read.
     int setSessionInfo(sd_bus_message* call);
     int startConfig(sd_bus_message* call);
@@ -66,9 +63,6 @@ class ClientSessionEndpoint {
     int keepUserInfo(const std::optional<Dictionary>& userInfo);
     int keepFrameworks(const std::vector<std::string>& frameworks);
 
-    template <typename Append>
-    void answer(sd_bus_message* call, std::size_t bytes, const Append& append);
-    void answerNothing(sd_bus_message* call);
     void answerText(sd_bus_message* call, const std::string& text);
     void answerOptionalText(sd_bus_message* call, const Answer& text);
     void answerPlainMessage(const platform::BusCall& call, const Answer& text);

@@ -170,6 +170,27 @@ Dictionary sessionAnswer(const SessionView& session, const std::vector<StorebagS
     return answer;
 }
 
+Dictionary eventAnswer(const EventNews& news) {
+    Dictionary answer{{"time", dateOf(news.time)},
+                      {"user", std::uint64_t{news.user}},
+                      {"process", static_cast<std::int64_t>(news.process)},
+                      {"fate", news.fate},
+                      {"count", news.count}};
+    if (news.sessionID) answer.set("sessionID", std::uint64_t{*news.sessionID});
+    setIfPresent(answer, "clientName", news.clientName);
+    setIfPresent(answer, "serviceName", news.serviceName);
+    if (!news.backend.empty()) answer.set("backend", news.backend);
+    if (!news.numbers.empty()) answer.set("numbers", Array(news.numbers.begin(), news.numbers.end()));
+    if (news.category) answer.set("category", std::int64_t{*news.category});
+    if (news.type) answer.set("type", std::int64_t{*news.type});
+    if (!news.reason.empty()) answer.set("reason", news.reason);
+    if (!news.reasonText.empty()) answer.set("reasonText", shortened(news.reasonText));
+    if (news.status != 0) answer.set("status", std::int64_t{news.status});
+    if (news.milliseconds) answer.set("milliseconds", *news.milliseconds);
+    if (news.held) answer.set("held", *news.held);
+    return answer;
+}
+
 Dictionary storebagAnswer(const StorebagStatus& storebag) {
     const FetchAttempt& attempt = storebag.attempt;
     Dictionary answer{{"name", storebag.name},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "backends/EventMonitor.h"
 #include "platform/value/Value.h"
 #include "session/SessionView.h"
 #include "storebag/StorebagStatus.h"
@@ -18,6 +19,9 @@ Dictionary statisticsAnswer(std::optional<uid_t> user);
 
 /// What there is to tell of the session. Texts of its client are cut at some length.
 Dictionary sessionAnswer(const SessionView& session, const std::vector<StorebagStatus>& storebags);
+
+/// What a monitor is told of events.
+Dictionary eventAnswer(const EventNews& news);
 
 Dictionary storebagAnswer(const StorebagStatus& storebag);
 

@@ -4,12 +4,12 @@
 #include "platform/base/Log.h"
 #include "platform/bus/BusMessage.h"
 #include "platform/bus/BusValue.h"
+#include "service/EventSignals.h"
 #include "service/InspectionAnswers.h"
+#include "service/ServeCall.h"
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
-#include <exception>
 #include <utility>
 
 namespace quorvane {
@@ -21,36 +21,22 @@ void InspectionEndpoint::exportInspection(platform::BusConnection& connection, I
                            connection.description());
 }
 
-/// sd-bus calls this from C, so no exception may leave it; 1 says that the call is done with.
-template <int (InspectionEndpoint::*method)(sd_bus_message*)>
-int InspectionEndpoint::serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept {
-    try {
-        const int result = (static_cast<InspectionEndpoint*>(endpoint)->*method)(call);
-        if (result >= 0) return 1;
-        if (result == -ENOBUFS)
-            return ::sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                      "Too much is held for the client's user already");
-        return ::sd_bus_error_setf(error, SD_BUS_ERROR_FAILED, "The answer cannot be sent (%s)",
-                                   std::strerror(-result));
-    } catch (const std::exception& thrown) {
-        platform::logError("serve: {} failed: {}", ::sd_bus_message_get_member(call), thrown.what());
-        return ::sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "The call could not be served");
-    }
-}
-
-#define METHOD(name, out, outName, method)                                            \
-    SD_BUS_METHOD_WITH_NAMES(name, "", , out, outName,                                \
-                             &InspectionEndpoint::serve<&InspectionEndpoint::method>, \
+#define METHOD(name, in, inName, out, outName, method)                                                \
+    SD_BUS_METHOD_WITH_NAMES(name, in, inName, out, outName, &serveCall<&InspectionEndpoint::method>, \
                              SD_BUS_VTABLE_UNPRIVILEGED)
+#define P(name) SD_BUS_PARAM(name)
 
 const sd_bus_vtable InspectionEndpoint::vtable[] = {
     SD_BUS_VTABLE_START(0),
-    METHOD("GetStatistics", "a{sv}", SD_BUS_PARAM(statistics), getStatistics),
-    METHOD("GetSessions", "aa{sv}", SD_BUS_PARAM(sessions), getSessions),
-    METHOD("GetStorebags", "aa{sv}", SD_BUS_PARAM(storebags), getStorebags),
+    METHOD("GetStatistics", "", , "a{sv}", P(statistics), getStatistics),
+    METHOD("GetSessions", "", , "aa{sv}", P(sessions), getSessions),
+    METHOD("GetStorebags", "", , "aa{sv}", P(storebags), getStorebags),
+    METHOD("Monitor", "a{sv}", P(filter), "", , monitor),
+    SD_BUS_SIGNAL_WITH_NAMES("Event", "a{sv}", P(event), 0),
     SD_BUS_VTABLE_END,
 };
 
+#undef P
 #undef METHOD
 
 std::optional<uid_t> InspectionEndpoint::onlyUser() const {
@@ -85,6 +71,25 @@ int InspectionEndpoint::getStorebags(sd_bus_message* call) {
     return answer(call, answers);
 }
 
+int InspectionEndpoint::monitor(sd_bus_message* call) {
+    using platform::UserAccount;
+    Dictionary asked;
+    if (const int result = platform::readDictionary(call, asked); result < 0) return result;
+    auto filter = monitorFilter(asked);
+    if (!filter)
+        return ::sd_bus_reply_method_errorf(call, SD_BUS_ERROR_INVALID_ARGS, "%s",
+                                            filter.error().message.c_str());
+    filter->user = onlyUser();
+    if (_monitor == nullptr) {
+        auto charge = _connection.account().charge(UserAccount::Slot::Watches, 1);
+        if (!charge) return -EUSERS;
+        _monitors = *std::move(charge);
+    }
+    _monitor = std::make_unique<EventMonitor>(*std::move(filter), eventSender(_connection));
+    answerNothing(_connection, call);
+    return 0;
+}
+
 int InspectionEndpoint::answer(sd_bus_message* call, const std::vector<Dictionary>& answers) {
     std::size_t bytes = 0;
     for (const Dictionary& dictionary : answers) bytes += heldBytes(dictionary);
@@ -98,19 +103,13 @@ int InspectionEndpoint::answer(sd_bus_message* call, const std::vector<Dictionar
 
 template <typename Append>
 int InspectionEndpoint::answer(sd_bus_message* call, std::size_t bytes, const Append& append) {
-    if (::sd_bus_message_get_expect_reply(call) <= 0) return 0;
     // The answer before it, if it is large, has been read: else this call would wait still.
     _answered = {};
     auto charge = _connection.account().charge(platform::UserAccount::Slot::Bytes, bytes);
     if (!charge) return -ENOBUFS;
     _answered = *std::move(charge);
-    sd_bus_message* raw = nullptr;
-    int result = ::sd_bus_message_new_method_return(call, &raw);
-    const platform::BusMessage reply(raw);
-    if (result >= 0) result = append(raw);
-    if (result < 0) return result;
-    _connection.noteQueuedBytes(bytes);
-    return ::sd_bus_send(nullptr, raw, nullptr);
+    answerCall(_connection, call, bytes, append);
+    return 0;
 }
 
 }  // namespace quorvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "backends/EventMonitor.h"
 #include "platform/base/UserAccount.h"
 #include "platform/bus/BusConnection.h"
 #include "service/InspectionSource.h"
@@ -30,13 +31,11 @@ class InspectionEndpoint {
 
     static const sd_bus_vtable vtable[];
 
-    template <int (InspectionEndpoint::*method)(sd_bus_message*)>
-    static int serve(sd_bus_message* call, void* endpoint, sd_bus_error* error) noexcept;
-
     // One a method: negative errno when the answer cannot be given.
     int getStatistics(sd_bus_message* call);
     int getSessions(sd_bus_message* call);
     int getStorebags(sd_bus_message* call);
+    int monitor(sd_bus_message* call);
 
     /// The user whose sessions the client may see alone; nothing when it may see all.
     std::optional<uid_t> onlyUser() const;
@@ -48,6 +47,8 @@ class InspectionEndpoint {
     InspectionSource& _source;
     platform::UserAccount::Charge
         _answered;  ///< For the last answer, which the client may not have read yet.
+    platform::UserAccount::Charge _monitors;
+    std::unique_ptr<EventMonitor> _monitor;
 };
 
 }  // namespace quorvane

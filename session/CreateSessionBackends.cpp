@@ -43,7 +43,7 @@ void QuorvanedSession::createBackendsWithStorebag(const std::shared_ptr<const Di
     const auto account = platform::UserAccount::of(user());
     if (backends)
         for (const auto& [name, backend] : *backends) {
-            backend->ledger().join(_ledger);
+            backend->ledger().join(_ledger, name);
             backend->setAccount(account);
             backend->setCombinedSessionIDString(_sessionIDString);
         }

@@ -5,6 +5,8 @@
 #include "util/Conversions.h"
 
 #include <algorithm>
+#include <optional>
+#include <string_view>
 
 namespace quorvane {
 
@@ -16,7 +18,7 @@ void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint
                                                const Dictionary* payload,
                                                const std::function<void(const Answer&)>& reply) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
-    noteIfUnserved();
+    if (!isServed()) _ledger->dropUnserved(_unserved, category, type);
     const Answer answer = sendMessageWithCategory(category, type, payload);
     if (reply) reply(answer);
 }
@@ -24,7 +26,7 @@ void QuorvanedSession::sendMessageWithCategory(std::uint16_t category, std::uint
 void QuorvanedSession::sendMessageWithDictionary(const Dictionary& message,
                                                  const std::function<void(const Answer&)>& reply) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
-    noteIfUnserved();
+    if (!isServed()) dropMessage(_unserved, message);
     const Answer answer = sendMessageWithDictionary(message);
     if (reply) reply(answer);
 }
@@ -33,7 +35,7 @@ void QuorvanedSession::sendEarlierMessage(std::uint16_t category, std::uint16_t 
                                           const Dictionary* payload, std::uint32_t flag,
                                           platform::TimeValue time) {
     logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
-    noteIfUnserved();
+    if (!isServed()) _ledger->dropUnserved(_unserved, category, type);
     if (hasBackendsToSend()) dispatch(category, type, payload, MessageFlag{flag}, time);
 }
 
@@ -56,13 +58,13 @@ Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
     const Value* category = message.find(kQuorvaneMessageParametersCategory);
     if (category == nullptr) {
         logDebug("sendMessageWithDictionary: Missing mandatory parameter 'category'");
-        _ledger->incomplete.add(1);
+        dropMessage(UnservedReason::Incomplete, message);
         return std::nullopt;
     }
     const Value* type = message.find(kQuorvaneMessageParametersType);
     if (type == nullptr) {
         logDebug("sendMessageWithDictionary: Missing mandatory parameter 'type'");
-        _ledger->incomplete.add(1);
+        dropMessage(UnservedReason::Incomplete, message);
         return std::nullopt;
     }
     const auto flag = static_cast<std::uint32_t>(message.unsignedInteger(kQuorvaneMessageParametersFlag));
@@ -72,10 +74,20 @@ Answer QuorvanedSession::sendMessageWithDictionary(const Dictionary& message) {
                     platform::timeOfDay());
 }
 
-/// Counts a client's event that no backend gets.
-void QuorvanedSession::noteIfUnserved() {
+/// Whether a client's event reaches any backend.
+bool QuorvanedSession::isServed() const {
     const auto& backends = _backends.own();
-    if (backends == nullptr || backends->empty()) _ledger->unserved.add(1);
+    return backends != nullptr && !backends->empty();
+}
+
+void QuorvanedSession::dropMessage(UnservedReason reason, const Dictionary& message) {
+    const auto number = [&](std::string_view key) {
+        const Value* value = message.find(key);
+        return value != nullptr ? std::optional(static_cast<std::uint16_t>(value->unsignedInteger()))
+                                : std::nullopt;
+    };
+    _ledger->dropUnserved(reason, number(kQuorvaneMessageParametersCategory),
+                          number(kQuorvaneMessageParametersType));
 }
 
 bool QuorvanedSession::hasBackendsToSend() const {

@@ -110,8 +110,10 @@ void QuorvanedSession::startConfigWithCompletionHandler(
     const std::function<void(const ReportingStates&)>& completionHandler) {
     logDebug("startConfigWithCompletionHandler: Starting configuration for session {}", sessionID());
     ReportingStates states;
+    _unserved = UnservedReason::NoStorebag;
     if (const auto storebag = _sessionDelegate.storebagForSession(*this)) {
         _storebagVersion = _sessionDelegate.storebagVersionForSession(*this);
+        _unserved = UnservedReason::NoBackends;
         publishIdentity();
         createBackendsWithStorebag(storebag);
         updateSessionWithDefaultSessionInfo();

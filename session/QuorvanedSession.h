@@ -116,7 +116,8 @@ class QuorvanedSession final : public ClientSessionInterface {
     // Dispatch: MessageDispatch.cpp.
     Answer sendMessageWithCategory(std::uint16_t category, std::uint16_t type, const Dictionary* payload);
     Answer sendMessageWithDictionary(const Dictionary& message);
-    void noteIfUnserved();
+    bool isServed() const;
+    void dropMessage(UnservedReason reason, const Dictionary& message);
     bool hasBackendsToSend() const;
     Answer dispatch(std::uint16_t category, std::uint16_t type, const Dictionary* payload, MessageFlag flag,
                     platform::TimeValue time);
@@ -142,6 +143,7 @@ class QuorvanedSession final : public ClientSessionInterface {
     QuorvanedSessionDelegate& _sessionDelegate;
     const std::string _sessionIDString;
     std::optional<std::string> _storebagVersion;
+    UnservedReason _unserved = UnservedReason::NotStarted;  ///< why, while there are no backends
     DeviceIdentifier _deviceid{};
     const std::shared_ptr<ClientSessionReplyInterface> _connection;
     const std::shared_ptr<SessionLedger> _ledger;

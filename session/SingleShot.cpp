@@ -17,6 +17,7 @@ void QuorvanedSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo,
     if (!sessionInfo.contains(kQuorvaneSessionInfoClientType) ||
         !sessionInfo.contains(kQuorvaneSessionInfoSessionID)) {
         logError("sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
+        _ledger->dropUnserved(UnservedReason::Incomplete, category, type);
         return;
     }
     const auto info = std::make_shared<const Dictionary>(sessionInfo);
@@ -31,7 +32,7 @@ void QuorvanedSession::sendMessageWithSessionInfo(const Dictionary& sessionInfo,
     if (storebag != nullptr)
         sendMessageWithSessionInfo(info, user, storebag, category, type, payload, _ledger);
     else
-        _ledger->unserved.add(1);
+        _ledger->dropUnserved(UnservedReason::NoStorebag, category, type);
     if (reply) reply(storebag != nullptr ? "finished" : "storebag not available");
 }
 
@@ -52,14 +53,14 @@ void QuorvanedSession::sendMessageWithSessionInfo(const std::shared_ptr<const Di
     const auto backends = createBackends(storebag, sessionInfo.get(), userInfo, deviceIdentifier.data());
     if (!backends || backends->empty()) {
         logError("sendMessageWithSessionInfo: No backends available to send single message");
-        if (ledger != nullptr) ledger->unserved.add(1);
+        if (ledger != nullptr) ledger->dropUnserved(UnservedReason::NoBackends, category, type);
         return;
     }
     if (userInfo != nullptr && !sessionInfo->boolean(kQuorvaneSessionInfoRequireUserInfo))
         platform::logWarning("sendMessageWithSessionInfo: user info provided without requiring it.");
 
     if (ledger != nullptr)
-        for (const auto& [name, backend] : *backends) backend->ledger().join(ledger);
+        for (const auto& [name, backend] : *backends) backend->ledger().join(ledger, name);
     const platform::TimeValue now = platform::timeOfDay();
     collectAnswers(*backends, "[{} -> sendMessageWithSessionInfo] {}", [&](QuorvaneBackend& backend) {
         backend.updateState();

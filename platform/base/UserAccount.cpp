@@ -15,7 +15,11 @@ struct Books {
     Mutex mutex;
     std::map<uid_t, std::weak_ptr<UserAccount>> accounts GUARDED_BY(mutex);
     std::array<UserAccount::Bounds, UserAccount::kSlots> bounds GUARDED_BY(mutex){
-        UserAccount::Bounds{4096, 8192}, {256u << 20, 512u << 20}, {128u << 20, 256u << 20}, {1024, 4096}};
+        UserAccount::Bounds{4096, 8192},
+        {256u << 20, 512u << 20},
+        {128u << 20, 256u << 20},
+        {1024, 4096},
+        {16, 64}};
     std::array<std::size_t, UserAccount::kSlots> taken GUARDED_BY(mutex){};
 };
 

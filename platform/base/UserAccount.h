@@ -20,8 +20,9 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
         Bytes,       ///< Of messages, of calls that wait to be sent, and of what sessions keep.
         EventBytes,  ///< Of events that are held: apart, so that they take no room from messages.
         Files,       ///< Lent, and not used yet.
+        Watches,     ///< Connections that are told what happens.
     };
-    static constexpr std::size_t kSlots = 4;
+    static constexpr std::size_t kSlots = 5;
 
     struct Bounds {
         std::size_t perUser;
@@ -61,7 +62,7 @@ class UserAccount : public std::enable_shared_from_this<UserAccount> {
 
     static std::shared_ptr<UserAccount> of(uid_t user);
     /// The bounds that a process begins with: 4,096 and 8,192 connections, 256 and 512 MiB, 128 and 256 MiB
-    /// of events, 1,024 and 4,096 files.
+    /// of events, 1,024 and 4,096 files, 16 and 64 watches.
     static void setBounds(Slot slot, Bounds bounds);
     static Bounds bounds(Slot slot);
 

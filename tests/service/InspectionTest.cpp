@@ -2,8 +2,8 @@
 #include "platform/bus/BusValue.h"
 #include "tests/support/BusClient.h"
 #include "tests/support/DaemonFixture.h"
+#include "tests/support/OtherUser.h"
 
-#include <grp.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,20 +11,6 @@
 
 namespace quorvane::test {
 namespace {
-
-constexpr uid_t kNobody = 65534;
-
-/// A socket of a process of the user nobody, who belongs to the group.
-platform::UniqueDescriptor socketOfNobody(const std::string& path, gid_t group) {
-    EXPECT_EQ(::setgroups(1, &group), 0);
-    EXPECT_EQ(::setegid(kNobody), 0);
-    EXPECT_EQ(::seteuid(kNobody), 0);
-    auto socket = connectSocket(path);
-    EXPECT_EQ(::seteuid(0), 0);
-    EXPECT_EQ(::setegid(0), 0);
-    EXPECT_EQ(::setgroups(0, nullptr), 0);
-    return socket;
-}
 
 class InspectionTest : public testing::Test {
   protected:
