@@ -122,6 +122,7 @@ void checkKnownFile(const KnownFile& file, Findings& findings) {
 void checkOtherFiles(const std::vector<KnownFile>& known, Findings& findings) {
     const std::string trust = platform::rooted(fmt::format("{}/trust/", kConfigurationFolder));
     std::vector<std::string> paths;
+    paths.reserve(known.size());
     for (const KnownFile& file : known) paths.push_back(file.path);
     for (const std::string& path : configurationFiles()) {
         if (std::ranges::find(paths, path) != paths.end()) continue;

@@ -17,7 +17,7 @@ namespace quorvane::ctl {
 namespace {
 
 constexpr std::int64_t kDay = 86'400;
-constexpr std::int64_t kProgramLife = 20 * 365 * kDay;
+constexpr std::int64_t kProgramLife = kDay * 365 * 20;
 
 /// What is sure without another clock: it is later than when this program was made.
 Finding clockFinding() {
