@@ -103,12 +103,14 @@ TEST_F(SandboxTest, ConfigurationAndCodeAreReadableStateIsWritableAndTheSystemsL
     const std::string file = at("/etc/quorvane/device.toml"), state = at("/var/lib/quorvane/"),
                       log = at("/var/mobile/Library/Logs/Faultrel/");
     write("etc/quorvane/device.toml", "ProductType = \"Q1\"");
+    write("etc/login.defs", "SYS_UID_MAX 999");
     write("usr/lib/quorvane/OsselAdaptor.so", "code");
     const std::string journal = at("/run/systemd/journal/socket");
     fs::create_directories(at("/run/systemd/journal"));
     const UniqueDescriptor systemLog = boundSocket(journal, SOCK_DGRAM);
     EXPECT_EQ(confinedAsShipped([&](Findings& findings) {
                   findings.expect("a file opens", opens(file));
+                  findings.expect("the range of system users opens", opens(at("/etc/login.defs")));
                   findings.expect("the folder lists", lists(at("/etc/quorvane")));
                   findings.expect("a file is not written", isRefused(file, O_WRONLY));
                   findings.expect("a file is not emptied", isRefused(file, O_RDONLY | O_TRUNC));

@@ -48,17 +48,29 @@ TEST_F(ShutdownTest, HeldEventsGoOutWithAFlushAndWithTheEndOfTheConnection) {
     EXPECT_EQ(_device.daemon().errors().find("was interrupted"), std::string::npos);
 }
 
-TEST_F(ShutdownTest, ReloadingEndsNothingAndReadsTheBoundsOfUsersAnew) {
+TEST_F(ShutdownTest, ReloadingEndsNothingAndTrustConsentAndTheBoundsOfUsersAreReadAnew) {
+    const HttpsServer stranger(_device.root() / "stranger");
+    _device.serveStorebag(_device.httpPostSection({{"post_url", stranger.url("/post")}}));
     _device.start();
-    Client client = _device.connect();
-    EXPECT_TRUE(client.flush());
+    Client client = _device.startedClient({.sessionID = 1, .clientType = 5});
+    EXPECT_TRUE(*client.send(numbered(0))) << "with consent the answer tells what is posted";
+    EXPECT_TRUE(_device.logs("(postJsonMessage): post error: "));
+    EXPECT_EQ(stranger.requestCount(), 0u);
+
+    std::filesystem::copy(_device.root() / "stranger/etc/quorvane/trust",
+                          _device.root() / "etc/quorvane/trust");
+    _device.write("etc/quorvane/consent.toml", "diagnostics_submission = false\n");
     std::ofstream(_device.root() / "etc/quorvane/defaults/com.velmora.quorvane.toml", std::ios::app)
         << "\nconnections_per_user = 1\n";
     _device.daemon().signal(SIGHUP);
     EXPECT_TRUE(_device.logs("main: Told to reload, the bounds of users are read anew."));
+    EXPECT_TRUE(*client.send(numbered(1)));
+    EXPECT_TRUE(stranger.waitForRequests(1));
+    EXPECT_TRUE(client.start());
+    EXPECT_FALSE(*client.send(numbered(2)));
     EXPECT_FALSE(Client::connect({.socketPath = _device.socketPath()}));
-    EXPECT_TRUE(client.flush());
     EXPECT_TRUE(_device.logs("has 1 connections, no more are taken"));
+    EXPECT_TRUE(client.flush());
 }
 
 TEST_F(ShutdownTest, WhatIsHeldAndWhatAClientThatHasLeftSentIsDeliveredBeforeTheDaemonEnds) {
