@@ -43,12 +43,8 @@ bool isNumber(const Value& value) {
     return value.isNumber() && value.kind() != Value::Kind::Boolean;
 }
 
-bool isWhole(const Value& value) {
-    return value.kind() == Value::Kind::Signed || value.kind() == Value::Kind::Unsigned;
-}
-
 bool isWholeUpTo(const Value& value, std::int64_t maximum) {
-    return isWhole(value) && value.integer() >= 0 && value.integer() <= maximum;
+    return value.isInteger() && value.integer() >= 0 && value.integer() <= maximum;
 }
 
 bool isDigest(const Value& value) {
@@ -64,7 +60,7 @@ bool hasShape(const Value& value, Shape shape) {
         case Shape::Number:
             return isNumber(value) || isDigest(value);
         case Shape::Whole:
-            return isWhole(value) || isDigest(value);
+            return value.isInteger() || isDigest(value);
         case Shape::Whole16:
             return isWholeUpTo(value, std::numeric_limits<std::uint16_t>::max()) || isDigest(value);
         case Shape::Whole8:

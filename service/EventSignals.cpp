@@ -22,8 +22,7 @@ namespace {
 constexpr std::size_t kSignalBytes = 512;
 
 bool isProcess(const Value& value) {
-    return value.isNumber() && value.kind() != Value::Kind::Boolean && value.kind() != Value::Kind::Real &&
-           value.integer() > 0 && value.integer() <= std::numeric_limits<pid_t>::max();
+    return value.isInteger() && value.integer() > 0 && value.integer() <= std::numeric_limits<pid_t>::max();
 }
 
 void sendSignal(sd_bus* bus, const EventNews& news) {

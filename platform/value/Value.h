@@ -112,6 +112,8 @@ class Value {
 
     Kind kind() const { return static_cast<Kind>(_held.index()); }
     bool isNumber() const { return kind() >= Kind::Boolean && kind() <= Kind::Real; }
+    /// A number that is neither boolean nor real.
+    bool isInteger() const { return kind() == Kind::Signed || kind() == Kind::Unsigned; }
 
     /// The value as one type, or null when it holds another.
     const std::string* string() const { return std::get_if<std::string>(&_held); }

@@ -96,7 +96,7 @@ class Check {
     }
 
     void refreshCycle(const Value& cycle) {
-        if (!isInteger(cycle) || cycle.real() < 0)
+        if (!cycle.isInteger() || cycle.real() < 0)
             find("refresh_cycle", "a number of seconds without a fraction is expected{}",
                  adviceOn(cycle, Form::Count));
         else if (cycle.unsignedInteger() > kLongestRefreshCycle)

@@ -28,7 +28,7 @@ bool isFilterAction(const std::string& text) {
 }
 
 bool isWithin(const Value& value, std::int64_t least, std::int64_t most) {
-    return isInteger(value) && value.real() >= static_cast<double>(least) &&
+    return value.isInteger() && value.real() >= static_cast<double>(least) &&
            value.real() <= static_cast<double>(most);
 }
 
@@ -47,10 +47,6 @@ bool allAre(const Value& value, const Held* (Value::*read)() const) {
 
 }  // namespace
 
-bool isInteger(const Value& value) {
-    return value.kind() == Value::Kind::Signed || value.kind() == Value::Kind::Unsigned;
-}
-
 bool hasForm(const Value& value, Form form) {
     const std::string* text = value.string();
     switch (form) {
@@ -65,7 +61,7 @@ bool hasForm(const Value& value, Form form) {
         case Form::Port:
             return isWithin(value, 1, std::numeric_limits<std::uint16_t>::max());
         case Form::Integer:
-            return isInteger(value) || value.kind() == Value::Kind::Boolean;
+            return value.isInteger() || value.kind() == Value::Kind::Boolean;
         case Form::Count:
             return isWithin(value, 0, std::numeric_limits<std::int32_t>::max());
         case Form::EventNumber:

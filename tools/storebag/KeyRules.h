@@ -34,7 +34,4 @@ std::string_view nameOf(Form form);
 /// Whether the value is a text that reads as the number that the form asks for.
 bool isNumberAsText(const Value& value, Form form);
 
-/// A number that is neither boolean nor real.
-bool isInteger(const Value& value);
-
 }  // namespace quorvane::tools

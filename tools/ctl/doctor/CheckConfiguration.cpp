@@ -44,10 +44,6 @@ std::vector<KnownFile> knownFiles() {
     return files;
 }
 
-bool isInteger(const Value& value) {
-    return value.kind() == Value::Kind::Signed || value.kind() == Value::Kind::Unsigned;
-}
-
 bool hasForm(const SettingRule& rule, const Value& value) {
     const std::string* text = value.string();
     switch (rule.form) {
@@ -58,7 +54,7 @@ bool hasForm(const SettingRule& rule, const Value& value) {
         case Form::Word:
             return text != nullptr && std::ranges::find(rule.words, *text) != rule.words.end();
         case Form::Number:
-            return isInteger(value) && value.integer() >= rule.first && value.integer() <= rule.last;
+            return value.isInteger() && value.integer() >= rule.first && value.integer() <= rule.last;
         case Form::Boolean:
             return value.kind() == Value::Kind::Boolean;
     }
