@@ -3,6 +3,7 @@
 #include "platform/base/FileManager.h"
 #include "platform/base/Log.h"
 #include "platform/base/Root.h"
+#include "platform/device/UserDefaults.h"
 #include "util/Settings.h"
 
 #include <algorithm>
@@ -24,7 +25,7 @@ GroupSharing::Users sharingUsers() {
     const auto word = std::ranges::find(rule.words, *set);
     if (word != rule.words.end()) return static_cast<GroupSharing::Users>(word - rule.words.begin());
     platform::logError("readConfiguration: {}: {}: system, all or none is expected",
-                       platform::rooted("/etc/quorvane/defaults/com.velmora.quorvane.toml"), rule.key);
+                       platform::userDefaultsFile(suiteOf(Setting::GroupSharing)), rule.key);
     return GroupSharing::Users::System;
 }
 

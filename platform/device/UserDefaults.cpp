@@ -12,28 +12,28 @@ namespace quorvane::platform {
 
 namespace {
 
-std::string suiteFile(std::string_view suite) {
-    return rooted(fmt::format("/etc/quorvane/defaults/{}.toml", suite));
-}
-
 /// Logs a value that is no number, with what was expected instead.
 std::optional<Value> numberUnder(std::string_view suite, std::string_view key, std::string_view expected) {
     auto value = userDefault(suite, key);
     if (value && !value->isNumber())
-        logError("readConfiguration: {}: {}: {} is expected", suiteFile(suite), key, expected);
+        logError("readConfiguration: {}: {}: {} is expected", userDefaultsFile(suite), key, expected);
     return value;
 }
 
 }  // namespace
 
+std::string userDefaultsFile(std::string_view suite) {
+    return rooted(fmt::format("/etc/quorvane/defaults/{}.toml", suite));
+}
+
 std::optional<Value> userDefault(std::string_view suite, std::string_view key) {
-    Dictionary defaults = readConfiguration(suiteFile(suite));
+    Dictionary defaults = readConfiguration(userDefaultsFile(suite));
     Value* value = defaults.find(key);
     return value != nullptr ? std::optional(std::move(*value)) : std::nullopt;
 }
 
 std::optional<std::string> userDefaultString(std::string_view suite, std::string_view key) {
-    const std::string file = suiteFile(suite);
+    const std::string file = userDefaultsFile(suite);
     return textUnder(key, readConfiguration(file), file);
 }
 

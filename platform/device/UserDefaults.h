@@ -9,8 +9,11 @@
 
 namespace quorvane::platform {
 
-/// The value stored under the key in the suite's file /etc/quorvane/defaults/SUITE.toml, read afresh at every
-/// call; nothing when the file or the key is absent. A malformed file is logged by name and reads as empty.
+/// /etc/quorvane/defaults/SUITE.toml, under the root.
+std::string userDefaultsFile(std::string_view suite);
+
+/// The value stored under the key in the suite's file, read afresh at every call; nothing when the file or
+/// the key is absent. A malformed file is logged by name and reads as empty.
 std::optional<Value> userDefault(std::string_view suite, std::string_view key);
 
 /// The same, only when a text is stored under the key; something else is logged by file and key.

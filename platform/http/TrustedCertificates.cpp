@@ -50,7 +50,7 @@ Certificates certificatesIn(const Data& pem) {
 /// Calls the function with each file's path and certificates.
 template <typename Function>
 void forEachTrustedFile(Function&& function) {
-    const std::string folder = rooted("/etc/quorvane/trust");
+    const std::string folder = rooted(kTrustFolder);
     std::error_code absent;
     for (const std::string& name : listDirectory(folder, absent)) {
         if (!name.ends_with(".pem")) continue;

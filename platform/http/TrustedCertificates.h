@@ -3,12 +3,15 @@
 #include <openssl/ssl.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorvane::platform {
 
-/// Makes the context trust the certificates of /etc/quorvane/trust/*.pem besides what it trusts already. A
-/// file that cannot be read is logged by name and left out. Thread-safe.
+inline constexpr std::string_view kTrustFolder = "/etc/quorvane/trust";
+
+/// Makes the context trust the certificates of that folder's *.pem besides what it trusts already. A file
+/// that cannot be read is logged by name and left out. Thread-safe.
 void trustConfiguredCertificates(SSL_CTX& context);
 
 /// What one of those files adds to the trust.

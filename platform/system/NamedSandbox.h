@@ -11,8 +11,7 @@ namespace quorvane::platform {
 /// /usr/share/quorvane/sandbox/NAME.toml.
 std::string sandboxProfileFile(std::string_view name);
 
-/// The profile in that file. An error is told with the file, and the key or the
-/// line.
+/// The profile in that file. An error is told with the file, and the key or the line.
 Result<SandboxProfile> sandboxProfileNamed(std::string_view name);
 
 /// Confines the process, for good, to that profile, as Sandbox.h says.

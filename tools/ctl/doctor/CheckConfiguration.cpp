@@ -2,7 +2,9 @@
 #include "platform/base/Root.h"
 #include "platform/device/Consent.h"
 #include "platform/device/DeviceQuery.h"
+#include "platform/device/UserDefaults.h"
 #include "platform/formats/TomlFile.h"
+#include "platform/http/TrustedCertificates.h"
 #include "platform/value/Url.h"
 #include "tools/common/Nearest.h"
 #include "tools/ctl/doctor/Checks.h"
@@ -38,8 +40,7 @@ std::vector<KnownFile> knownFiles() {
     for (const std::string_view key : platform::deviceInformationKeys()) files.back().rules.push_back({key});
     for (const std::string_view suite : settingSuites()) {
         const auto rules = settingRules(suite);
-        files.push_back({platform::rooted(fmt::format("{}/defaults/{}.toml", kConfigurationFolder, suite)),
-                         {rules.begin(), rules.end()}});
+        files.push_back({platform::userDefaultsFile(suite), {rules.begin(), rules.end()}});
     }
     return files;
 }
@@ -116,7 +117,7 @@ void checkKnownFile(const KnownFile& file, Findings& findings) {
 }
 
 void checkOtherFiles(const std::vector<KnownFile>& known, Findings& findings) {
-    const std::string trust = platform::rooted(fmt::format("{}/trust/", kConfigurationFolder));
+    const std::string trust = platform::rooted(platform::kTrustFolder) + "/";
     std::vector<std::string> paths;
     paths.reserve(known.size());
     for (const KnownFile& file : known) paths.push_back(file.path);

@@ -3,6 +3,8 @@
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/Clock.h"
 #include "platform/base/Root.h"
+#include "platform/device/UserDefaults.h"
+#include "platform/http/TrustedCertificates.h"
 #include "storebag/SelectStorebag.h"
 #include "storebag/StorebagNames.h"
 #include "tools/common/Json.h"
@@ -26,16 +28,13 @@ constexpr std::int32_t kUsualType = 5;
 constexpr std::int32_t kLastType = 11;
 constexpr std::int64_t kToleratedSeconds = 300;
 
-std::string settingsFile() {
-    return platform::rooted(fmt::format("/etc/quorvane/defaults/{}.toml", suiteOf(Setting::StorebagURL)));
-}
-
 std::string adviceFor(const FetchAttempt& attempt) {
     const std::string url = fmt::format("{} {} in {}", textSetting(Setting::StorebagURL) ? "check" : "set",
-                                        ruleOf(Setting::StorebagURL).key, settingsFile());
+                                        ruleOf(Setting::StorebagURL).key,
+                                        platform::userDefaultsFile(suiteOf(Setting::StorebagURL)));
     if (attempt.httpStatus == 0)
         return fmt::format("{}; check the network and, where a certificate is refused, {} and the clock", url,
-                           platform::rooted("/etc/quorvane/trust"));
+                           platform::rooted(platform::kTrustFolder));
     if (attempt.httpStatus >= 300) return url + ", and that the server has a storebag of this name";
     return fmt::format(
         "sign the bag, with a version and the section {}, with the private key that belongs to {}: "
