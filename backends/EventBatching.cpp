@@ -72,7 +72,7 @@ void HTTPSPostBackend::batchEvent(Dictionary event) {
 /// False when there is no room for the event. A batch that was taken is closed, and the record that caused it
 /// is lost with it, on purpose.
 bool HTTPSPostBackend::hold(Dictionary& event, std::int64_t method, std::int32_t count) {
-    const EventBatch::Outcome outcome = _batch.hold(event, method, count, account());
+    const EventBatch::Outcome outcome = _batch.hold(event, method, count, ledger().account());
     if (outcome == EventBatch::Outcome::Held) ledger().hold();
     if (outcome == EventBatch::Outcome::Lost) ledger().drop(DropReason::ThresholdRecord);
     return outcome != EventBatch::Outcome::NoRoom;

@@ -3,6 +3,8 @@
 #include "backends/ReasonTexts.h"
 #include "backends/SessionLedger.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <numeric>
 #include <utility>
@@ -78,6 +80,11 @@ void EventLedger::join(std::shared_ptr<SessionLedger> session, std::string backe
     _session = std::move(session);
     _backend = std::move(backend);
     _session->ledgerJoins(*this);
+}
+
+platform::UserAccount& EventLedger::account() const {
+    static const auto own = platform::UserAccount::of(::geteuid());
+    return _session != nullptr ? _session->account() : *own;
 }
 
 EventGroup EventLedger::current() const {

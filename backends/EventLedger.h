@@ -2,6 +2,7 @@
 
 #include "backends/BackendState.h"
 #include "backends/EventMonitor.h"
+#include "platform/base/UserAccount.h"
 
 #include <array>
 #include <atomic>
@@ -121,6 +122,9 @@ class EventLedger {
     /// Makes it count in the session's ledger from now on. Once, before anything is counted.
     ///   backend  as those who watch know it
     void join(std::shared_ptr<SessionLedger> session, std::string backend = "");
+
+    /// Of the session's user; without a session of the process's own.
+    platform::UserAccount& account() const;
 
     // The thread that feeds the backend.
     /// Of the events in hand, the one accepted is the current one.

@@ -4,10 +4,7 @@
 #include "backends/EventLedger.h"
 #include "platform/base/Clock.h"
 #include "platform/base/ThreadAnnotations.h"
-#include "platform/base/UserAccount.h"
 #include "platform/value/Value.h"
-
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -94,10 +91,6 @@ class QuorvaneBackend {
     /// What became of the events that it was given.
     EventLedger& ledger() { return _ledger; }
     const EventLedger& ledger() const { return _ledger; }
-
-    /// Of whoever the events are held for; at first of the process's own user.
-    platform::UserAccount& account() const { return *_account; }
-    void setAccount(std::shared_ptr<platform::UserAccount> account) { _account = std::move(account); }
 
     std::uint32_t sessionID() const { return _sessionID; }
     void setSessionID(std::uint32_t sessionID) { change(_sessionID, sessionID); }
@@ -203,7 +196,6 @@ class QuorvaneBackend {
     const std::shared_ptr<const Dictionary> _profile;
     std::string _name;
     EventLedger _ledger;
-    std::shared_ptr<platform::UserAccount> _account = platform::UserAccount::of(::geteuid());
     std::atomic<Standing> _standing{Standing()};
     OptionalString _productVersion;
     OptionalString _buildVersion;

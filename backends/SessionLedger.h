@@ -4,6 +4,7 @@
 #include "platform/base/Clock.h"
 #include "platform/base/Snapshot.h"
 #include "platform/base/ThreadAnnotations.h"
+#include "platform/base/UserAccount.h"
 
 #include <sys/types.h>
 
@@ -51,6 +52,8 @@ class SessionLedger {
 
     uid_t user() const { return _user; }
     pid_t process() const { return _process; }
+    /// What the session's events are held at the cost of.
+    platform::UserAccount& account() const { return *_account; }
     platform::TimeValue since() const { return _since; }
     /// The session's thread publishes it.
     platform::Snapshot<Identity> identity;
@@ -74,6 +77,7 @@ class SessionLedger {
 
     const uid_t _user;
     const pid_t _process;
+    const std::shared_ptr<platform::UserAccount> _account = platform::UserAccount::of(_user);
     const platform::TimeValue _since = platform::timeOfDay();
     mutable platform::Mutex _mutex;
     std::vector<const EventLedger*> _ledgers GUARDED_BY(_mutex);

@@ -1,6 +1,5 @@
 #include "framework/QuorvaneBundle.h"
 #include "platform/base/Log.h"
-#include "platform/base/UserAccount.h"
 #include "platform/device/Locale.h"
 #include "session/QuorvanedSession.h"
 #include "util/Settings.h"
@@ -40,11 +39,9 @@ void QuorvanedSession::createBackendsWithStorebag(const std::shared_ptr<const Di
     if (_backends.own() != nullptr) flushMessages();
     platform::logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
     auto backends = createBackends(storebag, _sessionInfo.own().get(), _userInfo.own(), _deviceid.data());
-    const auto account = platform::UserAccount::of(user());
     if (backends)
         for (const auto& [name, backend] : *backends) {
             backend->ledger().join(_ledger, name);
-            backend->setAccount(account);
             backend->setCombinedSessionIDString(_sessionIDString);
         }
     replaceBackends(std::move(backends));

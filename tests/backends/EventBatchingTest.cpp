@@ -1,3 +1,4 @@
+#include "backends/SessionLedger.h"
 #include "platform/http/HttpSession.h"
 #include "tests/backends/BackendFixture.h"
 
@@ -133,7 +134,7 @@ TEST_F(EventRoomTest, EventsOfAUserWhoHoldsAllThatHeMayTakeNoRoomFromOthers) {
     const auto holdingFor = [](uid_t user) {
         auto backend = enabledBackend();
         backend->setState(BackendState::SampledOut);
-        backend->setAccount(platform::UserAccount::of(user));
+        backend->ledger().join(std::make_shared<SessionLedger>(user, 0));
         return backend;
     };
     const auto first = holdingFor(1001), second = holdingFor(1001), other = holdingFor(1002);
