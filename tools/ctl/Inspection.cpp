@@ -7,6 +7,7 @@
 #include "platform/bus/BusValue.h"
 #include "platform/value/Url.h"
 #include "tools/common/Failure.h"
+#include "tools/common/Json.h"
 #include "tools/ctl/OpenSession.h"
 
 #include <systemd/sd-bus.h>
@@ -68,6 +69,12 @@ std::vector<Dictionary> dictionariesOf(sd_bus_message* reply) {
 }
 
 }  // namespace
+
+std::string dateUnder(const Dictionary& facts, std::string_view key) {
+    const Value* date = facts.find(key);
+    const std::string text = date != nullptr ? tools::compactJsonOf(*date) : "";
+    return text.size() > 2 ? text.substr(1, text.size() - 2) : "never";
+}
 
 bool isOwn(const Dictionary& session) {
     return session.integer("process") == ::getpid();

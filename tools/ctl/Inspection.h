@@ -3,6 +3,8 @@
 #include "platform/value/Value.h"
 #include "tools/ctl/CtlOptions.h"
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorvane::ctl {
@@ -13,6 +15,9 @@ struct Inspection {
     std::vector<Dictionary> sessions;
     std::vector<Dictionary> storebags;
 };
+
+/// A date as JSON has it, without the quotation marks; "never" where there is none.
+std::string dateUnder(const Dictionary& facts, std::string_view key);
 
 /// Whether this program opened it.
 bool isOwn(const Dictionary& session);

@@ -1,4 +1,3 @@
-#include "tools/common/Json.h"
 #include "tools/common/Output.h"
 #include "tools/ctl/Commands.h"
 #include "tools/ctl/Inspection.h"
@@ -16,13 +15,6 @@ namespace {
 std::string_view textOr(const Dictionary& facts, std::string_view key, std::string_view otherwise) {
     const std::string* text = facts.string(key);
     return text != nullptr ? std::string_view(*text) : otherwise;
-}
-
-/// A date as JSON has it, without the quotation marks.
-std::string dateUnder(const Dictionary& facts, std::string_view key) {
-    const Value* date = facts.find(key);
-    const std::string text = date != nullptr ? tools::compactJsonOf(*date) : "";
-    return text.size() > 2 ? text.substr(1, text.size() - 2) : "never";
 }
 
 /// Where the accepted events are: "12 accepted: 10 posted, 2 held".

@@ -26,11 +26,10 @@ std::vector<Dictionary> sessionsOf(const DaemonOptions& options) {
 }
 
 bool haveEqualNames(const Dictionary& one, const Dictionary& other) {
-    return std::ranges::all_of(std::initializer_list<std::string_view>{"clientName", "serviceName"},
-                               [&](auto key) {
-                                   return platform::lowercased(one.text(key).value_or("")) ==
-                                          platform::lowercased(other.text(key).value_or(""));
-                               });
+    return std::ranges::all_of(
+        std::initializer_list<std::string_view>{"clientName", "serviceName"}, [&](auto key) {
+            return platform::equalsIgnoringCase(one.text(key).value_or(""), other.text(key).value_or(""));
+        });
 }
 
 /// The session that took the place that aggregates at this level before the own one came; null when none did.

@@ -7,7 +7,7 @@
 #include "platform/http/TrustedCertificates.h"
 #include "storebag/SelectStorebag.h"
 #include "storebag/StorebagNames.h"
-#include "tools/common/Json.h"
+#include "tools/ctl/Inspection.h"
 #include "util/Environment.h"
 #include "util/Settings.h"
 
@@ -16,7 +16,6 @@
 #include <ctime>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include <fmt/format.h>
 
@@ -60,11 +59,6 @@ std::optional<Finding> clockFinding(const FetchAttempt& attempt) {
                    "set the clock, or have it kept by a time service: events bear its time");
 }
 
-std::optional<std::string> dateUnder(const Dictionary& facts, std::string_view key) {
-    const Value* date = facts.find(key);
-    return date != nullptr ? std::optional(tools::compactJsonOf(*date)) : std::nullopt;
-}
-
 /// What the daemon saw last, where that differs from what comes now.
 std::optional<Finding> lastAttemptFinding(const std::string& subject, const Dictionary* told) {
     if (told == nullptr || told->text("outcome") == "received" || told->text("outcome") == "unchanged")
@@ -73,7 +67,7 @@ std::optional<Finding> lastAttemptFinding(const std::string& subject, const Dict
         subject,
         fmt::format("it can be fetched now, but the daemon could not: {}", told->text("reason").value_or("")),
         fmt::format("systemctl restart quorvaned; else it tries again with the first session after {}",
-                    dateUnder(*told, "nextAttempt").value_or("a while")));
+                    dateUnder(*told, "nextAttempt")));
 }
 
 void checkStorebag(std::int32_t type, const std::string& name, const Dictionary* told, Findings& findings) {

@@ -1,6 +1,8 @@
 #include "tools/ctl/doctor/OwnProcess.h"
 
+#include "platform/base/DescriptorIO.h"
 #include "platform/base/UniqueDescriptor.h"
+#include "platform/value/Bytes.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -11,7 +13,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 namespace quorvane::ctl {
 
@@ -19,19 +20,11 @@ namespace {
 
 using platform::UniqueDescriptor;
 
-bool writeAll(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        if (count < 0) return false;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
-
 [[noreturn]] void runAndEnd(const std::function<std::string()>& function, int answer) {
     bool told = false;
     try {
-        told = writeAll(answer, function());
+        const std::string text = function();
+        told = platform::writeAll(answer, platform::bytesOf(text)) == text.size();
     } catch (...) {
         // What was thrown belongs to nobody here.
     }
