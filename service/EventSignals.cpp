@@ -38,16 +38,17 @@ void sendSignal(sd_bus* bus, const EventNews& news) {
 platform::Result<EventMonitor::Filter> monitorFilter(const Dictionary& asked) {
     EventMonitor::Filter filter;
     for (const auto& [key, value] : asked) {
-        if (key == "clientName" && value.string() != nullptr)
+        if (key == "clientName") {
+            if (value.string() == nullptr)
+                return platform::failure("clientName in the filter: a text is expected");
             filter.clientName = *value.string();
-        else if (key == "process" && isProcess(value))
+        } else if (key == "process") {
+            if (!isProcess(value))
+                return platform::failure("process in the filter: the number of a process is expected");
             filter.process = static_cast<pid_t>(value.integer());
-        else if (key == "clientName" || key == "process")
-            return platform::failure(
-                fmt::format("{} in the filter: {}", key,
-                            key == "process" ? "the number of a process is expected" : "a text is expected"));
-        else
+        } else {
             return platform::failure(fmt::format("the filter may have clientName and process, not {}", key));
+        }
     }
     return filter;
 }
