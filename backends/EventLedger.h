@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorvane {
@@ -103,8 +104,8 @@ struct EventGroup {
 
 /// How a post went, for those who watch.
 struct PostAnswer {
-    int status = 0;          ///< 0 without an answer
-    std::string error = {};  ///< what came instead
+    int status = 0;               ///< 0 without an answer
+    std::string_view error = {};  ///< what came instead
 };
 
 /// Keeps count of one backend's events, from their acceptance to their end: an event is first in hand, then

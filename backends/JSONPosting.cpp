@@ -143,10 +143,9 @@ void HTTPSPostBackend::noteFate(const platform::HttpResult& result, const EventG
     const int status = result.error ? 0 : result.response.statusCode;
     ledger().countPost(status);
     const bool isTaken = status >= 200 && status <= 299;
-    ledger().finish(status == 0 ? Fate::Failed
-                    : isTaken   ? Fate::Posted
-                                : Fate::Refused,
-                    events, {.status = status, .error = result.error.value_or("")});
+    const Fate fate = status == 0 ? Fate::Failed : isTaken ? Fate::Posted : Fate::Refused;
+    const std::string_view error = result.error ? std::string_view(*result.error) : "";
+    ledger().finish(fate, events, {.status = status, .error = error});
 }
 
 }  // namespace quorvane
