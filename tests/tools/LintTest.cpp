@@ -1,26 +1,19 @@
 #include "tests/support/ChildProcess.h"
-#include "tests/support/RootFixture.h"
+#include "tests/tools/SigningFixture.h"
 #include "tests/tools/Words.h"
-#include "tools/storebag/SigningKey.h"
 
-#include <filesystem>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 
 namespace quorvane::test {
 namespace {
 
-namespace fs = std::filesystem;
-
-class Lint : public RootFixture {
+class Lint : public SigningFixture {
   protected:
-    Lint() {
-        fs::current_path(_root);
-        static const auto key = tools::SigningKey::generate();
-        write("private.pem", key->privatePEM());
-    }
-    ~Lint() override { fs::current_path("/"); }
-
     /// The warnings about a bag with these client entries, in JSON, without what is the same for all.
     std::vector<std::string> findings(const std::string& clients) const {
         write("bag.json", R"({"version": "1", "release": {"httppost": {"clients": [)" + clients + "]}}}");

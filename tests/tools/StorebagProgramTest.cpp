@@ -4,7 +4,7 @@
 #include "platform/formats/TomlFile.h"
 #include "platform/value/Bytes.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/RootFixture.h"
+#include "tests/tools/SigningFixture.h"
 #include "tests/tools/Words.h"
 #include "tools/storebag/SignStorebag.h"
 #include "tools/storebag/SigningKey.h"
@@ -53,19 +53,13 @@ Dictionary dictionaryOf(const std::string& plist) {
     return parsed && parsed->dictionary() != nullptr ? *parsed->dictionary() : Dictionary();
 }
 
-/// Works in a folder of its own with one pair of keys and a bag's source.
-class StorebagProgram : public RootFixture {
+/// Has the public key, too, and a bag's source.
+class StorebagProgram : public SigningFixture {
   protected:
     StorebagProgram() {
-        fs::current_path(_root);
-        // Making a key takes a while, and one is as good as another.
-        static const auto key = tools::SigningKey::generate();
-        write("private.pem", key->privatePEM());
-        write("public.der", textOf(key->publicDER()));
+        write("public.der", textOf(key().publicDER()));
         write("bag.toml", kToml);
     }
-
-    ~StorebagProgram() override { fs::current_path("/"); }
 
     /// The bag in the envelope.
     std::string signedBytes() const {
@@ -234,7 +228,6 @@ httppost2 = { display_url = "example.org", clients = [
 }
 
 TEST_F(StorebagProgram, RefusesABagThatNoDeviceTakes) {
-    const auto key = tools::SigningKey::initWithPEM(read("private.pem"));
     for (const auto& [source, reason] :
          {std::pair{R"({"version": "1"})", "no device takes a bag without a section of an environment"},
           {R"({"version": "1", "seed": "httppost"})", "without a section of an environment"},
@@ -247,7 +240,7 @@ TEST_F(StorebagProgram, RefusesABagThatNoDeviceTakes) {
         EXPECT_THAT(refused.errors, HasSubstr(reason));
         EXPECT_FALSE(fs::exists("bag")) << source;
 
-        write("bag", textOf(*tools::signStorebag(*platform::parseJson(source)->dictionary(), *key)));
+        write("bag", textOf(*tools::signStorebag(*platform::parseJson(source)->dictionary(), key())));
         const auto verdict = verify();
         EXPECT_EQ(verdict.status, 1) << source;
         EXPECT_THAT(verdict.errors, HasSubstr(reason));
