@@ -25,7 +25,7 @@ constexpr std::uint64_t kRounds = 20;
 constexpr std::uint64_t kWarmUpEvents = 10'000;
 constexpr std::size_t kKeptMessages = 40;
 constexpr double kMostTimesUnavoidable = 1.2;
-constexpr double kMostTimesUnavoidableAnswered = 1.25;
+constexpr double kMostTimesUnavoidableAnswered = 1.1;
 
 struct Round {
     double daemonPerSecond = 0;
