@@ -133,18 +133,31 @@ void logNotOpened(const SignedBagError& error) {
     if (error.fault != Fault::Undecodable) logError("fetchStorebagWithName: Signature is missing");
 }
 
+/// Nothing once one of the keys verifies the bag. A key that is damaged does not keep the next from it.
+std::optional<std::string> verificationFailure(const SignedBag& bag) {
+    std::unique_ptr<platform::RsaPublicKey> tried;
+    std::string why;
+    for (const PublicKeyResource& resource : publicKeyResources()) {
+        auto key = storebagPublicKey(resource.der);
+        if (!key) {
+            if (why.empty()) why = key.error().message;
+            continue;
+        }
+        if (bag.isSignedWith(**key)) return std::nullopt;
+        if (tried == nullptr) tried = *std::move(key);
+    }
+    if (tried == nullptr) return why;
+    logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(tried.get()));
+    return "the signature was not made with the key that belongs to the public one";
+}
+
 platform::Result<Dictionary> verifiedBag(std::span<const std::uint8_t> body) {
     const auto opened = SignedBag::open(body);
     if (!opened) {
         logNotOpened(opened.error());
         return platform::failure(opened.error().message);
     }
-    const auto key = storebagPublicKey();
-    if (!key) return tl::unexpected(key.error());
-    if (!opened->isSignedWith(**key)) {
-        logError("fetchStorebagWithName: Signature can not be verified, {}", fmt::ptr(key->get()));
-        return platform::failure("the signature was not made with the key that belongs to the public one");
-    }
+    if (auto unverified = verificationFailure(*opened)) return platform::failure(*std::move(unverified));
     return opened->bag();
 }
 
@@ -159,8 +172,7 @@ std::string explained(const platform::HttpResponse& response, const std::string&
 
 }  // namespace
 
-platform::Result<std::unique_ptr<platform::RsaPublicKey>> storebagPublicKey() {
-    const std::optional<Data> der = publicKeyResource();
+platform::Result<std::unique_ptr<platform::RsaPublicKey>> storebagPublicKey(const std::optional<Data>& der) {
     if (!der) return platform::failure("the public key that bags are signed for is missing");
     auto key = platform::RsaPublicKey::initWithDER(*der);
     if (key == nullptr)

@@ -13,9 +13,9 @@
 namespace quorvane {
 
 /// Downloads the named storebag with a conditional request, verifies its signature with the framework's
-/// public key and returns the bag; blocks, up to 15 s. Nothing on any failure, which is logged, and when the
-/// server reports the bag unchanged. For "confluxa" a built-in bag stands in when the server cannot be
-/// reached. The base URL, a setting, is read once in the process. Thread-safe.
+/// public keys, of which one must fit, and returns the bag; blocks, up to 15 s. Nothing on any failure, which
+/// is logged, and when the server reports the bag unchanged. For "confluxa" a built-in bag stands in when the
+/// server cannot be reached. The base URL, a setting, is read once in the process. Thread-safe.
 ///   name          absent prints as "(null)" in the URL
 ///   maxAge        seconds, from the answer; left alone when none came
 ///   notModified   set to true when the server reports the bag unchanged, else left alone
@@ -25,7 +25,7 @@ std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>
                                                 bool& notModified, std::optional<std::string>* lastModified,
                                                 FetchAttempt* attempt = nullptr);
 
-/// The framework's public key. Thread-safe.
-platform::Result<std::unique_ptr<platform::RsaPublicKey>> storebagPublicKey();
+/// The key that bytes of the framework's are, or what is wrong with them. Thread-safe.
+platform::Result<std::unique_ptr<platform::RsaPublicKey>> storebagPublicKey(const std::optional<Data>& der);
 
 }  // namespace quorvane

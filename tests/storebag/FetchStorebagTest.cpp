@@ -248,6 +248,17 @@ TEST_F(FetchStorebagTest, TheKeyIsReadAtEveryVerification) {
     std::filesystem::remove(_root / kPublicKey);
     EXPECT_THAT(fetch().attempt.reason, EndsWith("is missing"));
     EXPECT_THAT(lines(), IsEmpty());
+
+    // While keys change, damaged and foreign ones do not keep the right one from its work.
+    const std::string folder = std::filesystem::path(kPublicKey).replace_extension(".d").string();
+    write(kPublicKey, text(tools::SigningKey::generate()->publicDER()));
+    write(folder + "/1.der", "no key");
+    write(folder + "/2.pem", text(_key->publicDER()));
+    EXPECT_THAT(fetch().attempt.reason, ::testing::HasSubstr("was not made with the key"));
+    write(folder + "/2.der", text(_key->publicDER()));
+    EXPECT_EQ(fetch().bag, _bag);
+    std::filesystem::remove(_root / kPublicKey);
+    EXPECT_EQ(fetch().bag, _bag);
     answer("", {{"Location", "https://elsewhere.invalid/"}}, 302);
     EXPECT_EQ(fetch().attempt.reason,
               "the server redirects to https://elsewhere.invalid/, which is not followed");

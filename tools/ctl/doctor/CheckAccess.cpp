@@ -14,7 +14,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -52,8 +52,8 @@ bool become(const User& user) {
 
 std::vector<std::string> filesToRead() {
     std::vector<std::string> files = configurationFiles();
-    for (const std::string_view file : {kPublicKeyFile, kBundleInfoFile})
-        files.push_back(platform::rooted(file));
+    for (PublicKeyResource& key : publicKeyResources()) files.push_back(std::move(key.file));
+    files.push_back(platform::rooted(kBundleInfoFile));
     files.push_back(platform::sandboxProfileFile(kQuorvaneServiceName));
     return files;
 }

@@ -12,11 +12,10 @@ namespace quorvane::ctl {
 
 namespace {
 
-Finding publicKeyFinding() {
-    const std::string file = platform::rooted(kPublicKeyFile);
-    const auto key = storebagPublicKey();
-    if (key) return good(file, "an RSA key in DER form");
-    return fault(file, key.error().message,
+Finding findingOf(const PublicKeyResource& resource) {
+    const auto key = storebagPublicKey(resource.der);
+    if (key) return good(resource.file, "an RSA key in DER form");
+    return fault(resource.file, key.error().message,
                  "copy the DER file that `quorvane-storebag keygen --public-key` writes there");
 }
 
@@ -41,7 +40,9 @@ Finding findingOf(const platform::TrustedFile& file) {
 }  // namespace
 
 Findings checkTrust() {
-    Findings findings{publicKeyFinding(), versionFinding()};
+    Findings findings;
+    for (const PublicKeyResource& resource : publicKeyResources()) findings.push_back(findingOf(resource));
+    findings.push_back(versionFinding());
     for (const platform::TrustedFile& file : platform::trustedFiles()) findings.push_back(findingOf(file));
     return findings;
 }
