@@ -64,8 +64,9 @@ bool names(const std::string& path, int descriptor) {
     if (::fstat(descriptor, &passed) != 0 || passed.st_nlink == 0) return false;
     if (::lstat(path.c_str(), &named) == 0)
         return named.st_dev == passed.st_dev && named.st_ino == passed.st_ino;
-    // A folder that only the client may search hides the file itself from the daemon, but not its name.
-    return errno == EACCES && kernelPath(descriptor) == path;
+    // A folder that only the client may search, or sees at all, hides the file itself from the daemon, but
+    // not its name.
+    return (errno == EACCES || errno == ENOENT) && kernelPath(descriptor) == path;
 }
 
 }  // namespace

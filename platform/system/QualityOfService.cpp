@@ -15,7 +15,7 @@ namespace quorvane::platform {
 namespace {
 
 constexpr int kNice = 5;
-constexpr int kIoPriority = 6;
+constexpr int kIoPriority = IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, 6);
 
 }  // namespace
 
@@ -26,10 +26,11 @@ void setQualityOfServiceUtility() {
     if (::getpriority(PRIO_PROCESS, static_cast<id_t>(thread)) < kNice &&
         ::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), kNice) != 0)
         logWarning("setQualityOfServiceUtility: nice {} was refused ({})", kNice, std::strerror(errno));
-    if (::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, thread,
-                  IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, kIoPriority)) != 0)
-        logWarning("setQualityOfServiceUtility: I/O priority {} was refused ({})", kIoPriority,
-                   std::strerror(errno));
+    // A service manager that has set it may refuse to let it be set again.
+    if (::syscall(SYS_ioprio_get, IOPRIO_WHO_PROCESS, thread) != kIoPriority &&
+        ::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, thread, kIoPriority) != 0)
+        logWarning("setQualityOfServiceUtility: I/O priority {} was refused ({})",
+                   IOPRIO_PRIO_DATA(kIoPriority), std::strerror(errno));
 }
 
 }  // namespace quorvane::platform
