@@ -62,7 +62,7 @@ TEST_F(CtlUsage, TheInstalledProgramFindsItsLibrary) {
     }
     const auto result = runProgram({_root / "bin/quorvanectl", "--version"});
     EXPECT_EQ(result.status, 0) << result.errors;
-    for (const char* program : {"quorvanectl", "quorvane-storebag"})
+    for (const char* program : {"quorvanectl", "quorvane-storebag", "quorvane-collector"})
         EXPECT_TRUE(fs::exists(_root / "share/bash-completion/completions" / program)) << program;
 }
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Completes quorvanectl and quorvane-storebag with what their --help tells; files where it tells nothing.
+# Completes the programs' options and subcommands with what their --help tells; files where it tells nothing.
 
 _quorvane() {
     local program=$1 current=$2 previous=$3 subcommand='' word help
@@ -19,4 +19,4 @@ _quorvane() {
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 }
 
-complete -o default -F _quorvane quorvanectl quorvane-storebag
+complete -o default -F _quorvane quorvanectl quorvane-storebag quorvane-collector
